@@ -1,0 +1,54 @@
+#pragma once
+
+#include "kvo/memory/stream_file.h"
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+namespace kvo {
+class KvoLogger;
+}
+
+namespace kvo::brokerd {
+
+struct BrokerOptions {
+    std::string address = "127.0.0.1";
+    std::uint16_t port = 5000;            // 0: any free one
+    std::uint16_t notification_port = 0;  // 0: any free one
+    std::string directory;  // of the stream files; empty: /dev/shm/kvo-<user id>-<port>
+    std::chrono::seconds heartbeat_period{1};
+    std::chrono::seconds heartbeat_timeout{10};
+    std::chrono::milliseconds removal_grace{2000};  // from the end of a publisher to SHM_DEL
+    std::uint64_t memory_budget_bytes = 0;  // of all stream files; 0: half of the file system
+    std::uint32_t max_streams = 4096;
+    SpareSlots spare_slots;
+};
+
+/// A broker: answers requests, keeps stream files and publishes notifications, on a thread of its
+/// own, for as long as the object lives. Programs can embed it.
+/// Threads: any.
+class Broker {
+public:
+    /// Takes directory and addresses and starts; throws std::runtime_error naming what is in the
+    /// way (a port in use, a second broker on the directory, an option out of range).
+    /// @param logger not owned, may be null, must outlive the broker.
+    Broker(const BrokerOptions& options, KvoLogger* logger);
+    Broker(const Broker&) = delete;
+    Broker& operator=(const Broker&) = delete;
+    /// Stops: streams without a living writer or reader are removed, the others stay for the
+    /// next broker on this directory.
+    ~Broker();
+
+    std::uint16_t port() const;
+    std::uint16_t notification_port() const;
+    const std::string& directory() const;
+    std::string uri() const;  // "wkp.rr://address:port"
+
+private:
+    class Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace kvo::brokerd

@@ -1,0 +1,19 @@
+# What the project stands on; scripts/install-deps installs it.
+find_package(Threads REQUIRED)
+find_package(Boost 1.74 REQUIRED COMPONENTS thread chrono system)
+find_package(log4cplus REQUIRED)
+find_package(cppzmq REQUIRED)
+find_package(msgpackc-cxx CONFIG QUIET)
+find_package(msgpack CONFIG QUIET)
+find_package(CLI11 REQUIRED)
+find_path(XXHASH_INCLUDE_DIR xxhash.h REQUIRED)
+
+# The uri package itself where it is installed, else our adapter behind the same names.
+find_package(network-uri CONFIG QUIET)
+if(NOT TARGET network-uri)
+  find_package(uriparser 0.9 CONFIG REQUIRED COMPONENTS char)
+endif()
+
+if(KVO_BUILD_TESTS)
+  find_package(GTest REQUIRED)
+endif()

@@ -1,0 +1,62 @@
+# How this project's targets are made: warnings, hardening and sanitizers in one place.
+
+add_library(kvo-build-settings INTERFACE)
+target_compile_options(kvo-build-settings INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual -Wconversion
+  $<$<BOOL:${KVO_WARNINGS_AS_ERRORS}>:-Werror>
+  -fstack-protector-strong)
+target_link_options(kvo-build-settings INTERFACE
+  -Wl,-z,relro,-z,now $<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:-pie>)
+if(KVO_SANITIZER)
+  target_compile_options(kvo-build-settings INTERFACE
+    -fsanitize=${KVO_SANITIZER} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  target_link_options(kvo-build-settings INTERFACE -fsanitize=${KVO_SANITIZER})
+else()
+  # glibc fortifies optimised code only.
+  target_compile_definitions(kvo-build-settings INTERFACE
+    $<$<NOT:$<CONFIG:Debug>>:_FORTIFY_SOURCE=2>)
+endif()
+
+# kvo_add_library(name ALIAS kvo::x EXPORT_MACRO KVO_X EXPORT_HEADER kvo/x_export.h
+#                 HEADERS_DIR dir HEADERS ... SOURCES ...)
+# A shared library whose public headers lie in HEADERS_DIR, are installed, and compile alone.
+function(kvo_add_library name)
+  cmake_parse_arguments(ARG "" "ALIAS;EXPORT_MACRO;EXPORT_HEADER;HEADERS_DIR" "HEADERS;SOURCES"
+                        ${ARGN})
+  add_library(${name} SHARED ${ARG_SOURCES})
+  add_library(${ARG_ALIAS} ALIAS ${name})
+  string(REPLACE "kvo::" "" export_name ${ARG_ALIAS})
+  set(generated ${CMAKE_CURRENT_BINARY_DIR}/generated)
+  generate_export_header(${name} BASE_NAME ${ARG_EXPORT_MACRO}
+                         EXPORT_FILE_NAME ${generated}/${ARG_EXPORT_HEADER})
+  list(TRANSFORM ARG_HEADERS PREPEND ${ARG_HEADERS_DIR}/)
+  target_sources(${name} PUBLIC
+    FILE_SET HEADERS BASE_DIRS ${ARG_HEADERS_DIR} FILES ${ARG_HEADERS}
+    FILE_SET generated TYPE HEADERS BASE_DIRS ${generated}
+    FILES ${generated}/${ARG_EXPORT_HEADER})
+  set_target_properties(${name} PROPERTIES
+    EXPORT_NAME ${export_name}
+    VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
+    VERIFY_INTERFACE_HEADER_SETS ${KVO_BUILD_TESTS}
+    INTERFACE_HEADER_SETS_TO_VERIFY HEADERS)
+  target_compile_features(${name} INTERFACE cxx_std_17)
+  target_link_libraries(${name} PRIVATE $<BUILD_INTERFACE:kvo-build-settings>)
+  install(TARGETS ${name} EXPORT kvo-transfer-targets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    FILE_SET HEADERS DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+    FILE_SET generated DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+endfunction()
+
+# kvo_add_test(name LABEL unit|system|stress|package [TIMEOUT seconds] SOURCES ... LIBRARIES ...)
+function(kvo_add_test name)
+  cmake_parse_arguments(ARG "" "LABEL;TIMEOUT" "SOURCES;LIBRARIES" ${ARGN})
+  if(NOT ARG_TIMEOUT)
+    set(ARG_TIMEOUT 60)
+  endif()
+  add_executable(${name} ${ARG_SOURCES})
+  target_link_libraries(${name} PRIVATE kvo-build-settings GTest::gmock GTest::gtest_main
+                                        ${ARG_LIBRARIES})
+  include(GoogleTest)
+  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST
+    PROPERTIES LABELS ${ARG_LABEL} TIMEOUT ${ARG_TIMEOUT})
+endfunction()

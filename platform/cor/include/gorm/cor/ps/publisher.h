@@ -1,0 +1,41 @@
+#pragma once
+
+#include "gorm/cor/export.h"
+#include "gorm/cor/service_loop.h"
+#include "network/uri.hpp"
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace gorm::cor::ps {
+
+/// Publishes any number of topics at one `wkp.ps` address. Port 0 takes any free port.
+/// Threads: created and destroyed by any thread; the rest on the loop only.
+class GORM_COR_EXPORT Publisher {
+public:
+    /// Binds at once; throws BindError naming the address and the reason. The path of the URI is
+    /// not looked at.
+    Publisher(ServiceLoop& loop, const network::uri& uri);
+    Publisher(const Publisher&) = delete;
+    Publisher& operator=(const Publisher&) = delete;
+    ~Publisher();
+
+    std::uint16_t port() const;
+
+    /// Hands the encoded sample to every subscriber of the path ("/" and the topic's name); it is
+    /// out before anything that this thread sends after it. Never waits: a subscriber that does
+    /// not take its messages loses them.
+    void Publish(std::string_view path, std::string_view sample);
+
+    /// Called on the loop for every subscription of a path (true) and its end (false).
+    void OnSubscription(std::function<void(std::string_view path, bool begins)> callback);
+
+private:
+    class Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace gorm::cor::ps

@@ -1,0 +1,40 @@
+#pragma once
+
+#include "gorm/cor/export.h"
+#include "gorm/cor/rr/listener_registration.h"
+
+#include <boost/thread/future.hpp>
+
+#include <functional>
+#include <string>
+#include <string_view>
+
+namespace gorm::cor::rr {
+
+/// What a client stub stands on: carries packed calls to the peer and brings the answers back.
+/// Threads: any number at once, but for the destructor.
+class GORM_COR_EXPORT Channel {
+public:
+    Channel() = default;
+    Channel(const Channel&) = delete;
+    Channel& operator=(const Channel&) = delete;
+    virtual ~Channel();
+
+    /// @param method the operation's name. @param params one packed MessagePack array.
+    /// @return the packed result. Throws ReplyTimeout, ConnectionLost or RemoteError, whose texts
+    /// name operation, address and reason.
+    virtual std::string Request(const char* method, std::string_view params) = 0;
+
+    /// One-way: never waits and never throws for want of a connection or of room; what cannot be
+    /// sent is dropped and counted.
+    virtual void Notify(const char* method, std::string_view params) = 0;
+
+    virtual boost::future<void> Connect() = 0;
+    virtual ListenerRegistration RegisterConnectionListener(std::function<void(bool)> listener) = 0;
+
+    /// Fails the calls in flight and all later ones with ConnectionLost, waits until they have
+    /// left and until no listener runs (except the caller's own run). A second call does nothing.
+    virtual void Close() noexcept = 0;
+};
+
+}  // namespace gorm::cor::rr

@@ -1,0 +1,35 @@
+#pragma once
+
+#include "gorm/cor/export.h"
+#include "gorm/cor/rr/service.h"
+#include "gorm/cor/service_loop.h"
+#include "network/uri.hpp"
+
+#include <cstdint>
+#include <memory>
+
+namespace gorm::cor::rr {
+
+/// Serves one interface at a `wkp.rr` URI. Port 0 takes any free port.
+/// Threads: created and destroyed by any thread while the loop runs or after it has stopped; the
+/// service is called on the loop only.
+class GORM_COR_EXPORT Server {
+public:
+    /// Binds at once; throws BindError naming the address and the reason.
+    /// @param service, loop must outlive the server.
+    Server(ServiceLoop& loop, const network::uri& uri, Service& service);
+    Server(const Server&) = delete;
+    Server& operator=(const Server&) = delete;
+    ~Server();
+
+    std::uint16_t port() const;
+
+    /// Called on the loop whenever a connection to this server ended. Set before clients come.
+    void OnDisconnect(std::function<void()> callback);
+
+private:
+    class Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace gorm::cor::rr

@@ -1,0 +1,30 @@
+#pragma once
+
+#include "gorm/cor/errors.h"
+#include "gorm/cor/export.h"
+
+#include <msgpack.hpp>
+
+#include <string>
+#include <string_view>
+
+namespace gorm::cor::rr {
+
+/// Who sent a request.
+struct Caller {
+    std::string identity;    // the 16 bytes of the calling process; empty: it gave none
+    std::string connection;  // opaque, unlike for any two connections of one server
+};
+
+/// The server side of an interface: decodes the parameters of one call and runs it.
+class GORM_COR_EXPORT Service {
+public:
+    virtual ~Service();
+
+    /// Runs on the loop of the server. @return the packed result. What it throws (any
+    /// std::exception) goes to the caller as the text of an error response.
+    virtual std::string Dispatch(const Caller& caller, std::string_view method,
+                                 const msgpack::object& params) = 0;
+};
+
+}  // namespace gorm::cor::rr

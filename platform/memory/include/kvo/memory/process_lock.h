@@ -1,0 +1,67 @@
+#pragma once
+
+#include "kvo/memory_export.h"
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace kvo {
+
+using ProcessIdentity = std::array<unsigned char, 16>;
+
+/// Names a process for as long as it lives: the number of its lock byte and a random nonce.
+struct ProcessTag {
+    std::uint16_t number = 0;  // 1 to kMaxProcesses; 0: nobody
+    std::uint64_t nonce = 0;   // 48 bits, not 0
+    bool operator==(const ProcessTag& other) const {
+        return number == other.number && nonce == other.nonce;
+    }
+    bool operator!=(const ProcessTag& other) const { return !(*this == other); }
+};
+
+/// The processes that use the stream files of one directory, by the kernel's own knowledge of
+/// who lives: each holds a POSIX record lock on one byte of the directory's lock file and has
+/// written its identity beside it. One object per directory and process; shared by everything in
+/// the process that needs it, left when the last user goes.
+/// Threads: any.
+class KVO_MEMORY_EXPORT ProcessLock {
+public:
+    /// The process's lock for the directory; opens (creates) the lock file. Throws
+    /// std::system_error naming the file.
+    static std::shared_ptr<ProcessLock> ForDirectory(const std::string& directory);
+
+    /// What this process writes beside its byte, the same in every directory; the first call
+    /// holds. Without it a random one is drawn.
+    static void SetProcessIdentity(const ProcessIdentity& identity);
+
+    ProcessLock(const ProcessLock&) = delete;
+    ProcessLock& operator=(const ProcessLock&) = delete;
+    ~ProcessLock();
+
+    /// Takes a byte and writes the record, if this process has not done so; before anything in
+    /// shared memory is claimed. Throws std::system_error.
+    ProcessTag Join();
+
+    /// Whether the process behind the tag lives. Answered from memory for this process.
+    bool Lives(const ProcessTag& tag) const;
+
+    /// The living process that presents this identity.
+    std::optional<ProcessTag> Find(const ProcessIdentity& identity) const;
+
+    /// True when a process other than this one, or a user of Join in this one, holds a byte.
+    bool AnybodyElse() const;
+
+    /// Removes the lock file when AnybodyElse() is false; @return whether it did. For the owner of
+    /// the directory.
+    bool RemoveIfUnused();
+
+private:
+    class Impl;
+    explicit ProcessLock(std::unique_ptr<Impl> impl);
+    std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace kvo

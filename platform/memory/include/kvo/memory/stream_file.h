@@ -1,0 +1,117 @@
+#pragma once
+
+#include "kvo/memory/process_lock.h"
+#include "kvo/memory_export.h"
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+// For the broker, which creates, retires and removes stream files, and for tools that look at
+// them. Applications use KvoMemoryAccessor.
+namespace kvo {
+
+inline constexpr std::uint32_t kMaxMetadataBytes = 1500;  // largest metadata of a sample
+inline constexpr std::uint32_t kReaderRows = 256;         // rows of a stream's reader table
+
+using Uuid = std::array<unsigned char, 16>;
+using KeyDigest = std::array<unsigned char, 16>;  // XXH3 128-bit of the publisher's key
+
+/// Digest of a publisher's key as it stands in the header of a stream file.
+KVO_MEMORY_EXPORT KeyDigest DigestKey(const std::string& publisher_key);
+
+/// The shape of a segment; docs/stream-file.md says why slots = retained + rows * pins + batch.
+struct StreamGeometry {
+    std::uint32_t max_payload_bytes = 0;
+    std::uint32_t max_metadata_bytes = kMaxMetadataBytes;
+    std::uint32_t retained_samples = 0;  // N
+    std::uint32_t pinning_rows = 0;      // Z
+    std::uint32_t pins_per_row = 0;      // P
+    std::uint32_t close_batch = 0;       // B
+    std::uint32_t slot_count = 0;
+    std::uint64_t slot_stride = 0;  // bytes of one slot
+    std::uint64_t file_bytes = 0;   // data file
+    std::uint64_t control_bytes = 0;
+    std::uint64_t total_bytes() const { return file_bytes + control_bytes; }
+};
+
+struct SpareSlots {
+    std::uint64_t budget_bytes = 16ULL << 20;  // spare slots fit into this much
+    std::uint32_t least = 4;
+    std::uint32_t most = 1024;
+    std::uint32_t pins_per_row = 2;  // 1 to 6
+};
+
+/// Plans a segment; throws std::invalid_argument naming the value and the limit when a value is
+/// below 1 or the slots are too many for the layout.
+KVO_MEMORY_EXPORT StreamGeometry PlanGeometry(std::int64_t max_payload_bytes,
+                                              std::int64_t retained_samples,
+                                              const SpareSlots& spare);
+
+struct WriterState {
+    bool retired = false;
+    ProcessTag writer;  // number 0: no writer has the role
+    std::uint64_t newest_sequence = 0;
+    std::uint64_t written = 0;
+    std::uint64_t payload_bytes = 0;
+    std::uint64_t dropped = 0;
+    std::uint64_t discarded = 0;
+    std::uint64_t last_write_ms = 0;
+};
+
+struct ReaderState {
+    std::uint32_t row = 0;
+    ProcessTag reader;
+    std::uint32_t pins = 0;
+    std::uint64_t next_sequence = 0;
+    std::uint64_t read = 0;
+    std::uint64_t lost = 0;
+    std::uint64_t replaced = 0;
+    std::uint64_t stale = 0;
+    std::uint64_t checksum_failures = 0;
+};
+
+/// The broker's hold on one segment: data file and control file, mapped for writing.
+/// Threads: one at a time.
+class KVO_MEMORY_EXPORT StreamFile {
+public:
+    struct Creation {
+        std::string path;    // of the data file; a file that is there is replaced by rename
+        std::string stream;  // 1 to 255 bytes
+        StreamGeometry geometry;
+        std::uint64_t epoch = 0;
+        KeyDigest key_digest{};
+        bool checksum = false;
+    };
+    /// Makes both files with their whole size reserved and puts them in place; ready last. Throws
+    /// std::system_error (ENOSPC: no room) and then leaves nothing behind and the old file alone.
+    static std::unique_ptr<StreamFile> Create(const Creation& creation);
+
+    /// Opens an existing pair and checks it; throws std::runtime_error naming file and fault.
+    static std::unique_ptr<StreamFile> Open(const std::string& path);
+
+    virtual ~StreamFile();
+
+    virtual const std::string& path() const = 0;
+    virtual const std::string& stream() const = 0;
+    virtual const Uuid& uuid() const = 0;
+    virtual std::uint64_t epoch() const = 0;
+    virtual const StreamGeometry& geometry() const = 0;
+    virtual const KeyDigest& key_digest() const = 0;
+
+    virtual WriterState writer_state() const = 0;
+    virtual std::vector<ReaderState> readers() const = 0;
+
+    /// No sample is written from now on; the writer is told at its next write.
+    virtual void Retire() = 0;
+    /// Takes the rows of dead readers back; @return how many.
+    virtual int ReapDeadReaders(const ProcessLock& lock) = 0;
+    /// Whether the writer's or a reader's process lives.
+    virtual bool InUse(const ProcessLock& lock) const = 0;
+    /// Unlinks the control file, and the data file if the path still names this segment.
+    virtual void Remove() = 0;
+};
+
+}  // namespace kvo

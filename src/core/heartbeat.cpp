@@ -1,0 +1,74 @@
+#include "heartbeat.h"
+
+#include "detached_thread.h"
+
+#include <chrono>
+#include <thread>
+#include <utility>
+
+namespace kvo {
+namespace {
+
+constexpr auto kStopPoll = std::chrono::milliseconds(10);
+
+bool IsReady(const std::future<void>& stop, std::chrono::seconds wait) {
+    return stop.wait_for(wait) == std::future_status::ready;
+}
+
+void HeartbeatThread(TransferState& state, const std::future<void>& stop,
+                     std::atomic<bool>& running) {
+    state.Log(1, "KvoDataTransferLib: HeartbeatThread started");
+    running = true;
+    while (!IsReady(stop, std::chrono::seconds(0))) {
+        const int period = state.heartbeat_period;
+        if (period > 0 && IsReady(stop, std::chrono::seconds(period))) {
+            break;
+        }
+        try {
+            const std::string id =
+                state.heartbeat.With([](const Heartbeat& h) { return h.heartbeat_id; });
+            state.broker_client.Call("SendHeartbeat", [&](DataBrokerRegistrationSync& broker) {
+                broker.SendHeartbeat(id);
+            });
+        } catch (const std::exception& error) {
+            state.LogException(error, "KvoDataTransferLib: HeartbeatThread()");
+        }
+    }
+    running = false;
+}
+
+}  // namespace
+
+void StartHeartbeat(const std::shared_ptr<TransferState>& state, int period, std::string id) {
+    state->heartbeat_period = period;
+    state->heartbeat.With([&](Heartbeat& h) { h.heartbeat_id = std::move(id); });
+    if (period <= 0) {
+        state->Log(3, "KvoDataTransferLib: Heartbeat not activated!");
+        return;
+    }
+    auto running = std::make_shared<std::atomic<bool>>(false);
+    auto stop = std::make_shared<std::future<void>>(state->heartbeat.With([&](Heartbeat& h) {
+        h.heartbeat_stop_promise = std::promise<void>();
+        h.heartbeat_running = running;
+        return h.heartbeat_stop_promise.get_future();
+    }));
+    StartDetached([state, stop, running] { HeartbeatThread(*state, *stop, *running); });
+}
+
+void StopHeartbeat(TransferState& state) {
+    const auto running = state.heartbeat.With([](Heartbeat& h) {
+        if (*h.heartbeat_running) {
+            h.heartbeat_stop_promise.set_value();
+        }
+        return h.heartbeat_running;
+    });
+    while (*running) {
+        std::this_thread::sleep_for(kStopPoll);
+    }
+}
+
+void AbandonHeartbeat(TransferState& state) {
+    state.heartbeat.With([](Heartbeat& h) { h.heartbeat_stop_promise = std::promise<void>(); });
+}
+
+}  // namespace kvo

@@ -1,0 +1,308 @@
+#include "kvo/KvoDataPublisher.h"
+
+#include "../core/configuration.h"
+#include "../core/detached_thread.h"
+#include "../core/heartbeat.h"
+#include "gorm/cor/process.h"
+#include "kvo/broker/broker_result.h"
+#include "publisher_state.h"
+
+#include <chrono>
+#include <stdexcept>
+#include <utility>
+
+namespace kvo {
+namespace {
+
+// The accessor's last two arguments of a writer: any age, ten samples.
+constexpr unsigned long kMaxAge = 0;
+constexpr int kAccessorArgument = 10;
+constexpr int kMaxMetadataSize = 1500;  // bytes
+
+unsigned long NowMs() {
+    return static_cast<unsigned long>(std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                          std::chrono::system_clock::now().time_since_epoch())
+                                          .count() /
+                                      1'000'000);
+}
+
+void OnConnection(const std::shared_ptr<PublisherState>& publisher, bool connected) {
+    TransferState& transfer = *publisher->transfer;
+    transfer.connected_to_broker.exchange(connected);
+    if (connected) {
+        StartDetached([publisher] { ReregisterPublisher(*publisher); });
+        return;
+    }
+    transfer.Log(4, "KvoDataPublisher: Broker connection aborted");
+    StopHeartbeat(transfer);
+}
+
+}  // namespace
+
+KvoDataPublisher::KvoDataPublisher(KvoLogger* logger)
+    : KvoDataTransferLib(logger), publisher_state(std::make_shared<PublisherState>(state)) {
+    Init();
+    LoadDefaults();
+    ReadIni();
+    PrintConfigValues();
+}
+
+KvoDataPublisher::KvoDataPublisher(const log4cplus::Logger& logger)
+    : KvoDataTransferLib(logger), publisher_state(std::make_shared<PublisherState>(state)) {
+    Init();
+    LoadDefaults();
+    ReadIni();
+    PrintConfigValues();
+}
+
+KvoDataPublisher::~KvoDataPublisher() {
+    if (gorm::cor::in_forked_child()) {
+        static_cast<void>(new std::shared_ptr<PublisherState>(publisher_state));
+        return;
+    }
+    state->closed = true;
+    try {
+        UnregisterPublisher();
+    } catch (const std::exception&) {
+        // The heartbeat is being stopped by another thread at this moment; it ends all the same.
+    }
+    CloseLogger();
+    publisher_state->registration.With(
+        [](PublisherState::Registration& r) { return std::exchange(r.accessor, nullptr); });
+}
+
+void KvoDataPublisher::Init() {
+    state->heartbeat_period = state->default_heartbeat_period;
+    state->connected_to_broker = false;
+    publisher_state->topic_id = 0;
+    publisher_state->max_data_sample_size = 0;
+    publisher_state->number_of_samples = 0;
+    publisher_state->compute_checksum = false;
+    publisher_state->registered = false;
+    publisher_state->registration.Exchange({});
+}
+
+void KvoDataPublisher::LoadDefaults() {
+    state->reply_time = state->default_reply_time;
+}
+
+void KvoDataPublisher::ReadIni() {
+    const auto file = ReadConfigFile(*state, "KvoDataPublisher", GetConfigFilePath());
+    if (!file) {
+        return;
+    }
+    ReadReplyTime(*state, *file);
+    CheckReplyTime(*state);
+}
+
+void KvoDataPublisher::PrintConfigValues() {
+    Log(1, "reply time for COR clients [s]: " + std::to_string(state->reply_time));
+}
+
+void KvoDataPublisher::SetBufferSize(int max_data_sample_size, int number_of_samples) {
+    publisher_state->max_data_sample_size = max_data_sample_size;
+    publisher_state->number_of_samples = number_of_samples;
+}
+
+void KvoDataPublisher::set_topic_id(int topic_id) {
+    publisher_state->topic_id = topic_id;
+}
+
+int KvoDataPublisher::RegisterPublisher(std::string broker_uri, std::string data_stream_identifier,
+                                        bool compute_checksum) {
+    if (gorm::cor::in_forked_child()) {
+        return -1;
+    }
+    publisher_state->registration.With([&](PublisherState::Registration& r) {
+        r.broker_uri = broker_uri;
+        r.data_stream_identifier = std::make_shared<const std::string>(data_stream_identifier);
+    });
+    publisher_state->compute_checksum = compute_checksum;
+    if (publisher_state->max_data_sample_size < 1 || publisher_state->number_of_samples < 1) {
+        Log(4, "KvoDataPublisher: Error: Buffer size not set correctly");
+        return -1;
+    }
+    broker_uri = VerifyPathInBrokerUri(broker_uri);
+    publisher_state->registration.With(
+        [&](PublisherState::Registration& r) { r.broker_uri = broker_uri; });
+    if (broker_uri.empty()) {
+        return -1;
+    }
+    PrintParameters();
+    const int result = InitCOR(broker_uri);
+    if (result != 1) {
+        return result;
+    }
+    try {
+        if (!state->broker_client.Call("IsStreamIdFree", [&](DataBrokerRegistrationSync& broker) {
+                return broker.IsStreamIdFree(data_stream_identifier);
+            })) {
+            Log(4, "KvoDataPublisher: Data stream identifier already in use!");
+            return -1;
+        }
+        auto registration = state->broker_client.Call(
+            "RegisterConnectionListener", [this](DataBrokerRegistrationSync& client) {
+                return client.RegisterConnectionListener(
+                    [publisher = publisher_state](bool connected) {
+                        OnConnection(publisher, connected);
+                    });
+            });
+        state->listener_registration.Release();
+        state->listener_registration = std::move(registration);
+        return Register();
+    } catch (const std::exception& error) {
+        state->LogException(error, "KvoDataPublisher: RegisterPublisher()");
+    }
+    return result;
+}
+
+int KvoDataPublisher::Register() {
+    const std::string stream = *publisher_state->registration.Get().data_stream_identifier;
+    BrokerLink& link = state->broker_client;
+    try {
+        const int result = AddPublisher(*publisher_state, "");
+        if (result != kRegistered) {
+            Log(4, "KvoDataPublisher: Error registering Publisher");
+            if (result == kNotEnoughMemory) {
+                const int most =
+                    link.Call("GetMaxBufferSize", [&](DataBrokerRegistrationSync& broker) {
+                        return broker.GetMaxBufferSize(publisher_state->max_data_sample_size);
+                    });
+                Log(4, "KvoDataPublisher: Not enough memory available!");
+                Log(4, "KvoDataPublisher: Max possible buffer size: " + std::to_string(most));
+            } else if (result == kShmFileExists) {
+                const std::string path =
+                    link.Call("GetExistingShmPath", [&](DataBrokerRegistrationSync& broker) {
+                        return broker.GetExistingShmPath(stream);
+                    });
+                Log(4,
+                    "KvoDataPublisher: Shared Memory file already exists. Shared Memory file "
+                    "path: " +
+                        path);
+            }
+            return result;
+        }
+        publisher_state->registered = true;
+        StartPublisherHeartbeat(*publisher_state);
+        return CreateAccessor(stream);
+    } catch (const std::exception& error) {
+        state->LogException(error, "KvoDataPublisher: Register()");
+    }
+    return -1;
+}
+
+int KvoDataPublisher::CreateAccessor(const std::string& stream) {
+    BrokerLink& link = state->broker_client;
+    const std::string key = link.Call("GetPublisherKey", [&](DataBrokerRegistrationSync& broker) {
+        return broker.GetPublisherKey(stream);
+    });
+    publisher_state->registration.With(
+        [&](PublisherState::Registration& r) { r.publisher_key = key; });
+    const std::string path = link.Call("GetShmFilePath", [&](DataBrokerRegistrationSync& broker) {
+        return broker.GetShmFilePath(stream);
+    });
+
+    auto accessor = std::make_shared<KvoMemoryAccessor>(path, stream, &state->logger, kMaxAge,
+                                                        kAccessorArgument);
+    accessor->SetSizeConstraints(publisher_state->max_data_sample_size, kMaxMetadataSize);
+    int result = 1;
+    if (!accessor->get_is_initialized()) {
+        Log(4, "KvoDataPublisher: KvoMemoryAccessor not initialized");
+        accessor = nullptr;
+        result = -1;
+    } else if (publisher_state->compute_checksum) {
+        accessor->set_compute_checksum(true);
+    }
+    // The accessor before, if any, is deleted after the new one has taken its place.
+    publisher_state->registration.With([&](PublisherState::Registration& r) {
+        r.shm_file_path = path;
+        r.accessor.swap(accessor);
+    });
+    Log(1, "KvoDataPublisher: KvoMemoryAccessor created");
+    return result;
+}
+
+void KvoDataPublisher::Reregister() {
+    ReregisterPublisher(*publisher_state);
+}
+
+int KvoDataPublisher::UnregisterPublisher() {
+    if (gorm::cor::in_forked_child() || !publisher_state->registered) {
+        return -1;
+    }
+    int result = -1;
+    if (state->connected_to_broker) {
+        try {
+            result = state->broker_client.Call(
+                "RemovePublisher", [this](DataBrokerRegistrationSync& broker) {
+                    return broker.RemovePublisher(
+                        *publisher_state->registration.Get().data_stream_identifier);
+                });
+            publisher_state->registered = false;
+        } catch (const std::exception& error) {
+            state->LogException(error, "KvoDataPublisher: UnregisterPublisher()");
+        }
+    }
+    StopHeartbeat();
+    state->listener_registration.Release();
+    return result;
+}
+
+void KvoDataPublisher::PrintParameters() {
+    const auto registration = publisher_state->registration.Get();
+    Log(2, "KvoDataPublisher: Broker URI: " + registration.broker_uri);
+    Log(1, "KvoDataPublisher parameters:");
+    Log(1, "Data_stream_identifier: " + *registration.data_stream_identifier);
+    Log(1, "Latency: " + std::to_string(state->latency) + " [ms]");
+    Log(1, "Deadline: " + std::to_string(state->deadline) + " [s]");
+    Log(1, "Max_data_sample_size: " + std::to_string(publisher_state->max_data_sample_size));
+    Log(1, "Number_of_samples: " + std::to_string(publisher_state->number_of_samples));
+}
+
+void KvoDataPublisher::WriteData(int sample_tag, const std::vector<unsigned char>& payload,
+                                 const std::vector<unsigned char>& metadata) {
+    WriteData(sample_tag, payload.data(), static_cast<int>(payload.size()), metadata.data(),
+              static_cast<int>(metadata.size()));
+}
+
+void KvoDataPublisher::WriteData(int sample_tag, const unsigned char* payload, int payload_size,
+                                 const unsigned char* metadata, int metadata_size) {
+    if (!state->connected_to_broker || gorm::cor::in_forked_child()) {
+        return;
+    }
+    const unsigned long now_ms = NowMs();
+    // References only: the lock is not held while the sample is written.
+    const auto [accessor, stream] =
+        publisher_state->registration.With([](const PublisherState::Registration& r) {
+            return std::pair(r.accessor, r.data_stream_identifier);
+        });
+    if (accessor == nullptr) {
+        throw std::logic_error("KvoDataPublisher: WriteData() without shared memory");
+    }
+    accessor->WriteData(publisher_state->slot_index, publisher_state->topic_id, sample_tag, payload,
+                        payload_size, metadata, metadata_size, now_ms);
+    state->broker_client.Call("ReportDataWritten", [&](DataBrokerRegistrationSync& broker) {
+        broker.ReportDataWritten(*stream, payload_size, static_cast<std::int64_t>(now_ms));
+    });
+}
+
+void KvoDataPublisher::PublishData() {
+    if (!state->connected_to_broker || gorm::cor::in_forked_child()) {
+        return;
+    }
+    try {
+        const auto stream = publisher_state->registration.With(
+            [](const PublisherState::Registration& r) { return r.data_stream_identifier; });
+        state->broker_client.Call("NotifyNewData", [&](DataBrokerRegistrationSync& broker) {
+            broker.NotifyNewData(*stream);
+        });
+    } catch (const std::exception& error) {
+        state->LogException(error, "KvoDataPublisher: PublishData()");
+    }
+}
+
+bool KvoDataPublisher::get_connected_to_broker() const {
+    return state->connected_to_broker;
+}
+
+}  // namespace kvo

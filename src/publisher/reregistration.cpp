@@ -1,0 +1,72 @@
+#include "../core/heartbeat.h"
+#include "kvo/broker/broker_result.h"
+#include "publisher_state.h"
+
+#include <stdexcept>
+
+namespace kvo {
+namespace {
+
+std::string StreamOf(PublisherState& publisher) {
+    return *publisher.registration.Get().data_stream_identifier;
+}
+
+// The publisher may have been destroyed, and so unregistered, while the broker was registering it
+// again: what nobody will ever unregister must not stay.
+void UndoIfClosed(PublisherState& publisher) {
+    if (publisher.transfer->closed) {
+        publisher.transfer->broker_client.Call(
+            "RemovePublisher", [&](DataBrokerRegistrationSync& broker) {
+                return broker.RemovePublisher(StreamOf(publisher));
+            });
+    }
+}
+
+}  // namespace
+
+int AddPublisher(PublisherState& publisher, const std::string& publisher_key) {
+    TransferState& transfer = *publisher.transfer;
+    const std::string stream = StreamOf(publisher);
+    return transfer.broker_client.Call("AddPublisher", [&](DataBrokerRegistrationSync& broker) {
+        return broker.AddPublisher(stream, transfer.latency, transfer.deadline,
+                                   publisher.max_data_sample_size, publisher.number_of_samples,
+                                   publisher.compute_checksum, publisher_key);
+    });
+}
+
+void StartPublisherHeartbeat(PublisherState& publisher) {
+    TransferState& transfer = *publisher.transfer;
+    transfer.heartbeat_period = transfer.broker_client.Call(
+        "GetHeartbeatPeriod",
+        [](DataBrokerRegistrationSync& broker) { return broker.GetHeartbeatPeriod(); });
+    StartHeartbeat(publisher.transfer, transfer.heartbeat_period, StreamOf(publisher));
+}
+
+void ReregisterPublisher(PublisherState& publisher) {
+    TransferState& transfer = *publisher.transfer;
+    const std::lock_guard one_run(publisher.reregistration);
+    if (transfer.closed) {
+        return;
+    }
+    transfer.Log(2, "KvoDataPublisher: Reregister at Broker...");
+    try {
+        if (AddPublisher(publisher, publisher.registration.Get().publisher_key) != kRegistered) {
+            transfer.Log(4, "KvoDataPublisher: Error reregistering Publisher");
+            return;
+        }
+        UndoIfClosed(publisher);
+        publisher.registered = true;
+        StartPublisherHeartbeat(publisher);
+        transfer.connected_to_broker = true;
+        const auto accessor = publisher.registration.Get().accessor;
+        if (accessor == nullptr) {
+            throw std::logic_error("no shared memory to attach to again");
+        }
+        accessor->Reattach();
+        transfer.Log(2, "KvoDataPublisher: proceeding");
+    } catch (const std::exception& error) {
+        transfer.LogException(error, "KvoDataPublisher: Reregister()");
+    }
+}
+
+}  // namespace kvo

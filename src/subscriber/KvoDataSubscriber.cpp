@@ -1,0 +1,336 @@
+#include "kvo/KvoDataSubscriber.h"
+
+#include "../core/configuration.h"
+#include "../core/detached_thread.h"
+#include "../core/heartbeat.h"
+#include "gorm/cor/process.h"
+#include "kvo/broker/broker_result.h"
+#include "notification_subscription.h"
+#include "subscriber_state.h"
+
+#include <boost/uuid/random_generator.hpp>
+#include <boost/uuid/uuid_io.hpp>
+
+#include <stdexcept>
+#include <utility>
+
+namespace kvo {
+namespace {
+
+void OnConnection(const std::shared_ptr<SubscriberState>& subscriber, bool connected) {
+    TransferState& transfer = *subscriber->transfer;
+    transfer.connected_to_broker.exchange(connected);
+    if (connected) {
+        StartDetached([subscriber] { ReregisterSubscriber(subscriber); });
+        return;
+    }
+    transfer.Log(4, "KvoDataSubscriber: Broker connection aborted");
+    StopHeartbeat(transfer);
+    StopNotificationSubscription(*subscriber);
+}
+
+}  // namespace
+
+KvoDataSubscriber::KvoDataSubscriber(KvoLogger* logger)
+    : KvoDataTransferLib(logger), subscriber_state(std::make_shared<SubscriberState>(state)) {
+    Init();
+    LoadDefaults();
+    ReadIni();
+    PrintConfigValues();
+}
+
+KvoDataSubscriber::KvoDataSubscriber(const log4cplus::Logger& logger)
+    : KvoDataTransferLib(logger), subscriber_state(std::make_shared<SubscriberState>(state)) {
+    Init();
+    LoadDefaults();
+    ReadIni();
+    PrintConfigValues();
+}
+
+KvoDataSubscriber::~KvoDataSubscriber() {
+    if (gorm::cor::in_forked_child()) {
+        static_cast<void>(new std::shared_ptr<SubscriberState>(subscriber_state));
+        return;
+    }
+    state->closed = true;
+    const auto registration = subscriber_state->registration.Exchange({});
+    if (registration.accessor != nullptr) {
+        // A slot may be what destroys us: it must not be called for the samples that remain.
+        registration.accessor->DataAvailableSignal().disconnect_all_slots();
+    }
+    ReleaseNotifications(*subscriber_state);
+    CloseLogger();
+}
+
+void KvoDataSubscriber::Init() {
+    // Version 4 (random) from the kernel's random source; throws boost::uuids::entropy_error.
+    subscriber_state->subscriber_uuid = boost::uuids::to_string(boost::uuids::random_generator()());
+    subscriber_state->registration.Exchange({});
+    state->connected_to_broker = false;
+    subscriber_state->event_busy = false;
+}
+
+void KvoDataSubscriber::LoadDefaults() {
+    subscriber_state->max_age_data_sample = subscriber_state->default_max_age_data_sample;
+    state->reply_time = state->default_reply_time;
+}
+
+void KvoDataSubscriber::ReadIni() {
+    const auto file = ReadConfigFile(*state, "KvoDataSubscriber", GetConfigFilePath());
+    if (!file) {
+        return;
+    }
+    subscriber_state->max_age_data_sample = file->get<int>("datatransferlib.max_age_data_sample");
+    ReadReplyTime(*state, *file);
+    if (subscriber_state->max_age_data_sample < subscriber_state->min_max_age_data_sample) {
+        Log(3, "max_age_data_sample should be at least 2000ms! Reset to default value (10000ms).");
+        subscriber_state->max_age_data_sample = subscriber_state->default_max_age_data_sample;
+    }
+    CheckReplyTime(*state);
+}
+
+void KvoDataSubscriber::PrintConfigValues() {
+    Log(1, "max age data sample [ms]: " + std::to_string(subscriber_state->max_age_data_sample));
+    Log(1, "reply time for COR clients [s]: " + std::to_string(state->reply_time));
+}
+
+int KvoDataSubscriber::RegisterSubscriber(std::string broker_uri,
+                                          std::string data_stream_identifier,
+                                          std::string remote_broker_uri, int accessor_argument) {
+    if (gorm::cor::in_forked_child()) {
+        return -1;
+    }
+    subscriber_state->registration.With([&](SubscriberState::Registration& r) {
+        r.broker_uri = std::move(broker_uri);
+        r.data_stream_identifier = std::move(data_stream_identifier);
+        r.remote_broker_uri = std::move(remote_broker_uri);
+        r.accessor_argument = accessor_argument;
+    });
+    if (!CheckPath()) {
+        return -1;
+    }
+    const auto checked = subscriber_state->registration.Get();
+    Log(2, "KvoDataSubscriber: Broker URI: " + checked.broker_uri);
+    Log(2, "KvoDataSubscriber: Remote Broker URI: " + checked.remote_broker_uri);
+    auto statistics_client =
+        std::make_shared<KvoStatisticsClient>(&state->logger, checked.broker_uri);
+    subscriber_state->registration.With(
+        [&](SubscriberState::Registration& r) { r.statistics_client.swap(statistics_client); });
+    int result = InitCOR(checked.broker_uri);
+    if (result != 1) {
+        return result;
+    }
+    try {
+        if (CheckPublisher() != 1) {
+            return -1;
+        }
+        RegisterConnectionListener();
+        LogSubscriberParameter();
+        if (const int code = AddSubscriber(*subscriber_state); code != kRegistered) {
+            result = code;
+            PrintErrorMessage(code);
+            return code;
+        }
+        StartSubscriberHeartbeat(*subscriber_state);
+        const std::string path =
+            state->broker_client.Call("GetShmFilePath", [&](DataBrokerRegistrationSync& broker) {
+                return broker.GetShmFilePath(checked.data_stream_identifier);
+            });
+        subscriber_state->registration.With(
+            [&](SubscriberState::Registration& r) { r.shm_path = path; });
+        return CreateAccessor();
+    } catch (const std::exception& error) {
+        state->LogException(error, "KvoDataSubscriber: RegisterSubscriber()");
+    }
+    return result;
+}
+
+bool KvoDataSubscriber::CheckPath() {
+    const auto given = subscriber_state->registration.Get();
+    const std::string broker_uri = VerifyPathInBrokerUri(given.broker_uri);
+    const std::string remote_broker_uri = given.remote_broker_uri.empty()
+                                              ? std::string()
+                                              : VerifyPathInBrokerUri(given.remote_broker_uri);
+    subscriber_state->registration.With([&](SubscriberState::Registration& r) {
+        r.broker_uri = broker_uri;
+        r.remote_broker_uri = remote_broker_uri;
+    });
+    return !broker_uri.empty() && (given.remote_broker_uri.empty() || !remote_broker_uri.empty());
+}
+
+int KvoDataSubscriber::CheckPublisher() {
+    const auto registration = subscriber_state->registration.Get();
+    BrokerLink& link = state->broker_client;
+    if (registration.remote_broker_uri.empty()) {
+        if (link.Call("HasLocalPublisher", [&](DataBrokerRegistrationSync& broker) {
+                return broker.HasLocalPublisher(registration.data_stream_identifier);
+            })) {
+            return 1;
+        }
+        Log(3, "KvoDataSubscriber: No local Publisher for this data stream exists");
+        return -1;
+    }
+    if (link.Call("HasRemotePublisher", [&](DataBrokerRegistrationSync& broker) {
+            return broker.HasRemotePublisher(registration.remote_broker_uri,
+                                             registration.data_stream_identifier);
+        })) {
+        return 1;
+    }
+    Log(3, "KvoDataSubscriber: No remote Publisher for this data stream exists");
+    return -1;
+}
+
+void KvoDataSubscriber::RegisterConnectionListener() {
+    auto registration = state->broker_client.Call(
+        "RegisterConnectionListener", [this](DataBrokerRegistrationSync& client) {
+            return client.RegisterConnectionListener(
+                [subscriber = subscriber_state](bool connected) {
+                    OnConnection(subscriber, connected);
+                });
+        });
+    state->listener_registration.Release();
+    state->listener_registration = std::move(registration);
+}
+
+void KvoDataSubscriber::LogSubscriberParameter() {
+    const auto registration = subscriber_state->registration.Get();
+    Log(1, "KvoDataSubscriber parameters:");
+    Log(1, "subscriber_uuid: " + subscriber_state->subscriber_uuid);
+    Log(1, "data_stream_identifier: " + registration.data_stream_identifier);
+    Log(1, "remote_broker_uri: " + registration.remote_broker_uri);
+    Log(1, "latency [ms]: " + std::to_string(state->latency));
+    Log(1, "deadline [s]: " + std::to_string(state->deadline));
+}
+
+void KvoDataSubscriber::PrintErrorMessage(int code) {
+    switch (code) {
+        case kStreamInUse:
+            Log(4, "KvoDataSubscriber: Data stream identifier already in use!");
+            return;
+        case kNotEnoughMemory:
+            Log(4, "KvoDataSubscriber: Not enough memory available!");
+            return;
+        case kShmFileExists:
+            Log(4, "KvoDataSubscriber: Shared Memory file already exists!");
+            return;
+        default:
+            Log(4, "KvoDataSubscriber: Unhandled error code: " + std::to_string(code));
+    }
+}
+
+int KvoDataSubscriber::CreateAccessor() {
+    const auto registration = subscriber_state->registration.Get();
+    auto accessor = std::make_shared<KvoMemoryAccessor>(
+        registration.shm_path, registration.data_stream_identifier, &state->logger,
+        static_cast<unsigned long>(subscriber_state->max_age_data_sample),
+        registration.accessor_argument);
+    const bool initialized = accessor->get_is_initialized();
+    // The accessor before, if any, is deleted after the new one has taken its place; slots that
+    // are connected to it end with it.
+    auto installed = initialized ? accessor : nullptr;
+    subscriber_state->registration.With(
+        [&](SubscriberState::Registration& r) { r.accessor.swap(installed); });
+    if (!initialized) {
+        Log(4, "KvoDataSubscriber: KvoMemoryAccessor not initialized");
+        return -1;
+    }
+    Log(1, "KvoDataSubscriber: KvoMemoryAccessor created");
+    Log(2, "KvoDataSubscriber: Start reading...");
+    accessor->StartReading();
+    SubscribeToNotifications(subscriber_state);
+    Log(2, "KvoDataSubscriber: Subscriber registered");
+    return 1;
+}
+
+void KvoDataSubscriber::Reregister() {
+    ReregisterSubscriber(subscriber_state);
+}
+
+void KvoDataSubscriber::InitializeNotificationSubscriber(const std::string& data_stream_identifier,
+                                                         int port) {
+    kvo::InitializeNotificationSubscriber(*subscriber_state, data_stream_identifier, port);
+}
+
+void KvoDataSubscriber::StartNotificationSubscription() {
+    kvo::StartNotificationSubscription(subscriber_state);
+}
+
+void KvoDataSubscriber::StopNotificationSubscription() {
+    kvo::StopNotificationSubscription(*subscriber_state);
+}
+
+int KvoDataSubscriber::UnregisterSubscriber() {
+    if (gorm::cor::in_forked_child()) {
+        return -1;
+    }
+    state->listener_registration.Release();
+    StopNotificationSubscription();
+    const auto [accessor, stream] =
+        subscriber_state->registration.With([](const SubscriberState::Registration& r) {
+            return std::pair(r.accessor, r.data_stream_identifier);
+        });
+    if (accessor != nullptr) {
+        accessor->StopReading();
+    }
+    if (state->connected_to_broker) {
+        try {
+            state->broker_client.Call(
+                "RemoveSubscriber", [this, &id = stream](DataBrokerRegistrationSync& broker) {
+                    return broker.RemoveSubscriber(id, subscriber_state->subscriber_uuid);
+                });
+        } catch (const std::exception& error) {
+            state->LogException(error, "KvoDataSubscriber: UnregisterSubscriber()");
+        }
+    }
+    subscriber_state->registration.With([](SubscriberState::Registration& r) {
+        return std::exchange(r.statistics_client, nullptr);
+    });
+    StopHeartbeat();
+    return 1;
+}
+
+DataSample* KvoDataSubscriber::ReadData() {
+    if (gorm::cor::in_forked_child()) {
+        return nullptr;
+    }
+    const auto accessor = subscriber_state->registration.With(
+        [](const SubscriberState::Registration& r) { return r.accessor; });
+    if (accessor == nullptr) {
+        return nullptr;
+    }
+    std::string stream;
+    unsigned int samples = 1;
+    int sample_tag = 0;
+    long sequence_number = -1;
+    unsigned long timestamp_ms = 0;
+    DataSample* sample = nullptr;
+    accessor->get_data_packet(&stream, &samples, &sample_tag, &sequence_number, &timestamp_ms,
+                              &sample);
+    return sample;
+}
+
+boost::signals2::connection KvoDataSubscriber::connect(const boost::signals2::slot<void()>& slot) {
+    const auto accessor = subscriber_state->registration.With(
+        [](const SubscriberState::Registration& r) { return r.accessor; });
+    if (accessor == nullptr) {
+        throw std::logic_error("KvoDataSubscriber: connect() before a successful registration");
+    }
+    return accessor->DataAvailableSignal().connect(slot);
+}
+
+StreamStatistics KvoDataSubscriber::get_statistics() {
+    const auto registration = subscriber_state->registration.Get();
+    StreamStatistics statistics;
+    if (registration.statistics_client == nullptr) {
+        return statistics;
+    }
+    try {
+        statistics =
+            registration.statistics_client->GetStatistics(registration.data_stream_identifier);
+    } catch (const std::exception& error) {
+        state->LogException(error, "KvoDataSubscriber: get_statistics()");
+    }
+    return statistics;
+}
+
+}  // namespace kvo
