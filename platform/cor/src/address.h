@@ -1,0 +1,26 @@
+#pragma once
+
+#include "network/uri.hpp"
+
+#include <cstdint>
+#include <string>
+
+namespace gorm::cor {
+
+/// Where a URI of the binding leads.
+struct Address {
+    std::string text;      // the URI, for messages
+    std::string endpoint;  // of the transport: tcp://host:port
+    std::string path;      // with its first slash
+    bool ipv6 = false;
+
+    /// Throws Error naming the URI and what is wrong with it: not this scheme, no port.
+    static Address ToConnect(const network::uri& uri, const char* scheme);
+    /// As ToConnect; port 0 is any free one.
+    static Address ToBind(const network::uri& uri, const char* scheme);
+};
+
+/// The port at the end of an endpoint.
+std::uint16_t PortOf(const std::string& endpoint);
+
+}  // namespace gorm::cor

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <optional>
+#include <string>
+
+namespace gorm::cor::rr {
+
+/// How a request ended.
+struct Outcome {
+    enum class Kind { kResult, kRemoteError, kConnectionLost };
+    Kind kind;
+    std::string text;  // packed result, the peer's error, or why there is no connection
+};
+
+/// A request between its caller, who waits, and the I/O thread, which completes it.
+class PendingCall {
+public:
+    PendingCall(std::uint32_t id, std::string message);
+
+    /// The first outcome counts. I/O thread.
+    void Complete(Outcome outcome);
+    /// Caller. @return none: the deadline has passed.
+    std::optional<Outcome> Await(std::chrono::steady_clock::time_point deadline);
+
+    const std::uint32_t id;
+    const std::string message;
+
+private:
+    std::mutex mutex_;
+    std::condition_variable completed_;
+    std::optional<Outcome> outcome_;  // under the mutex
+};
+
+}  // namespace gorm::cor::rr

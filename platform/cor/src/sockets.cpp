@@ -1,0 +1,133 @@
+#include "sockets.h"
+
+#include "address.h"
+#include "gorm/cor/errors.h"
+#include "limits.h"
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+
+namespace gorm::cor {
+namespace {
+
+constexpr std::size_t kMaxFrames = 4;
+
+int Milliseconds(std::chrono::milliseconds duration) {
+    return static_cast<int>(duration.count());
+}
+
+std::string NewMonitorEndpoint() {
+    static std::atomic<std::uint64_t> count{0};
+    // relaxed: only has to be another number each time.
+    return "inproc://gorm.cor.monitor." +
+           std::to_string(count.fetch_add(1, std::memory_order_relaxed));
+}
+
+int EventOf(const std::vector<zmq::message_t>& frames) {
+    // The first frame is a 16-bit event and a 32-bit value, the second the address.
+    std::uint16_t event = 0;
+    if (frames.empty() || frames[0].size() < sizeof event) {
+        return 0;
+    }
+    std::memcpy(&event, frames[0].data(), sizeof event);
+    return event;
+}
+
+}  // namespace
+
+zmq::socket_t MakeSocket(zmq::context_t& context, zmq::socket_type type, int queue,
+                         std::size_t max_message_bytes) {
+    zmq::socket_t socket(context, type);
+    socket.set(zmq::sockopt::linger, 0);
+    socket.set(zmq::sockopt::sndhwm, queue);
+    socket.set(zmq::sockopt::rcvhwm, queue);
+    socket.set(zmq::sockopt::maxmsgsize, static_cast<std::int64_t>(max_message_bytes));
+    socket.set(zmq::sockopt::heartbeat_ivl, Milliseconds(kHeartbeatInterval));
+    socket.set(zmq::sockopt::heartbeat_timeout, Milliseconds(kHeartbeatTimeout));
+    socket.set(zmq::sockopt::heartbeat_ttl, Milliseconds(kHeartbeatTtl));
+    socket.set(zmq::sockopt::handshake_ivl, Milliseconds(kHandshakeInterval));
+    return socket;
+}
+
+void SetReconnect(zmq::socket_t& socket) {
+    socket.set(zmq::sockopt::reconnect_ivl, Milliseconds(kReconnectFirst));
+    socket.set(zmq::sockopt::reconnect_ivl_max, Milliseconds(kReconnectMost));
+}
+
+bool Receive(zmq::socket_t& socket, std::vector<zmq::message_t>& frames) {
+    frames.clear();
+    for (bool more = true; more;) {
+        zmq::message_t frame;
+        // The frames of a message arrive together, so only the first one can be missing.
+        if (!socket.recv(frame, zmq::recv_flags::dontwait)) {
+            return false;
+        }
+        more = frame.more();
+        if (frames.size() < kMaxFrames) {
+            frames.push_back(std::move(frame));
+        }
+    }
+    return true;
+}
+
+std::string_view View(const zmq::message_t& frame) {
+    return {static_cast<const char*>(frame.data()), frame.size()};
+}
+
+Monitor::Monitor(zmq::context_t& context, zmq::socket_t& watched, int events)
+    : watched_(watched), events_(context, zmq::socket_type::pair) {
+    const std::string endpoint = NewMonitorEndpoint();
+    if (zmq_socket_monitor(watched.handle(), endpoint.c_str(), events) != 0) {
+        throw zmq::error_t();
+    }
+    events_.set(zmq::sockopt::linger, 0);
+    // The other end sends from the transport's own thread and would wait for room.
+    events_.set(zmq::sockopt::rcvhwm, 0);
+    events_.connect(endpoint);
+}
+
+Monitor::~Monitor() {
+    zmq_socket_monitor(watched_.handle(), nullptr, 0);
+}
+
+int Monitor::Next() {
+    std::vector<zmq::message_t> frames;
+    return Receive(events_, frames) ? EventOf(frames) : 0;
+}
+
+bool Monitor::Await(int events, std::chrono::milliseconds at_most) {
+    const auto deadline = std::chrono::steady_clock::now() + at_most;
+    for (;;) {
+        for (int event = Next(); event != 0; event = Next()) {
+            if ((event & events) != 0) {
+                return true;
+            }
+        }
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        zmq_pollitem_t item{events_.handle(), 0, ZMQ_POLLIN, 0};
+        if (left.count() <= 0 || (zmq_poll(&item, 1, left.count()) < 0 && errno != EINTR)) {
+            return false;
+        }
+    }
+}
+
+std::uint16_t Bind(zmq::socket_t& socket, const std::string& endpoint, const std::string& text) {
+    try {
+        socket.bind(endpoint);
+    } catch (const zmq::error_t& error) {
+        throw BindError("cannot serve \"" + text + "\": " + error.what());
+    }
+    return PortOf(socket.get(zmq::sockopt::last_endpoint));
+}
+
+void Unbind(zmq::socket_t& socket, Monitor& monitor) noexcept {
+    try {
+        socket.unbind(socket.get(zmq::sockopt::last_endpoint));
+        monitor.Await(ZMQ_EVENT_CLOSED | ZMQ_EVENT_CLOSE_FAILED, std::chrono::seconds(1));
+    } catch (const std::exception&) {  // closing the socket frees the address too, a little later
+    }
+}
+
+}  // namespace gorm::cor

@@ -1,0 +1,91 @@
+#include "echo.h"
+
+#include "gorm/cor/rr/packing.h"
+#include "gorm/cor/type_registry.h"
+
+#include <tuple>
+#include <utility>
+
+namespace gorm::cor::test {
+namespace {
+
+class EchoClient final : public Echo {
+public:
+    explicit EchoClient(std::unique_ptr<rr::Channel> channel) : channel_(std::move(channel)) {}
+    ~EchoClient() override {
+        channel_->Close();
+        AwaitUsers();
+    }
+    boost::future<void> Connect() override { return channel_->Connect(); }
+    rr::ListenerRegistration RegisterConnectionListener(
+        std::function<void(bool)> listener) override {
+        return channel_->RegisterConnectionListener(std::move(listener));
+    }
+    std::string Say(const std::string& text) override {
+        return rr::UnpackResult<std::string>("Say", channel_->Request("Say", rr::PackParams(text)));
+    }
+    void Tell(const std::string& text) override { channel_->Notify("Tell", rr::PackParams(text)); }
+    std::string CallAs(const char* method, const std::string& packed_params) override {
+        return channel_->Request(method, packed_params);
+    }
+
+private:
+    const std::unique_ptr<rr::Channel> channel_;
+};
+
+class WordCodec final : public ps::SampleCodec {
+public:
+    std::shared_ptr<void> Create() const override { return std::make_shared<Word>(); }
+    Decoded Decode(std::string_view bytes) const override {
+        if (bytes == "damaged") {
+            return {};
+        }
+        return {std::make_shared<Word>(Word{std::string(bytes)}), ps::InstanceEvent::kUpdated};
+    }
+    std::string Encode(const void* sample, ps::InstanceEvent) const override {
+        return static_cast<const Word*>(sample)->text;
+    }
+    std::string Key(const void* sample) const override {
+        return static_cast<const Word*>(sample)->text;
+    }
+};
+
+}  // namespace
+
+std::string EchoServer::Dispatch(const rr::Caller& caller, std::string_view method,
+                                 const msgpack::object& params) {
+    if (method == "WhoAmI") {
+        return rr::PackResult(caller.identity);
+    }
+    auto [text] = rr::UnpackParams<std::string>(method, params);
+    if (method == "Tell") {
+        told.Add(text);
+        return rr::PackNil();
+    }
+    if (method != "Say") {
+        throw Error("unknown method");
+    }
+    if (text == "refuse") {
+        throw Error("refused by the server");
+    }
+    if (on_say) {
+        on_say();
+    }
+    return rr::PackResult(text);
+}
+
+std::unique_ptr<Echo> MakeClient(const std::string& uri, std::chrono::milliseconds reply_time) {
+    return loadCorForUri(uri, {}).getClient<Echo>(
+        network::uri(uri), {std::make_shared<rr::qos::ReplyTime>(reply_time)}, {});
+}
+
+}  // namespace gorm::cor::test
+
+extern "C" __attribute__((visibility("default"))) void kvo_cor_test_types_register_types(
+    gorm::cor::TypeRegistry* types) {
+    using namespace gorm::cor;
+    types->AddInterface(CorTypeTraits<test::Echo>::name, [](std::unique_ptr<rr::Channel> channel) {
+        return std::make_unique<test::EchoClient>(std::move(channel));
+    });
+    types->AddSample(CorTypeTraits<test::Word>::name, std::make_shared<test::WordCodec>());
+}

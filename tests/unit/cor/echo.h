@@ -1,0 +1,93 @@
+#pragma once
+
+#include "gorm/cor/cor.h"
+#include "gorm/cor/rr/server.h"
+#include "gorm/cor/service_loop.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace gorm::cor::test {
+
+inline constexpr std::chrono::seconds kDeadline{20};
+
+/// A small interface whose operations return or report what they were given.
+class Echo : public rr::Client {
+public:
+    virtual std::string Say(const std::string& text) = 0;
+    virtual void Tell(const std::string& text) = 0;  // one-way
+    virtual std::string CallAs(const char* method, const std::string& packed_params) = 0;
+};
+
+/// A topic's sample: a text, which is its own key.
+struct Word {
+    std::string text;
+};
+
+/// A value that threads set and a test waits for.
+class Heard {
+public:
+    void Add(const std::string& text) {
+        {
+            const std::lock_guard lock(mutex_);
+            all_.push_back(text);
+        }
+        changed_.notify_all();
+    }
+    /// @return all that was heard, as soon as there is so much, or at the deadline.
+    std::vector<std::string> Await(std::size_t count) {
+        std::unique_lock lock(mutex_);
+        changed_.wait_for(lock, kDeadline, [&] { return all_.size() >= count; });
+        return all_;
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<std::string> all_;
+};
+
+/// Serves Echo at an address that stays the same over Stop and Start.
+class EchoServer : public rr::Service {
+public:
+    EchoServer() { Start(); }
+    ~EchoServer() override { Stop(); }
+    void Start() {
+        server_ = std::make_unique<rr::Server>(loop_, network::uri(uri()), *this);
+        port_ = server_->port();
+    }
+    void Stop() { server_.reset(); }
+    std::uint16_t port() const { return port_; }
+    std::string uri() const { return "wkp.rr://127.0.0.1:" + std::to_string(port_) + "/test/Echo"; }
+    std::string Dispatch(const rr::Caller& caller, std::string_view method,
+                         const msgpack::object& params) override;
+
+    Heard told;
+    std::function<void()> on_say;  // before it is answered, on the loop
+
+private:
+    ServiceLoop loop_;
+    std::uint16_t port_ = 0;
+    std::unique_ptr<rr::Server> server_;
+};
+
+std::unique_ptr<Echo> MakeClient(const std::string& uri,
+                                 std::chrono::milliseconds reply_time = kDeadline);
+
+}  // namespace gorm::cor::test
+
+template <>
+struct gorm::cor::CorTypeTraits<gorm::cor::test::Echo> {
+    static constexpr const char* name = "test.Echo";
+    static constexpr const char* libraryName = "kvo-cor-test-types";
+};
+template <>
+struct gorm::cor::CorTypeTraits<gorm::cor::test::Word> {
+    static constexpr const char* name = "test.Word";
+    static constexpr const char* libraryName = "kvo-cor-test-types";
+};

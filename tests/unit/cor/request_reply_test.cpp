@@ -1,0 +1,221 @@
+#include "echo.h"
+#include "gorm/cor/process.h"
+#include "gorm/cor/rr/packing.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <zmq.hpp>
+
+#include <array>
+#include <future>
+#include <thread>
+
+namespace gorm::cor::test {
+namespace {
+
+using ::testing::AllOf;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+
+template <class Exception, class Function>
+std::string TextOf(Function&& function) {
+    try {
+        function();
+    } catch (const Exception& error) {
+        return error.what();
+    }
+    return "nothing of this kind was thrown";
+}
+
+TEST(RequestReply, ManyThreadsAndClientsGetTheirOwnAnswers) {
+    EchoServer server;
+    const std::array clients{MakeClient(server.uri()), MakeClient(server.uri())};
+    std::vector<std::future<int>> threads;
+    for (int thread = 0; thread < 8; ++thread) {
+        threads.push_back(std::async(std::launch::async, [&, thread] {
+            int wrong = 0;
+            for (int i = 0; i < 200; ++i) {
+                const std::string text = std::to_string(thread) + "/" + std::to_string(i);
+                wrong += clients[static_cast<std::size_t>(thread % 2)]->Say(text) != text;
+            }
+            return wrong;
+        }));
+    }
+    for (auto& thread : threads) {
+        EXPECT_EQ(0, thread.get());
+    }
+    const auto& identity = process_identity();
+    EXPECT_EQ(rr::PackResult(std::string(identity.begin(), identity.end())),
+              clients[0]->CallAs("WhoAmI", rr::PackParams()));
+}
+
+TEST(RequestReply, EveryWrongRequestIsAnsweredWithItsReason) {
+    EchoServer server;
+    const auto client = MakeClient(server.uri());
+    const struct {
+        const char* method;
+        std::string params;
+        const char* reason;
+    } cases[] = {
+        {"Say", rr::PackParams("refuse"), "refused by the server"},
+        {"Shout", rr::PackParams("a"), "unknown method"},
+        {"Say", rr::PackParams(), "1 parameters expected, 0 given"},
+        {"Say", rr::PackParams(1, 2), "1 parameters expected, 2 given"},
+        {"Say", rr::PackParams(7), "parameter 1 is of the wrong type"},
+        {"Say", rr::PackResult(7), "no array"},
+    };
+    for (const auto& wrong : cases) {
+        EXPECT_THAT(
+            TextOf<rr::RemoteError>([&] { client->CallAs(wrong.method, wrong.params); }),
+            AllOf(HasSubstr(wrong.method), HasSubstr(server.uri()), HasSubstr(wrong.reason)));
+    }
+    const auto lost = MakeClient(server.uri() + "2");
+    EXPECT_THAT(TextOf<rr::RemoteError>([&] { lost->Say("a"); }), HasSubstr("path"));
+    EXPECT_THAT(TextOf<Error>([&] { client->Say(std::string(70'000, 'x')); }), HasSubstr("65536"));
+    EXPECT_EQ("still there", client->Say("still there"));
+}
+
+TEST(RequestReply, MalformedMessagesHarmNobodyElse) {
+    EchoServer server;
+    const auto client = MakeClient(server.uri());
+    zmq::context_t context;
+    const std::string endpoint = "tcp://127.0.0.1:" + std::to_string(server.port());
+    const std::string deep(20'000, '\x91');
+    const std::string bomb("\x94\x00\x01\xa3Say\xdd\xff\xff\xff\xff", 11);
+    for (const std::vector<std::string>& frames : {std::vector<std::string>{""},
+                                                   {"/test/Echo"},
+                                                   {"/test/Echo", ""},
+                                                   {"/test/Echo", "garbage"},
+                                                   {"/test/Echo", deep},
+                                                   {"/test/Echo", bomb},
+                                                   {"/test/Echo", "\xc0", "\xc0"},
+                                                   {"/test/Echo", std::string(100'000, 'x')}}) {
+        zmq::socket_t peer(context, zmq::socket_type::dealer);
+        peer.set(zmq::sockopt::linger, 1000);
+        peer.connect(endpoint);
+        for (std::size_t i = 0; i < frames.size(); ++i) {
+            peer.send(zmq::buffer(frames[i]),
+                      i + 1 < frames.size() ? zmq::send_flags::sndmore : zmq::send_flags::none);
+        }
+        EXPECT_EQ("there", client->Say("there"));
+    }
+}
+
+TEST(RequestReply, WithoutAnAnswerTheTextTellsWhatWasWaitedFor) {
+    zmq::context_t context;
+    zmq::socket_t silent(context, zmq::socket_type::router);
+    silent.bind("tcp://127.0.0.1:*");
+    const std::string endpoint = silent.get(zmq::sockopt::last_endpoint);
+    const std::string uri = "wkp.rr" + endpoint.substr(3) + "/quiet";
+    EXPECT_THAT(TextOf<rr::ReplyTimeout>(
+                    [&] { MakeClient(uri, std::chrono::milliseconds(300))->Say("a"); }),
+                AllOf(HasSubstr("Say at " + uri), HasSubstr("no answer within 300 ms")));
+    EXPECT_THAT(
+        TextOf<rr::ReplyTimeout>([&] { MakeClient(uri, std::chrono::milliseconds(0))->Say("a"); }),
+        HasSubstr("0 ms"));
+    silent.close();
+    EXPECT_THAT(TextOf<rr::ReplyTimeout>(
+                    [&] { MakeClient(uri, std::chrono::milliseconds(100))->Say("a"); }),
+                HasSubstr("no connection within 100 ms"));
+}
+
+TEST(RequestReply, ALossFailsTheCallsFirstAndListenersHearItInOrder) {
+    EchoServer server;
+    const auto client = MakeClient(server.uri());
+    client->Connect().get();
+    Heard heard;
+    const auto throwing =
+        client->RegisterConnectionListener([](bool) { throw std::runtime_error("listener"); });
+    const auto registration = client->RegisterConnectionListener(
+        [&](bool connected) { heard.Add(connected ? "up" : "down"); });
+    server.Stop();
+    EXPECT_THAT(heard.Await(1), ElementsAre("down"));
+    EXPECT_THAT(TextOf<rr::ConnectionLost>([&] { client->Say("a"); }), HasSubstr("Say at"));
+    client->Tell("nobody");
+    server.Start();
+    EXPECT_THAT(heard.Await(2), ElementsAre("down", "up"));
+    EXPECT_EQ("back", client->Say("back"));
+    client->Tell("one-way");
+    EXPECT_THAT(server.told.Await(1), ElementsAre("one-way"));
+}
+
+TEST(RequestReply, AFirstCallWaitsForTheServer) {
+    EchoServer server;
+    const std::string uri = server.uri();
+    server.Stop();
+    const auto client = MakeClient(uri);
+    auto connected = client->Connect();
+    auto answer = std::async(std::launch::async, [&] { return client->Say("early"); });
+    server.Start();
+    EXPECT_EQ("early", answer.get());
+    EXPECT_NO_THROW(connected.get());
+}
+
+TEST(RequestReply, ADestroyedClientFailsItsCallsAndItsConnect) {
+    EchoServer server;
+    std::promise<void> arrived;
+    std::promise<void> go;
+    server.on_say = [&, released = go.get_future().share()] {
+        arrived.set_value();
+        released.wait();
+    };
+    auto client = MakeClient(server.uri());
+    auto text = std::async(std::launch::async, [&client = *client] {
+        return TextOf<rr::ConnectionLost>([&] { client.Say("a"); });
+    });
+    arrived.get_future().wait();
+    client.reset();
+    EXPECT_THAT(text.get(), HasSubstr("closed"));
+    go.set_value();
+
+    auto unconnected = MakeClient("wkp.rr://127.0.0.1:1/nobody");
+    auto connecting = unconnected->Connect();
+    unconnected.reset();
+    EXPECT_THROW(connecting.get(), rr::ConnectionLost);
+}
+
+TEST(RequestReply, AListenerMayLeaveFromInsideAndIsWaitedForFromOutside) {
+    EchoServer server;
+    const auto client = MakeClient(server.uri());
+    client->Connect().get();
+    Heard heard;
+    rr::ListenerRegistration own;
+    own = client->RegisterConnectionListener([&](bool) {
+        own.Release();
+        heard.Add("left");
+    });
+    std::promise<void> entered;
+    std::promise<void> go;
+    bool done = false;  // by the listener, read after its registration was released
+    auto waited = client->RegisterConnectionListener([&](bool) {
+        entered.set_value();
+        go.get_future().wait();
+        done = true;
+    });
+    server.Stop();
+    entered.get_future().wait();
+    auto released = std::async(std::launch::async, [&] {
+        waited.Release();
+        return done;
+    });
+    go.set_value();
+    EXPECT_TRUE(released.get());
+    EXPECT_THAT(heard.Await(1), ElementsAre("left"));
+}
+
+TEST(Cor, UrisAndPropertiesThatCannotBeUsedAreNamed) {
+    EXPECT_THROW(loadCorForUri("no uri", {}), network::uri_syntax_error);
+    EXPECT_THAT(TextOf<UnknownScheme>([] { loadCorForUri("http://host:1/", {}); }),
+                HasSubstr("http://host:1/"));
+    for (const char* uri : {"wkp.rr://host/path", "wkp.rr://host:0/path", "wkp.rr://host:70000/p",
+                            "wkp.ps://127.0.0.1:1/p"}) {
+        EXPECT_THAT(TextOf<Error>([&] { MakeClient(uri); }), HasSubstr(uri));
+    }
+    EXPECT_THAT(TextOf<Error>([] {
+                    loadCorForUri("wkp.rr://h:1/", {{"colour", "red"}});
+                }),
+                HasSubstr("colour"));
+}
+
+}  // namespace
+}  // namespace gorm::cor::test
