@@ -12,6 +12,8 @@ namespace kvo {
 
 using ProcessIdentity = std::array<unsigned char, 16>;
 
+inline constexpr std::uint16_t kMaxProcesses = 4095;  // that use one directory at a time
+
 /// Names a process for as long as it lives: the number of its lock byte and a random nonce.
 struct ProcessTag {
     std::uint16_t number = 0;  // 1 to kMaxProcesses; 0: nobody
@@ -24,8 +26,8 @@ struct ProcessTag {
 
 /// The processes that use the stream files of one directory, by the kernel's own knowledge of
 /// who lives: each holds a POSIX record lock on one byte of the directory's lock file and has
-/// written its identity beside it. One object per directory and process; shared by everything in
-/// the process that needs it, left when the last user goes.
+/// written its identity beside it. A process holds one byte per directory, shared by all objects
+/// of the directory that have joined, and gives it back when the last of them goes.
 /// Threads: any.
 class KVO_MEMORY_EXPORT ProcessLock {
 public:
@@ -51,7 +53,10 @@ public:
     /// The living process that presents this identity.
     std::optional<ProcessTag> Find(const ProcessIdentity& identity) const;
 
-    /// True when a process other than this one, or a user of Join in this one, holds a byte.
+    /// The living process with this number whose nonce ends in these bits.
+    std::optional<ProcessTag> Resolve(std::uint16_t number, std::uint32_t nonce_low) const;
+
+    /// True when a process other than this one, or another user of Join in this one, holds a byte.
     bool AnybodyElse() const;
 
     /// Removes the lock file when AnybodyElse() is false; @return whether it did. For the owner of

@@ -52,7 +52,8 @@ KVO_MEMORY_EXPORT StreamGeometry PlanGeometry(std::int64_t max_payload_bytes,
 
 struct WriterState {
     bool retired = false;
-    ProcessTag writer;  // number 0: no writer has the role
+    // Number 0: no writer has the role. Of the nonce the low 32 bits, for ProcessLock::Resolve.
+    ProcessTag writer;
     std::uint64_t newest_sequence = 0;
     std::uint64_t written = 0;
     std::uint64_t payload_bytes = 0;
@@ -94,7 +95,8 @@ public:
 
     virtual ~StreamFile();
 
-    virtual const std::string& path() const = 0;
+    virtual const std::string& path() const = 0;  // of the data file
+    virtual std::string control_path() const = 0;
     virtual const std::string& stream() const = 0;
     virtual const Uuid& uuid() const = 0;
     virtual std::uint64_t epoch() const = 0;
@@ -107,7 +109,7 @@ public:
     /// No sample is written from now on; the writer is told at its next write.
     virtual void Retire() = 0;
     /// Takes the rows of dead readers back; @return how many.
-    virtual int ReapDeadReaders(const ProcessLock& lock) = 0;
+    virtual int ReapDeadReaders(ProcessLock& lock) = 0;
     /// Whether the writer's or a reader's process lives.
     virtual bool InUse(const ProcessLock& lock) const = 0;
     /// Unlinks the control file, and the data file if the path still names this segment.

@@ -1,0 +1,156 @@
+#include "sample_reader.h"
+
+#include "copy_out.h"
+
+#include <algorithm>
+#include <exception>
+
+namespace kvo {
+namespace {
+
+// A miss means that the writer has moved on; looking again finds where to.
+constexpr int kPinAttempts = 3;
+// Bounded: a writer that overtakes us every time is faster than we can read, and the caller has
+// to learn that instead of waiting here.
+constexpr int kOvertakings = 8;
+
+bool TooOld(const SlotContent& content, std::uint64_t now_ns, std::uint64_t max_age_ns) {
+    return max_age_ns != 0 && now_ns > content.monotonic_ns &&
+           now_ns - content.monotonic_ns > max_age_ns;
+}
+
+}  // namespace
+
+std::string SampleReader::ClaimRow(const std::string& directory) {
+    if (row_tried_) {
+        return {};
+    }
+    row_tried_ = true;
+    try {
+        row_ = ReaderRow::Claim(segment_, ProcessLock::ForDirectory(directory));
+        return row_ != nullptr ? "" : "all " + std::to_string(layout::kRows) + " rows are taken";
+    } catch (const std::exception& error) {
+        return error.what();
+    }
+}
+
+std::uint64_t SampleReader::Newest() const {
+    // [newest] Acquire: the index entry of this version is visible.
+    const std::uint64_t head = segment_->words().head.load(std::memory_order_acquire);
+    return head < layout::kMaxVersion ? head : 0;
+}
+
+std::uint64_t SampleReader::OldestRetained(std::uint64_t newest) const {
+    const std::uint64_t retained = segment_->geometry().retained_samples;
+    return newest > retained ? newest - retained + 1 : 1;
+}
+
+std::uint64_t SampleReader::FirstYoung(std::uint64_t max_age_ns) const {
+    const std::uint64_t newest = Newest();
+    const std::uint64_t now_ns = MonotonicNanoseconds();
+    for (std::uint64_t version = OldestRetained(newest); version <= newest; ++version) {
+        const auto slot = FindSlot(*segment_, version);
+        // [slot-ready] Acquire: the header is this version's or a later one's; of a later one's
+        // age it does no harm to judge.
+        if (slot &&
+            segment_->slot(*slot).word.load(std::memory_order_acquire) ==
+                layout::PackWord(version, layout::SlotState::kValid) &&
+            !TooOld(LoadContent(*segment_, *slot), now_ns, max_age_ns)) {
+            return version;
+        }
+    }
+    return newest + 1;
+}
+
+bool SampleReader::TakeNext(std::uint64_t max_age_ns, std::uint64_t& next, ReaderCounters& counters,
+                            TakenSample& taken) {
+    const std::uint64_t now_ns = MonotonicNanoseconds();
+    std::uint64_t newest = Newest();
+    int overtakings = 0;
+    while (next <= newest) {
+        if (const std::uint64_t oldest = OldestRetained(newest); next < oldest) {
+            counters.lost += oldest - next;
+            next = oldest;
+        }
+        taken.pin = {};
+        if (!Read(next, taken)) {
+            newest = Newest();
+            if (next >= OldestRetained(newest)) {  // its place in the index was given on
+                ++counters.lost;
+                ++next;
+            }
+            if (++overtakings == kOvertakings) {
+                return false;
+            }
+            continue;
+        }
+        taken.sequence_number = next++;
+        if (TooOld(taken.content, now_ns, max_age_ns)) {
+            ++counters.stale;
+        } else if (!Intact(taken)) {
+            ++counters.checksum_failures;
+        } else {
+            ++counters.read;
+            counters.copied += taken.bytes == taken.copy.data() ? 1 : 0;
+            return true;
+        }
+    }
+    taken.pin = {};
+    return false;
+}
+
+bool SampleReader::Read(std::uint64_t version, TakenSample& taken) const {
+    if (row_ != nullptr && Pin(version, taken)) {
+        return true;
+    }
+    const auto slot = FindSlot(*segment_, version);
+    if (!slot || !CopyOut(*segment_, *slot, version, taken.content, taken.copy)) {
+        return false;
+    }
+    taken.bytes = taken.copy.data();
+    return true;
+}
+
+bool SampleReader::Pin(std::uint64_t version, TakenSample& taken) const {
+    for (int attempt = 0; attempt < kPinAttempts; ++attempt) {
+        if (version < OldestRetained(Newest())) {
+            return false;
+        }
+        const auto slot = FindSlot(*segment_, version);
+        if (!slot) {
+            continue;
+        }
+        int pin = ReaderRow::kNoPin;
+        switch (row_->Pin(*slot, version, pin)) {
+            case ReaderRow::PinOutcome::kPinned:
+                taken.pin = PinHold(row_, pin);
+                taken.content = LoadContent(*segment_, *slot);
+                taken.bytes = segment_->payload(*slot);
+                return true;
+            case ReaderRow::PinOutcome::kMissed:
+                break;
+            case ReaderRow::PinOutcome::kNoRoom:
+                return false;
+        }
+    }
+    return false;
+}
+
+bool SampleReader::Intact(TakenSample& taken) const {
+    const SlotContent& content = taken.content;
+    const bool checked = content.has_checksum || segment_->asks_for_checksums();
+    if (content.damaged || (checked && !content.has_checksum)) {
+        return false;
+    }
+    taken.checksum_state = checked ? ChecksumState::kVerified : ChecksumState::kNone;
+    return !checked || ChecksumOf(taken.bytes, content.payload_bytes, content.metadata_bytes) ==
+                           content.checksum;
+}
+
+void SampleReader::PublishLedger(const ReaderCounters& counters, std::uint64_t next) const {
+    if (row_ != nullptr) {
+        row_->PublishLedger(counters, next);
+    }
+}
+
+}  // namespace kvo

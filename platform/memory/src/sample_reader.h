@@ -1,0 +1,62 @@
+#pragma once
+
+#include "kvo/memory/data_sample.h"
+#include "kvo/memory/memory_accessor.h"
+#include "reader_row.h"
+#include "segment.h"
+#include "slot_content.h"
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace kvo {
+
+/// A sample as it was taken: pinned where it lies, or copied.
+struct TakenSample {
+    std::uint64_t sequence_number = 0;
+    SlotContent content;
+    ChecksumState checksum_state = ChecksumState::kNone;
+    const unsigned char* bytes = nullptr;  // payload, then metadata
+    PinHold pin;
+    std::vector<unsigned char> copy;  // memory at most when pinned
+};
+
+/// One reader's view of one segment. It believes nothing that it has not checked itself.
+/// Threads: one at a time.
+class SampleReader {
+public:
+    explicit SampleReader(std::shared_ptr<Segment> segment) : segment_(std::move(segment)) {}
+
+    const Segment& segment() const { return *segment_; }
+
+    /// Claims a row of the segment's table, if that has not been tried before; without one every
+    /// sample is copied. @return what went wrong; empty: nothing.
+    std::string ClaimRow(const std::string& directory);
+
+    std::uint64_t Newest() const;
+    std::uint64_t OldestRetained(std::uint64_t newest) const;
+    /// The first sample to read for who has read none: the oldest that is young enough.
+    std::uint64_t FirstYoung(std::uint64_t max_age_ns) const;
+
+    /// Takes the first sample from `next` on that can be had, and counts those that can not.
+    /// @param max_age_ns 0: any age.
+    /// @param taken      its copy's memory is used again.
+    /// @return false: there is none.
+    bool TakeNext(std::uint64_t max_age_ns, std::uint64_t& next, ReaderCounters& counters,
+                  TakenSample& taken);
+
+    void PublishLedger(const ReaderCounters& counters, std::uint64_t next) const;
+
+private:
+    bool Read(std::uint64_t version, TakenSample& taken) const;
+    bool Pin(std::uint64_t version, TakenSample& taken) const;
+    bool Intact(TakenSample& taken) const;
+
+    const std::shared_ptr<Segment> segment_;
+    std::shared_ptr<ReaderRow> row_;  // null: none
+    bool row_tried_ = false;
+};
+
+}  // namespace kvo

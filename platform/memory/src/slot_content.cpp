@@ -1,0 +1,52 @@
+#include "slot_content.h"
+
+#include <xxhash.h>
+
+#include <algorithm>
+#include <ctime>
+
+namespace kvo {
+
+// relaxed throughout: the slot's word, loaded before and again after, says whether it counts.
+SlotContent LoadContent(const Segment& segment, std::uint32_t slot) {
+    constexpr auto relaxed = std::memory_order_relaxed;
+    const layout::SlotHeader& header = segment.slot(slot);
+    SlotContent content;
+    const std::uint32_t payload_bytes = header.payload_bytes.load(relaxed);
+    const std::uint32_t metadata_bytes = header.metadata_bytes.load(relaxed);
+    content.payload_bytes = std::min(payload_bytes, segment.geometry().max_payload_bytes);
+    content.metadata_bytes = std::min(metadata_bytes, segment.geometry().max_metadata_bytes);
+    content.damaged =
+        content.payload_bytes != payload_bytes || content.metadata_bytes != metadata_bytes;
+    content.sample_tag = header.sample_tag.load(relaxed);
+    content.topic_id = header.topic_id.load(relaxed);
+    content.timestamp_ms = header.timestamp_ms.load(relaxed);
+    content.monotonic_ns = header.monotonic_ns.load(relaxed);
+    content.checksum = header.checksum.load(relaxed);
+    content.has_checksum = (header.flags.load(relaxed) & layout::kSlotHasChecksum) != 0;
+    return content;
+}
+
+std::optional<std::uint32_t> FindSlot(const Segment& segment, std::uint64_t version) {
+    // relaxed: [newest] made the entry visible; a later one is found out by the slot's word.
+    const std::uint64_t entry = segment.index(version).load(std::memory_order_relaxed);
+    const std::uint32_t slot = layout::IndexSlot(entry);
+    if (entry != layout::PackIndex(version, slot) || slot >= segment.geometry().slot_count) {
+        return std::nullopt;
+    }
+    return slot;
+}
+
+std::uint64_t ChecksumOf(const unsigned char* bytes, std::uint32_t payload_bytes,
+                         std::uint32_t metadata_bytes) {
+    return XXH3_64bits_withSeed(bytes, std::size_t{payload_bytes} + metadata_bytes, payload_bytes);
+}
+
+std::uint64_t MonotonicNanoseconds() {
+    timespec now{};
+    ::clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000U +
+           static_cast<std::uint64_t>(now.tv_nsec);
+}
+
+}  // namespace kvo

@@ -1,0 +1,37 @@
+#pragma once
+
+#include "segment.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+
+namespace kvo {
+
+/// A slot's header as one reader took it. Sizes fit the slot, whatever stood in the file.
+struct SlotContent {
+    std::uint32_t payload_bytes = 0;
+    std::uint32_t metadata_bytes = 0;
+    std::int32_t sample_tag = 0;
+    std::int32_t topic_id = 0;
+    std::uint64_t timestamp_ms = 0;
+    std::uint64_t monotonic_ns = 0;
+    std::uint64_t checksum = 0;
+    bool has_checksum = false;
+    bool damaged = false;  // a size did not fit
+    std::size_t total_bytes() const { return std::size_t{payload_bytes} + metadata_bytes; }
+};
+
+SlotContent LoadContent(const Segment& segment, std::uint32_t slot);
+
+/// The slot that the index names for a version, if it names one.
+std::optional<std::uint32_t> FindSlot(const Segment& segment, std::uint64_t version);
+
+/// XXH3 64 over payload and metadata as they lie in a slot.
+std::uint64_t ChecksumOf(const unsigned char* bytes, std::uint32_t payload_bytes,
+                         std::uint32_t metadata_bytes);
+
+/// CLOCK_MONOTONIC, the same for all processes of a host.
+std::uint64_t MonotonicNanoseconds();
+
+}  // namespace kvo

@@ -1,0 +1,93 @@
+#include "kvo/memory/process_lock.h"
+
+#include "memory_fixture.h"
+#include "peer_process.h"
+
+#include <sstream>
+namespace kvo::test {
+namespace {
+
+// The first identity that a process sets or needs stays, so it is set before any test.
+const ProcessIdentity kIdentity{1, 2, 3};
+const bool identity_set = [] {
+    ProcessLock::SetProcessIdentity(kIdentity);
+    ProcessLock::SetProcessIdentity({4, 5, 6});
+    return true;
+}();
+
+class ProcessLockTest : public MemoryTest {
+protected:
+    static ProcessTag TagOf(const PeerProcess& peer) {
+        ProcessTag tag;
+        std::istringstream(peer.line()) >> tag.number >> tag.nonce;
+        return tag;
+    }
+};
+
+TEST_F(ProcessLockTest, AProcessHoldsOneByteForAllItsUsers) {
+    auto first = ProcessLock::ForDirectory(directory_);
+    auto second = ProcessLock::ForDirectory(directory_ + "/.");
+    const ProcessTag tag = first->Join();
+    EXPECT_EQ(tag, second->Join());
+    EXPECT_EQ(tag, first->Join());
+    first.reset();
+    const auto onlooker = ProcessLock::ForDirectory(directory_);
+    EXPECT_TRUE(onlooker->Lives(tag));
+    EXPECT_TRUE(onlooker->AnybodyElse());
+    EXPECT_FALSE(onlooker->RemoveIfUnused());
+    EXPECT_FALSE(onlooker->Lives({tag.number, tag.nonce ^ 2})) << "an earlier holder's nonce";
+    second.reset();
+    EXPECT_FALSE(onlooker->Lives(tag));
+    EXPECT_TRUE(onlooker->RemoveIfUnused());
+    EXPECT_TRUE(Files().empty());
+    EXPECT_TRUE(onlooker->Lives(onlooker->Join())) << "joining makes the file anew";
+}
+
+TEST_F(ProcessLockTest, APeerLivesUntilItIsKilled) {
+    const auto lock = ProcessLock::ForDirectory(directory_);
+    PeerProcess peer({"join", directory_});
+    const ProcessTag tag = TagOf(peer);
+    const auto low = static_cast<std::uint32_t>(tag.nonce);
+    ASSERT_NE(tag.number, 0);
+    EXPECT_NE(lock->Join().number, tag.number);
+    EXPECT_TRUE(lock->Lives(tag));
+    EXPECT_EQ(lock->Resolve(tag.number, low), tag);
+    EXPECT_EQ(lock->Resolve(tag.number, low ^ 1), std::nullopt);
+    EXPECT_TRUE(lock->AnybodyElse());
+    EXPECT_FALSE(lock->RemoveIfUnused());
+    peer.Kill();
+    EXPECT_FALSE(lock->Lives(tag));
+    EXPECT_EQ(lock->Resolve(tag.number, low), std::nullopt);
+    EXPECT_FALSE(lock->AnybodyElse());
+}
+
+TEST_F(ProcessLockTest, IdentityLeadsToTheLivingProcess) {
+    ASSERT_TRUE(identity_set);
+    const auto lock = ProcessLock::ForDirectory(directory_);
+    EXPECT_EQ(lock->Find(kIdentity), std::nullopt);
+    const ProcessTag tag = lock->Join();
+    EXPECT_EQ(lock->Find(kIdentity), tag);
+    EXPECT_EQ(lock->Find({9}), std::nullopt);
+}
+
+TEST_F(ProcessLockTest, AForkedChildIsNobodyAndTakesNothingFromItsParent) {
+    auto lock = ProcessLock::ForDirectory(directory_);
+    const ProcessTag tag = lock->Join();
+    EXPECT_EQ(ResultInForkedChild([&] {
+                  bool refused = false;
+                  try {
+                      lock->Join();
+                  } catch (const std::system_error&) {
+                      refused = true;
+                  }
+                  const bool alive = lock->Lives(tag);
+                  lock.reset();
+                  return refused && !alive ? 0 : 1;
+              }),
+              0);
+    PeerProcess peer({"join", directory_});
+    EXPECT_NE(TagOf(peer).number, tag.number) << "our byte is still ours";
+}
+
+}  // namespace
+}  // namespace kvo::test
