@@ -1,0 +1,123 @@
+#include "data_broker_registration_client.h"
+
+#include "gorm/cor/rr/packing.h"
+#include "kvo/broker/data_broker_registration_sync.h"
+
+#include <utility>
+
+namespace kvo {
+namespace {
+
+using gorm::cor::rr::Channel;
+using gorm::cor::rr::ListenerRegistration;
+using gorm::cor::rr::PackParams;
+using gorm::cor::rr::UnpackResult;
+
+class DataBrokerRegistrationClient final : public DataBrokerRegistrationSync {
+public:
+    explicit DataBrokerRegistrationClient(std::unique_ptr<Channel> channel)
+        : channel_(std::move(channel)) {}
+    ~DataBrokerRegistrationClient() override {
+        channel_->Close();
+        AwaitUsers();
+    }
+
+    boost::future<void> Connect() override { return channel_->Connect(); }
+    ListenerRegistration RegisterConnectionListener(std::function<void(bool)> listener) override {
+        return channel_->RegisterConnectionListener(std::move(listener));
+    }
+
+    void SendHeartbeat(const std::string& client_id) override {
+        Request<void>("SendHeartbeat", client_id);
+    }
+    std::int32_t AddPublisher(const std::string& stream, std::int32_t latency_ms,
+                              std::int32_t deadline_s, std::int32_t max_data_sample_size,
+                              std::int32_t number_of_samples, bool compute_checksum,
+                              const std::string& publisher_key) override {
+        return Request<std::int32_t>("AddPublisher", stream, latency_ms, deadline_s,
+                                     max_data_sample_size, number_of_samples, compute_checksum,
+                                     publisher_key);
+    }
+    std::int32_t RemovePublisher(const std::string& stream) override {
+        return Request<std::int32_t>("RemovePublisher", stream);
+    }
+    void NotifyNewData(const std::string& stream) override {
+        channel_->Notify("NotifyNewData", PackParams(stream));
+    }
+    std::int32_t AddSubscriber(const std::string& subscriber_uuid, const std::string& stream,
+                               const std::string& remote_broker_uri, std::int32_t latency_ms,
+                               std::int32_t deadline_s) override {
+        return Request<std::int32_t>("AddSubscriber", subscriber_uuid, stream, remote_broker_uri,
+                                     latency_ms, deadline_s);
+    }
+    std::int32_t RemoveSubscriber(const std::string& stream,
+                                  const std::string& subscriber_uuid) override {
+        return Request<std::int32_t>("RemoveSubscriber", stream, subscriber_uuid);
+    }
+    std::string GetPublisherKey(const std::string& stream) override {
+        return Request<std::string>("GetPublisherKey", stream);
+    }
+    std::int32_t GetNotificationPort(const std::string& stream) override {
+        return Request<std::int32_t>("GetNotificationPort", stream);
+    }
+    std::vector<std::string> GetStreamStatistics(const std::string& stream) override {
+        return Request<std::vector<std::string>>("GetStreamStatistics", stream);
+    }
+    std::int32_t GetHeartbeatPeriod() override {
+        return Request<std::int32_t>("GetHeartbeatPeriod");
+    }
+    std::int32_t GetHeartbeatTimeout() override {
+        return Request<std::int32_t>("GetHeartbeatTimeout");
+    }
+    std::string GetShmFilePath(const std::string& stream) override {
+        return Request<std::string>("GetShmFilePath", stream);
+    }
+    std::string GetExistingShmPath(const std::string& stream) override {
+        return Request<std::string>("GetExistingShmPath", stream);
+    }
+    bool IsStreamIdFree(const std::string& stream) override {
+        return Request<bool>("IsStreamIdFree", stream);
+    }
+    bool HasLocalPublisher(const std::string& stream) override {
+        return Request<bool>("HasLocalPublisher", stream);
+    }
+    bool HasRemotePublisher(const std::string& remote_broker_uri,
+                            const std::string& stream) override {
+        return Request<bool>("HasRemotePublisher", remote_broker_uri, stream);
+    }
+    void ReportDataWritten(const std::string& stream, std::int32_t payload_size,
+                           std::int64_t written_ms) override {
+        channel_->Notify("ReportDataWritten", PackParams(stream, payload_size, written_ms));
+    }
+    std::int32_t GetMaxBufferSize(std::int32_t max_data_sample_size) override {
+        return Request<std::int32_t>("GetMaxBufferSize", max_data_sample_size);
+    }
+    std::vector<std::string> ListRegisteredStreams() override {
+        return Request<std::vector<std::string>>("ListRegisteredStreams");
+    }
+    std::vector<std::string> ListConnectedBrokers() override {
+        return Request<std::vector<std::string>>("ListConnectedBrokers");
+    }
+    std::vector<std::string> GetCapabilities() override {
+        return Request<std::vector<std::string>>("GetCapabilities");
+    }
+
+private:
+    template <class Result, class... Arguments>
+    Result Request(const char* method, const Arguments&... arguments) {
+        return UnpackResult<Result>(method, channel_->Request(method, PackParams(arguments...)));
+    }
+
+    const std::unique_ptr<Channel> channel_;
+};
+
+}  // namespace
+
+DataBrokerRegistrationSync::~DataBrokerRegistrationSync() = default;
+
+std::unique_ptr<gorm::cor::rr::Client> MakeDataBrokerRegistrationClient(
+    std::unique_ptr<gorm::cor::rr::Channel> channel) {
+    return std::make_unique<DataBrokerRegistrationClient>(std::move(channel));
+}
+
+}  // namespace kvo
