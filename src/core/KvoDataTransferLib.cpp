@@ -87,7 +87,7 @@ void KvoDataTransferLib::SetQoS(int latency, int deadline) {
 }
 
 std::unique_ptr<DataBrokerRegistrationSync> KvoDataTransferLib::GetBrokerClient() {
-    return state->broker_client.Take();
+    return gorm::cor::in_forked_child() ? nullptr : state->broker_client.Take();
 }
 
 std::string KvoDataTransferLib::GetConfigFilePath() {

@@ -52,17 +52,23 @@ void StartHeartbeat(const std::shared_ptr<TransferState>& state, int period, std
         h.heartbeat_running = running;
         return h.heartbeat_stop_promise.get_future();
     }));
+    if (state->closed) {
+        // The object's destructor may have abandoned the heartbeat before this one was there.
+        AbandonHeartbeat(*state);
+    }
     StartDetached([state, stop, running] { HeartbeatThread(*state, *stop, *running); });
 }
 
 void StopHeartbeat(TransferState& state) {
+    // Asked once: a thread that begins to run only now has not been told to stop.
     const auto running = state.heartbeat.With([](Heartbeat& h) {
-        if (*h.heartbeat_running) {
-            h.heartbeat_stop_promise.set_value();
+        if (!*h.heartbeat_running) {
+            return std::shared_ptr<std::atomic<bool>>();
         }
+        h.heartbeat_stop_promise.set_value();
         return h.heartbeat_running;
     });
-    while (*running) {
+    while (running != nullptr && *running) {
         std::this_thread::sleep_for(kStopPoll);
     }
 }

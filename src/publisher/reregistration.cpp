@@ -11,17 +11,6 @@ std::string StreamOf(PublisherState& publisher) {
     return *publisher.registration.Get().data_stream_identifier;
 }
 
-// The publisher may have been destroyed, and so unregistered, while the broker was registering it
-// again: what nobody will ever unregister must not stay.
-void UndoIfClosed(PublisherState& publisher) {
-    if (publisher.transfer->closed) {
-        publisher.transfer->broker_client.Call(
-            "RemovePublisher", [&](DataBrokerRegistrationSync& broker) {
-                return broker.RemovePublisher(StreamOf(publisher));
-            });
-    }
-}
-
 }  // namespace
 
 int AddPublisher(PublisherState& publisher, const std::string& publisher_key) {
@@ -54,7 +43,13 @@ void ReregisterPublisher(PublisherState& publisher) {
             transfer.Log(4, "KvoDataPublisher: Error reregistering Publisher");
             return;
         }
-        UndoIfClosed(publisher);
+        if (transfer.closed) {
+            // Destroyed, and so unregistered, meanwhile: nobody else would ever remove it.
+            transfer.broker_client.Call("RemovePublisher", [&](DataBrokerRegistrationSync& broker) {
+                return broker.RemovePublisher(StreamOf(publisher));
+            });
+            return;
+        }
         publisher.registered = true;
         StartPublisherHeartbeat(publisher);
         transfer.connected_to_broker = true;

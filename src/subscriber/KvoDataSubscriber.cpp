@@ -53,10 +53,15 @@ KvoDataSubscriber::~KvoDataSubscriber() {
         return;
     }
     state->closed = true;
-    const auto registration = subscriber_state->registration.Exchange({});
-    if (registration.accessor != nullptr) {
+    // The names stay: a re-registration that is under way goes on to use them.
+    const auto [accessor, statistics_client] =
+        subscriber_state->registration.With([](SubscriberState::Registration& r) {
+            return std::pair(std::exchange(r.accessor, nullptr),
+                             std::exchange(r.statistics_client, nullptr));
+        });
+    if (accessor != nullptr) {
         // A slot may be what destroys us: it must not be called for the samples that remain.
-        registration.accessor->DataAvailableSignal().disconnect_all_slots();
+        accessor->DataAvailableSignal().disconnect_all_slots();
     }
     ReleaseNotifications(*subscriber_state);
     CloseLogger();
@@ -310,6 +315,9 @@ DataSample* KvoDataSubscriber::ReadData() {
 }
 
 boost::signals2::connection KvoDataSubscriber::connect(const boost::signals2::slot<void()>& slot) {
+    if (gorm::cor::in_forked_child()) {
+        throw std::logic_error("KvoDataSubscriber: connect() in a forked child");
+    }
     const auto accessor = subscriber_state->registration.With(
         [](const SubscriberState::Registration& r) { return r.accessor; });
     if (accessor == nullptr) {
@@ -319,8 +327,11 @@ boost::signals2::connection KvoDataSubscriber::connect(const boost::signals2::sl
 }
 
 StreamStatistics KvoDataSubscriber::get_statistics() {
-    const auto registration = subscriber_state->registration.Get();
     StreamStatistics statistics;
+    if (gorm::cor::in_forked_child()) {
+        return statistics;
+    }
+    const auto registration = subscriber_state->registration.Get();
     if (registration.statistics_client == nullptr) {
         return statistics;
     }

@@ -148,6 +148,10 @@ void StartNotificationSubscription(const std::shared_ptr<SubscriberState>& subsc
     auto stop = std::make_shared<std::future<void>>(promise.get_future());
     subscriber->notifications.With(
         [&](SubscriberState::Notifications& n) { std::swap(n.stop_promise, promise); });
+    if (subscriber->transfer->closed) {
+        // The subscriber's destructor may have released the one before.
+        ReleaseNotifications(*subscriber);
+    }
     StartDetached([subscriber, stop] { Subscribe(subscriber, *stop); });
 }
 

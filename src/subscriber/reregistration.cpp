@@ -59,9 +59,10 @@ void ReregisterSubscriber(const std::shared_ptr<SubscriberState>& subscriber) {
         return;
     }
     transfer.Log(2, "KvoDataSubscriber: Reregister at Broker...");
-    bool refused = true;
+    bool refused = false;
     for (int attempt = 0; attempt < subscriber->reregistration_attempts && !transfer.closed;
          ++attempt) {
+        refused = true;
         try {
             refused = AddSubscriber(*subscriber) != kRegistered;
             if (!refused) {
@@ -74,7 +75,7 @@ void ReregisterSubscriber(const std::shared_ptr<SubscriberState>& subscriber) {
             transfer.LogException(error, "KvoDataSubscriber: Reregister()");
         }
     }
-    if (refused) {
+    if (refused && !transfer.closed) {
         transfer.Log(4,
                      "KvoDataSubscriber: Reregistration failed. Please check the publisher and "
                      "restart the subscriber.");

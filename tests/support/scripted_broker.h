@@ -1,0 +1,109 @@
+#pragma once
+
+#include "captured_log.h"
+#include "gorm/cor/ps/publisher.h"
+#include "gorm/cor/rr/server.h"
+#include "gorm/cor/rr/service.h"
+#include "gorm/cor/service_loop.h"
+#include "kvo/memory/process_lock.h"
+#include "kvo/memory/stream_file.h"
+#include "temp_directory.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+namespace kvo::test {
+
+/// A broker whose every answer the test decides, on the real middleware. Without a script it
+/// accepts everything.
+/// Threads: any.
+class ScriptedBroker final : public gorm::cor::rr::Service {
+public:
+    struct Failure {
+        std::string text;  // the request is answered with this error
+    };
+    struct Silence {};  // answered when Resume() or Stop() comes, as Always says
+    struct Nothing {};
+    using Answer = std::variant<Nothing, bool, std::int32_t, std::string, std::vector<std::string>,
+                                Failure, Silence>;
+
+    ScriptedBroker();
+    ~ScriptedBroker() override;
+
+    std::string uri() const;  // without a path
+    std::string full_uri() const { return uri() + "/broker/Broker1"; }
+    std::uint16_t notification_port() const { return notification_port_; }
+
+    /// Answers every later call of the operation so.
+    void Always(const std::string& operation, Answer answer);
+    /// Answers the next calls of the operation so, one each, before what Always says.
+    void Next(const std::string& operation, std::vector<Answer> answers);
+    /// Ends the silence of all operations.
+    void Resume();
+
+    /// Closes both ports, as a broker that dies; Start opens the same ones again.
+    void Stop();
+    void Start();
+
+    /// What was called since the last Clear, in order, as "Operation(a, 1, true)": without
+    /// SendHeartbeat and GetCapabilities, whose time nobody fixes.
+    std::vector<std::string> calls() const;
+    std::size_t Count(const std::string& prefix) const;
+    bool WaitForCall(const std::string& prefix, std::size_t times = 1) const;
+    void ClearCalls();
+
+    struct Beat {
+        std::string id;
+        std::chrono::steady_clock::time_point at;
+    };
+    std::vector<Beat> beats() const;
+    bool WaitForBeats(std::size_t count) const;
+
+    /// Sends one notification to the subscribers of the stream; waits for the first of them.
+    /// @return false when nobody subscribed in time.
+    bool Notify(const std::string& stream, std::uint32_t type);
+    /// As Notify, but an event without a sample in it.
+    bool NotifyBytes(const std::string& stream, const std::string& bytes);
+
+    /// Makes a stream file and answers its path from now on.
+    StreamFile& CreateStream(const std::string& stream, int max_payload_bytes = 64,
+                             int retained_samples = 4);
+    const std::string& stream_path() const { return stream_path_; }
+
+private:
+    // On the loop.
+    std::string Dispatch(const gorm::cor::rr::Caller& caller, std::string_view method,
+                         const msgpack::object& params) override;
+
+    const TempDirectory directory_;
+    const std::shared_ptr<ProcessLock> lock_;
+    std::string stream_path_;
+    std::vector<std::unique_ptr<StreamFile>> stream_files_;
+
+    mutable std::mutex mutex_;
+    mutable std::condition_variable changed_;
+    std::map<std::string, Answer> always_;
+    std::map<std::string, std::deque<Answer>> next_;
+    std::vector<std::string> calls_;
+    std::vector<Beat> beats_;
+    std::map<std::string, int> subscriptions_;  // by path
+    int silence_ = 0;                           // rises with every Resume
+    bool stopped_ = true;
+
+    std::uint16_t port_ = 0;
+    std::uint16_t notification_port_ = 0;
+    gorm::cor::ServiceLoop loop_;
+    std::unique_ptr<gorm::cor::rr::Server> server_;
+    std::unique_ptr<gorm::cor::ps::Publisher> publisher_;
+};
+
+}  // namespace kvo::test

@@ -1,0 +1,88 @@
+#include "probes.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <thread>
+
+namespace kvo::test {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using std::chrono::steady_clock;
+
+const LogLine kStarted{1, "KvoDataTransferLib: HeartbeatThread started"};
+
+class HeartbeatTest : public testing::Test {
+protected:
+    HeartbeatTest() : object_(log_.kvo_logger()) {
+        EXPECT_EQ(object_.InitCOR(broker_.full_uri()), 1);
+        log_.Clear();
+    }
+
+    CapturedLog log_;
+    ScriptedBroker broker_;
+    TransferProbe object_;
+};
+
+TEST_F(HeartbeatTest, OneBeatAPeriodTheFirstAfterOnePeriod) {
+    const auto begin = steady_clock::now();
+    object_.StartHeartbeat(1, "cam");
+    ASSERT_TRUE(broker_.WaitForBeats(3));
+    object_.StopHeartbeat();
+    auto before = begin;
+    for (const ScriptedBroker::Beat& beat : broker_.beats()) {
+        EXPECT_EQ(beat.id, "cam");
+        EXPECT_GT(beat.at - before, milliseconds(900));
+        EXPECT_LT(beat.at - before, seconds(4));
+        before = beat.at;
+    }
+    EXPECT_EQ(log_.lines(), Lines({kStarted}));
+}
+
+TEST_F(HeartbeatTest, APeriodBelowOneStartsNothing) {
+    for (const int period : {0, -5}) {
+        log_.Clear();
+        object_.StartHeartbeat(period, "cam");
+        EXPECT_EQ(log_.lines(), Lines({{3, "KvoDataTransferLib: Heartbeat not activated!"}}));
+        EXPECT_EQ(object_.transfer().heartbeat_period, period);
+        object_.StopHeartbeat();  // returns at once, twice
+        object_.StopHeartbeat();
+    }
+    EXPECT_TRUE(broker_.beats().empty());
+}
+
+TEST_F(HeartbeatTest, AStopWakesTheThreadAndAStartBeginsAgain) {
+    for (int i = 0; i < 3; ++i) {
+        log_.Clear();
+        object_.StartHeartbeat(3600, "cam");
+        ASSERT_TRUE(object_.WaitForHeartbeat(true));
+        const auto begin = steady_clock::now();
+        object_.StopHeartbeat();
+        EXPECT_LT(steady_clock::now() - begin, seconds(2));
+        EXPECT_FALSE(object_.heartbeat_running());
+        EXPECT_EQ(log_.lines(), Lines({kStarted}));
+    }
+}
+
+TEST_F(HeartbeatTest, AStopRightAfterAStartReturnsWhetherTheThreadRunsYetOrNot) {
+    for (int i = 0; i < 300; ++i) {
+        object_.StartHeartbeat(3600, "cam");
+        object_.StopHeartbeat();
+    }
+    ASSERT_TRUE(log_.WaitFor(kStarted, 300));
+}
+
+TEST_F(HeartbeatTest, AFailedBeatIsLoggedAndTheNextOneComes) {
+    broker_.Next("SendHeartbeat",
+                 {ScriptedBroker::Failure{"not you"}, ScriptedBroker::Failure{"not you"}});
+    object_.StartHeartbeat(1, "cam");
+    ASSERT_TRUE(broker_.WaitForBeats(3));
+    object_.StopHeartbeat();
+    EXPECT_TRUE(LoggedException(log_, "not you", "KvoDataTransferLib: HeartbeatThread()"));
+    EXPECT_EQ(log_.Count("thrown in KvoDataTransferLib: HeartbeatThread()"), 2U);
+}
+
+}  // namespace
+}  // namespace kvo::test
