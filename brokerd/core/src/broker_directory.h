@@ -1,0 +1,33 @@
+#pragma once
+
+#include "kvo/memory/process_lock.h"
+
+#include <memory>
+#include <string>
+
+namespace kvo::brokerd {
+
+/// The directory of a broker's stream files, held by at most one broker at a time.
+/// Threads: one.
+class BrokerDirectory {
+public:
+    /// Makes the directory where it is missing and takes it; throws std::runtime_error when
+    /// another broker has it (naming its process) or it belongs to somebody else.
+    explicit BrokerDirectory(std::string path);
+    BrokerDirectory(const BrokerDirectory&) = delete;
+    BrokerDirectory& operator=(const BrokerDirectory&) = delete;
+    /// Gives it up, and removes it when nothing is left in it and nobody uses it.
+    ~BrokerDirectory();
+
+    const std::string& path() const { return path_; }
+    ProcessLock& processes() { return *processes_; }
+
+private:
+    void Lock();
+
+    const std::string path_;
+    int lock_file_ = -1;
+    std::shared_ptr<ProcessLock> processes_;
+};
+
+}  // namespace kvo::brokerd

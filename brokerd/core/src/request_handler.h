@@ -1,0 +1,56 @@
+#pragma once
+
+#include "kvo/broker/data_broker_registration_handler.h"
+#include "stream_registry.h"
+
+namespace kvo::brokerd {
+
+/// The operations of the wire on a registry. Threads: the service loop.
+class RequestHandler final : public DataBrokerRegistrationHandler {
+public:
+    struct Answers {
+        std::int32_t heartbeat_period_s;
+        std::int32_t heartbeat_timeout_s;
+        std::int32_t notification_port;
+    };
+    RequestHandler(StreamRegistry& registry, StreamFiles& files, const Answers& answers)
+        : registry_(registry), files_(files), answers_(answers) {}
+
+    void SendHeartbeat(const Caller& caller, const std::string& client_id) override;
+    std::int32_t AddPublisher(const Caller& caller, const std::string& stream,
+                              std::int32_t latency_ms, std::int32_t deadline_s,
+                              std::int32_t max_data_sample_size, std::int32_t number_of_samples,
+                              bool compute_checksum, const std::string& publisher_key) override;
+    std::int32_t RemovePublisher(const Caller& caller, const std::string& stream) override;
+    void NotifyNewData(const Caller& caller, const std::string& stream) override;
+    std::int32_t AddSubscriber(const Caller& caller, const std::string& subscriber_uuid,
+                               const std::string& stream, const std::string& remote_broker_uri,
+                               std::int32_t latency_ms, std::int32_t deadline_s) override;
+    std::int32_t RemoveSubscriber(const Caller& caller, const std::string& stream,
+                                  const std::string& subscriber_uuid) override;
+    std::string GetPublisherKey(const Caller& caller, const std::string& stream) override;
+    std::int32_t GetNotificationPort(const Caller& caller, const std::string& stream) override;
+    std::vector<std::string> GetStreamStatistics(const Caller& caller,
+                                                 const std::string& stream) override;
+    std::int32_t GetHeartbeatPeriod(const Caller& caller) override;
+    std::int32_t GetHeartbeatTimeout(const Caller& caller) override;
+    std::string GetShmFilePath(const Caller& caller, const std::string& stream) override;
+    std::string GetExistingShmPath(const Caller& caller, const std::string& stream) override;
+    bool IsStreamIdFree(const Caller& caller, const std::string& stream) override;
+    bool HasLocalPublisher(const Caller& caller, const std::string& stream) override;
+    bool HasRemotePublisher(const Caller& caller, const std::string& remote_broker_uri,
+                            const std::string& stream) override;
+    void ReportDataWritten(const Caller& caller, const std::string& stream,
+                           std::int32_t payload_size, std::int64_t written_ms) override;
+    std::int32_t GetMaxBufferSize(const Caller& caller, std::int32_t max_data_sample_size) override;
+    std::vector<std::string> ListRegisteredStreams(const Caller& caller) override;
+    std::vector<std::string> ListConnectedBrokers(const Caller& caller) override;
+    std::vector<std::string> GetCapabilities(const Caller& caller) override;
+
+private:
+    StreamRegistry& registry_;
+    StreamFiles& files_;
+    const Answers answers_;
+};
+
+}  // namespace kvo::brokerd

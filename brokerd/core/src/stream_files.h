@@ -1,0 +1,68 @@
+#pragma once
+
+#include "kvo/memory/process_lock.h"
+#include "kvo/memory/stream_file.h"
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace kvo::brokerd {
+
+/// Makes and removes the stream files of one directory and accounts for their memory.
+/// Threads: one.
+class StreamFiles {
+public:
+    /// @param budget_bytes of all files; 0: half of the file system.
+    StreamFiles(std::string directory, std::uint64_t budget_bytes, const SpareSlots& spare,
+                ProcessLock& processes);
+
+    std::string PathOf(const std::string& stream) const;
+
+    /// Throws std::invalid_argument naming the value out of range.
+    StreamGeometry Plan(std::int32_t sample_bytes, std::int32_t samples) const {
+        return PlanGeometry(sample_bytes, samples, spare_);
+    }
+    /// Bytes that new files may take: what the budget leaves, at most what is free.
+    std::uint64_t AvailableBytes() const;
+    /// The most that AddPublisher takes for samples of this size: sample_bytes times the largest
+    /// number of samples that still fits, cut at INT32_MAX; 0 below 1 byte.
+    std::int32_t LargestBuffer(std::int32_t sample_bytes) const;
+
+    /// A fresh file at the stream's path; what was there, `before`, is retired and its memory
+    /// counts until its readers have gone. Throws std::system_error when there is no room; then
+    /// nothing has changed.
+    std::unique_ptr<StreamFile> Create(const std::string& stream, const StreamGeometry& geometry,
+                                       const std::string& publisher_key, bool checksum,
+                                       std::unique_ptr<StreamFile>& before);
+
+    /// Unlinks the file; its memory counts until its readers have gone.
+    void Remove(std::unique_ptr<StreamFile> file);
+
+    /// At the start: the files of streams whose writer lives. All others, and what was left half
+    /// made, are removed.
+    std::vector<std::unique_ptr<StreamFile>> Sweep(
+        const std::function<void(const std::string&)>& log);
+
+    /// Lets go of removed files that nobody uses any more.
+    void ForgetUnused();
+
+    bool InUse(const StreamFile& file) const { return file.InUse(processes_); }
+    bool WriterLives(const StreamFile& file) const;
+    int ReapDeadReaders(StreamFile& file) { return file.ReapDeadReaders(processes_); }
+
+private:
+    void Take(const StreamFile& file) { used_bytes_ += file.geometry().total_bytes(); }
+
+    const std::string directory_;
+    const std::uint64_t budget_bytes_;
+    const SpareSlots spare_;
+    ProcessLock& processes_;
+    std::uint64_t used_bytes_ = 0;
+    std::uint64_t last_epoch_ = 0;
+    std::vector<std::unique_ptr<StreamFile>> removed_;  // with readers still in them
+};
+
+}  // namespace kvo::brokerd

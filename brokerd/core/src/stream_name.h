@@ -1,0 +1,22 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace kvo::brokerd {
+
+inline constexpr std::size_t kMaxNameBytes = 255;
+
+/// Whether the text can name a stream: 1 to 255 of the characters that the path of a URI carries
+/// as they are (RFC 3986, pchar without percent-encoding, and '/').
+bool IsWellFormedName(std::string_view name);
+
+/// The name of the stream's file: a digest, and what of the name is readable. Different names
+/// never share one, and none leaves the directory.
+std::string FileNameOf(std::string_view stream);
+inline constexpr std::string_view kStreamFileSuffix = ".stream";
+
+/// A foreign text for logs and answers: quoted, shortened, without control characters.
+std::string Quoted(std::string_view text);
+
+}  // namespace kvo::brokerd

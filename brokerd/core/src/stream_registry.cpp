@@ -1,0 +1,390 @@
+#include "stream_registry.h"
+
+#include "kvo/broker/broker_result.h"
+#include "publisher_key.h"
+#include "stream_name.h"
+
+#include <algorithm>
+#include <stdexcept>
+#include <system_error>
+#include <utility>
+
+namespace kvo::brokerd {
+namespace {
+
+constexpr std::int32_t kNotRegistered = -1;
+constexpr std::size_t kReapedAtOnce = 64;
+constexpr std::chrono::seconds kDepartureGrace{5};
+
+bool HoldsSample(const StreamFile& file) {
+    return file.writer_state().newest_sequence > 0;
+}
+
+}  // namespace
+
+StreamRegistry::StreamRegistry(const Settings& settings, StreamFiles& files,
+                               const Processes& processes, const SupervisedTime& time,
+                               Notify notify, Log log)
+    : settings_(settings),
+      files_(files),
+      processes_(processes),
+      time_(time),
+      notify_(std::move(notify)),
+      log_(std::move(log)) {}
+
+void StreamRegistry::Adopt(std::vector<std::unique_ptr<StreamFile>> files) {
+    for (auto& file : files) {
+        const std::string name = file->stream();
+        log_(2, "stream " + Quoted(name) + " has a living writer and waits for it");
+        streams_[name].file = std::move(file);
+    }
+}
+
+std::int32_t StreamRegistry::Refuse(std::int32_t code, const std::string& why) {
+    log_(3, "refused (" + std::to_string(code) + "): " + why);
+    return code;
+}
+
+// Judged now, not by the last sweep: the name of a dead publisher is free at once.
+bool StreamRegistry::HasLivingPublisher(const std::string& name, Stream& stream) {
+    if (!stream.publisher) {
+        return false;
+    }
+    if (Judge(stream.publisher->client) == Client::State::kDead) {
+        EndPublisher(name, stream, "its process has died");
+        return false;
+    }
+    return true;
+}
+
+bool StreamRegistry::KnowsKey(const Stream& stream, const std::string& key) const {
+    if (key.empty()) {
+        return false;
+    }
+    if (stream.publisher) {
+        return SameKey(stream.publisher->key, key);
+    }
+    return stream.file != nullptr && stream.file->key_digest() == DigestKey(key);
+}
+
+std::int32_t StreamRegistry::AddPublisher(const std::string& identity,
+                                          const Publication& publication) {
+    const std::string& name = publication.stream;
+    if (!IsWellFormedName(name)) {
+        return Refuse(kIllFormedName, Quoted(name) +
+                                          " cannot name a stream: 1 to 255 letters, "
+                                          "digits and -._~!$&'()*+,;=:@/");
+    }
+    StreamGeometry geometry;
+    try {
+        geometry = files_.Plan(publication.sample_bytes, publication.samples);
+    } catch (const std::invalid_argument& error) {
+        return Refuse(kIllFormedGeometry, "stream " + Quoted(name) + ": " + error.what());
+    }
+    if (streams_.count(name) == 0 && streams_.size() >= settings_.max_streams) {
+        return Refuse(kLimitReached, "stream " + Quoted(name) + ": there are already " +
+                                         std::to_string(settings_.max_streams) + " streams");
+    }
+    const auto known = streams_.find(name);
+    if (known != streams_.end()) {
+        Stream& stream = known->second;
+        if (KnowsKey(stream, publication.key)) {
+            const bool same_shape =
+                stream.file != nullptr && !stream.file->writer_state().retired &&
+                stream.file->geometry().max_payload_bytes == geometry.max_payload_bytes &&
+                stream.file->geometry().retained_samples == geometry.retained_samples;
+            return same_shape ? Resume(identity, publication, stream)
+                              : Begin(identity, publication, geometry);
+        }
+        if (HasLivingPublisher(name, stream)) {
+            return Refuse(kStreamInUse, "stream " + Quoted(name) + " has a publisher");
+        }
+        if (stream.file != nullptr && !stream.file->writer_state().retired &&
+            files_.WriterLives(*stream.file)) {
+            return Refuse(kShmFileExists,
+                          "the file of stream " + Quoted(name) +
+                              " is written by a process that has not registered again: " +
+                              stream.file->path());
+        }
+    }
+    return Begin(identity, publication, geometry);
+}
+
+// The publisher of before goes on in its segment: same epoch, same sequence.
+std::int32_t StreamRegistry::Resume(const std::string& identity, const Publication& publication,
+                                    Stream& stream) {
+    stream.publisher = Publisher{Client(identity, time_.Now()), publication.key};
+    stream.removal_due.reset();
+    log_(2, "stream " + Quoted(publication.stream) + ": publisher registered again");
+    notify_(publication.stream, PUB_REG);
+    if (HoldsSample(*stream.file)) {
+        notify_(publication.stream, NEW_DATA);
+    }
+    return kRegistered;
+}
+
+std::int32_t StreamRegistry::Begin(const std::string& identity, const Publication& publication,
+                                   const StreamGeometry& geometry) {
+    const std::string& name = publication.stream;
+    const std::string stream_text = "stream " + Quoted(name);
+    if (const std::uint64_t available = files_.AvailableBytes();
+        geometry.total_bytes() > available) {
+        return Refuse(kNotEnoughMemory, stream_text + " needs " +
+                                            std::to_string(geometry.total_bytes()) +
+                                            " bytes of shared memory, " +
+                                            std::to_string(available) + " are available");
+    }
+    const std::string key = publication.key.empty() ? DrawPublisherKey() : publication.key;
+    const auto [place, added] = streams_.try_emplace(name);
+    Stream& stream = place->second;
+    try {
+        stream.file = files_.Create(name, geometry, key, publication.checksum, stream.file);
+    } catch (const std::system_error& error) {
+        if (added) {
+            streams_.erase(place);
+        }
+        if (error.code() == std::errc::no_space_on_device) {
+            return Refuse(kNotEnoughMemory, stream_text + ": " + error.what());
+        }
+        throw;
+    }
+    stream.publisher = Publisher{Client(identity, time_.Now()), key};
+    stream.removal_due.reset();
+    log_(2, stream_text + ": publisher registered, " + std::to_string(publication.samples) +
+                " samples of " + std::to_string(publication.sample_bytes) + " bytes");
+    notify_(name, PUB_REG);
+    return kRegistered;
+}
+
+void StreamRegistry::EndPublisher(const std::string& name, Stream& stream, const char* why) {
+    log_(2, "stream " + Quoted(name) + ": publisher unregistered, " + why);
+    stream.publisher.reset();
+    if (stream.file != nullptr) {
+        stream.file->Retire();
+        stream.removal_due = time_.Now() + settings_.removal_grace;
+    }
+    notify_(name, PUB_UNREG);
+}
+
+std::int32_t StreamRegistry::RemovePublisher(const std::string& identity, const std::string& name) {
+    Stream* const stream = StreamOf(identity, name);
+    if (stream == nullptr) {
+        return Refuse(kNotRegistered,
+                      "the caller does not publish " + Quoted(name) + " and cannot remove it");
+    }
+    EndPublisher(name, *stream, "by itself");
+    return kRegistered;
+}
+
+std::int32_t StreamRegistry::AddSubscriber(const std::string& identity, const std::string& uuid,
+                                           const std::string& name,
+                                           const std::string& remote_broker) {
+    if (!IsWellFormedName(name) || !IsWellFormedName(uuid)) {
+        return Refuse(kIllFormedName,
+                      Quoted(name) + " cannot name a stream, or " + Quoted(uuid) + " a subscriber");
+    }
+    if (!remote_broker.empty()) {
+        return Refuse(kUnknownRemoteBroker, "stream " + Quoted(name) + " of the remote broker " +
+                                                Quoted(remote_broker) +
+                                                ": this broker works with no other one");
+    }
+    if (streams_.count(name) == 0 && streams_.size() >= settings_.max_streams) {
+        return Refuse(kLimitReached, "stream " + Quoted(name) + ": there are already " +
+                                         std::to_string(settings_.max_streams) + " streams");
+    }
+    streams_[name].subscribers.insert_or_assign(uuid, Client(identity, time_.Now()));
+    subscriptions_[uuid].insert(name);
+    return kRegistered;
+}
+
+std::int32_t StreamRegistry::RemoveSubscriber(const std::string& name, const std::string& uuid) {
+    const auto found = streams_.find(name);
+    if (found == streams_.end() || found->second.subscribers.erase(uuid) == 0) {
+        return kNotRegistered;
+    }
+    ForgetSubscription(uuid, name);
+    departed_[uuid] = time_.Now() + kDepartureGrace;
+    if (found->second.unused()) {
+        streams_.erase(found);
+    }
+    return kRegistered;
+}
+
+void StreamRegistry::ForgetSubscription(const std::string& uuid, const std::string& name) {
+    const auto found = subscriptions_.find(uuid);
+    found->second.erase(name);
+    if (found->second.empty()) {
+        subscriptions_.erase(found);
+    }
+}
+
+void StreamRegistry::Beat(const std::string& identity, const std::string& id) {
+    bool known = false;
+    const auto beat = [&](Client& client) {
+        if (client.Is(identity)) {
+            client.Beat(time_.Now());
+            known = true;
+        }
+    };
+    if (const auto found = streams_.find(id); found != streams_.end() && found->second.publisher) {
+        beat(found->second.publisher->client);
+    }
+    if (const auto found = subscriptions_.find(id); found != subscriptions_.end()) {
+        for (const std::string& name : found->second) {
+            beat(streams_.at(name).subscribers.at(id));
+        }
+    }
+    // A client takes its leave before it ends its heartbeats.
+    if (!known && departed_.count(id) == 0) {
+        throw std::runtime_error("heartbeat of " + Quoted(id) +
+                                 ": the caller has registered nothing under this id");
+    }
+}
+
+StreamRegistry::Stream* StreamRegistry::StreamOf(const std::string& identity,
+                                                 const std::string& name) {
+    const auto found = streams_.find(name);
+    const bool owned = found != streams_.end() && found->second.publisher &&
+                       found->second.publisher->client.Is(identity);
+    return owned ? &found->second : nullptr;
+}
+
+void StreamRegistry::NewData(const std::string& identity, const std::string& name) {
+    if (StreamOf(identity, name) != nullptr) {
+        notify_(name, NEW_DATA);
+    }
+}
+
+void StreamRegistry::Written(const std::string& identity, const std::string& name,
+                             std::int64_t written_ms) {
+    Stream* const stream = StreamOf(identity, name);
+    if (stream != nullptr && written_ms > 0) {
+        stream->last_write_ms = static_cast<std::uint64_t>(written_ms);
+    }
+}
+
+void StreamRegistry::Listening(const std::string& name) {
+    const auto found = streams_.find(name);
+    // Whether or not its publisher is there just now: what it has written can be read.
+    if (found != streams_.end() && found->second.file != nullptr &&
+        HoldsSample(*found->second.file)) {
+        notify_(name, NEW_DATA);
+    }
+}
+
+std::string StreamRegistry::KeyFor(const std::string& identity, const std::string& name) const {
+    const auto found = streams_.find(name);
+    if (found == streams_.end() || !found->second.publisher ||
+        !found->second.publisher->client.Is(identity)) {
+        throw std::runtime_error("the caller does not publish " + Quoted(name));
+    }
+    return found->second.publisher->key;
+}
+
+bool StreamRegistry::IsPublished(const std::string& name) {
+    const auto found = streams_.find(name);
+    return found != streams_.end() && HasLivingPublisher(name, found->second);
+}
+
+std::vector<std::string> StreamRegistry::Published() {
+    std::vector<std::string> names;
+    for (auto& [name, stream] : streams_) {
+        if (HasLivingPublisher(name, stream)) {
+            names.push_back(name);
+        }
+    }
+    return names;
+}
+
+std::optional<StreamStatistics> StreamRegistry::StatisticsOf(const std::string& name) const {
+    const auto found = streams_.find(name);
+    if (found == streams_.end()) {
+        return std::nullopt;
+    }
+    const Stream& stream = found->second;
+    StreamStatistics statistics;
+    statistics.last_write_ms = stream.last_write_ms;
+    statistics.subscribers = stream.subscribers.size();
+    statistics.published = stream.publisher.has_value();
+    statistics.path = files_.PathOf(name);
+    if (stream.file != nullptr) {
+        const WriterState writer = stream.file->writer_state();
+        statistics.last_write_ms = std::max(statistics.last_write_ms, writer.last_write_ms);
+        statistics.samples = writer.written;
+        statistics.payload_bytes = writer.payload_bytes;
+        statistics.dropped = writer.dropped + writer.discarded;
+    }
+    return statistics;
+}
+
+void StreamRegistry::RemoveFile(const std::string& name, Stream& stream) {
+    stream.removal_due.reset();
+    files_.Remove(std::move(stream.file));
+    log_(2, "stream " + Quoted(name) + ": file removed");
+    notify_(name, SHM_DEL);
+}
+
+void StreamRegistry::SuperviseStream(const std::string& name, Stream& stream) {
+    if (stream.publisher) {
+        switch (Judge(stream.publisher->client)) {
+            case Client::State::kAlive:
+                break;
+            case Client::State::kDead:
+                EndPublisher(name, stream, "its process has died");
+                break;
+            case Client::State::kSilent:
+                EndPublisher(name, stream, "its heartbeats have ended");
+                break;
+        }
+    } else if (stream.file != nullptr && !stream.removal_due && !files_.WriterLives(*stream.file)) {
+        // Left by an earlier broker, and its writer never came back.
+        stream.file->Retire();
+        RemoveFile(name, stream);
+    }
+    for (auto entry = stream.subscribers.begin(); entry != stream.subscribers.end();) {
+        if (Judge(entry->second) == Client::State::kAlive) {
+            ++entry;
+            continue;
+        }
+        log_(2, "stream " + Quoted(name) + ": subscriber " + Quoted(entry->first) + " is gone");
+        ForgetSubscription(entry->first, name);
+        entry = stream.subscribers.erase(entry);
+    }
+    if (stream.removal_due && time_.Now() >= *stream.removal_due) {
+        RemoveFile(name, stream);
+    }
+}
+
+void StreamRegistry::Supervise() {
+    for (auto entry = streams_.begin(); entry != streams_.end();) {
+        SuperviseStream(entry->first, entry->second);
+        entry = entry->second.unused() ? streams_.erase(entry) : std::next(entry);
+    }
+    std::erase_if(departed_, [this](const auto& entry) { return time_.Now() >= entry.second; });
+    files_.ForgetUnused();
+}
+
+void StreamRegistry::ReapSome() {
+    auto entry = streams_.upper_bound(last_reaped_);
+    for (std::size_t i = 0; i < std::min(kReapedAtOnce, streams_.size()); ++i) {
+        if (entry == streams_.end()) {
+            entry = streams_.begin();
+        }
+        if (entry->second.file != nullptr) {
+            files_.ReapDeadReaders(*entry->second.file);
+        }
+        last_reaped_ = entry->first;
+        ++entry;
+    }
+}
+
+void StreamRegistry::Leave() {
+    for (auto& [name, stream] : streams_) {
+        if (stream.file != nullptr && !files_.InUse(*stream.file)) {
+            files_.Remove(std::move(stream.file));
+        }
+    }
+    streams_.clear();
+}
+
+}  // namespace kvo::brokerd

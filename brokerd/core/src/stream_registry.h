@@ -1,0 +1,135 @@
+#pragma once
+
+#include "kvo/broker/notification_sample.h"
+#include "liveness.h"
+#include "stream_files.h"
+#include "supervised_time.h"
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace kvo::brokerd {
+
+struct StreamStatistics {
+    std::uint64_t last_write_ms = 0;
+    std::size_t subscribers = 0;
+    std::uint64_t samples = 0;
+    std::uint64_t payload_bytes = 0;
+    std::uint64_t dropped = 0;
+    bool published = false;
+    std::string path;
+};
+
+/// The streams of a broker: who publishes and who subscribes, for how long, and which file each
+/// stream has. Tells subscribers through `notify`, in the order of events.
+/// Knows callers by their identity: 16 opaque bytes, or none.
+/// Threads: one.
+class StreamRegistry {
+public:
+    struct Settings {
+        std::chrono::seconds heartbeat_timeout;  // 0: heartbeats are not supervised
+        std::chrono::milliseconds removal_grace;
+        std::uint32_t max_streams;
+    };
+    using Notify = std::function<void(const std::string& stream, NotificationType type)>;
+    using Log = std::function<void(int level, const std::string& text)>;
+
+    StreamRegistry(const Settings& settings, StreamFiles& files, const Processes& processes,
+                   const SupervisedTime& time, Notify notify, Log log);
+
+    /// Takes up what an earlier broker has left in the directory.
+    void Adopt(std::vector<std::unique_ptr<StreamFile>> files);
+
+    /// @return BrokerResult
+    struct Publication {
+        std::string stream;
+        std::int32_t sample_bytes;
+        std::int32_t samples;
+        bool checksum;
+        std::string key;  // empty: the first registration
+    };
+    std::int32_t AddPublisher(const std::string& identity, const Publication& publication);
+    /// @return 1, or -1 when the caller does not publish the stream.
+    std::int32_t RemovePublisher(const std::string& identity, const std::string& stream);
+    /// @param remote_broker empty: the stream is of this host. @return BrokerResult
+    std::int32_t AddSubscriber(const std::string& identity, const std::string& uuid,
+                               const std::string& stream, const std::string& remote_broker);
+    /// @return 1, or -1 when there is no such subscriber.
+    std::int32_t RemoveSubscriber(const std::string& stream, const std::string& uuid);
+
+    /// @param id stream of a publisher, uuid of a subscriber. Throws std::runtime_error naming the
+    /// id when the caller has registered nothing under it.
+    void Beat(const std::string& identity, const std::string& id);
+
+    /// Of the stream's publisher; from others they are ignored.
+    void NewData(const std::string& identity, const std::string& stream);
+    void Written(const std::string& identity, const std::string& stream, std::int64_t written_ms);
+
+    /// Somebody has begun to listen to the stream: he is told of what is there.
+    void Listening(const std::string& stream);
+
+    /// Throws std::runtime_error when the caller does not publish the stream.
+    std::string KeyFor(const std::string& identity, const std::string& stream) const;
+    bool IsPublished(const std::string& stream);
+    std::vector<std::string> Published();
+    /// None: the stream is unknown.
+    std::optional<StreamStatistics> StatisticsOf(const std::string& stream) const;
+
+    /// Judges everybody: to be called often, and at once when a connection was lost.
+    void Supervise();
+    /// Takes back the rows of dead readers, in some streams at each call.
+    void ReapSome();
+    /// The end: removes the files that no living process uses.
+    void Leave();
+
+private:
+    struct Publisher {
+        Client client;
+        std::string key;
+    };
+    struct Stream {
+        std::optional<Publisher> publisher;
+        std::map<std::string, Client> subscribers;  // by uuid
+        std::unique_ptr<StreamFile> file;
+        std::optional<TimePoint> removal_due;
+        std::uint64_t last_write_ms = 0;
+        bool unused() const { return !publisher && subscribers.empty() && file == nullptr; }
+    };
+    using Streams = std::map<std::string, Stream>;
+
+    Client::State Judge(Client& client) const {
+        return client.Judge(processes_, time_.Now(), settings_.heartbeat_timeout);
+    }
+    std::int32_t Refuse(std::int32_t code, const std::string& why);
+    bool HasLivingPublisher(const std::string& name, Stream& stream);
+    bool KnowsKey(const Stream& stream, const std::string& key) const;
+    std::int32_t Resume(const std::string& identity, const Publication& publication,
+                        Stream& stream);
+    std::int32_t Begin(const std::string& identity, const Publication& publication,
+                       const StreamGeometry& geometry);
+    void EndPublisher(const std::string& name, Stream& stream, const char* why);
+    void ForgetSubscription(const std::string& uuid, const std::string& name);
+    void RemoveFile(const std::string& name, Stream& stream);
+    void SuperviseStream(const std::string& name, Stream& stream);
+    Stream* StreamOf(const std::string& identity, const std::string& name);
+
+    const Settings settings_;
+    StreamFiles& files_;
+    const Processes& processes_;
+    const SupervisedTime& time_;
+    const Notify notify_;
+    const Log log_;
+    Streams streams_;
+    std::map<std::string, std::set<std::string>> subscriptions_;  // streams by uuid
+    std::map<std::string, TimePoint> departed_;  // subscribers that have just gone, until when
+    std::string last_reaped_;
+};
+
+}  // namespace kvo::brokerd

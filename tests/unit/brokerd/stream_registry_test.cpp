@@ -1,0 +1,202 @@
+#include "broker_fixture.h"
+#include "kvo/broker/broker_result.h"
+
+#include <gmock/gmock.h>
+
+#include <filesystem>
+#include <fstream>
+
+namespace kvo::brokerd {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Pair;
+
+class StreamRegistryTest : public BrokerParts {};
+
+TEST_F(StreamRegistryTest, RefusalsHaveTheirCodeTheirReasonAndNoConsequence) {
+    ASSERT_EQ(kRegistered, Add('a', "taken"));
+    const auto files_before = place.Content().size();
+    const struct {
+        const char* stream;
+        std::int32_t bytes;
+        std::int32_t samples;
+        std::int32_t code;
+        const char* reason;
+    } cases[] = {
+        {"", 64, 4, kIllFormedName, "cannot name a stream"},
+        {"two words", 0, 0, kIllFormedName, "two words"},
+        {"zero", 0, 4, kIllFormedGeometry, "0"},
+        {"negative", 64, -7, kIllFormedGeometry, "-7"},
+        {"taken", 64, 4, kStreamInUse, "taken"},
+        {"large", 1 << 20, 100, kNotEnoughMemory, "bytes of shared memory"},
+    };
+    for (const auto& refused : cases) {
+        log.clear();
+        EXPECT_EQ(refused.code, Add('b', refused.stream, "", refused.bytes, refused.samples))
+            << refused.stream;
+        EXPECT_THAT(log, HasSubstr(refused.reason));
+    }
+    EXPECT_EQ(files_before, place.Content().size());
+    log.clear();
+    EXPECT_EQ(kUnknownRemoteBroker,
+              registry->AddSubscriber("", "uuid", "taken", "wkp.rr://elsewhere:5000"));
+    EXPECT_THAT(log, HasSubstr("wkp.rr://elsewhere:5000"));
+    EXPECT_EQ(0U, registry->StatisticsOf("taken")->subscribers);
+    EXPECT_EQ(kRegistered, registry->AddSubscriber("", "uuid", "second", ""));
+    EXPECT_EQ(kRegistered, registry->AddSubscriber("", "uuid", "third", ""));
+    EXPECT_EQ(kLimitReached, Add('b', "fourth"));
+    EXPECT_EQ(kLimitReached, registry->AddSubscriber("", "uuid", "fourth", ""));
+    EXPECT_THAT(registry->Published(), ElementsAre("taken"));
+}
+
+TEST_F(StreamRegistryTest, TheKeyKeepsTheSegmentAndAnotherShapeMakesANewOne) {
+    ASSERT_EQ(kRegistered, Add('a', "s"));
+    const std::string key = KeyOf('a', "s");
+    const std::uint64_t epoch = EpochOf("s");
+    EXPECT_THROW(KeyOf('b', "s"), std::runtime_error);
+    EXPECT_EQ(std::string::npos, log.find(key));
+    const auto writer = WriterOf("s");
+    writer->WriteData(-1, 0, 0, nullptr, 0, nullptr, 0, 1);
+    TakeEvents();
+
+    EXPECT_EQ(kRegistered, Add('a', "s", key));
+    EXPECT_EQ(epoch, EpochOf("s"));
+    EXPECT_THAT(TakeEvents(), ElementsAre(Pair("s", PUB_REG), Pair("s", NEW_DATA)));
+    EXPECT_EQ(kStreamInUse, Add('b', "s", key.substr(1) + "x"));
+
+    EXPECT_EQ(kRegistered, Add('a', "s", key, 128));
+    EXPECT_LT(epoch, EpochOf("s"));
+    writer->WriteData(-1, 0, 0, nullptr, 0, nullptr, 0, 1);
+    EXPECT_EQ(1U, writer->writer_counters().discarded);
+}
+
+TEST_F(StreamRegistryTest, ADeadPublisherIsToldOfAtOnceAndItsFileGoesAfterTheGrace) {
+    processes.tags[IdentityOf('a')] = {7, 1};
+    ASSERT_EQ(kRegistered, Add('a', "s"));
+    Pass(kTick);
+    TakeEvents();
+    processes.dead.insert(7);
+    EXPECT_FALSE(registry->IsPublished("s"));
+    registry->Supervise();
+    EXPECT_THAT(TakeEvents(), ElementsAre(Pair("s", PUB_UNREG)));
+    Pass(std::chrono::milliseconds(1900));
+    EXPECT_THAT(TakeEvents(), IsEmpty());
+    Pass(std::chrono::milliseconds(200));
+    EXPECT_THAT(TakeEvents(), ElementsAre(Pair("s", SHM_DEL)));
+    EXPECT_FALSE(std::filesystem::exists(files->PathOf("s")));
+    EXPECT_FALSE(registry->StatisticsOf("s"));
+}
+
+TEST_F(StreamRegistryTest, ASuccessorCancelsTheRemoval) {
+    ASSERT_EQ(kRegistered, Add('a', "s"));
+    const std::uint64_t epoch = EpochOf("s");
+    EXPECT_EQ(-1, registry->RemovePublisher(IdentityOf('b'), "s"));
+    EXPECT_EQ(1, registry->RemovePublisher(IdentityOf('a'), "s"));
+    EXPECT_EQ(-1, registry->RemovePublisher(IdentityOf('a'), "s"));
+    ASSERT_EQ(kRegistered, Add('b', "s"));
+    EXPECT_LT(epoch, EpochOf("s"));
+    Pass(std::chrono::seconds(5));
+    EXPECT_THAT(TakeEvents(),
+                ElementsAre(Pair("s", PUB_REG), Pair("s", PUB_UNREG), Pair("s", PUB_REG)));
+    EXPECT_TRUE(std::filesystem::exists(files->PathOf("s")));
+}
+
+TEST_F(StreamRegistryTest, SilenceEndsARegistrationButNotTheBrokersOwnPauses) {
+    ASSERT_EQ(kRegistered, Add('a', "s"));
+    ASSERT_EQ(kRegistered, registry->AddSubscriber(IdentityOf('b'), "uuid", "s", ""));
+    now += std::chrono::hours(1);  // the broker was stopped
+    time.Tick();
+    registry->Supervise();
+    EXPECT_TRUE(registry->IsPublished("s"));
+    Pass(std::chrono::seconds(8));
+    registry->Beat(IdentityOf('a'), "s");
+    EXPECT_THROW(registry->Beat(IdentityOf('b'), "s"), std::runtime_error);
+    EXPECT_THROW(registry->Beat(IdentityOf('a'), "uuid"), std::runtime_error);
+    EXPECT_THROW(registry->Beat(IdentityOf('a'), "nobody"), std::runtime_error);
+    Pass(std::chrono::seconds(8));
+    EXPECT_TRUE(registry->IsPublished("s"));
+    EXPECT_EQ(0U, registry->StatisticsOf("s")->subscribers);
+    Pass(std::chrono::seconds(3));
+    EXPECT_FALSE(registry->IsPublished("s"));
+}
+
+TEST_F(StreamRegistryTest, TheLargestBufferFitsAndOneSampleMoreDoesNot) {
+    for (const std::int32_t bytes : {1, 100, 5000, 1 << 20, 60 << 20}) {
+        const std::int32_t largest = files->LargestBuffer(bytes);
+        const std::int32_t samples = largest / bytes;
+        EXPECT_EQ(kNotEnoughMemory, Add('a', "s", "", bytes, samples + 1)) << bytes;
+        if (samples > 0) {
+            EXPECT_EQ(kRegistered, Add('a', "s", "", bytes, samples)) << bytes;
+            registry->RemovePublisher(IdentityOf('a'), "s");
+            Pass(std::chrono::seconds(3));
+        }
+    }
+    EXPECT_EQ(0, files->LargestBuffer(0));
+    EXPECT_EQ(0, files->LargestBuffer(-5));
+    EXPECT_EQ(0, files->LargestBuffer(65 << 20));
+}
+
+TEST_F(StreamRegistryTest, ARestartKeepsWhatIsWrittenAndClearsWhatIsNot) {
+    ASSERT_EQ(kRegistered, Add('a', "living"));
+    ASSERT_EQ(kRegistered, Add('a', "left"));
+    const std::string key = KeyOf('a', "living");
+    const std::uint64_t epoch = EpochOf("living");
+    auto writer = WriterOf("living");
+    std::ofstream(files->PathOf("garbage")) << "no stream file";
+    const std::string uuid(32, '0');
+    std::ofstream(directory.path() + "/" + uuid + ".pins");
+    std::ofstream(directory.path() + "/" + uuid + ".new");
+    const std::set<std::string> foreign{"notes.new", "bowling.pins", "mountain.stream"};
+    for (const std::string& name : foreign) {
+        std::ofstream(directory.path() + "/" + name);
+    }
+    writer->WriteData(-1, 0, 0, nullptr, 0, nullptr, 0, 1);
+    Restart();
+    EXPECT_THAT(log, HasSubstr("no stream file"));
+    for (const std::string& name : foreign) {
+        EXPECT_TRUE(std::filesystem::remove(directory.path() + "/" + name)) << name;
+    }
+    const auto content = place.Content();
+    // Folder, two locks, two files of the stream, and what is not ours.
+    EXPECT_EQ(6U, content.size()) << ::testing::PrintToString(content);
+
+    // Who listens before the publisher is back can read what it wrote.
+    TakeEvents();
+    registry->Listening("living");
+    registry->Listening("left");
+    EXPECT_THAT(TakeEvents(), ElementsAre(Pair("living", NEW_DATA)));
+
+    EXPECT_FALSE(registry->IsPublished("living"));
+    EXPECT_EQ(kShmFileExists, Add('b', "living"));
+    EXPECT_EQ(kRegistered, Add('a', "living", key));
+    EXPECT_EQ(epoch, EpochOf("living"));
+    EXPECT_EQ(key, KeyOf('a', "living"));
+
+    Restart();
+    TakeEvents();
+    writer.reset();  // and its publisher never comes back
+    registry->Supervise();
+    EXPECT_THAT(TakeEvents(), ElementsAre(Pair("living", SHM_DEL)));
+    EXPECT_FALSE(std::filesystem::exists(files->PathOf("living")));
+}
+
+TEST_F(StreamRegistryTest, AReaderKeepsTheMemoryOfARemovedFileInTheAccount) {
+    budget = 1U << 20;
+    Restart();
+    ASSERT_EQ(kRegistered, Add('a', "s", "", 64, 4));
+    const std::uint64_t available = files->AvailableBytes();
+    KvoMemoryAccessor reader(files->PathOf("s"), "s", nullptr, 0, 1);
+    reader.StartReading();
+    registry->RemovePublisher(IdentityOf('a'), "s");
+    Pass(std::chrono::seconds(3));
+    EXPECT_EQ(available, files->AvailableBytes());
+    reader.CloseSharedMemory();
+    registry->Supervise();
+    EXPECT_EQ(budget, files->AvailableBytes());
+}
+
+}  // namespace
+}  // namespace kvo::brokerd
