@@ -1,0 +1,66 @@
+"""A kvo-broker of one's own on a free port, with its stream files in a directory of its own."""
+
+import os
+import shutil
+import signal
+import subprocess
+import tempfile
+
+from lines import LineReader
+
+PATIENCE_S = 30
+
+
+class BrokerProcess:
+    ANNOUNCEMENT = "kvo-broker: listening at "
+
+    def __init__(self, program):
+        self.directory = tempfile.mkdtemp(prefix="kvo-test-", dir="/dev/shm")
+        self._program = program
+        self.port = 0
+        self._start()
+
+    def _start(self):
+        self._process = subprocess.Popen(
+            [self._program, "--port", str(self.port), "--directory", self.directory],
+            stdout=subprocess.PIPE)
+        try:
+            line = LineReader(self._process.stdout).next(PATIENCE_S)
+            if not line.startswith(self.ANNOUNCEMENT):
+                raise AssertionError(f"the broker said {line!r} instead of its address")
+        except AssertionError:
+            self.kill()
+            raise
+        self.uri = line[len(self.ANNOUNCEMENT):]
+        self.port = int(self.uri.rsplit(":", 1)[1])
+
+    def files(self):
+        return sorted(name for _, _, names in os.walk(self.directory) for name in names)
+
+    def kill(self):
+        """As a crash would: nothing is tidied up."""
+        self._end(signal.SIGKILL)
+
+    def start_again(self):
+        """At the same address and directory."""
+        self._start()
+
+    def stop(self):
+        """Ends the broker orderly, removes its directory and returns its exit code and the files
+        that it had left there."""
+        code = self._end(signal.SIGTERM)
+        left = self.files()
+        shutil.rmtree(self.directory, ignore_errors=True)
+        return code, left
+
+    def _end(self, signal_number):
+        if self._process.poll() is None:
+            self._process.send_signal(signal_number)
+        try:
+            return self._process.wait(timeout=PATIENCE_S)
+        except subprocess.TimeoutExpired:
+            self._process.kill()
+            self._process.wait()
+            raise
+        finally:
+            self._process.stdout.close()

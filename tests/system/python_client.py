@@ -1,0 +1,220 @@
+"""A client that knows nothing but docs/protocol.md: pyzmq and msgpack against a real broker."""
+
+import os
+import sys
+import time
+import unittest
+import uuid
+
+import msgpack
+import zmq
+
+from broker_process import BrokerProcess
+
+BROKER_PROGRAM = sys.argv.pop()
+PATH = b"/broker/Broker1"
+PATIENCE_MS = 10_000
+NEW_DATA, PUB_REG, PUB_UNREG, SHM_DEL = range(4)
+
+
+class RemoteError(Exception):
+    pass
+
+
+class Client:
+    def __init__(self, context, port, identity=None):
+        self.socket = context.socket(zmq.DEALER)
+        self.socket.linger = 0
+        self.socket.rcvtimeo = PATIENCE_MS
+        if identity is not None:
+            self.socket.routing_id = identity
+        self.socket.connect(f"tcp://127.0.0.1:{port}")
+        self.last_id = 0
+
+    def call(self, method, *params):
+        self.last_id += 1
+        self.send_raw(PATH, msgpack.packb([0, self.last_id, method, list(params)]))
+        return self.receive(self.last_id)
+
+    def receive(self, message_id):
+        path, message = self.socket.recv_multipart()
+        kind, answered, error, result = msgpack.unpackb(message)
+        assert (path, kind, answered) == (PATH, 1, message_id), (path, message)
+        if error is not None:
+            raise RemoteError(error)
+        return result
+
+    def notify(self, method, *params):
+        self.send_raw(PATH, msgpack.packb([2, method, list(params)]))
+
+    def send_raw(self, *frames):
+        self.socket.send_multipart(frames)
+
+
+class Topic:
+    def __init__(self, context, port, stream):
+        self.stream = stream
+        self.frame = f"/{stream}".encode() + b"\0"
+        self.socket = context.socket(zmq.SUB)
+        self.socket.linger = 0
+        self.socket.rcvtimeo = PATIENCE_MS
+        self.socket.subscribe(self.frame)
+        self.socket.connect(f"tcp://127.0.0.1:{port}")
+
+    def next_type(self):
+        frames = self.socket.recv_multipart()
+        kind, stream, event = msgpack.unpackb(frames[1])[:3]
+        assert frames[0] == self.frame, frames[0]
+        assert stream == self.stream and event in (0, 1), (stream, event)
+        return kind
+
+    def await_type(self, wanted):
+        """The types that came up to the first of the wanted one."""
+        seen = []
+        while not seen or seen[-1] != wanted:
+            seen.append(self.next_type())
+        return seen
+
+
+class WireContract(unittest.TestCase):
+    def setUp(self):
+        self.broker = BrokerProcess(BROKER_PROGRAM)
+        self.addCleanup(self.broker.stop)
+        self.context = zmq.Context()
+        self.addCleanup(self.context.destroy, linger=0)
+        self.client = self.connect()
+
+    def connect(self, identity=None):
+        client = Client(self.context, self.broker.port, identity)
+        self.addCleanup(client.socket.close)
+        return client
+
+    def listen(self, port, stream):
+        topic = Topic(self.context, port, stream)
+        self.addCleanup(topic.socket.close)
+        return topic
+
+    def connect_as_a_process(self):
+        return self.connect(uuid.uuid4().bytes.replace(b"\0", b"\1") + b"\0\0\0\1")
+
+    def add_publisher(self, stream, client=None, size=100, samples=4, key=""):
+        return (client or self.client).call("AddPublisher", stream, 250, 10, size, samples, False,
+                                            key)
+
+    def test_a_publisher_registers_reports_and_goes(self):
+        call = self.client.call
+        self.assertTrue(call("IsStreamIdFree", "py/a"))
+        self.assertEqual(self.add_publisher("py/a"), 1)
+        self.assertFalse(call("IsStreamIdFree", "py/a"))
+        self.assertTrue(call("HasLocalPublisher", "py/a"))
+        self.assertEqual(call("ListRegisteredStreams"), ["py/a"])
+        self.assertNotEqual(call("GetPublisherKey", "py/a"), "")
+        self.assertGreater(call("GetHeartbeatTimeout"), call("GetHeartbeatPeriod"))
+        self.assertIsNone(call("SendHeartbeat", "py/a"))
+        self.assertGreater(call("GetMaxBufferSize", 100), 0)
+        self.assertIsInstance(call("GetCapabilities"), list)
+        with open(call("GetShmFilePath", "py/a"), "rb") as stream_file:
+            self.assertEqual(len(stream_file.read(64)), 64)
+        self.assertEqual(call("RemovePublisher", "py/a"), 1)
+        self.assertFalse(call("HasLocalPublisher", "py/a"))
+
+    def test_a_subscriber_hears_what_happens_to_its_stream_only(self):
+        call = self.client.call
+        publisher = self.connect_as_a_process()
+        self.assertEqual(self.add_publisher("py/b", publisher), 1)
+        self.assertEqual(call("AddSubscriber", str(uuid.uuid4()), "py/b", "", 250, 10), 1)
+        port = call("GetNotificationPort", "py/b")
+        topic = self.listen(port, "py/b")
+        shorter = self.listen(port, "py")
+
+        # Nothing tells when a subscription has come through, so news are sent until one arrives.
+        deadline = time.monotonic() + PATIENCE_MS / 1000
+        while not topic.socket.poll(20) and time.monotonic() < deadline:
+            publisher.notify("NotifyNewData", "py/b")
+        self.assertEqual(topic.next_type(), NEW_DATA)
+
+        self.assertEqual(publisher.call("RemovePublisher", "py/b"), 1)
+        self.assertLessEqual(set(topic.await_type(PUB_UNREG)), {NEW_DATA, PUB_UNREG})
+        self.assertEqual(self.add_publisher("py/b", publisher), 1)
+        self.assertEqual(topic.await_type(PUB_REG)[-1], PUB_REG)
+        self.assertEqual(publisher.call("RemovePublisher", "py/b"), 1)
+        self.assertEqual(topic.await_type(SHM_DEL)[-2:], [PUB_UNREG, SHM_DEL])
+        self.assertEqual(shorter.socket.poll(0), 0)
+
+    def test_a_registration_belongs_to_its_process_and_to_who_has_the_key(self):
+        owner, other = self.connect_as_a_process(), self.connect_as_a_process()
+        self.assertEqual(self.add_publisher("py/f", owner), 1)
+        key = owner.call("GetPublisherKey", "py/f")
+        for stranger in (other, self.client):
+            self.assertEqual(stranger.call("RemovePublisher", "py/f"), -1)
+            self.assertEqual(self.add_publisher("py/f", stranger, key="guessed"), -3)
+            for method in ("SendHeartbeat", "GetPublisherKey"):
+                with self.assertRaisesRegex(RemoteError, "py/f"):
+                    stranger.call(method, "py/f")
+        with open(self.client.call("GetShmFilePath", "py/f"), "rb") as segment:
+            before = os.fstat(segment.fileno()).st_ino
+        self.assertEqual(self.add_publisher("py/f", other, key=key), 1)
+        self.assertEqual(os.stat(self.client.call("GetShmFilePath", "py/f")).st_ino, before)
+        self.assertEqual(other.call("RemovePublisher", "py/f"), 1)
+
+    def test_statistics_are_seven_strings(self):
+        call = self.client.call
+        self.add_publisher("py/c")
+        call("AddSubscriber", str(uuid.uuid4()), "py/c", "", 250, 10)
+        self.client.notify("ReportDataWritten", "py/c", 40, 1_700_000_000_123)
+        statistics = call("GetStreamStatistics", "py/c")
+        self.assertEqual(len(statistics), 7)
+        self.assertTrue(all(isinstance(element, str) for element in statistics))
+        self.assertEqual((statistics[1], statistics[5]), ("1", "1"))
+        self.assertEqual(statistics[6], call("GetShmFilePath", "py/c"))
+
+    def test_refusals_are_codes_and_leave_nothing_behind(self):
+        self.add_publisher("taken")
+        files = self.broker.files()
+        for stream, size, samples, code in (("taken", 100, 4, -3),
+                                            ("", 100, 4, -10),
+                                            ("two words", 100, 4, -10),
+                                            ("zero\0byte", 100, 4, -10),
+                                            ("x" * 300, 100, 4, -10),
+                                            ("negative", -1, 4, -11),
+                                            ("none", 100, 0, -11),
+                                            ("many", 100, 2**31 - 1, -11),
+                                            ("huge", 2**31 - 1, 1_000_000, -2)):
+            with self.subTest(stream=stream, size=size, samples=samples):
+                self.assertEqual(self.add_publisher(stream, self.connect(), size, samples), code)
+        self.assertEqual(self.broker.files(), files)
+        self.assertEqual(self.client.call("ListRegisteredStreams"), ["taken"])
+
+    def test_wrong_requests_get_an_error_and_the_next_one_an_answer(self):
+        for method, params in (("Unknown", ()),
+                               ("AddPublisher", ("py/d",)),
+                               ("GetMaxBufferSize", ("a text",)),
+                               ("GetMaxBufferSize", (2**40,)),
+                               ("IsStreamIdFree", ("py/d", "one too many"))):
+            with self.subTest(method=method, params=params):
+                with self.assertRaises(RemoteError) as caught:
+                    self.client.call(method, *params)
+                self.assertNotEqual(str(caught.exception), "")
+        self.client.send_raw(b"/broker/Broker2",
+                             msgpack.packb([0, 4711, "GetHeartbeatPeriod", []]))
+        frames = self.client.socket.recv_multipart()
+        self.assertEqual(msgpack.unpackb(frames[1])[:2], [1, 4711])
+        self.assertIsInstance(msgpack.unpackb(frames[1])[2], str)
+        for message in (b"", b"\xc1", b"\xdd\xff\xff\xff\xff", msgpack.packb([0, 1]),
+                        msgpack.packb([7, 1, "IsStreamIdFree", ["x"]]),
+                        b"\x91" * 1000 + b"\xc0"):
+            self.client.send_raw(PATH, message)
+        self.client.send_raw(PATH)
+        self.client.send_raw(b"", PATH, msgpack.packb([0, 1, "IsStreamIdFree", ["x"]]))
+        # This one costs its sender the connection, and nobody else anything.
+        self.connect().send_raw(PATH, b"\xc4" * 70_000)
+        self.assertTrue(self.client.call("IsStreamIdFree", "py/d"))
+
+    def test_the_broker_ends_orderly_and_removes_what_nobody_uses(self):
+        self.add_publisher("py/e")
+        self.assertNotEqual(self.broker.files(), [])
+        self.assertEqual(self.broker.stop(), (0, []))
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)

@@ -1,0 +1,79 @@
+#pragma once
+
+#include "stop_signal.h"
+#include "telemetry.h"
+#include "unique_fd.h"
+
+#include <chrono>
+#include <cstddef>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace kvo::tools {
+
+/// Where `kvo pub` takes its samples from.
+class SampleSource {
+public:
+    virtual ~SampleSource() = default;
+    /// The next sample, valid until the next call; nothing at the end of the data or when the
+    /// user wants to end. Waits for data.
+    virtual std::optional<std::span<const unsigned char>> Next(StopSignal& stop) = 0;
+};
+
+/// Bytes of a file, a pipe or a terminal.
+class InputStream {
+public:
+    /// @param path empty or "-": standard input. Throws CommandFailure.
+    explicit InputStream(const std::string& path);
+    /// @return bytes read into the buffer; 0 at the end or when the user wants to end.
+    std::size_t Read(std::span<unsigned char> buffer, StopSignal& stop);
+    const std::string& name() const { return name_; }
+
+private:
+    std::string name_;
+    UniqueFd file_;  // none for standard input
+    int fd_ = 0;
+};
+
+/// Pieces of equal size; the last may be shorter.
+class ChunkSource final : public SampleSource {
+public:
+    ChunkSource(InputStream input, std::size_t chunk_bytes);
+    std::optional<std::span<const unsigned char>> Next(StopSignal& stop) override;
+
+private:
+    InputStream input_;
+    std::vector<unsigned char> chunk_;
+};
+
+/// Lines, without their newlines.
+class LineSource final : public SampleSource {
+public:
+    LineSource(InputStream input, std::size_t longest_line_bytes);
+    /// Throws CommandFailure for a line that is too long.
+    std::optional<std::span<const unsigned char>> Next(StopSignal& stop) override;
+
+private:
+    InputStream input_;
+    std::vector<unsigned char> buffer_;
+    std::size_t begin_ = 0;  // of what was not given out yet, within buffer_
+    std::size_t end_ = 0;
+    std::size_t line_number_ = 0;
+};
+
+/// A reading of the host's counters now and after each interval.
+class TelemetrySource final : public SampleSource {
+public:
+    explicit TelemetrySource(std::chrono::duration<double> interval);
+    std::optional<std::span<const unsigned char>> Next(StopSignal& stop) override;
+
+private:
+    const std::chrono::steady_clock::duration interval_;
+    std::chrono::steady_clock::time_point due_;  // of the next reading; the first one is due
+    Telemetry telemetry_;
+    std::string line_;
+};
+
+}  // namespace kvo::tools
