@@ -3,9 +3,9 @@ find_package(Threads REQUIRED)
 find_package(Boost 1.74 REQUIRED COMPONENTS thread chrono system)
 find_package(log4cplus REQUIRED)
 find_package(cppzmq REQUIRED)
-find_package(msgpackc-cxx CONFIG QUIET)
-find_package(msgpack CONFIG QUIET)
+find_package(msgpack CONFIG REQUIRED)  # header-only; its target is msgpackc-cxx
 find_package(CLI11 REQUIRED)
+find_package(nlohmann_json 3.11 REQUIRED)
 find_path(XXHASH_INCLUDE_DIR xxhash.h REQUIRED)
 
 # The uri package itself where it is installed, else our adapter behind the same names.

@@ -9,7 +9,9 @@ target_link_options(kvo-build-settings INTERFACE
   -Wl,-z,relro,-z,now $<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:-pie>)
 if(KVO_SANITIZER)
   target_compile_options(kvo-build-settings INTERFACE
-    -fsanitize=${KVO_SANITIZER} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+    -fsanitize=${KVO_SANITIZER} -fno-omit-frame-pointer -fno-sanitize-recover=all
+    # Instrumented code makes g++ 12 see uninitialised values in library headers.
+    -Wno-maybe-uninitialized)
   target_link_options(kvo-build-settings INTERFACE -fsanitize=${KVO_SANITIZER})
 else()
   # glibc fortifies optimised code only.
