@@ -160,8 +160,8 @@ TEST_F(StreamRegistryTest, ARestartKeepsWhatIsWrittenAndClearsWhatIsNot) {
         EXPECT_TRUE(std::filesystem::remove(directory.path() + "/" + name)) << name;
     }
     const auto content = place.Content();
-    // Folder, two locks, two files of the stream, and what is not ours.
-    EXPECT_EQ(6U, content.size()) << ::testing::PrintToString(content);
+    // Folder, two locks, two files of the stream.
+    EXPECT_EQ(5U, content.size()) << ::testing::PrintToString(content);
 
     // Who listens before the publisher is back can read what it wrote.
     TakeEvents();
