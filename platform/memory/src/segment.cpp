@@ -3,12 +3,9 @@
 #include "geometry.h"
 
 #include <algorithm>
-#include <cstddef>
 #include <cstring>
 #include <stdexcept>
 #include <system_error>
-#include <unistd.h>
-
 namespace kvo {
 namespace {
 
@@ -117,27 +114,6 @@ std::string Segment::ControlPath(const std::string& data_path, const Uuid& uuid)
         path += kDigits[byte & 15];
     }
     return path + ".pins";
-}
-
-Uuid Segment::ReadUuid(const std::string& path) {
-    std::uint64_t bytes = 0;
-    const FileDescriptor file = OpenRegularFile(path, Access::kRead, bytes);
-    // No mapping: the file may be anything, of any length.
-    unsigned char header[sizeof(layout::DataHeader)];
-    if (::pread(file.get(), header, sizeof header, 0) != static_cast<ssize_t>(sizeof header)) {
-        Refuse(path, "only " + std::to_string(bytes) + " bytes");
-    }
-    std::uint32_t magic = 0;
-    std::memcpy(&magic, header, sizeof magic);
-    if (magic != layout::kDataMagic) {
-        Refuse(path, "no stream file");
-    }
-    Uuid uuid;
-    std::memcpy(
-        uuid.data(),
-        header + offsetof(layout::DataHeader, fields) + offsetof(layout::HeaderFields, uuid),
-        uuid.size());
-    return uuid;
 }
 
 std::shared_ptr<Segment> Segment::Open(const std::string& path, Access access) {

@@ -20,9 +20,6 @@ public:
     /// only for Access::kWrite. Throws std::runtime_error naming file and fault.
     static std::shared_ptr<Segment> Open(const std::string& path, Access access);
 
-    /// Whose data file lies at the path; throws as Open.
-    static Uuid ReadUuid(const std::string& path);
-
     /// The control file of a segment lies beside the data file.
     static std::string ControlPath(const std::string& data_path, const Uuid& uuid);
 
