@@ -16,7 +16,7 @@ struct ListenerStrand::State {
     std::mutex mutex;
     bool closed = false;                       // under the mutex
     std::vector<std::shared_ptr<Slot>> slots;  // under the mutex
-    std::unique_ptr<PollLoop> loop;            // under the mutex; null before the first event
+    std::unique_ptr<PollLoop> loop;            // under the mutex; null before the first listener
 };
 
 ListenerStrand::ListenerStrand() : state_(std::make_shared<State>()) {}
@@ -29,6 +29,11 @@ ListenerRegistration ListenerStrand::Add(std::function<void(bool)> listener) {
         const std::lock_guard lock(state_->mutex);
         if (state_->closed) {
             return ListenerRegistration();
+        }
+        // Here and not with the first event: a process without room for a thread learns it from
+        // its own call, and the I/O thread has nothing to do that can fail.
+        if (state_->loop == nullptr) {
+            state_->loop = std::make_unique<PollLoop>("cor-listener");
         }
         state_->slots.push_back(slot);
     }
@@ -46,9 +51,6 @@ void ListenerStrand::Deliver(bool connected) {
     const std::lock_guard lock(state_->mutex);
     if (state_->closed || state_->slots.empty()) {
         return;
-    }
-    if (state_->loop == nullptr) {
-        state_->loop = std::make_unique<PollLoop>("cor-listener");
     }
     state_->loop->Post([slots = state_->slots, connected] {
         for (const auto& slot : slots) {

@@ -8,7 +8,7 @@
 namespace gorm::cor::rr {
 
 /// Runs the connection listeners of one client, event after event, on a thread of its own, which
-/// starts with the first event. Any thread; Close once, before the destructor.
+/// starts with the first listener. Any thread; Close once, before the destructor.
 class ListenerStrand {
 public:
     ListenerStrand();
@@ -16,6 +16,7 @@ public:
     ListenerStrand& operator=(const ListenerStrand&) = delete;
     ~ListenerStrand();
 
+    /// Throws Error when no thread can be started.
     ListenerRegistration Add(std::function<void(bool)> listener);
     /// For the listeners that are registered now. Waits for none of them.
     void Deliver(bool connected);

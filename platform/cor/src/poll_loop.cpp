@@ -1,6 +1,7 @@
 #include "poll_loop.h"
 
 #include "event_fd.h"
+#include "gorm/cor/errors.h"
 #include "gorm/cor/process.h"
 #include "log.h"
 
@@ -13,6 +14,7 @@
 #include <pthread.h>
 #include <signal.h>
 #include <string>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -55,7 +57,11 @@ std::unique_ptr<std::thread> StartWithoutSignals(Function function) {
         const sigset_t& mask;
         ~Restore() { pthread_sigmask(SIG_SETMASK, &mask, nullptr); }
     } restore{before};
-    return std::make_unique<std::thread>(std::move(function));
+    try {
+        return std::make_unique<std::thread>(std::move(function));
+    } catch (const std::system_error& error) {
+        throw Error(std::string("no thread: ") + error.what());
+    }
 }
 
 }  // namespace
@@ -244,11 +250,6 @@ void PollLoop::Run(const std::function<void()>& function) {
 void PollLoop::Every(std::chrono::milliseconds period, std::function<void()> function) {
     auto timer = std::make_shared<Timer>(Timer{period, Clock::now() + period, std::move(function)});
     Post([state = state_.get(), timer = std::move(timer)] { state->timers.push_back(timer); });
-}
-
-bool PollLoop::HasPosted() const {
-    const std::lock_guard lock(state_->mutex);
-    return !state_->posted.empty() || state_->stopping;
 }
 
 void PollLoop::Watch(zmq::socket_ref socket, std::function<void()> on_readable) {

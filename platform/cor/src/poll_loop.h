@@ -14,7 +14,7 @@ namespace gorm::cor {
 /// Threads: any, where nothing else is said.
 class PollLoop {
 public:
-    explicit PollLoop(const char* thread_name);
+    explicit PollLoop(const char* thread_name);  // throws Error
     PollLoop(const PollLoop&) = delete;
     PollLoop& operator=(const PollLoop&) = delete;
     /// Stop(). On the loop itself: the thread ends by itself once the running function returned
@@ -27,8 +27,6 @@ public:
     /// after its end, directly; in a forked child not at all.
     void Run(const std::function<void()>& function);
     void Every(std::chrono::milliseconds period, std::function<void()> function);
-    /// True while something posted waits: a long batch should make way for it.
-    bool HasPosted() const;
 
     /// On the loop (Post, Run): calls the function whenever the socket is readable, until Unwatch
     /// or the end of the thread, which also destroys the function.

@@ -24,6 +24,14 @@ std::string NewMonitorEndpoint() {
            std::to_string(count.fetch_add(1, std::memory_order_relaxed));
 }
 
+zmq::socket_t OpenSocket(zmq::context_t& context, zmq::socket_type type) {
+    try {
+        return zmq::socket_t(context, type);
+    } catch (const zmq::error_t& error) {
+        throw Error(std::string("no socket: ") + error.what());
+    }
+}
+
 int EventOf(const std::vector<zmq::message_t>& frames) {
     // The first frame is a 16-bit event and a 32-bit value, the second the address.
     std::uint16_t event = 0;
@@ -38,7 +46,7 @@ int EventOf(const std::vector<zmq::message_t>& frames) {
 
 zmq::socket_t MakeSocket(zmq::context_t& context, zmq::socket_type type, int queue,
                          std::size_t max_message_bytes) {
-    zmq::socket_t socket(context, type);
+    zmq::socket_t socket = OpenSocket(context, type);
     socket.set(zmq::sockopt::linger, 0);
     socket.set(zmq::sockopt::sndhwm, queue);
     socket.set(zmq::sockopt::rcvhwm, queue);
@@ -76,10 +84,10 @@ std::string_view View(const zmq::message_t& frame) {
 }
 
 Monitor::Monitor(zmq::context_t& context, zmq::socket_t& watched, int events)
-    : watched_(watched), events_(context, zmq::socket_type::pair) {
+    : watched_(watched), events_(OpenSocket(context, zmq::socket_type::pair)) {
     const std::string endpoint = NewMonitorEndpoint();
     if (zmq_socket_monitor(watched.handle(), endpoint.c_str(), events) != 0) {
-        throw zmq::error_t();
+        throw Error(std::string("no socket events: ") + zmq_strerror(zmq_errno()));
     }
     events_.set(zmq::sockopt::linger, 0);
     // The other end sends from the transport's own thread and would wait for room.

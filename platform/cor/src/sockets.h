@@ -14,6 +14,7 @@ namespace gorm::cor {
 
 /// A socket with what all of ours have: heartbeats, limits for what a peer may send and for how
 /// long it may take to introduce itself, and no waiting for unsent messages when it is closed.
+/// Throws Error when the process has no room for it.
 zmq::socket_t MakeSocket(zmq::context_t& context, zmq::socket_type type, int queue,
                          std::size_t max_message_bytes);
 void SetReconnect(zmq::socket_t& socket);
@@ -27,7 +28,7 @@ std::string_view View(const zmq::message_t& frame);
 /// The events of another socket. The thread of that socket only.
 class Monitor {
 public:
-    /// @param events ZMQ_EVENT_... to report.
+    /// @param events ZMQ_EVENT_... to report. Throws Error.
     Monitor(zmq::context_t& context, zmq::socket_t& watched, int events);
     Monitor(const Monitor&) = delete;
     Monitor& operator=(const Monitor&) = delete;
