@@ -6,8 +6,8 @@ namespace kvo::brokerd {
 
 Client::State Client::Judge(const Processes& processes, TimePoint now,
                             std::chrono::seconds timeout) {
-    ProcessIdentity identity;
-    if (!tag_ && identity_.size() == identity.size()) {
+    if (awaits_process()) {
+        ProcessIdentity identity;
         // A client takes its byte with the stream file, after it has been registered.
         std::copy(identity_.begin(), identity_.end(), identity.begin());
         tag_ = processes.Find(identity);

@@ -27,6 +27,9 @@ public:
     bool Is(const std::string& identity) const { return identity_ == identity; }
     void Beat(TimePoint now) { beat_ = now; }
 
+    /// It has named its process, which has not been found yet.
+    bool awaits_process() const { return !tag_ && identity_.size() == ProcessIdentity{}.size(); }
+
     enum class State { kAlive, kSilent, kDead };
     /// @param timeout 0: no heartbeats are asked for.
     State Judge(const Processes& processes, TimePoint now, std::chrono::seconds timeout);

@@ -45,12 +45,30 @@ std::int32_t StreamRegistry::Refuse(std::int32_t code, const std::string& why) {
     return code;
 }
 
+// Number 0: nobody has the writer's role, or its holder lives.
+ProcessTag StreamRegistry::DeadWriterOf(const StreamFile& file) const {
+    const ProcessTag writer = file.writer_state().writer;
+    return files_.WriterLives(file) ? ProcessTag{} : writer;
+}
+
+Client::State StreamRegistry::JudgePublisher(Stream& stream) const {
+    Client& client = stream.publisher->client;
+    const Client::State state = Judge(client);
+    if (!client.awaits_process()) {
+        return state;
+    }
+    // One that died before its lock byte was first looked for is not to be found by it any more,
+    // but the role that it took in the file names it still.
+    const ProcessTag dead = DeadWriterOf(*stream.file);
+    return dead.number != 0 && dead != stream.publisher->dead_writer ? Client::State::kDead : state;
+}
+
 // Judged now, not by the last sweep: the name of a dead publisher is free at once.
 bool StreamRegistry::HasLivingPublisher(const std::string& name, Stream& stream) {
     if (!stream.publisher) {
         return false;
     }
-    if (Judge(stream.publisher->client) == Client::State::kDead) {
+    if (JudgePublisher(stream) == Client::State::kDead) {
         EndPublisher(name, stream, "its process has died");
         return false;
     }
@@ -113,7 +131,8 @@ std::int32_t StreamRegistry::AddPublisher(const std::string& identity,
 // The publisher of before goes on in its segment: same epoch, same sequence.
 std::int32_t StreamRegistry::Resume(const std::string& identity, const Publication& publication,
                                     Stream& stream) {
-    stream.publisher = Publisher{Client(identity, time_.Now()), publication.key};
+    stream.publisher =
+        Publisher{Client(identity, time_.Now()), publication.key, DeadWriterOf(*stream.file)};
     stream.removal_due.reset();
     log_(2, "stream " + Quoted(publication.stream) + ": publisher registered again");
     notify_(publication.stream, PUB_REG);
@@ -148,7 +167,7 @@ std::int32_t StreamRegistry::Begin(const std::string& identity, const Publicatio
         }
         throw;
     }
-    stream.publisher = Publisher{Client(identity, time_.Now()), key};
+    stream.publisher = Publisher{Client(identity, time_.Now()), key, {}};
     stream.removal_due.reset();
     log_(2, stream_text + ": publisher registered, " + std::to_string(publication.samples) +
                 " samples of " + std::to_string(publication.sample_bytes) + " bytes");
@@ -326,7 +345,7 @@ void StreamRegistry::RemoveFile(const std::string& name, Stream& stream) {
 
 void StreamRegistry::SuperviseStream(const std::string& name, Stream& stream) {
     if (stream.publisher) {
-        switch (Judge(stream.publisher->client)) {
+        switch (JudgePublisher(stream)) {
             case Client::State::kAlive:
                 break;
             case Client::State::kDead:

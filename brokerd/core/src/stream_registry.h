@@ -93,6 +93,7 @@ private:
     struct Publisher {
         Client client;
         std::string key;
+        ProcessTag dead_writer;  // who held the file's writer role at the registration, if dead
     };
     struct Stream {
         std::optional<Publisher> publisher;
@@ -108,6 +109,8 @@ private:
         return client.Judge(processes_, time_.Now(), settings_.heartbeat_timeout);
     }
     std::int32_t Refuse(std::int32_t code, const std::string& why);
+    Client::State JudgePublisher(Stream& stream) const;
+    ProcessTag DeadWriterOf(const StreamFile& file) const;
     bool HasLivingPublisher(const std::string& name, Stream& stream);
     bool KnowsKey(const Stream& stream, const std::string& key) const;
     std::int32_t Resume(const std::string& identity, const Publication& publication,

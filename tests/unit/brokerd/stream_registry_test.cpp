@@ -1,5 +1,6 @@
 #include "broker_fixture.h"
 #include "kvo/broker/broker_result.h"
+#include "peer_process.h"
 
 #include <gmock/gmock.h>
 
@@ -88,6 +89,34 @@ TEST_F(StreamRegistryTest, ADeadPublisherIsToldOfAtOnceAndItsFileGoesAfterTheGra
     EXPECT_THAT(TakeEvents(), ElementsAre(Pair("s", SHM_DEL)));
     EXPECT_FALSE(std::filesystem::exists(files->PathOf("s")));
     EXPECT_FALSE(registry->StatisticsOf("s"));
+}
+
+TEST_F(StreamRegistryTest, APublisherKilledBeforeItWasLookedForIsToldOfAtOnceToo) {
+    const auto publish = [this](const std::string& identity, const std::string& stream) {
+        ASSERT_EQ(kRegistered, registry->AddPublisher(identity, {stream, 64, 4, false, ""}));
+    };
+    publish(IdentityOf('a'), "known");
+    publish("", "anonymous");  // judged by its heartbeats alone
+    const auto writer_of = [this](const std::string& stream) {
+        return std::vector<std::string>{"write", files->PathOf(stream), stream, "1", "64"};
+    };
+    test::PeerProcess known(writer_of("known"));
+    test::PeerProcess anonymous(writer_of("anonymous"));
+    registry->Supervise();
+    EXPECT_THAT(registry->Published(), ElementsAre("anonymous", "known"));
+    TakeEvents();
+    known.Kill();
+    anonymous.Kill();
+    EXPECT_FALSE(registry->IsPublished("known"));
+    EXPECT_THAT(TakeEvents(), ElementsAre(Pair("known", PUB_UNREG)));
+    registry->Supervise();
+    EXPECT_THAT(registry->Published(), ElementsAre("anonymous"));
+
+    // Who goes on with the key has not died with the writer of before.
+    const std::string key = registry->KeyFor("", "anonymous");
+    ASSERT_EQ(kRegistered, Add('b', "anonymous", key));
+    registry->Supervise();
+    EXPECT_TRUE(registry->IsPublished("anonymous"));
 }
 
 TEST_F(StreamRegistryTest, ASuccessorCancelsTheRemoval) {
