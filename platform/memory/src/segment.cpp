@@ -6,6 +6,7 @@
 #include <cstring>
 #include <stdexcept>
 #include <system_error>
+
 namespace kvo {
 namespace {
 

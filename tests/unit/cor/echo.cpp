@@ -57,6 +57,10 @@ std::string EchoServer::Dispatch(const rr::Caller& caller, std::string_view meth
     if (method == "WhoAmI") {
         return rr::PackResult(caller.identity);
     }
+    if (method == "Long") {
+        const auto [bytes] = rr::UnpackParams<std::size_t>(method, params);
+        return rr::PackResult(std::string(bytes, 'x'));
+    }
     auto [text] = rr::UnpackParams<std::string>(method, params);
     if (method == "Tell") {
         told.Add(text);

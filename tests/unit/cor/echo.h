@@ -33,11 +33,9 @@ struct Word {
 class Heard {
 public:
     void Add(const std::string& text) {
-        {
-            const std::lock_guard lock(mutex_);
-            all_.push_back(text);
-        }
-        changed_.notify_all();
+        const std::lock_guard lock(mutex_);
+        all_.push_back(text);
+        changed_.notify_all();  // under the lock: who awaits this one may destroy us next
     }
     /// @return all that was heard, as soon as there is so much, or at the deadline.
     std::vector<std::string> Await(std::size_t count) {

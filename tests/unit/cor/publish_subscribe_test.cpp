@@ -3,6 +3,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <zmq.hpp>
 
 #include <future>
 
@@ -57,10 +58,58 @@ TEST_F(Topics, ATopicGetsItsOwnEventsInOrderAlsoThoseFromBeforeTheListener) {
     registration = Listen(*subscriber, heard);
     EXPECT_THAT(heard.Await(3), ElementsAre("1", "2", "3"));
     Heard others;
-    registration = Listen(*longer, others);
+    const auto second = Listen(*longer, others);
     EXPECT_THAT(others.Await(1), ElementsAre("other"));
     subscriber.reset();
     EXPECT_EQ("-/a", subscriptions.Await(3).back());
+}
+
+TEST_F(Topics, EverySubscriptionIsToldAndSoIsEachEnd) {
+    auto first = Subscribe("/a");
+    auto second = Subscribe("/a");
+    zmq::context_t context;
+    zmq::socket_t prefix(context, zmq::socket_type::sub);  // watches all that begins so: no topic
+    prefix.connect("tcp://127.0.0.1:" + std::to_string(publisher.port()));
+    prefix.set(zmq::sockopt::subscribe, "/a");
+    EXPECT_THAT(subscriptions.Await(2), ElementsAre("+/a", "+/a"));
+    Publish("/a/b", "sent to the prefix");
+    zmq::message_t topic;
+    prefix.set(zmq::sockopt::rcvtimeo, 100);
+    while (!prefix.recv(topic)) {  // its subscription may still be on the way
+        Publish("/a/b", "sent to the prefix");
+    }
+    first.reset();
+    EXPECT_EQ(3U, subscriptions.Await(3).size());
+    second.reset();
+    EXPECT_THAT(subscriptions.Await(4), ElementsAre("+/a", "+/a", "-/a", "-/a"));
+}
+
+TEST(ForeignPublisher, OnlyWholeEventsOfTheVeryTopicAreDelivered) {
+    zmq::context_t context;
+    zmq::socket_t publisher(context, zmq::socket_type::xpub);
+    publisher.bind("tcp://127.0.0.1:*");
+    const network::uri uri("wkp.ps" + publisher.get(zmq::sockopt::last_endpoint).substr(3) + "/a");
+    auto subscriber = loadCorForUri(uri.string(), {}).getCor(uri).CreateSubscriber<Word>(uri, {});
+    zmq::message_t subscription;
+    publisher.set(zmq::sockopt::rcvtimeo, 20'000);
+    ASSERT_TRUE(publisher.recv(subscription));
+    const std::string topic("/a\0", 3);
+    EXPECT_EQ('\1' + topic, subscription.to_string());
+    Heard heard;
+    const auto registration = subscriber->AddDataListener(
+        [&](auto&, const ps::DataEvent<Word>& event) { heard.Add(event.getData()->text); },
+        {nullptr, ps::FilterMode::kAll, {ps::InstanceEvent::kUpdated}});
+    for (const std::vector<std::string>& frames : {std::vector<std::string>{topic + "b", "longer"},
+                                                   {topic},
+                                                   {topic, "damaged"},
+                                                   {topic, "1", "later", "versions", "add", "more"},
+                                                   {topic, "2"}}) {
+        for (std::size_t i = 0; i < frames.size(); ++i) {
+            publisher.send(zmq::buffer(frames[i]), i + 1 < frames.size() ? zmq::send_flags::sndmore
+                                                                         : zmq::send_flags::none);
+        }
+    }
+    EXPECT_THAT(heard.Await(2), ElementsAre("1", "2"));
 }
 
 TEST_F(Topics, AFilterLetsOneInstancePass) {

@@ -63,6 +63,8 @@ TEST(RequestReply, EveryWrongRequestIsAnsweredWithItsReason) {
         {"Say", rr::PackParams(1, 2), "1 parameters expected, 2 given"},
         {"Say", rr::PackParams(7), "parameter 1 is of the wrong type"},
         {"Say", rr::PackResult(7), "no array"},
+        {"Long", rr::PackParams(-1), "parameter 1 is of the wrong type"},
+        {"Long", rr::PackParams(17'000'000), "at most 16777216 can be sent"},
     };
     for (const auto& wrong : cases) {
         EXPECT_THAT(
@@ -119,7 +121,54 @@ TEST(RequestReply, WithoutAnAnswerTheTextTellsWhatWasWaitedFor) {
                 HasSubstr("no connection within 100 ms"));
 }
 
-TEST(RequestReply, ALossFailsTheCallsFirstAndListenersHearItInOrder) {
+TEST(RequestReply, ALossFailsTheCallsInFlightBeforeTheListenersHearOfIt) {
+    zmq::context_t context;
+    zmq::socket_t peer(context, zmq::socket_type::router);
+    peer.set(zmq::sockopt::rcvtimeo, 20'000);
+    peer.bind("tcp://127.0.0.1:*");
+    const auto client =
+        MakeClient("wkp.rr" + peer.get(zmq::sockopt::last_endpoint).substr(3) + "/p");
+    auto text = std::async(std::launch::async,
+                           [&] { return TextOf<rr::ConnectionLost>([&] { client->Say("a"); }); });
+    zmq::message_t frame;
+    ASSERT_TRUE(peer.recv(frame));  // the call has arrived
+    Heard heard;
+    const auto registration = client->RegisterConnectionListener([&](bool connected) {
+        const bool failed = text.wait_for(kDeadline) == std::future_status::ready;
+        heard.Add(std::string(connected ? "up" : "down") + (failed ? " after" : " before"));
+    });
+    peer.close();
+    EXPECT_THAT(heard.Await(1), ElementsAre("down after"));
+    EXPECT_THAT(text.get(), AllOf(HasSubstr("Say at wkp.rr://"), HasSubstr("/p"),
+                                  HasSubstr("the connection was lost")));
+}
+
+TEST(RequestReply, AListenerThatBlocksDelaysItsOwnEventsOnly) {
+    EchoServer server;
+    const auto blocked = MakeClient(server.uri());
+    const auto free = MakeClient(server.uri());
+    blocked->Connect().get();
+    free->Connect().get();
+    std::promise<void> go;
+    Heard late;
+    Heard heard;
+    const auto blocking = blocked->RegisterConnectionListener(
+        [&, released = go.get_future().share()](bool connected) {
+            released.wait();
+            late.Add(connected ? "up" : "down");
+        });
+    const auto registration = free->RegisterConnectionListener(
+        [&](bool connected) { heard.Add(connected ? "up" : "down"); });
+    server.Stop();
+    heard.Await(1);
+    server.Start();
+    EXPECT_THAT(heard.Await(2), ElementsAre("down", "up"));
+    EXPECT_EQ("a", blocked->Say("a"));
+    go.set_value();
+    EXPECT_THAT(late.Await(2), ElementsAre("down", "up"));
+}
+
+TEST(RequestReply, ALossIsHeardInOrderAlsoBesideAListenerThatThrows) {
     EchoServer server;
     const auto client = MakeClient(server.uri());
     client->Connect().get();
