@@ -92,7 +92,7 @@ void Connection::Request(const std::shared_ptr<ClientEnd>& end,
 }
 
 bool Connection::Notify(const ClientEnd& end, std::string_view message) {
-    return connected_ && Send(end.address.path, message);
+    return connected_ && unsent_.empty() && Send(end.address.path, message);
 }
 
 bool Connection::Forget(ClientEnd& end, const std::shared_ptr<PendingCall>& call) {
@@ -108,9 +108,21 @@ bool Connection::Send(const std::string& path, std::string_view message) {
 
 void Connection::SendRequest(const ClientEnd& end, const std::shared_ptr<PendingCall>& call) {
     sent_[call->id] = {call, &end};
-    if (!Send(end.address.path, call->message)) {
-        sent_.erase(call->id);
-        call->Complete(Lost("nothing can be sent to the peer"));
+    unsent_.push_back(call->id);
+    SendUnsent();
+}
+
+// A server that is slower than our one-way calls leaves no room for a while; requests wait for it
+// within their reply time, and one-way calls let them pass.
+void Connection::SendUnsent() {
+    while (!unsent_.empty()) {
+        const auto found = sent_.find(unsent_.front());  // not there: the caller has given up
+        if (found != sent_.end() &&
+            !Send(found->second.end->address.path, found->second.call->message)) {
+            loop_.AwaitRoom(socket_, [this] { SendUnsent(); });
+            return;
+        }
+        unsent_.pop_front();
     }
 }
 
@@ -174,6 +186,7 @@ void Connection::Up() {
 void Connection::Down() {
     TakeReplies(kRequestQueue);  // what has been answered counts
     connected_ = false;
+    unsent_.clear();
     for (auto& [id, sent] : std::exchange(sent_, {})) {
         sent.call->Complete(Lost("the connection was lost"));
     }

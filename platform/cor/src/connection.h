@@ -11,6 +11,7 @@
 #include <zmq.hpp>
 
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <memory>
 #include <string>
@@ -68,6 +69,7 @@ private:
     void Down();
     bool Send(const std::string& path, std::string_view message);
     void SendRequest(const ClientEnd& end, const std::shared_ptr<PendingCall>& call);
+    void SendUnsent();
 
     PollLoop& loop_;
     zmq::socket_t socket_;
@@ -75,6 +77,7 @@ private:
     bool connected_ = false;
     std::vector<std::shared_ptr<ClientEnd>> ends_;
     std::map<std::uint32_t, Sent> sent_;  // by the id of the call
+    std::deque<std::uint32_t> unsent_;    // of these, oldest first: there was no room
     FaultLog faults_;
 };
 

@@ -26,6 +26,7 @@ using Clock = std::chrono::steady_clock;
 struct Watched {
     zmq::socket_ref socket;
     std::function<void()> on_readable;
+    std::function<void()> on_writable;  // once; empty: nobody waits for room
     bool active = true;
 };
 
@@ -104,7 +105,8 @@ long PollLoop::State::PollTimeout() const {
 void PollLoop::State::PollOnce() {
     std::vector<zmq_pollitem_t> items{{nullptr, wake.get(), ZMQ_POLLIN, 0}};
     for (const auto& entry : watched) {
-        items.push_back({entry->socket.handle(), 0, ZMQ_POLLIN, 0});
+        const int events = entry->on_writable ? ZMQ_POLLIN | ZMQ_POLLOUT : ZMQ_POLLIN;
+        items.push_back({entry->socket.handle(), 0, static_cast<short>(events), 0});
     }
     const std::vector<std::shared_ptr<Watched>> polled = watched;
     if (zmq_poll(items.data(), static_cast<int>(items.size()), PollTimeout()) < 0) {
@@ -117,7 +119,11 @@ void PollLoop::State::PollOnce() {
         wake.Clear();
     }
     for (std::size_t i = 0; i < polled.size(); ++i) {
-        if (items[i + 1].revents != 0 && polled[i]->active) {
+        const short ready = items[i + 1].revents;
+        if ((ready & ZMQ_POLLOUT) != 0 && polled[i]->active) {
+            Call(std::exchange(polled[i]->on_writable, nullptr));
+        }
+        if ((ready & ~ZMQ_POLLOUT) != 0 && polled[i]->active) {
             Call(polled[i]->on_readable);
         }
     }
@@ -253,7 +259,17 @@ void PollLoop::Every(std::chrono::milliseconds period, std::function<void()> fun
 }
 
 void PollLoop::Watch(zmq::socket_ref socket, std::function<void()> on_readable) {
-    state_->watched.push_back(std::make_shared<Watched>(Watched{socket, std::move(on_readable)}));
+    state_->watched.push_back(
+        std::make_shared<Watched>(Watched{socket, std::move(on_readable), nullptr}));
+}
+
+void PollLoop::AwaitRoom(zmq::socket_ref socket, std::function<void()> on_writable) {
+    for (const auto& entry : state_->watched) {
+        if (entry->socket == socket) {
+            entry->on_writable = std::move(on_writable);
+            return;
+        }
+    }
 }
 
 void PollLoop::Unwatch(zmq::socket_ref socket) {

@@ -32,6 +32,9 @@ public:
     /// or the end of the thread, which also destroys the function.
     void Watch(zmq::socket_ref socket, std::function<void()> on_readable);
     void Unwatch(zmq::socket_ref socket);
+    /// On the loop, for a watched socket: calls the function once, as soon as the socket takes
+    /// messages again.
+    void AwaitRoom(zmq::socket_ref socket, std::function<void()> on_writable);
 
     /// Ends the thread after what was posted before; not on the loop itself.
     void Stop();

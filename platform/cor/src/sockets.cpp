@@ -1,6 +1,7 @@
 #include "sockets.h"
 
 #include "address.h"
+#include "event_fd.h"
 #include "gorm/cor/errors.h"
 #include "limits.h"
 
@@ -123,8 +124,11 @@ bool Monitor::Await(int events, std::chrono::milliseconds at_most) {
 
 std::uint16_t Bind(zmq::socket_t& socket, const std::string& endpoint, const std::string& text) {
     try {
+        // The transport ends the process when it finds no descriptor to look the interface up
+        // with, so one is asked for first.
+        static_cast<void>(EventFd());
         socket.bind(endpoint);
-    } catch (const zmq::error_t& error) {
+    } catch (const std::exception& error) {
         throw BindError("cannot serve \"" + text + "\": " + error.what());
     }
     return PortOf(socket.get(zmq::sockopt::last_endpoint));

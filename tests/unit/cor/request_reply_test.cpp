@@ -188,6 +188,29 @@ TEST(RequestReply, ALossIsHeardInOrderAlsoBesideAListenerThatThrows) {
     EXPECT_THAT(server.told.Await(1), ElementsAre("one-way"));
 }
 
+TEST(RequestReply, ARequestWaitsForRoomBehindOneWayCalls) {
+    EchoServer server;
+    const auto client = MakeClient(server.uri());
+    client->Connect().get();
+    std::promise<void> go;
+    bool held = false;  // on the server's loop
+    server.on_say = [&, released = go.get_future().share()] {
+        if (!std::exchange(held, true)) {
+            released.wait();
+        }
+    };
+    auto first = std::async(std::launch::async, [&] { return client->Say("first"); });
+    const std::string large(60'000, 'x');
+    for (int i = 0; i < 4'000; ++i) {  // more than all buffers on the way hold
+        client->Tell(large);
+    }
+    auto second = std::async(std::launch::async, [&] { return client->Say("second"); });
+    EXPECT_EQ(std::future_status::timeout, second.wait_for(std::chrono::milliseconds(200)));
+    go.set_value();
+    EXPECT_EQ("first", first.get());
+    EXPECT_EQ("second", second.get());
+}
+
 TEST(RequestReply, AFirstCallWaitsForTheServer) {
     EchoServer server;
     const std::string uri = server.uri();
