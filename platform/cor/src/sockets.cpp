@@ -1,13 +1,14 @@
 #include "sockets.h"
 
 #include "address.h"
-#include "event_fd.h"
 #include "gorm/cor/errors.h"
 #include "limits.h"
 
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <sys/eventfd.h>
+#include <unistd.h>
 
 namespace gorm::cor {
 namespace {
@@ -123,12 +124,16 @@ bool Monitor::Await(int events, std::chrono::milliseconds at_most) {
 }
 
 std::uint16_t Bind(zmq::socket_t& socket, const std::string& endpoint, const std::string& text) {
+    // The transport ends the process when it finds no descriptor to look the interface up with, so
+    // one is asked for first. Another thread may still take it; nothing closes that gap.
+    const int spare = ::eventfd(0, EFD_CLOEXEC);
+    if (spare < 0) {
+        throw BindError("cannot serve \"" + text + "\": " + std::strerror(errno));
+    }
+    ::close(spare);
     try {
-        // The transport ends the process when it finds no descriptor to look the interface up
-        // with, so one is asked for first.
-        static_cast<void>(EventFd());
         socket.bind(endpoint);
-    } catch (const std::exception& error) {
+    } catch (const zmq::error_t& error) {
         throw BindError("cannot serve \"" + text + "\": " + error.what());
     }
     return PortOf(socket.get(zmq::sockopt::last_endpoint));

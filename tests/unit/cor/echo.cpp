@@ -72,8 +72,8 @@ std::string EchoServer::Dispatch(const rr::Caller& caller, std::string_view meth
     if (text == "refuse") {
         throw Error("refused by the server");
     }
-    if (on_say) {
-        on_say();
+    if (on_say_) {
+        on_say_();
     }
     return rr::PackResult(text);
 }

@@ -65,10 +65,15 @@ public:
     std::string Dispatch(const rr::Caller& caller, std::string_view method,
                          const msgpack::object& params) override;
 
+    /// Runs the function on the loop whenever Say is called, before it is answered.
+    void OnSay(std::function<void()> function) {
+        loop_.Run([&] { on_say_ = std::move(function); });
+    }
+
     Heard told;
-    std::function<void()> on_say;  // before it is answered, on the loop
 
 private:
+    std::function<void()> on_say_;  // on the loop only, which is therefore destroyed first
     ServiceLoop loop_;
     std::uint16_t port_ = 0;
     std::unique_ptr<rr::Server> server_;
