@@ -211,19 +211,27 @@ void AccessorReader::NewData() {
 }
 
 AccessorReader::Packet AccessorReader::TakeNext(bool take) {
-    const std::lock_guard lock(mutex_);
     Packet packet;
-    if (take && HasPlace()) {
-        TakenSample taken;
-        taken.copy = store_.TakeSpare();
-        if (current_->TakeNext(settings_.max_age_ns, place_.next, counters_, taken)) {
-            packet.sample = store_.Add(std::move(taken));
-        } else {
-            store_.GiveSpare(std::move(taken.copy));
+    std::vector<std::uint64_t> damaged;
+    {
+        const std::lock_guard lock(mutex_);
+        if (take && HasPlace()) {
+            TakenSample taken;
+            taken.copy = store_.TakeSpare();
+            if (current_->TakeNext(settings_.max_age_ns, place_.next, counters_, taken)) {
+                packet.sample = store_.Add(std::move(taken));
+            } else {
+                store_.GiveSpare(std::move(taken.copy));
+            }
+            current_->PublishLedger(counters_, place_.next);
+            damaged = current_->TakeDamaged();
         }
-        current_->PublishLedger(counters_, place_.next);
+        packet.unread = Unread();
     }
-    packet.unread = Unread();
+    for (const std::uint64_t sequence_number : damaged) {
+        Log(4, "sample " + std::to_string(sequence_number) + " of stream \"" + settings_.stream +
+                   "\" skipped: its checksum does not match");
+    }
     return packet;
 }
 

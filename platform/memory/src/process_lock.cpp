@@ -2,12 +2,12 @@
 
 #include "fork_guard.h"
 #include "mapping.h"
+#include "process_record.h"
 #include "random_bytes.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cstddef>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
@@ -21,23 +21,8 @@
 namespace kvo {
 namespace {
 
-constexpr off_t kRecordsOffset = 4096;
 // While the directory's owner removes an unused file it holds every byte, for some microseconds.
 constexpr int kJoinAttempts = 200;
-
-// Beside byte n, at kRecordsOffset + n * 64. Written by the holder of the byte.
-struct Record {
-    std::uint64_t nonce;  // 0: nobody
-    ProcessIdentity identity;
-    std::uint32_t process_id;  // for people; in the writer's own namespace
-    std::uint32_t room[9];
-};
-static_assert(sizeof(Record) == 64);
-static_assert(offsetof(Record, identity) == 8);
-
-off_t RecordOffset(std::uint16_t number) {
-    return kRecordsOffset + static_cast<off_t>(number) * static_cast<off_t>(sizeof(Record));
-}
 
 class Identity {
 public:
@@ -96,8 +81,8 @@ private:
     std::uint16_t TakeAnyByte() const;
     bool SetLock(short type, off_t first, off_t count) const;
     bool HeldByOther(off_t first, off_t count) const;
-    Record ReadRecord(std::uint16_t number) const;
-    void WriteRecord(std::uint16_t number, const Record& record) const;
+    ProcessRecord ReadRecord(std::uint16_t number) const;
+    void WriteRecord(std::uint16_t number, const ProcessRecord& record) const;
 
     const std::string path_;
     mutable std::mutex mutex_;  // all below
@@ -145,13 +130,13 @@ bool DirectoryLock::HeldByOther(off_t first, off_t count) const {
     return ::fcntl(file_.get(), F_GETLK, &lock) != 0 || lock.l_type != F_UNLCK;
 }
 
-Record DirectoryLock::ReadRecord(std::uint16_t number) const {
-    Record record{};
+ProcessRecord DirectoryLock::ReadRecord(std::uint16_t number) const {
+    ProcessRecord record{};
     const ssize_t got = ::pread(file_.get(), &record, sizeof record, RecordOffset(number));
-    return got == static_cast<ssize_t>(sizeof record) ? record : Record{};
+    return got == static_cast<ssize_t>(sizeof record) ? record : ProcessRecord{};
 }
 
-void DirectoryLock::WriteRecord(std::uint16_t number, const Record& record) const {
+void DirectoryLock::WriteRecord(std::uint16_t number, const ProcessRecord& record) const {
     const ssize_t put = ::pwrite(file_.get(), &record, sizeof record, RecordOffset(number));
     if (put != static_cast<ssize_t>(sizeof record)) {
         ThrowErrno(put < 0 ? errno : ENOSPC, "writing " + path_);
@@ -187,7 +172,7 @@ ProcessTag DirectoryLock::AddUser() {
             SetLock(F_UNLCK, number, 1);
             continue;
         }
-        Record record{};
+        ProcessRecord record{};
         FillRandom(&record.nonce, sizeof record.nonce);
         record.nonce = (record.nonce & ((1ULL << 48) - 1)) | 1;
         record.identity = Identity::OfThisProcess().Get();
@@ -210,7 +195,7 @@ void DirectoryLock::DropUser() {
     if (users_ == 0 || --users_ > 0) {
         return;
     }
-    const Record nobody{};
+    const ProcessRecord nobody{};
     // A record that stays behind harms nobody: the free byte says it all.
     static_cast<void>(::pwrite(file_.get(), &nobody, sizeof nobody, RecordOffset(own_.number)) > 0);
     SetLock(F_UNLCK, own_.number, 1);
@@ -249,12 +234,12 @@ std::optional<ProcessTag> DirectoryLock::Find(const ProcessIdentity& identity) c
     if (users_ > 0 && identity == Identity::OfThisProcess().Get()) {
         return own_;
     }
-    std::vector<Record> records(kMaxProcesses + 1);
-    const ssize_t got =
-        ::pread(file_.get(), records.data(), records.size() * sizeof(Record), kRecordsOffset);
-    records.resize(got > 0 ? static_cast<std::size_t>(got) / sizeof(Record) : 0);
+    std::vector<ProcessRecord> records(kMaxProcesses + 1);
+    const ssize_t got = ::pread(file_.get(), records.data(), records.size() * sizeof(ProcessRecord),
+                                kRecordsOffset);
+    records.resize(got > 0 ? static_cast<std::size_t>(got) / sizeof(ProcessRecord) : 0);
     for (std::size_t number = 1; number < records.size(); ++number) {
-        const Record& record = records[number];
+        const ProcessRecord& record = records[number];
         if (record.nonce != 0 && record.identity == identity &&
             HeldByOther(static_cast<off_t>(number), 1)) {
             return ProcessTag{static_cast<std::uint16_t>(number), record.nonce};
@@ -297,7 +282,8 @@ public:
         return directories;
     }
     std::shared_ptr<DirectoryLock> Get(const std::string& directory) {
-        const std::string path = (std::filesystem::canonical(directory) / "process.lock").string();
+        const std::string path =
+            (std::filesystem::canonical(directory) / kProcessLockName).string();
         const std::lock_guard lock(mutex_);
         std::erase_if(locks_, [&](const auto& entry) {
             return entry.second.use_count() == 1 && entry.second->Abandoned();

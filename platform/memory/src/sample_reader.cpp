@@ -89,6 +89,7 @@ bool SampleReader::TakeNext(std::uint64_t max_age_ns, std::uint64_t& next, Reade
             ++counters.stale;
         } else if (!Intact(taken)) {
             ++counters.checksum_failures;
+            damaged_.push_back(taken.sequence_number);
         } else {
             ++counters.read;
             counters.copied += taken.bytes == taken.copy.data() ? 1 : 0;

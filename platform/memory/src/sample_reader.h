@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace kvo {
@@ -47,6 +48,9 @@ public:
     bool TakeNext(std::uint64_t max_age_ns, std::uint64_t& next, ReaderCounters& counters,
                   TakenSample& taken);
 
+    /// Sequence numbers of the samples that were skipped for their checksum since the last call.
+    std::vector<std::uint64_t> TakeDamaged() { return std::exchange(damaged_, {}); }
+
     void PublishLedger(const ReaderCounters& counters, std::uint64_t next) const;
 
 private:
@@ -57,6 +61,7 @@ private:
     const std::shared_ptr<Segment> segment_;
     std::shared_ptr<ReaderRow> row_;  // null: none
     bool row_tried_ = false;
+    std::vector<std::uint64_t> damaged_;
 };
 
 }  // namespace kvo

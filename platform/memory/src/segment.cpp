@@ -76,11 +76,12 @@ StreamGeometry CheckHeader(const std::string& path, const layout::HeaderFields& 
 }
 
 // Null when the file is gone or belongs to another segment: the pair was replaced meanwhile.
-std::unique_ptr<Mapping> OpenControl(const std::string& path, const Uuid& uuid) {
+std::unique_ptr<Mapping> OpenControl(const std::string& path, const Uuid& uuid,
+                                     Mapping::Access access) {
     std::uint64_t bytes = 0;
     FileDescriptor file;
     try {
-        file = OpenRegularFile(path, Mapping::Access::kWrite, bytes);
+        file = OpenRegularFile(path, access, bytes);
     } catch (const std::system_error& error) {
         if (error.code() == std::errc::no_such_file_or_directory) {
             return nullptr;
@@ -91,7 +92,7 @@ std::unique_ptr<Mapping> OpenControl(const std::string& path, const Uuid& uuid) 
         Refuse(path, std::to_string(bytes) + " bytes instead of " +
                          std::to_string(layout::kControlBytes));
     }
-    auto mapping = std::make_unique<Mapping>(file.get(), bytes, Mapping::Access::kWrite, path);
+    auto mapping = std::make_unique<Mapping>(file.get(), bytes, access, path);
     const auto* header = View<layout::ControlHeader>(*mapping, 0);
     // [control-ready] Acquire: pairs with the creator's last write, which the rename orders.
     if (header->magic.load(std::memory_order_acquire) != layout::kControlMagic ||
@@ -118,13 +119,22 @@ std::string Segment::ControlPath(const std::string& data_path, const Uuid& uuid)
 }
 
 std::shared_ptr<Segment> Segment::Open(const std::string& path, Access access) {
+    return Open(path, access, Access::kWrite);
+}
+
+std::shared_ptr<Segment> Segment::Observe(const std::string& path) {
+    return Open(path, Access::kRead, Access::kRead);
+}
+
+std::shared_ptr<Segment> Segment::Open(const std::string& path, Access data_access,
+                                       Access control_access) {
     for (int attempt = 0; attempt < kOpenAttempts; ++attempt) {
         std::uint64_t bytes = 0;
-        const FileDescriptor file = OpenRegularFile(path, access, bytes);
+        const FileDescriptor file = OpenRegularFile(path, data_access, bytes);
         if (bytes < layout::kIndexOffset) {
             Refuse(path, "only " + std::to_string(bytes) + " bytes");
         }
-        Mapping data(file.get(), bytes, access, path);
+        Mapping data(file.get(), bytes, data_access, path);
         const auto* header = View<layout::DataHeader>(data, 0);
         // [data-ready] Acquire: pairs with the creator's last write, which the rename orders.
         if (header->magic.load(std::memory_order_acquire) != layout::kDataMagic) {
@@ -134,7 +144,8 @@ std::shared_ptr<Segment> Segment::Open(const std::string& path, Access access) {
         std::memcpy(&fields, &header->fields, sizeof fields);
         const StreamGeometry geometry = CheckHeader(path, fields, bytes);
         std::shared_ptr<Segment> segment(new Segment(std::move(data), fields, geometry));
-        if (auto control = OpenControl(ControlPath(path, segment->uuid_), segment->uuid_)) {
+        if (auto control =
+                OpenControl(ControlPath(path, segment->uuid_), segment->uuid_, control_access)) {
             segment->AttachControl(std::move(*control));
             return segment;
         }
@@ -146,6 +157,7 @@ Segment::Segment(Mapping data, const layout::HeaderFields& fields, const StreamG
     : data_mapping_(std::move(data)),
       geometry_(geometry),
       epoch_(fields.epoch),
+      created_ms_(fields.created_ms),
       stream_(fields.stream, fields.stream_bytes),
       asks_for_checksums_((fields.features & layout::kFeatureChecksum) != 0) {
     std::copy(std::begin(fields.uuid), std::end(fields.uuid), uuid_.begin());

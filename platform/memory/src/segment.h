@@ -19,6 +19,8 @@ public:
     /// Opens what lies at the path. The control file is always mapped for writing, the data file
     /// only for Access::kWrite. Throws std::runtime_error naming file and fault.
     static std::shared_ptr<Segment> Open(const std::string& path, Access access);
+    /// The same for who only looks: both files are mapped read-only.
+    static std::shared_ptr<Segment> Observe(const std::string& path);
 
     /// The control file of a segment lies beside the data file.
     static std::string ControlPath(const std::string& data_path, const Uuid& uuid);
@@ -26,6 +28,7 @@ public:
     const StreamGeometry& geometry() const { return geometry_; }
     const Uuid& uuid() const { return uuid_; }
     std::uint64_t epoch() const { return epoch_; }
+    std::uint64_t created_ms() const { return created_ms_; }
     const std::string& stream() const { return stream_; }
     const KeyDigest& key_digest() const { return key_digest_; }
     bool asks_for_checksums() const { return asks_for_checksums_; }
@@ -48,6 +51,7 @@ public:
     }
 
 private:
+    static std::shared_ptr<Segment> Open(const std::string& path, Access data, Access control);
     Segment(Mapping data, const layout::HeaderFields& fields, const StreamGeometry& geometry);
     void AttachControl(Mapping control);
 
@@ -56,6 +60,7 @@ private:
     StreamGeometry geometry_;
     Uuid uuid_{};
     std::uint64_t epoch_ = 0;
+    std::uint64_t created_ms_ = 0;
     std::string stream_;
     KeyDigest key_digest_{};
     bool asks_for_checksums_ = false;

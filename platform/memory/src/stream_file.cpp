@@ -6,6 +6,7 @@
 #include "random_bytes.h"
 #include "reader_row.h"
 #include "segment.h"
+#include "segment_state.h"
 #include "tags.h"
 
 #include <algorithm>
@@ -168,54 +169,12 @@ private:
     const std::shared_ptr<Segment> segment_;
 };
 
-// All loads here and in readers() are relaxed: shown to people, or asked again in a moment.
 WriterState MappedStreamFile::writer_state() const {
-    WriterState state;
-    if (InForkedChild()) {
-        return state;
-    }
-    constexpr auto relaxed = std::memory_order_relaxed;
-    const auto& counters = segment_->writer_counters();
-    state.retired = segment_->retired();
-    const std::uint64_t role = Role();
-    state.writer = {RoleNumber(role), RoleNonce(role)};
-    state.newest_sequence = segment_->words().head.load(relaxed);
-    state.written = counters.written.load(relaxed);
-    state.payload_bytes = counters.payload_bytes.load(relaxed);
-    state.dropped = counters.dropped.load(relaxed);
-    state.discarded = counters.discarded.load(relaxed);
-    state.last_write_ms = counters.last_write_ms.load(relaxed);
-    return state;
+    return InForkedChild() ? WriterState{} : WriterStateOf(*segment_);
 }
 
 std::vector<ReaderState> MappedStreamFile::readers() const {
-    std::vector<ReaderState> readers;
-    if (InForkedChild()) {
-        return readers;
-    }
-    constexpr auto relaxed = std::memory_order_relaxed;
-    for (std::uint32_t number = 0; number < layout::kRows; ++number) {
-        const auto& row = segment_->row(number);
-        const std::uint64_t owner = row.owner.load(relaxed);
-        if (owner == 0) {
-            continue;
-        }
-        const auto& ledger = segment_->ledger(number);
-        ReaderState reader;
-        reader.row = number;
-        reader.reader = UnpackOwner(owner);
-        reader.pins = static_cast<std::uint32_t>(
-            std::count_if(std::begin(row.pins), std::end(row.pins),
-                          [](const auto& pin) { return pin.load(relaxed) != 0; }));
-        reader.next_sequence = ledger.next_sequence.load(relaxed);
-        reader.read = ledger.read.load(relaxed);
-        reader.lost = ledger.lost.load(relaxed);
-        reader.replaced = ledger.replaced.load(relaxed);
-        reader.stale = ledger.stale.load(relaxed);
-        reader.checksum_failures = ledger.checksum_failures.load(relaxed);
-        readers.push_back(reader);
-    }
-    return readers;
+    return InForkedChild() ? std::vector<ReaderState>{} : ReaderStatesOf(*segment_);
 }
 
 void MappedStreamFile::Retire() {

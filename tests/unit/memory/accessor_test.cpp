@@ -257,6 +257,7 @@ TEST_F(AccessorTest, ChangedBytesAreNeverReturned) {
         Write(*writer, 2, 2);
         EXPECT_EQ(TakeAll(*reader), (std::vector<std::uint64_t>{2})) << by_stream;
         EXPECT_EQ(reader->reader_counters().checksum_failures, 1U);
+        EXPECT_EQ(logger_.Count("sample 1 of stream \"cam/left\" skipped"), by_stream ? 2 : 1);
     }
 }
 

@@ -1,0 +1,51 @@
+#pragma once
+
+#include "kvo/memory/stream_file.h"
+#include "kvo/memory_export.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+// For tools: looking at stream files without taking part. Nothing is written, no lock is taken;
+// who uses the files does not notice.
+namespace kvo {
+
+/// A process as the lock file of the directory knows it.
+struct ObservedProcess {
+    ProcessTag tag;  // number 0: nobody
+    bool lives = false;
+    std::uint32_t process_id = 0;  // in its own namespace; 0: not known
+};
+
+struct ObservedReader {
+    ReaderState state;
+    ObservedProcess process;
+    std::uint64_t lag = 0;  // samples between the newest one and the reader's place
+    std::uint64_t copied = 0;
+    std::vector<std::uint64_t> pinned;  // sequence numbers; 0: the slot holds none now
+};
+
+struct FileReport {
+    std::string stream;
+    std::string uuid;  // 32 hexadecimal digits
+    std::uint64_t epoch = 0;
+    std::uint64_t created_ms = 0;  // since the Unix epoch
+    bool checksums = false;        // asked for by the stream
+    StreamGeometry geometry;
+    WriterState writer;
+    ObservedProcess writer_process;
+    std::vector<ObservedReader> readers;
+};
+
+/// Throws std::runtime_error naming file and fault when the header or the control file can not be
+/// used. Processes of the caller's own process count as dead: the kernel shows no process its own
+/// locks. Threads: any.
+KVO_MEMORY_EXPORT FileReport InspectStreamFile(const std::string& path);
+
+/// What is wrong with a file: one sentence for each rule of docs/stream-file.md that is broken,
+/// none for a sound one. With a living writer or reader the rules are looked at again for some
+/// time, since their steps can be seen half done. Throws as InspectStreamFile.
+KVO_MEMORY_EXPORT std::vector<std::string> CheckStreamFile(const std::string& path);
+
+}  // namespace kvo
