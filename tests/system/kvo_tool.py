@@ -226,6 +226,24 @@ class KvoTool(unittest.TestCase):
         self.assertEqual({reading["memory_total_bytes"] for reading in readings}, {total})
         self.assertEqual(publisher.wait(PATIENCE_S), 0)
 
+    def test_stream_files_are_shown_and_checked_without_a_broker(self):
+        publisher = self.start_publisher("watched", "--wait-subscribers", "1")
+        subscriber = self.start("sub", "watched", "--lines")
+        self.write_line(publisher, "one")
+        self.assertEqual(LineReader(subscriber.stdout).next(PATIENCE_S), "one")
+        code, listing, _ = self.run_kvo("shm", "ls", self.broker.directory)
+        self.assertEqual(code, 0)
+        path, stream = listing.decode().split()[:2]
+        self.assertEqual(stream, "watched")
+        code, report, _ = self.run_kvo("shm", "show", path)
+        self.assertIn(f"process {publisher.pid}\n", report.decode())
+        self.assertIn(f"reader in row 0: process {subscriber.pid}\n", report.decode())
+        self.assertEqual(self.run_kvo("shm", "check", path)[:2],
+                         (0, f"{path}: sound\n".encode()))
+        code, report, _ = self.run_kvo("shm", "check", path, BROKER_PROGRAM)
+        self.assertEqual(code, 1)
+        self.assertIn(b"no stream file", report)
+
     def test_both_sides_outlive_the_broker(self):
         broker = BrokerProcess(BROKER_PROGRAM)
         self.addCleanup(broker.stop)
