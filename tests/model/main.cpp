@@ -1,0 +1,198 @@
+// Searches every interleaving of the stream file's protocol, and proves that the search sees:
+// each seeded mistake must be found in just the memory models that show it.
+#include "explorer.h"
+
+#include <CLI/CLI.hpp>
+
+#include <array>
+#include <chrono>
+#include <iostream>
+#include <string>
+#include <vector>
+
+namespace {
+
+using kvo::model::Configuration;
+using kvo::model::Explore;
+using kvo::model::MemoryModel;
+using kvo::model::Mistake;
+using kvo::model::Outcome;
+
+constexpr std::array kModels{MemoryModel::kSc, MemoryModel::kTso, MemoryModel::kPso};
+constexpr std::array<const char*, 3> kModelNames{"SC", "TSO", "PSO"};
+constexpr std::uint64_t kMostStates = 130'000'000;  // of 16 bytes each, in a table half full
+
+struct Case {
+    const char* name;
+    Configuration configuration;
+    unsigned models;        // one bit each
+    unsigned quick_models;  // those searched with --quick
+};
+constexpr unsigned kSc = 1;
+constexpr unsigned kTso = 2;
+constexpr unsigned kPso = 4;
+constexpr unsigned kAll = kSc | kTso | kPso;
+
+Configuration Small() {
+    return {.retained = 1, .rows = 1, .batch = 2, .samples = 3, .readers = 1, .reads = 2};
+}
+Configuration Copying() {
+    Configuration c = Small();
+    c.copies = true;
+    return c;
+}
+Configuration Competing() {
+    Configuration c = Small();
+    c.readers = 2;
+    return c;
+}
+Configuration TwoRows() {
+    return {.retained = 1, .rows = 2, .batch = 2, .samples = 2, .readers = 2, .reads = 1};
+}
+Configuration TakenOver() {
+    Configuration c = Small();
+    c.reads = 1;
+    c.writer_crashes = true;
+    return c;
+}
+Configuration Reaped() {
+    return {.samples = 2,
+            .readers = 2,
+            .reads = 1,
+            .reader_crashes = 1,
+            .reapers = 1,
+            .reaper_crashes = 0};
+}
+Configuration EverybodyCrashes(unsigned readers) {
+    Configuration c{.samples = 2, .readers = readers};
+    c.copies = true;
+    c.reader_crashes = 1;
+    c.writer_crashes = true;
+    c.reapers = 1;
+    c.reaper_crashes = 1;
+    return c;
+}
+
+std::vector<Case> Cases() {
+    Configuration two_retained = Competing();
+    two_retained.retained = 2;
+    Configuration writer_too = Reaped();
+    writer_too.reapers = 0;
+    writer_too.writer_crashes = true;
+    Configuration two_reapers = Reaped();
+    two_reapers.reapers = 2;
+    two_reapers.reaper_crashes = 1;
+    return {
+        {"one reader, two samples each", Small(), kAll, kAll},
+        {"one reader that also copies", Copying(), kAll, kAll},
+        {"two readers, one row", Competing(), kAll, kAll},
+        {"two readers, one row, two samples retained", two_retained, kAll, kAll},
+        {"two readers, two rows", TwoRows(), kAll, kAll},
+        {"one reader, the writer is replaced", TakenOver(), kAll, kAll},
+        {"two readers that crash and return, a reaper", Reaped(), kAll, kSc | kTso},
+        {"two readers and the writer crash", writer_too, kAll, kSc | kTso},
+        {"one reader, everybody crashes", EverybodyCrashes(1), kAll, kAll},
+        {"two readers, two reapers, all crash", two_reapers, kAll, kSc},
+        {"two readers, everybody crashes", EverybodyCrashes(2), kSc, 0},
+    };
+}
+
+struct Seed {
+    const char* name;
+    Mistake mistake;
+    Configuration configuration;
+    unsigned found_in;
+};
+
+std::vector<Seed> Seeds() {
+    return {
+        {"pin not awaited", Mistake::kPinNotSequential, Small(), kTso | kPso},
+        {"round not awaited", Mistake::kRoundNotSequential, Small(), kTso | kPso},
+        {"closed relaxed", Mistake::kClosedRelaxed, Small(), kPso},
+        {"no second look", Mistake::kNoSecondLook, Small(), kAll},
+        {"copy without second look", Mistake::kCopyWithoutSecondLook, Copying(), kAll},
+        {"mark loaded before closing", Mistake::kMarkLoadedBeforeClosing, Small(), kAll},
+        {"scan before closing", Mistake::kScanBeforeClosing, Small(), kAll},
+        {"mark raised after the pin", Mistake::kMarkRaisedAfterPin, Small(), kAll},
+        {"mark raised by a store", Mistake::kMarkRaisedByStore, TwoRows(), kAll},
+        {"stock left valid", Mistake::kStockLeftValid, Small(), kAll},
+        {"successor trusts the stock", Mistake::kSuccessorTrustsStock, TakenOver(), kAll},
+        {"owner cleared before the pin", Mistake::kOwnerClearedBeforePin, Competing(), kAll},
+        {"owner cleared relaxed", Mistake::kOwnerClearedRelaxed, Competing(), kPso},
+        {"valid relaxed", Mistake::kValidRelaxed, Small(), kPso},
+        {"payload not after writing", Mistake::kPayloadNotAfterWriting, Copying(), kPso},
+        {"row claimed by a store", Mistake::kClaimByStore, Competing(), kAll},
+        {"living reader reaped", Mistake::kLiveReaderReaped, Competing(), kAll},
+        {"reapers without taking over", Mistake::kReapersPlainStores, Reaped(), kAll},
+        {"reaper stops at the mark", Mistake::kReaperStopsAtMark, Reaped(), kAll},
+        {"one slot short", Mistake::kSlotShort, Small(), kAll},
+        {"one of the newest closed", Mistake::kNewestClosed, Small(), kAll},
+    };
+}
+
+struct Timed {
+    Outcome outcome;
+    double seconds;
+};
+
+Timed Search(Configuration configuration, MemoryModel memory) {
+    configuration.memory = memory;
+    const auto begin = std::chrono::steady_clock::now();
+    const Outcome outcome = Explore(configuration, kMostStates);
+    return {outcome,
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count()};
+}
+
+bool SearchCases(bool quick) {
+    bool good = true;
+    for (const Case& searched : Cases()) {
+        for (std::size_t i = 0; i < kModels.size(); ++i) {
+            if (((quick ? searched.quick_models : searched.models) >> i & 1) == 0) {
+                continue;
+            }
+            const auto [outcome, seconds] = Search(searched.configuration, kModels[i]);
+            const bool clean = outcome.fault == nullptr && outcome.complete;
+            good = good && clean;
+            std::cout << kModelNames[i] << ", " << searched.name << ": " << outcome.states
+                      << " states, "
+                      << (outcome.fault != nullptr ? outcome.fault
+                          : outcome.complete       ? "no fault"
+                                                   : "stopped at the limit")
+                      << " (" << seconds << " s)" << std::endl;
+        }
+    }
+    return good;
+}
+
+bool SearchSeeds() {
+    bool good = true;
+    for (const Seed& seed : Seeds()) {
+        for (std::size_t i = 0; i < kModels.size(); ++i) {
+            Configuration configuration = seed.configuration;
+            configuration.mistake = seed.mistake;
+            const Outcome outcome = Search(configuration, kModels[i]).outcome;
+            const bool expected = (seed.found_in >> i & 1) != 0;
+            if ((outcome.fault != nullptr) != expected) {
+                good = false;
+                std::cout << kModelNames[i] << ", mistake \"" << seed.name
+                          << "\": " << (expected ? "not found" : outcome.fault) << std::endl;
+            }
+        }
+    }
+    std::cout << Seeds().size() << " seeded mistakes in " << kModels.size()
+              << " memory models: " << (good ? "each found where it shows" : "see above")
+              << std::endl;
+    return good;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app("Searches every interleaving of the stream file's protocol.");
+    bool quick = false;
+    app.add_flag("--quick", quick, "leave out the searches that take minutes");
+    CLI11_PARSE(app, argc, argv);
+    const bool seeds = SearchSeeds();
+    const bool cases = SearchCases(quick);
+    return seeds && cases ? 0 : 1;
+}
