@@ -233,8 +233,8 @@ class KvoTool(unittest.TestCase):
         self.assertEqual(LineReader(subscriber.stdout).next(PATIENCE_S), "one")
         code, listing, _ = self.run_kvo("shm", "ls", self.broker.directory)
         self.assertEqual(code, 0)
-        path, stream = listing.decode().split()[:2]
-        self.assertEqual(stream, "watched")
+        paths = {stream: path for path, stream, *_ in map(str.split, listing.decode().splitlines())}
+        path = paths["watched"]
         code, report, _ = self.run_kvo("shm", "show", path)
         self.assertIn(f"process {publisher.pid}\n", report.decode())
         self.assertIn(f"reader in row 0: process {subscriber.pid}\n", report.decode())
