@@ -19,11 +19,24 @@ bool IsNameCharacter(char c) {
            std::string_view("-._~!$&'()*+,;=:@/").find(c) != std::string_view::npos;
 }
 
+// "." and ".." do not stay as they are in a URI's path (RFC 3986, 5.2.4).
+bool HasDotSegment(std::string_view name) {
+    for (std::size_t begin = 0; begin <= name.size();) {
+        const std::size_t end = std::min(name.find('/', begin), name.size());
+        const std::string_view segment = name.substr(begin, end - begin);
+        if (segment == "." || segment == "..") {
+            return true;
+        }
+        begin = end + 1;
+    }
+    return false;
+}
+
 }  // namespace
 
 bool IsWellFormedName(std::string_view name) {
     return !name.empty() && name.size() <= kMaxNameBytes &&
-           std::all_of(name.begin(), name.end(), IsNameCharacter);
+           std::all_of(name.begin(), name.end(), IsNameCharacter) && !HasDotSegment(name);
 }
 
 std::string FileNameOf(std::string_view stream) {

@@ -8,7 +8,8 @@ namespace kvo::brokerd {
 inline constexpr std::size_t kMaxNameBytes = 255;
 
 /// Whether the text can name a stream: 1 to 255 of the characters that the path of a URI carries
-/// as they are (RFC 3986, pchar without percent-encoding, and '/').
+/// as they are (RFC 3986, pchar without percent-encoding, and '/'), without "." and ".." between
+/// slashes.
 bool IsWellFormedName(std::string_view name);
 
 /// The name of the stream's file: a digest, and what of the name is readable. Different names

@@ -91,7 +91,8 @@ std::int32_t StreamRegistry::AddPublisher(const std::string& identity,
     if (!IsWellFormedName(name)) {
         return Refuse(kIllFormedName, Quoted(name) +
                                           " cannot name a stream: 1 to 255 letters, "
-                                          "digits and -._~!$&'()*+,;=:@/");
+                                          "digits and -._~!$&'()*+,;=:@/, without . and .. "
+                                          "between slashes");
     }
     StreamGeometry geometry;
     try {

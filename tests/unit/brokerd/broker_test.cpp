@@ -29,14 +29,15 @@ std::string FaultOf(Function&& function) {
 
 TEST(StreamName, OnlyWhatAUriCarriesAndNeverAPlaceElsewhere) {
     for (const std::string good :
-         {"a", "camera/left", "x;v=1,(2)*!$&'+@:~._-=", "..", "../../etc"}) {
+         {"a", "camera/left", "x;v=1,(2)*!$&'+@:~._-=", "...", "a..", "/", "a//b/"}) {
         EXPECT_TRUE(IsWellFormedName(good)) << good;
         EXPECT_EQ(std::string::npos, FileNameOf(good).find('/')) << good;
     }
     for (const std::string& bad :
          {std::string(), std::string(256, 'a'), std::string("a b"), std::string("a\0b", 3),
           std::string("50%"), std::string("a?b"), std::string("a#b"), std::string("\xc3\xa4"),
-          std::string("tab\t"), std::string("\"")}) {
+          std::string("tab\t"), std::string("\""), std::string(".."), std::string("../../etc"),
+          std::string("a/./b"), std::string("a/.")}) {
         EXPECT_FALSE(IsWellFormedName(bad)) << bad;
     }
     EXPECT_TRUE(IsWellFormedName(std::string(255, 'a')));
