@@ -1,5 +1,7 @@
 #include "copy_out.h"
 
+#include "crash_point.h"
+
 #include <cstring>
 
 namespace kvo {
@@ -55,6 +57,7 @@ bool CopyOut(const Segment& segment, std::uint32_t slot, std::uint64_t version,
     content = LoadContent(segment, slot);
     bytes.resize(content.total_bytes());
     CopyWhileWritten(segment.payload(slot), bytes.data(), bytes.size());
+    KVO_CRASH_POINT("copy made");
 #if !defined(__SANITIZE_THREAD__)
     // [overwrite] Acquire: had a byte above been of a later version, the load below would show it.
     std::atomic_thread_fence(std::memory_order_acquire);

@@ -42,7 +42,9 @@ std::uint64_t StrideOf(std::uint64_t max_payload_bytes, std::uint64_t max_metada
 
 FileOffsets OffsetsOf(const StreamGeometry& geometry) {
     FileOffsets offsets;
-    offsets.index_entries = std::bit_ceil(geometry.retained_samples);
+    // One more than is retained: the entry that a new sample takes belongs to none of the newest
+    // ones, also in the moment in which `head` does not name the new one yet.
+    offsets.index_entries = std::bit_ceil(geometry.retained_samples + 1);
     offsets.slot_headers =
         RoundUp(layout::kIndexOffset + offsets.index_entries * sizeof(layout::IndexEntry), 64);
     offsets.payload =

@@ -1,5 +1,6 @@
 #include "reader_row.h"
 
+#include "crash_point.h"
 #include "fork_guard.h"
 #include "tags.h"
 
@@ -44,6 +45,7 @@ bool TakeRowOver(layout::ReaderRow& row, std::uint64_t owner, const ProcessTag& 
 
 void ReleaseRow(layout::ReaderRow& row) {
     ClearPins(row);
+    KVO_CRASH_POINT("row cleared");
     // [row] Release: who claims the row next finds the pins 0. Killed before this line, the row
     // is a dead reader's without pins.
     row.owner.store(0, std::memory_order_release);
@@ -72,10 +74,12 @@ ReaderRow::ReaderRow(std::shared_ptr<Segment> segment, std::shared_ptr<ProcessLo
       usable_pins_(number < segment_->geometry().pinning_rows
                        ? static_cast<int>(segment_->geometry().pins_per_row)
                        : 0) {
+    KVO_CRASH_POINT("row claimed");
     ClearPins(row_);  // those of a dead owner
     PublishLedger({}, 0);
     if (usable_pins_ > 0) {
         RaiseMark();
+        KVO_CRASH_POINT("row marked");
     }
 }
 
@@ -116,11 +120,13 @@ ReaderRow::PinOutcome ReaderRow::Pin(std::uint32_t slot, std::uint64_t version, 
     // loads of the pins: either its scan reads our pin, or we see its round and with it the word
     // that it closed before. Killed in between, the pin stays until the row is reaped.
     row_.pins[free].store(slot + 1, std::memory_order_seq_cst);
+    KVO_CRASH_POINT("pin stored");
     segment_->words().scan_round.load(std::memory_order_seq_cst);
     if (word.load(std::memory_order_acquire) != valid) {      // [slot-closed]
         row_.pins[free].store(0, std::memory_order_release);  // [unpin]
         return PinOutcome::kMissed;
     }
+    KVO_CRASH_POINT("pin held");
     used_ |= 1U << free;
     pin = free;
     return PinOutcome::kPinned;
@@ -132,6 +138,7 @@ void ReaderRow::Unpin(int pin) {
     }
     // [unpin] Release: the scan that reads 0 is behind everything read through this pin.
     row_.pins[pin].store(0, std::memory_order_release);
+    KVO_CRASH_POINT("pin released");
     used_ &= ~(1U << pin);
 }
 

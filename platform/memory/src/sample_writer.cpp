@@ -1,6 +1,7 @@
 #include "sample_writer.h"
 
 #include "copy_out.h"
+#include "crash_point.h"
 #include "fork_guard.h"
 #include "slot_content.h"
 #include "tags.h"
@@ -33,7 +34,9 @@ SampleWriter::SampleWriter(std::shared_ptr<Segment> segment, std::shared_ptr<Pro
     stock_.reserve(geometry.slot_count);
     seen_pinned_.resize(geometry.slot_count);
     TakeRole();
+    KVO_CRASH_POINT("role taken");
     Recover();
+    KVO_CRASH_POINT("role recovered");
 }
 
 SampleWriter::~SampleWriter() {
@@ -110,17 +113,23 @@ SampleWriter::Outcome SampleWriter::Write(const SampleInput& sample) {
     }
     const Written added{newest_ + 1, stock_.back()};
     auto& word = segment_->slot(added.slot).word;
+    KVO_CRASH_POINT("write begun");
     BeginOverwrite(word, added.version);
+    KVO_CRASH_POINT("write marked");
     Fill(added.slot, sample);
+    KVO_CRASH_POINT("write filled");
     // [slot-ready] Release: who acquires this word sees header and payload above. Killed before
     // this line, the slot still says "writing": nobody reads it and the next writer uses it
     // again. Killed after it, the sample counts and the next writer enters it in the index.
     word.store(layout::PackWord(added.version, layout::SlotState::kValid),
                std::memory_order_release);
+    KVO_CRASH_POINT("write valid");
     segment_->index(added.version)
         .store(layout::PackIndex(added.version, added.slot), kRelaxed);  // [newest] orders it
+    KVO_CRASH_POINT("write indexed");
     // [newest] Release: who reads the version finds it in the index.
     segment_->words().head.store(added.version, std::memory_order_release);
+    KVO_CRASH_POINT("write announced");
 
     stock_.pop_back();
     newest_ = added.version;
@@ -172,8 +181,10 @@ void SampleWriter::Refill() {
         segment_->slot(sample.slot)
             .word.store(layout::PackWord(sample.version, layout::SlotState::kClosed),
                         std::memory_order_release);
+        KVO_CRASH_POINT("refill closing");
     }
     ScanPins();
+    KVO_CRASH_POINT("refill scanned");
     const std::size_t pending_before = pending_.size();
     std::size_t kept = 0;
     for (std::size_t i = 0; i < pending_before; ++i) {
@@ -197,6 +208,7 @@ void SampleWriter::ScanPins() {
     // [pin-or-closed] One sequentially consistent store a batch, between closing and scanning: a
     // reader whose pin the scan below does not see, sees this round, and with it the closed word.
     segment_->words().scan_round.store(scan_round_, std::memory_order_seq_cst);
+    KVO_CRASH_POINT("refill round");
     // [mark] Loaded after the round. Clamped: readers may write anything there.
     const std::uint32_t rows =
         std::min(segment_->control().mark.load(std::memory_order_seq_cst), geometry.pinning_rows);

@@ -1,5 +1,6 @@
 #include "segment.h"
 
+#include "crash_point.h"
 #include "geometry.h"
 
 #include <algorithm>
@@ -143,10 +144,12 @@ std::shared_ptr<Segment> Segment::Open(const std::string& path, Access data_acce
         layout::HeaderFields fields;
         std::memcpy(&fields, &header->fields, sizeof fields);
         const StreamGeometry geometry = CheckHeader(path, fields, bytes);
+        KVO_CRASH_POINT("data file opened");
         std::shared_ptr<Segment> segment(new Segment(std::move(data), fields, geometry));
         if (auto control =
                 OpenControl(ControlPath(path, segment->uuid_), segment->uuid_, control_access)) {
             segment->AttachControl(std::move(*control));
+            KVO_CRASH_POINT("control file opened");
             return segment;
         }
     }

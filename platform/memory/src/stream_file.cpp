@@ -1,5 +1,6 @@
 #include "kvo/memory/stream_file.h"
 
+#include "crash_point.h"
 #include "fork_guard.h"
 #include "geometry.h"
 #include "mapping.h"
@@ -231,6 +232,7 @@ void MappedStreamFile::Remove() {
     if (UuidAt(path_) == segment_->uuid()) {
         UnlinkIfThere(path_);
     }
+    KVO_CRASH_POINT("data file removed");
     UnlinkIfThere(Segment::ControlPath(path_, segment_->uuid()));
 }
 
@@ -254,10 +256,14 @@ std::unique_ptr<StreamFile> StreamFile::Create(const Creation& creation) {
     FillRandom(uuid.data(), uuid.size());
     const std::string control_path = Segment::ControlPath(creation.path, uuid);
     NewFile control(control_path, creation.geometry.control_bytes);
+    KVO_CRASH_POINT("control file made");
     NewFile data(std::filesystem::path(control_path).replace_extension(".new").string(),
                  creation.geometry.file_bytes);
+    KVO_CRASH_POINT("data file made");
     FillControl(control.begin(), uuid);
+    KVO_CRASH_POINT("control file filled");
     FillData(data.begin(), creation, uuid);
+    KVO_CRASH_POINT("data file filled");
     // Looked at as others will, while nothing is in place yet.
     auto segment = Segment::Open(data.path(), Segment::Access::kWrite);
     auto file = std::make_unique<MappedStreamFile>(creation.path, std::move(segment));
@@ -266,6 +272,7 @@ std::unique_ptr<StreamFile> StreamFile::Create(const Creation& creation) {
     if (::rename(data.path().c_str(), creation.path.c_str()) != 0) {
         ThrowErrno(errno, "putting " + creation.path + " in place");
     }
+    KVO_CRASH_POINT("data file in place");
     data.Keep();
     control.Keep();
     if (replaced) {

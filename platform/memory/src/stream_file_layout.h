@@ -46,7 +46,7 @@ struct HeaderFields {
     std::uint32_t pins_per_row;      // P
     std::uint32_t close_batch;       // B
     std::uint32_t slot_count;        // N + Z * P + B
-    std::uint32_t index_entries;     // M, the power of two from N up
+    std::uint32_t index_entries;     // M, the first power of two above N
     std::uint64_t slot_stride;       // bytes from one payload to the next, a multiple of 64
     std::uint64_t index_offset;      // these three from the start of the file
     std::uint64_t slot_headers_offset;
