@@ -64,7 +64,7 @@ std::uint64_t SampleReader::FirstYoung(std::uint64_t max_age_ns) const {
 
 bool SampleReader::TakeNext(std::uint64_t max_age_ns, std::uint64_t& next, ReaderCounters& counters,
                             TakenSample& taken) {
-    const std::uint64_t now_ns = MonotonicNanoseconds();
+    const std::uint64_t now_ns = max_age_ns != 0 ? MonotonicNanoseconds() : 0;
     std::uint64_t newest = Newest();
     int overtakings = 0;
     while (next <= newest) {

@@ -1,0 +1,188 @@
+// Few retained samples and readers that hold many: half of them are stopped while they do. The
+// writer finds a slot for every sample, the others read on, and what is held does not change.
+#include "kvo/memory/inspection.h"
+#include "kvo/memory/memory_accessor.h"
+#include "kvo/memory/stream_file.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <deque>
+#include <fcntl.h>
+#include <filesystem>
+#include <memory>
+#include <spawn.h>
+#include <stdexcept>
+#include <string>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <thread>
+#include <tuple>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+using kvo::KvoMemoryAccessor;
+
+constexpr int kPayload = 512;
+constexpr int kReaders = 8;
+constexpr const char* kStream = "stalled/readers";
+constexpr std::chrono::seconds kDeadline{30};
+
+bool Holds(const kvo::DataSample& sample) {
+    const auto expected = static_cast<unsigned char>(sample.sequence_number());
+    return sample.payload_size() == kPayload &&
+           std::all_of(sample.payload(), sample.payload() + kPayload,
+                       [expected](unsigned char byte) { return byte == expected; });
+}
+
+// What the readers have read, each its own count, in a file that all share.
+using Progress = std::array<std::atomic<std::uint64_t>, kReaders>;
+
+Progress& MapProgress(const std::string& directory) {
+    const std::string path = directory + "/progress";
+    const int file = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    if (file < 0 || ::ftruncate(file, sizeof(Progress)) != 0) {
+        throw std::runtime_error("cannot make " + path);
+    }
+    void* const begin =
+        ::mmap(nullptr, sizeof(Progress), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
+    ::close(file);
+    if (begin == MAP_FAILED) {
+        throw std::runtime_error("cannot map " + path);
+    }
+    return *static_cast<Progress*>(begin);
+}
+
+// A reader process; counts what it has read in `progress` and never returns while all is well.
+void Read(const std::string& path, int accessor_argument, std::atomic<std::uint64_t>& progress) {
+    KvoMemoryAccessor reader(path, kStream, nullptr, 0, accessor_argument);
+    reader.StartReading();
+    std::deque<const kvo::DataSample*> held;
+    for (;;) {
+        kvo::DataSample* sample = nullptr;
+        reader.get_data_packet(nullptr, nullptr, nullptr, nullptr, nullptr, &sample);
+        if (sample == nullptr) {
+            std::this_thread::yield();
+            continue;
+        }
+        held.push_back(sample);
+        if (held.size() > static_cast<std::size_t>(std::max(accessor_argument, 1))) {
+            held.pop_front();
+        }
+        if (!std::all_of(held.begin(), held.end(),
+                         [](const kvo::DataSample* each) { return Holds(*each); })) {
+            return;
+        }
+        progress.fetch_add(1, std::memory_order_relaxed);  // relaxed: a number to wait for
+    }
+}
+
+class StalledReaders : public ::testing::TestWithParam<std::tuple<int, int>> {
+protected:
+    StalledReaders() {
+        EXPECT_NE(nullptr, ::mkdtemp(directory_.data()));
+        path_ = directory_ + "/stream";
+        progress_ = &MapProgress(directory_);
+    }
+    ~StalledReaders() override {
+        for (const pid_t reader : readers_) {
+            ::kill(reader, SIGKILL);
+            ::waitpid(reader, nullptr, 0);
+        }
+        ::munmap(progress_, sizeof(Progress));
+        std::filesystem::remove_all(directory_);
+    }
+
+    void StartReaders(int accessor_argument) {
+        for (int i = 0; i < kReaders; ++i) {
+            std::array<std::string, 4> texts{"/proc/self/exe", directory_,
+                                             std::to_string(accessor_argument), std::to_string(i)};
+            std::array<char*, 5> argv{texts[0].data(), texts[1].data(), texts[2].data(),
+                                      texts[3].data(), nullptr};
+            pid_t reader = -1;
+            ASSERT_EQ(0, ::posix_spawn(&reader, argv[0], nullptr, nullptr, argv.data(), environ));
+            readers_.push_back(reader);
+        }
+    }
+    /// Writes until each of the readers [first, last) has read so many more samples.
+    ::testing::AssertionResult WriteUntilRead(KvoMemoryAccessor& writer, std::size_t first,
+                                              std::size_t last, std::uint64_t samples) {
+        std::array<std::uint64_t, kReaders> goal{};
+        for (std::size_t i = first; i < last; ++i) {
+            goal[i] = (*progress_)[i].load() + samples;
+        }
+        const auto deadline = std::chrono::steady_clock::now() + kDeadline;
+        for (std::size_t i = first; i < last;) {
+            if (std::chrono::steady_clock::now() > deadline) {
+                return ::testing::AssertionFailure() << "reader " << i << " does not read on";
+            }
+            const std::vector<unsigned char> payload(
+                kPayload, static_cast<unsigned char>(writer.writer_counters().written + 1));
+            writer.WriteData(-1, 0, 0, payload.data(), kPayload, nullptr, 0, 1);
+            std::this_thread::yield();
+            while (i < last && (*progress_)[i].load() >= goal[i]) {
+                ++i;
+            }
+        }
+        return ::testing::AssertionSuccess();
+    }
+
+    std::string directory_ = "/dev/shm/kvo-stalled-XXXXXX";
+    std::string path_;
+    Progress* progress_ = nullptr;
+    std::vector<pid_t> readers_;
+};
+
+TEST_P(StalledReaders, CostTheWriterAndTheOthersNothing) {
+    const auto [retained, accessor_argument] = GetParam();
+    kvo::StreamFile::Creation creation;
+    creation.path = path_;
+    creation.stream = kStream;
+    kvo::SpareSlots spare;
+    spare.budget_bytes = 64 << 10;
+    creation.geometry = kvo::PlanGeometry(kPayload, retained, spare);
+    creation.epoch = 1;
+    const auto file = kvo::StreamFile::Create(creation);
+    KvoMemoryAccessor writer(path_, kStream, nullptr, 0, 1);
+    writer.SetSizeConstraints(kPayload, kvo::kMaxMetadataBytes);
+    ASSERT_TRUE(writer.get_is_initialized());
+
+    StartReaders(accessor_argument);
+    ASSERT_TRUE(WriteUntilRead(writer, 0, kReaders, 20));
+    for (std::size_t i = 0; i < kReaders / 2; ++i) {
+        ::kill(readers_[i], SIGSTOP);
+    }
+    EXPECT_TRUE(WriteUntilRead(writer, kReaders / 2, kReaders, 500));
+    for (std::size_t i = 0; i < kReaders / 2; ++i) {
+        ::kill(readers_[i], SIGCONT);
+    }
+    // A reader whose samples had changed has ended.
+    EXPECT_TRUE(WriteUntilRead(writer, 0, kReaders, 20));
+    EXPECT_EQ(0U, writer.writer_counters().dropped);
+    EXPECT_EQ(std::vector<std::string>(), kvo::CheckStreamFile(path_));
+}
+
+INSTANTIATE_TEST_SUITE_P(RetainedAndHeld, StalledReaders,
+                         ::testing::Combine(::testing::Values(1, 2, 4),
+                                            ::testing::Values(0, 1, 10, 1000)));
+
+}  // namespace
+
+// DIRECTORY ACCESSOR_ARGUMENT NUMBER: one reader.
+int main(int argc, char** argv) {
+    if (argc == 4) {
+        const std::string directory = argv[1];
+        Read(directory + "/stream", std::atoi(argv[2]),
+             MapProgress(directory).at(static_cast<std::size_t>(std::atoi(argv[3]))));
+        return 1;
+    }
+    ::testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}
