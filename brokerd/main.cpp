@@ -73,8 +73,10 @@ int main(int argc, char** argv) {
     app.add_option("--notification-port", options.notification_port,
                    "Port of the notifications; 0: any free one")
         ->capture_default_str();
-    app.add_option("--directory", options.directory,
-                   "Directory of the stream files; default: /dev/shm/kvo-<user id>-<port>");
+    app.add_option(
+        "--directory", options.directory,
+        "Directory of the stream files; default: /dev/shm/kvo-<user id>-<port>, with port 0 "
+        "a new one");
     app.add_option("--heartbeat-period", period,
                    "Seconds between the heartbeats of a client; 0: none")
         ->check(CLI::NonNegativeNumber)

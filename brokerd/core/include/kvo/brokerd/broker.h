@@ -17,7 +17,9 @@ struct BrokerOptions {
     std::string address = "127.0.0.1";
     std::uint16_t port = 5000;            // 0: any free one
     std::uint16_t notification_port = 0;  // 0: any free one
-    std::string directory;  // of the stream files; empty: /dev/shm/kvo-<user id>-<port>
+    // Of the stream files. Empty: /dev/shm/kvo-<user id>-<port>; with port 0 one with a random
+    // name, which no successor looks for.
+    std::string directory;
     std::chrono::seconds heartbeat_period{1};
     std::chrono::seconds heartbeat_timeout{10};
     std::chrono::milliseconds removal_grace{2000};  // from the end of a publisher to SHM_DEL
