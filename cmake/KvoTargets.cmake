@@ -11,7 +11,8 @@ if(KVO_SANITIZER)
   target_compile_options(kvo-build-settings INTERFACE
     -fsanitize=${KVO_SANITIZER} -fno-omit-frame-pointer -fno-sanitize-recover=all
     # Instrumented code makes g++ 12 see uninitialised values in library headers.
-    -Wno-maybe-uninitialized)
+    $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>
+    $<$<BOOL:${KVO_BUILD_FUZZERS}>:-fsanitize=fuzzer-no-link>)
   target_link_options(kvo-build-settings INTERFACE -fsanitize=${KVO_SANITIZER})
 else()
   # glibc fortifies optimised code only.

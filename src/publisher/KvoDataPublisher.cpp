@@ -281,9 +281,10 @@ void KvoDataPublisher::WriteData(int sample_tag, const unsigned char* payload, i
     }
     accessor->WriteData(publisher_state->slot_index, publisher_state->topic_id, sample_tag, payload,
                         payload_size, metadata, metadata_size, now_ms);
-    state->broker_client.Call("ReportDataWritten", [&](DataBrokerRegistrationSync& broker) {
-        broker.ReportDataWritten(*stream, payload_size, static_cast<std::int64_t>(now_ms));
-    });
+    state->broker_client.Call(
+        "ReportDataWritten", [&, &name = *stream](DataBrokerRegistrationSync& broker) {
+            broker.ReportDataWritten(name, payload_size, static_cast<std::int64_t>(now_ms));
+        });
 }
 
 void KvoDataPublisher::PublishData() {

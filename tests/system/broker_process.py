@@ -14,16 +14,15 @@ PATIENCE_S = 30
 class BrokerProcess:
     ANNOUNCEMENT = "kvo-broker: listening at "
 
-    def __init__(self, program):
-        self.directory = tempfile.mkdtemp(prefix="kvo-test-", dir="/dev/shm")
-        self._program = program
+    def __init__(self, program, *options, parent="/dev/shm"):
+        self.directory = tempfile.mkdtemp(prefix="kvo-test-", dir=parent)
+        self._command = [program, *options, "--directory", self.directory]
         self.port = 0
         self._start()
 
     def _start(self):
         self._process = subprocess.Popen(
-            [self._program, "--port", str(self.port), "--directory", self.directory],
-            stdout=subprocess.PIPE)
+            [*self._command, "--port", str(self.port)], stdout=subprocess.PIPE)
         try:
             line = LineReader(self._process.stdout).next(PATIENCE_S)
             if not line.startswith(self.ANNOUNCEMENT):

@@ -68,9 +68,8 @@ void AccessorReader::Close() {
 void AccessorReader::LeaveSegment() {
     if (HasPlace()) {
         const std::uint64_t newest = current_->Newest();
-        const std::uint64_t first = std::max(place_.next, current_->OldestRetained(newest));
-        place_.left_unread = newest >= first ? newest - first + 1 : 0;
-        place_.left_lost = first - place_.next;
+        place_.left_unread = current_->Unread(place_.next, newest);
+        place_.left_lost = std::max(place_.next, current_->OldestRetained(newest)) - place_.next;
     }
     current_.reset();
 }
@@ -147,12 +146,7 @@ void AccessorReader::Reattach() {
 }
 
 std::uint64_t AccessorReader::Unread() const {
-    if (!HasPlace()) {
-        return 0;
-    }
-    const std::uint64_t newest = current_->Newest();
-    const std::uint64_t first = std::max(place_.next, current_->OldestRetained(newest));
-    return newest >= first ? newest - first + 1 : 0;
+    return HasPlace() ? current_->Unread(place_.next, current_->Newest()) : 0;
 }
 
 // Claims the next unread sample up to `last` (0: the newest now) for one signal.
@@ -210,23 +204,24 @@ void AccessorReader::NewData() {
     }
 }
 
-AccessorReader::Packet AccessorReader::TakeNext(bool take) {
+AccessorReader::Packet AccessorReader::TakeNext(bool take, bool count) {
     Packet packet;
     std::vector<std::uint64_t> damaged;
     {
         const std::lock_guard lock(mutex_);
-        if (take && HasPlace()) {
-            TakenSample taken;
-            taken.copy = store_.TakeSpare();
-            if (current_->TakeNext(settings_.max_age_ns, place_.next, counters_, taken)) {
-                packet.sample = store_.Add(std::move(taken));
-            } else {
-                store_.GiveSpare(std::move(taken.copy));
-            }
-            current_->PublishLedger(counters_, place_.next);
-            damaged = current_->TakeDamaged();
+        if (!take || !HasPlace()) {
+            packet.unread = Unread();
+            return packet;
         }
-        packet.unread = Unread();
+        if (count) {
+            current_->LookForNewest();
+        }
+        if (current_->TakeNext(settings_.max_age_ns, place_.next, counters_, store_.spare())) {
+            packet.sample = store_.HandOut();
+        }
+        packet.unread = current_->Unread(place_.next, current_->known_newest());
+        current_->PublishLedger(counters_, place_.next);
+        damaged = current_->TakeDamaged();
     }
     for (const std::uint64_t sequence_number : damaged) {
         Log(4, "sample " + std::to_string(sequence_number) + " of stream \"" + settings_.stream +

@@ -41,8 +41,9 @@ public:
         DataSample* sample = nullptr;  // null: none
         std::uint64_t unread = 0;      // samples left
     };
-    /// @param take false: only counts.
-    Packet TakeNext(bool take);
+    /// @param take  false: only counts.
+    /// @param count false: `unread` may be too low.
+    Packet TakeNext(bool take, bool count);
 
     ReaderCounters counters() const;
     DataAvailable& signal() { return signal_; }

@@ -88,7 +88,7 @@ void AccessorWriter::Close() {
     writer_.reset();
 }
 
-void AccessorWriter::Write(SampleInput sample, std::int64_t payload_bytes,
+void AccessorWriter::Write(SampleInput& sample, std::int64_t payload_bytes,
                            std::int64_t metadata_bytes) {
     std::string complaint;
     {

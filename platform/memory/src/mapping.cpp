@@ -71,4 +71,14 @@ FileDescriptor OpenRegularFile(const std::string& path, Mapping::Access access,
     return file;
 }
 
+void ReserveBytes(int fd, std::uint64_t bytes, const std::string& name) {
+    int error = EINTR;
+    while (error == EINTR) {
+        error = ::posix_fallocate(fd, 0, static_cast<off_t>(bytes));
+    }
+    if (error != 0) {
+        ThrowErrno(error, "reserving " + std::to_string(bytes) + " bytes for " + name);
+    }
+}
+
 }  // namespace kvo

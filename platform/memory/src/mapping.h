@@ -52,6 +52,10 @@ private:
     std::size_t bytes_ = 0;
 };
 
+/// Memory for the first bytes of a file, now instead of at the first touch, where a full file
+/// system would end the process. Throws std::system_error naming bytes and file.
+void ReserveBytes(int fd, std::uint64_t bytes, const std::string& name);
+
 /// An existing regular file, never through a symbolic link; throws std::system_error.
 FileDescriptor OpenRegularFile(const std::string& path, Mapping::Access access,
                                std::uint64_t& bytes);

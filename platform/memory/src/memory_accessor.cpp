@@ -183,7 +183,7 @@ void KvoMemoryAccessor::get_data_packet(std::string* stream, unsigned int* sampl
                                         DataSample** sample) {
     AccessorReader::Packet packet;
     if (!InForkedChild()) {
-        packet = impl_->reader->TakeNext(samples == nullptr || *samples > 0);
+        packet = impl_->reader->TakeNext(samples == nullptr || *samples > 0, samples != nullptr);
     }
     if (stream != nullptr) {
         *stream = impl_->stream;

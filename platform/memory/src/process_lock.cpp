@@ -108,6 +108,11 @@ void DirectoryLock::OpenCurrentFile() {
     if (file.get() < 0) {
         ThrowErrno(errno, "opening " + path_);
     }
+    // All records have their room from the start: on a full file system nobody could join.
+    struct stat status {};
+    if (::fstat(file.get(), &status) == 0 && status.st_size < kProcessLockBytes) {
+        ReserveBytes(file.get(), kProcessLockBytes, path_);
+    }
     file_ = std::move(file);
 }
 

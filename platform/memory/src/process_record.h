@@ -27,4 +27,6 @@ constexpr off_t RecordOffset(std::uint16_t number) {
     return kRecordsOffset + static_cast<off_t>(number) * static_cast<off_t>(sizeof(ProcessRecord));
 }
 
+inline constexpr off_t kProcessLockBytes = RecordOffset(kMaxProcesses + 1);
+
 }  // namespace kvo

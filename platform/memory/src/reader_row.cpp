@@ -51,8 +51,8 @@ void ReleaseRow(layout::ReaderRow& row) {
     row.owner.store(0, std::memory_order_release);
 }
 
-std::shared_ptr<ReaderRow> ReaderRow::Claim(std::shared_ptr<Segment> segment,
-                                            std::shared_ptr<ProcessLock> lock) {
+boost::intrusive_ptr<ReaderRow> ReaderRow::Claim(std::shared_ptr<Segment> segment,
+                                                 std::shared_ptr<ProcessLock> lock) {
     const ProcessTag own = lock->Join();
     const std::uint32_t pinning_rows = segment->geometry().pinning_rows;
     std::uint32_t number = ClaimAmong(*segment, *lock, own, 0, pinning_rows);
@@ -62,7 +62,7 @@ std::shared_ptr<ReaderRow> ReaderRow::Claim(std::shared_ptr<Segment> segment,
     if (number == layout::kRows) {
         return nullptr;
     }
-    return std::shared_ptr<ReaderRow>(new ReaderRow(std::move(segment), std::move(lock), number));
+    return {new ReaderRow(std::move(segment), std::move(lock), number)};
 }
 
 ReaderRow::ReaderRow(std::shared_ptr<Segment> segment, std::shared_ptr<ProcessLock> lock,

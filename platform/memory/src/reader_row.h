@@ -4,6 +4,9 @@
 #include "kvo/memory/process_lock.h"
 #include "segment.h"
 
+#include <boost/smart_ptr/intrusive_ptr.hpp>
+#include <boost/smart_ptr/intrusive_ref_counter.hpp>
+
 #include <cstdint>
 #include <memory>
 #include <utility>
@@ -18,7 +21,8 @@ void ReleaseRow(layout::ReaderRow& row);
 
 /// One reader's row in a segment's table, held until the last of its pins and its reader are
 /// gone. Threads: one at a time.
-class ReaderRow {
+/// Its holders are counted without atomics, since they are those of one reader.
+class ReaderRow : public boost::intrusive_ref_counter<ReaderRow, boost::thread_unsafe_counter> {
 public:
     static constexpr int kNoPin = -1;
 
@@ -30,8 +34,8 @@ public:
 
     /// Claims a free row, or a dead reader's, those that may pin first; null: the table is full.
     /// Throws std::system_error when this process can not join.
-    static std::shared_ptr<ReaderRow> Claim(std::shared_ptr<Segment> segment,
-                                            std::shared_ptr<ProcessLock> lock);
+    static boost::intrusive_ptr<ReaderRow> Claim(std::shared_ptr<Segment> segment,
+                                                 std::shared_ptr<ProcessLock> lock);
     ReaderRow(const ReaderRow&) = delete;
     ReaderRow& operator=(const ReaderRow&) = delete;
     ~ReaderRow();
@@ -59,7 +63,7 @@ private:
 class PinHold {
 public:
     PinHold() = default;
-    PinHold(std::shared_ptr<ReaderRow> row, int pin) : row_(std::move(row)), pin_(pin) {}
+    PinHold(boost::intrusive_ptr<ReaderRow> row, int pin) : row_(std::move(row)), pin_(pin) {}
     PinHold(PinHold&& other) noexcept
         : row_(std::move(other.row_)), pin_(std::exchange(other.pin_, ReaderRow::kNoPin)) {}
     PinHold& operator=(PinHold&& other) noexcept {
@@ -74,7 +78,7 @@ public:
     }
 
 private:
-    std::shared_ptr<ReaderRow> row_;
+    boost::intrusive_ptr<ReaderRow> row_;
     int pin_ = ReaderRow::kNoPin;
 };
 

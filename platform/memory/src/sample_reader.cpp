@@ -45,6 +45,11 @@ std::uint64_t SampleReader::OldestRetained(std::uint64_t newest) const {
     return newest > retained ? newest - retained + 1 : 1;
 }
 
+std::uint64_t SampleReader::Unread(std::uint64_t next, std::uint64_t newest) const {
+    const std::uint64_t first = std::max(next, OldestRetained(newest));
+    return newest >= first ? newest - first + 1 : 0;
+}
+
 std::uint64_t SampleReader::FirstYoung(std::uint64_t max_age_ns) const {
     const std::uint64_t newest = Newest();
     const std::uint64_t now_ns = MonotonicNanoseconds();
@@ -62,20 +67,34 @@ std::uint64_t SampleReader::FirstYoung(std::uint64_t max_age_ns) const {
     return newest + 1;
 }
 
+// Finds out whether a sample is there without a look at `head`: a busy writer would have to fetch
+// that line back for every sample, and its index entry is needed anyway.
+void SampleReader::LookFor(std::uint64_t version) {
+    const std::uint64_t entry = LoadIndex(*segment_, version);
+    if (entry == layout::PackIndex(version, layout::IndexSlot(entry))) {
+        known_newest_ = version;
+    } else if (entry != 0 && entry != layout::PackIndex(version - segment_->index_mask() - 1,
+                                                        layout::IndexSlot(entry))) {
+        LookForNewest();  // the entry is neither the one before nor the one looked for
+    }
+}
+
 bool SampleReader::TakeNext(std::uint64_t max_age_ns, std::uint64_t& next, ReaderCounters& counters,
                             TakenSample& taken) {
     const std::uint64_t now_ns = max_age_ns != 0 ? MonotonicNanoseconds() : 0;
-    std::uint64_t newest = Newest();
+    if (next > known_newest_) {
+        LookFor(next);
+    }
     int overtakings = 0;
-    while (next <= newest) {
-        if (const std::uint64_t oldest = OldestRetained(newest); next < oldest) {
+    while (next <= known_newest_) {
+        if (const std::uint64_t oldest = OldestRetained(known_newest_); next < oldest) {
             counters.lost += oldest - next;
             next = oldest;
         }
         taken.pin = {};
         if (!Read(next, taken)) {
-            newest = Newest();
-            if (next >= OldestRetained(newest)) {  // its place in the index was given on
+            LookForNewest();
+            if (next >= OldestRetained(known_newest_)) {  // its place in the index was given on
                 ++counters.lost;
                 ++next;
             }
@@ -93,6 +112,7 @@ bool SampleReader::TakeNext(std::uint64_t max_age_ns, std::uint64_t& next, Reade
         } else {
             ++counters.read;
             counters.copied += taken.bytes == taken.copy.data() ? 1 : 0;
+            Prefetch(next);
             return true;
         }
     }
@@ -114,13 +134,14 @@ bool SampleReader::Read(std::uint64_t version, TakenSample& taken) const {
 
 bool SampleReader::Pin(std::uint64_t version, TakenSample& taken) const {
     for (int attempt = 0; attempt < kPinAttempts; ++attempt) {
-        if (version < OldestRetained(Newest())) {
+        if (attempt > 0 && version < OldestRetained(Newest())) {
             return false;
         }
         const auto slot = FindSlot(*segment_, version);
         if (!slot) {
             continue;
         }
+        __builtin_prefetch(segment_->payload(*slot));
         int pin = ReaderRow::kNoPin;
         switch (row_->Pin(*slot, version, pin)) {
             case ReaderRow::PinOutcome::kPinned:
@@ -135,6 +156,15 @@ bool SampleReader::Pin(std::uint64_t version, TakenSample& taken) const {
         }
     }
     return false;
+}
+
+// The header of a sample that is there was written by another core: half of what it costs to take
+// one is to wait for that line.
+void SampleReader::Prefetch(std::uint64_t version) const {
+    if (const auto slot = FindSlot(*segment_, version)) {
+        __builtin_prefetch(&segment_->slot(*slot));
+        __builtin_prefetch(segment_->payload(*slot));
+    }
 }
 
 bool SampleReader::Intact(TakenSample& taken) const {

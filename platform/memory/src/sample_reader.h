@@ -41,12 +41,20 @@ public:
     /// The first sample to read for who has read none: the oldest that is young enough.
     std::uint64_t FirstYoung(std::uint64_t max_age_ns) const;
 
+    /// How many samples are to be had from `next` on, of those up to `newest`.
+    std::uint64_t Unread(std::uint64_t next, std::uint64_t newest) const;
+
     /// Takes the first sample from `next` on that can be had, and counts those that can not.
     /// @param max_age_ns 0: any age.
     /// @param taken      its copy's memory is used again.
-    /// @return false: there is none.
+    /// @return false: there is none up to known_newest().
     bool TakeNext(std::uint64_t max_age_ns, std::uint64_t& next, ReaderCounters& counters,
                   TakenSample& taken);
+
+    /// What TakeNext() believes to be the newest sample. It looks for itself when it needs to;
+    /// who wants to know exactly looks before.
+    std::uint64_t known_newest() const { return known_newest_; }
+    void LookForNewest() { known_newest_ = Newest(); }
 
     /// Sequence numbers of the samples that were skipped for their checksum since the last call.
     std::vector<std::uint64_t> TakeDamaged() { return std::exchange(damaged_, {}); }
@@ -57,10 +65,13 @@ private:
     bool Read(std::uint64_t version, TakenSample& taken) const;
     bool Pin(std::uint64_t version, TakenSample& taken) const;
     bool Intact(TakenSample& taken) const;
+    void LookFor(std::uint64_t version);
+    void Prefetch(std::uint64_t version) const;
 
     const std::shared_ptr<Segment> segment_;
-    std::shared_ptr<ReaderRow> row_;  // null: none
+    boost::intrusive_ptr<ReaderRow> row_;  // null: none
     bool row_tried_ = false;
+    std::uint64_t known_newest_ = 0;
     std::vector<std::uint64_t> damaged_;
 };
 

@@ -4,8 +4,7 @@
 #include "sample_reader.h"
 
 #include <cstddef>
-#include <deque>
-#include <utility>
+#include <memory>
 #include <vector>
 
 namespace kvo {
@@ -17,21 +16,21 @@ public:
     /// @param accessor_argument how many samples stay valid; below 1: 1.
     explicit SampleStore(int accessor_argument);
 
-    /// Hands a sample out and ends the oldest one if there are too many now.
-    DataSample* Add(TakenSample taken);
+    /// Where the next sample is to be taken to; nobody looks at it.
+    TakenSample& spare() { return places_[spare_]->taken; }
 
-    /// Memory of a copy that is not looked at any more, to be used again.
-    std::vector<unsigned char> TakeSpare() { return std::exchange(spare_, {}); }
-    void GiveSpare(std::vector<unsigned char> spare);
+    /// Hands out what was taken to spare() and ends the oldest sample if there are too many now.
+    DataSample* HandOut();
 
 private:
-    struct HandedOut {
+    struct Place {
         TakenSample taken;
         DataSample sample;
     };
     const std::size_t kept_;
-    std::deque<HandedOut> samples_;  // keeps addresses
-    std::vector<unsigned char> spare_;
+    // A circle, oldest sample behind the spare place; it grows until all `kept_` have been used.
+    std::vector<std::unique_ptr<Place>> places_;
+    std::size_t spare_ = 0;
 };
 
 }  // namespace kvo

@@ -81,7 +81,8 @@ void SampleWriter::Recover() {
     for (auto sample = first_retained; sample != valid.end(); ++sample) {
         // The former writer may have died before it entered its last sample.
         segment_->index(sample->version)
-            .store(layout::PackIndex(sample->version, sample->slot), kRelaxed);  // [newest]
+            .store(layout::PackIndex(sample->version, sample->slot),
+                   std::memory_order_release);  // [indexed]
         AddToRing(*sample);
         newest_ = sample->version;
     }
@@ -124,8 +125,10 @@ SampleWriter::Outcome SampleWriter::Write(const SampleInput& sample) {
     word.store(layout::PackWord(added.version, layout::SlotState::kValid),
                std::memory_order_release);
     KVO_CRASH_POINT("write valid");
+    // [indexed] Release: who acquires the entry sees the valid word. Killed after this line,
+    // readers may have the sample already; the next writer counts it as well.
     segment_->index(added.version)
-        .store(layout::PackIndex(added.version, added.slot), kRelaxed);  // [newest] orders it
+        .store(layout::PackIndex(added.version, added.slot), std::memory_order_release);
     KVO_CRASH_POINT("write indexed");
     // [newest] Release: who reads the version finds it in the index.
     segment_->words().head.store(added.version, std::memory_order_release);

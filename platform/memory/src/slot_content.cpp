@@ -27,9 +27,14 @@ SlotContent LoadContent(const Segment& segment, std::uint32_t slot) {
     return content;
 }
 
+std::uint64_t LoadIndex(const Segment& segment, std::uint64_t version) {
+    // [indexed] Acquire: the slot's word is at least that of the version. A later version's word
+    // is found out by comparing.
+    return segment.index(version).load(std::memory_order_acquire);
+}
+
 std::optional<std::uint32_t> FindSlot(const Segment& segment, std::uint64_t version) {
-    // relaxed: [newest] made the entry visible; a later one is found out by the slot's word.
-    const std::uint64_t entry = segment.index(version).load(std::memory_order_relaxed);
+    const std::uint64_t entry = LoadIndex(segment, version);
     const std::uint32_t slot = layout::IndexSlot(entry);
     if (entry != layout::PackIndex(version, slot) || slot >= segment.geometry().slot_count) {
         return std::nullopt;

@@ -24,6 +24,9 @@ struct SlotContent {
 
 SlotContent LoadContent(const Segment& segment, std::uint32_t slot);
 
+/// What stands in a version's place of the index; a slot in it need not exist.
+std::uint64_t LoadIndex(const Segment& segment, std::uint64_t version);
+
 /// The slot that the index names for a version, if it names one.
 std::optional<std::uint32_t> FindSlot(const Segment& segment, std::uint64_t version);
 

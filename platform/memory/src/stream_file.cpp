@@ -42,13 +42,7 @@ public:
             ThrowErrno(errno, "creating " + path_);
         }
         try {
-            int error = EINTR;
-            while (error == EINTR) {
-                error = ::posix_fallocate(file.get(), 0, static_cast<off_t>(bytes));
-            }
-            if (error != 0) {
-                ThrowErrno(error, "reserving " + std::to_string(bytes) + " bytes for " + path_);
-            }
+            ReserveBytes(file.get(), bytes, path_);
             mapping_ = Mapping(file.get(), bytes, Mapping::Access::kWrite, path_);
         } catch (...) {
             ::unlink(path_.c_str());

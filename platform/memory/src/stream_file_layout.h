@@ -78,19 +78,20 @@ static_assert(offsetof(HeaderFields, header_digest) == 496);
 inline constexpr std::uint32_t kActive = 0;
 inline constexpr std::uint32_t kRetired = 1;
 
-// Page 1: words by writer, each writer on a cache line of its own.
+// Page 1: a cache line for each word. The round has one of its own because every pin looks at it
+// and `head` changes with every sample.
 struct SharedWords {
     alignas(64) std::atomic<std::uint32_t> state;  // broker only: kActive or kRetired
     // Writers, by compare and exchange: lock number << 48 | instance << 32 | low half of the
     // process's nonce; 0: nobody. A dead process's value may be exchanged by anybody.
     alignas(64) std::atomic<std::uint64_t> writer_role;
-    alignas(64) std::atomic<std::uint64_t> head;  // role's holder: newest version, 0: none
-    std::atomic<std::uint64_t> scan_round;        // role's holder: scans of the pins begun
+    alignas(64) std::atomic<std::uint64_t> head;        // role's holder: newest version, 0: none
+    alignas(64) std::atomic<std::uint64_t> scan_round;  // role's holder: scans of the pins begun
 };
-static_assert(sizeof(SharedWords) == 192);
+static_assert(sizeof(SharedWords) == 256);
 static_assert(offsetof(SharedWords, writer_role) == 64);
 static_assert(offsetof(SharedWords, head) == 128);
-static_assert(offsetof(SharedWords, scan_round) == 136);
+static_assert(offsetof(SharedWords, scan_round) == 192);
 
 // Page 2: the role's holder only. For people and statistics; nothing is decided on them.
 struct SharedWriterCounters {

@@ -56,12 +56,11 @@ void RaceTest::ReadToTheEnd(const std::shared_ptr<Segment>& segment, int held) c
     std::uint64_t gaps = 0;
     std::uint64_t last = 0;
     while (last < kSamples) {
-        TakenSample taken;
-        if (!reader.TakeNext(0, next, counters, taken)) {
+        if (!reader.TakeNext(0, next, counters, store.spare())) {
             std::this_thread::yield();
             continue;
         }
-        DataSample* sample = store.Add(std::move(taken));
+        DataSample* sample = store.HandOut();
         const std::uint64_t number = sample->sequence_number();
         ASSERT_GT(number, last);
         gaps += number - last - 1;

@@ -107,9 +107,10 @@ public:
 
     DataAvailable& DataAvailableSignal();
 
-    /// Takes the next unread sample.
+    /// Takes the next unread sample. Every pointer may be null.
     /// @param stream           out: stream identifier
-    /// @param samples          in: most samples wanted (1 is taken); out: unread samples left
+    /// @param samples          in: most samples wanted (1 is taken); out: unread samples left.
+    ///                         Null: 1 is taken, which disturbs a busy writer less than counting
     /// @param sample_tag       out; @param sequence_number out, -1: none
     /// @param timestamp_ms     out, 0: none
     /// @param sample           out, null: none; owned by the accessor
