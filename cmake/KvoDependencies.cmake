@@ -6,6 +6,11 @@ find_package(cppzmq REQUIRED)
 find_package(msgpack CONFIG REQUIRED)  # header-only; its target is msgpackc-cxx
 find_package(CLI11 REQUIRED)
 find_package(nlohmann_json 3.11 REQUIRED)
+find_package(tomlplusplus REQUIRED)
+find_package(prometheus-cpp REQUIRED COMPONENTS core)
+find_package(PkgConfig REQUIRED)
+pkg_check_modules(HTTPLIB REQUIRED IMPORTED_TARGET cpp-httplib)
+pkg_check_modules(SYSTEMD IMPORTED_TARGET libsystemd)  # without it nobody is notified
 find_path(XXHASH_INCLUDE_DIR xxhash.h REQUIRED)
 
 # The uri package itself where it is installed, else our adapter behind the same names.

@@ -75,6 +75,21 @@ void BrokerProbe::RethrowAsFailure() const {
     }
 }
 
+namespace {
+
+// Older brokers do not know the question.
+std::string ReasonOf(BrokerProbe& broker, const std::string& stream) {
+    std::string reason;
+    try {
+        reason = broker.Ask(
+            [&](DataBrokerRegistrationSync& client) { return client.GetRefusalReason(stream); });
+    } catch (const CommandFailure&) {
+    }
+    return reason.empty() ? "; see the broker's log" : ": " + reason;
+}
+
+}  // namespace
+
 std::string DescribeRefusal(BrokerProbe& broker, const std::string& stream, int code,
                             int max_sample_bytes, int samples) {
     const std::string name = "'" + stream + "'";
@@ -109,11 +124,9 @@ std::string DescribeRefusal(BrokerProbe& broker, const std::string& stream, int 
             return "the broker cannot keep " + std::to_string(samples) + " samples of " +
                    std::to_string(max_sample_bytes) + " bytes in stream " + name +
                    "; ask for fewer or smaller ones";
-        case kLimitReached:
-            return "the broker keeps no more streams; end one that is not needed";
         default:
             return "the broker refused stream " + name + " with code " + std::to_string(code) +
-                   "; see the broker's log";
+                   ReasonOf(broker, stream);
     }
 }
 

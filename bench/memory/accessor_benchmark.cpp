@@ -134,7 +134,8 @@ void Read(benchmark::State& state) {
         state.SkipWithError("samples were copied or lost");
     }
 }
-BENCHMARK(Read)->ArgName("bytes")->Arg(64)->Arg(4096)->Arg(1 << 20)->UseManualTime();
+BENCHMARK(Read)->ArgName("bytes")->Arg(64)->Arg(4096)->Arg(1 << 20)->UseManualTime()->Iterations(
+    10'000);
 
 // The least that a pinned read needs: an acquire load of a word that another core has stored,
 // beside the sample's bytes, and an exchange on a word of one's own.
@@ -161,7 +162,7 @@ void BareLoadAndExchange(benchmark::State& state) {
             }
         });
 }
-BENCHMARK(BareLoadAndExchange)->UseManualTime();
+BENCHMARK(BareLoadAndExchange)->UseManualTime()->Iterations(3'000);
 
 }  // namespace
 

@@ -1,6 +1,6 @@
 // Every named point of the stream file's protocol, hit once with SIGKILL and once with SIGSTOP:
 // whoever dies or stands still there harms nobody else.
-#include "crash_point.h"
+#include "kvo/crash_point.h"
 #include "kvo/memory/inspection.h"
 #include "kvo/memory/memory_accessor.h"
 #include "kvo/memory/stream_file.h"

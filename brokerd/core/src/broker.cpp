@@ -1,6 +1,8 @@
 #include "kvo/brokerd/broker.h"
 
 #include "broker_directory.h"
+#include "event_log.h"
+#include "gated_service.h"
 #include "gorm/cor/process.h"
 #include "gorm/cor/rr/server.h"
 #include "gorm/cor/service_loop.h"
@@ -12,6 +14,8 @@
 #include <cerrno>
 #include <cstdlib>
 #include <limits>
+#include <map>
+#include <set>
 #include <stdexcept>
 #include <system_error>
 #include <unistd.h>
@@ -30,14 +34,38 @@ constexpr std::chrono::seconds kUsualMargin{6};
 
 class LockedProcesses final : public Processes {
 public:
+    using ConnectedQuestion = std::function<bool(const std::string& identity)>;
+
     explicit LockedProcesses(const ProcessLock& lock) : lock_(lock) {}
+
     std::optional<ProcessTag> Find(const ProcessIdentity& identity) const override {
-        return lock_.Find(identity);
+        if (std::exchange(outdated_, false)) {
+            joined_.clear();
+            for (const auto& [joined, tag] : lock_.Joined()) {
+                joined_.emplace(joined, tag);
+            }
+        }
+        const auto [first, last] = joined_.equal_range(identity);
+        for (auto entry = first; entry != last; ++entry) {
+            // A record outlives its process.
+            if (lock_.Lives(entry->second)) {
+                return entry->second;
+            }
+        }
+        return std::nullopt;
     }
     bool Lives(const ProcessTag& tag) const override { return lock_.Lives(tag); }
+    bool Connected(const std::string& identity) const override { return connected_(identity); }
+
+    /// The records are read again at the next question, once for all that ask until then.
+    void Refresh() { outdated_ = true; }
+    void set_connected(ConnectedQuestion connected) { connected_ = std::move(connected); }
 
 private:
     const ProcessLock& lock_;
+    ConnectedQuestion connected_ = [](const std::string&) { return true; };
+    mutable bool outdated_ = true;
+    mutable std::multimap<ProcessIdentity, ProcessTag> joined_;
 };
 
 void Check(const BrokerOptions& options, KvoLogger* logger) {
@@ -95,15 +123,22 @@ public:
     std::uint16_t port_ = 0;
     std::uint16_t notification_port_ = 0;
 
+    BrokerState State();
+    void Reconfigure(const BrokerOptions& options);
+    void Drain();
+
 private:
     void Start(const BrokerOptions& options);
     void Stop();
+    void Lost(const gorm::cor::rr::Caller& caller);
     void SuperviseSoon();
+    void Notify(const std::string& stream, NotificationType type);
     void Log(int level, const std::string& text) const {
         KvoLogger::WriteToLogger(logger_, level, text);
     }
 
     KvoLogger* const logger_;
+    const TimePoint started_ = std::chrono::steady_clock::now();
     gorm::cor::ServiceLoop loop_;
     std::unique_ptr<BrokerDirectory> directory_;
     std::unique_ptr<StreamFiles> files_;
@@ -112,11 +147,30 @@ private:
     std::unique_ptr<gorm::cor::ps::Publisher> publisher_;
     std::unique_ptr<Topics> topics_;
     std::unique_ptr<StreamRegistry> registry_;
+    EventLog events_;
+    std::uint64_t notifications_ = 0;
+    std::unique_ptr<RequestGate> gate_;
     std::unique_ptr<RequestHandler> handler_;
     std::unique_ptr<gorm::cor::rr::Service> service_;
+    std::unique_ptr<GatedService> gated_service_;
     std::unique_ptr<gorm::cor::rr::Server> server_;
     bool supervision_posted_ = false;
+    std::set<std::string> lost_;  // identities whose last connection ended since then
 };
+
+namespace {
+
+StreamRegistry::Settings SettingsOf(const BrokerOptions& options) {
+    const bool supervised = options.heartbeat_period.count() > 0;
+    return {supervised ? options.heartbeat_timeout : std::chrono::seconds(0), options.removal_grace,
+            options.max_streams};
+}
+
+RequestGate::Limits LimitsOf(const BrokerOptions& options) {
+    return {options.max_connections, options.request_rate, options.request_burst};
+}
+
+}  // namespace
 
 Broker::Impl::Impl(const BrokerOptions& options, KvoLogger* logger) : logger_(logger) {
     Check(options, logger);
@@ -131,6 +185,7 @@ Broker::Impl::Impl(const BrokerOptions& options, KvoLogger* logger) : logger_(lo
     loop_.Every(kTick, [this] {
         if (registry_ != nullptr) {
             time_->Tick();
+            processes_->Refresh();
             registry_->Supervise();
             registry_->ReapSome();
         }
@@ -156,14 +211,9 @@ void Broker::Impl::Start(const BrokerOptions& options) {
         loop_, Uri("wkp.ps", options.address, options.notification_port, "/"));
     notification_port_ = publisher_->port();
     topics_ = std::make_unique<Topics>(*publisher_);
-    const bool supervised = options.heartbeat_period.count() > 0;
     registry_ = std::make_unique<StreamRegistry>(
-        StreamRegistry::Settings{supervised ? options.heartbeat_timeout : std::chrono::seconds(0),
-                                 options.removal_grace, options.max_streams},
-        *files_, *processes_, *time_,
-        [this](const std::string& stream, NotificationType type) {
-            topics_->Publish(stream, type);
-        },
+        SettingsOf(options), *files_, *processes_, *time_,
+        [this](const std::string& stream, NotificationType type) { Notify(stream, type); },
         [this](int level, const std::string& text) { Log(level, text); });
     publisher_->OnSubscription([this](std::string_view path, bool begins) {
         if (begins) {
@@ -172,18 +222,43 @@ void Broker::Impl::Start(const BrokerOptions& options) {
     });
     registry_->Adopt(files_->Sweep([this](const std::string& text) { Log(3, text); }));
     handler_ = std::make_unique<RequestHandler>(
-        *registry_, *files_,
+        *registry_, *files_, events_,
+        [this](int level, const std::string& text) { Log(level, text); },
         RequestHandler::Answers{static_cast<std::int32_t>(options.heartbeat_period.count()),
                                 static_cast<std::int32_t>(options.heartbeat_timeout.count()),
                                 notification_port_});
     service_ = MakeDataBrokerRegistrationService(*handler_);
+    gate_ = std::make_unique<RequestGate>(LimitsOf(options));
+    gated_service_ = std::make_unique<GatedService>(
+        *service_, *gate_, [] { return std::chrono::steady_clock::now(); });
     server_ = std::make_unique<gorm::cor::rr::Server>(
-        loop_, Uri("wkp.rr", options.address, options.port, "/broker/Broker1"), *service_);
-    server_->OnDisconnect([this] { SuperviseSoon(); });
+        loop_, Uri("wkp.rr", options.address, options.port, "/broker/Broker1"), *gated_service_);
+    server_->OnDisconnect([this](const gorm::cor::rr::Caller& caller) { Lost(caller); });
+    processes_->set_connected(
+        [this](const std::string& identity) { return server_->Connected(identity); });
     port_ = server_->port();
     uri_ = Uri("wkp.rr", options.address, port_, "").string();
     Log(2, "listening at " + uri_ + ", notifications at port " +
                std::to_string(notification_port_) + ", stream files in " + directory_path_);
+}
+
+void Broker::Impl::Notify(const std::string& stream, NotificationType type) {
+    ++notifications_;
+    if (const char* const kind = type == PUB_REG     ? "PUB_REG"
+                                 : type == PUB_UNREG ? "PUB_UNREG"
+                                 : type == SHM_DEL   ? "SHM_DEL"
+                                                     : nullptr) {
+        events_.Add(kind, stream);
+    }
+    topics_->Publish(stream, type);
+}
+
+void Broker::Impl::Lost(const gorm::cor::rr::Caller& caller) {
+    gate_->Forget(caller.connection);
+    if (!caller.identity.empty() && !server_->Connected(caller.identity)) {
+        lost_.insert(caller.identity);
+    }
+    SuperviseSoon();
 }
 
 // Many connections that end together, as when a program with many processes is ended, are judged
@@ -196,9 +271,49 @@ void Broker::Impl::SuperviseSoon() {
     loop_.Post([this] {
         supervision_posted_ = false;
         if (registry_ != nullptr) {
+            processes_->Refresh();
             registry_->Supervise();
+            for (const std::string& identity : std::exchange(lost_, {})) {
+                registry_->Lost(identity);
+            }
         }
     });
+}
+
+BrokerState Broker::Impl::State() {
+    BrokerState state;
+    loop_.Run([&] {
+        const auto up = std::chrono::steady_clock::now() - started_;
+        state.uptime_s = static_cast<std::uint64_t>(
+            std::chrono::duration_cast<std::chrono::seconds>(up).count());
+        state.draining = registry_->draining();
+        state.connections = gate_->connections();
+        state.requests = gate_->admitted();
+        state.throttled = gate_->throttled();
+        state.refusals = handler_->refusals();
+        state.notifications = notifications_;
+        state.memory_used_bytes = files_->used_bytes();
+        state.memory_budget_bytes = files_->budget_bytes();
+        state.streams = registry_->Streams();
+        state.clients = registry_->Clients();
+        state.events = events_.Newest();
+    });
+    return state;
+}
+
+void Broker::Impl::Reconfigure(const BrokerOptions& options) {
+    Check(options, logger_);
+    loop_.Run([&] {
+        registry_->set_settings(SettingsOf(options));
+        handler_->set_heartbeat_timeout(
+            static_cast<std::int32_t>(options.heartbeat_timeout.count()));
+        files_->SetBudget(options.memory_budget_bytes);
+        gate_->set_limits(LimitsOf(options));
+    });
+}
+
+void Broker::Impl::Drain() {
+    loop_.Run([this] { registry_->Drain(); });
 }
 
 void Broker::Impl::Stop() {
@@ -231,6 +346,18 @@ const std::string& Broker::directory() const {
 
 std::string Broker::uri() const {
     return impl_->uri_;
+}
+
+BrokerState Broker::State() const {
+    return impl_->State();
+}
+
+void Broker::Reconfigure(const BrokerOptions& options) {
+    impl_->Reconfigure(options);
+}
+
+void Broker::Drain() {
+    impl_->Drain();
 }
 
 }  // namespace kvo::brokerd

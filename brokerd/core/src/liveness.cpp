@@ -13,9 +13,15 @@ Client::State Client::Judge(const Processes& processes, TimePoint now,
         tag_ = processes.Find(identity);
     }
     if (tag_ && !processes.Lives(*tag_)) {
-        return State::kDead;
+        state_ = State::kDead;
+    } else if (timeout.count() == 0 || now - beat_ <= timeout) {
+        state_ = State::kAlive;
+    } else {
+        // One that answers has ended its heartbeats itself. One that does not may stand in a
+        // debugger or on a machine that is out of breath, which is no reason to take its stream.
+        state_ = tag_ && !processes.Connected(identity_) ? State::kStalled : State::kSilent;
     }
-    return timeout.count() > 0 && now - beat_ > timeout ? State::kSilent : State::kAlive;
+    return state_;
 }
 
 }  // namespace kvo::brokerd

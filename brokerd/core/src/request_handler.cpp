@@ -15,6 +15,25 @@ void DemandName(const std::string& stream) {
 
 }  // namespace
 
+// A refusal teaches: in the log, among the events, and whoever asks for the reason afterwards.
+std::int32_t RequestHandler::Tell(const Caller& caller, const std::string& stream,
+                                  const Verdict& verdict) {
+    const std::string& asker = caller.identity.empty() ? caller.connection : caller.identity;
+    if (!verdict.refused()) {
+        reasons_.Forget(asker, stream);
+        return verdict.code;
+    }
+    ++refused_;
+    log_(3, "refused (" + std::to_string(verdict.code) + "): " + verdict.reason);
+    events_.Add("refused", Quoted(stream), verdict.reason);
+    reasons_.Keep(asker, stream, verdict.reason);
+    return verdict.code;
+}
+
+std::string RequestHandler::GetRefusalReason(const Caller& caller, const std::string& stream) {
+    return reasons_.Of(caller.identity.empty() ? caller.connection : caller.identity, stream);
+}
+
 void RequestHandler::SendHeartbeat(const Caller& caller, const std::string& client_id) {
     registry_.Beat(caller.identity, client_id);
 }
@@ -25,12 +44,14 @@ std::int32_t RequestHandler::AddPublisher(const Caller& caller, const std::strin
                                           std::int32_t max_data_sample_size,
                                           std::int32_t number_of_samples, bool compute_checksum,
                                           const std::string& publisher_key) {
-    return registry_.AddPublisher(caller.identity, {stream, max_data_sample_size, number_of_samples,
-                                                    compute_checksum, publisher_key});
+    return Tell(
+        caller, stream,
+        registry_.AddPublisher(caller.identity, {stream, max_data_sample_size, number_of_samples,
+                                                 compute_checksum, publisher_key}));
 }
 
 std::int32_t RequestHandler::RemovePublisher(const Caller& caller, const std::string& stream) {
-    return registry_.RemovePublisher(caller.identity, stream);
+    return Tell(caller, stream, registry_.RemovePublisher(caller.identity, stream));
 }
 
 void RequestHandler::NotifyNewData(const Caller& caller, const std::string& stream) {
@@ -42,12 +63,14 @@ std::int32_t RequestHandler::AddSubscriber(const Caller& caller, const std::stri
                                            const std::string& remote_broker_uri,
                                            std::int32_t /*latency_ms*/,
                                            std::int32_t /*deadline_s*/) {
-    return registry_.AddSubscriber(caller.identity, subscriber_uuid, stream, remote_broker_uri);
+    return Tell(
+        caller, stream,
+        registry_.AddSubscriber(caller.identity, subscriber_uuid, stream, remote_broker_uri));
 }
 
-std::int32_t RequestHandler::RemoveSubscriber(const Caller& /*caller*/, const std::string& stream,
+std::int32_t RequestHandler::RemoveSubscriber(const Caller& caller, const std::string& stream,
                                               const std::string& subscriber_uuid) {
-    return registry_.RemoveSubscriber(stream, subscriber_uuid);
+    return Tell(caller, stream, registry_.RemoveSubscriber(stream, subscriber_uuid));
 }
 
 std::string RequestHandler::GetPublisherKey(const Caller& caller, const std::string& stream) {
@@ -62,7 +85,7 @@ std::int32_t RequestHandler::GetNotificationPort(const Caller& /*caller*/,
 
 std::vector<std::string> RequestHandler::GetStreamStatistics(const Caller& /*caller*/,
                                                              const std::string& stream) {
-    const auto statistics = registry_.StatisticsOf(stream);
+    const auto statistics = registry_.StateOf(stream);
     if (!statistics) {
         throw std::runtime_error("no stream " + Quoted(stream));
     }

@@ -1,7 +1,11 @@
 #pragma once
 
+#include "event_log.h"
 #include "kvo/broker/data_broker_registration_handler.h"
+#include "refusals.h"
 #include "stream_registry.h"
+
+#include <functional>
 
 namespace kvo::brokerd {
 
@@ -13,8 +17,17 @@ public:
         std::int32_t heartbeat_timeout_s;
         std::int32_t notification_port;
     };
-    RequestHandler(StreamRegistry& registry, StreamFiles& files, const Answers& answers)
-        : registry_(registry), files_(files), answers_(answers) {}
+    using Log = std::function<void(int level, const std::string& text)>;
+    RequestHandler(StreamRegistry& registry, StreamFiles& files, EventLog& events, Log log,
+                   const Answers& answers)
+        : registry_(registry),
+          files_(files),
+          events_(events),
+          log_(std::move(log)),
+          answers_(answers) {}
+
+    void set_heartbeat_timeout(std::int32_t seconds) { answers_.heartbeat_timeout_s = seconds; }
+    std::uint64_t refusals() const { return refused_; }
 
     void SendHeartbeat(const Caller& caller, const std::string& client_id) override;
     std::int32_t AddPublisher(const Caller& caller, const std::string& stream,
@@ -46,11 +59,18 @@ public:
     std::vector<std::string> ListRegisteredStreams(const Caller& caller) override;
     std::vector<std::string> ListConnectedBrokers(const Caller& caller) override;
     std::vector<std::string> GetCapabilities(const Caller& caller) override;
+    std::string GetRefusalReason(const Caller& caller, const std::string& stream) override;
 
 private:
+    std::int32_t Tell(const Caller& caller, const std::string& stream, const Verdict& verdict);
+
     StreamRegistry& registry_;
     StreamFiles& files_;
-    const Answers answers_;
+    EventLog& events_;
+    const Log log_;
+    Answers answers_;
+    Refusals reasons_;
+    std::uint64_t refused_ = 0;
 };
 
 }  // namespace kvo::brokerd

@@ -66,10 +66,13 @@ bool IsHalfMade(std::string_view name) {
 
 StreamFiles::StreamFiles(std::string directory, std::uint64_t budget_bytes, const SpareSlots& spare,
                          ProcessLock& processes)
-    : directory_(std::move(directory)),
-      budget_bytes_(budget_bytes != 0 ? budget_bytes : FileSystemOf(directory_).total_bytes / 2),
-      spare_(spare),
-      processes_(processes) {}
+    : directory_(std::move(directory)), budget_bytes_(0), spare_(spare), processes_(processes) {
+    SetBudget(budget_bytes);
+}
+
+void StreamFiles::SetBudget(std::uint64_t bytes) {
+    budget_bytes_ = bytes != 0 ? bytes : FileSystemOf(directory_).total_bytes / 2;
+}
 
 std::string StreamFiles::PathOf(const std::string& stream) const {
     return directory_ + "/" + FileNameOf(stream);

@@ -27,6 +27,10 @@ public:
     }
     /// Bytes that new files may take: what the budget leaves, at most what is free.
     std::uint64_t AvailableBytes() const;
+    std::uint64_t used_bytes() const { return used_bytes_; }
+    std::uint64_t budget_bytes() const { return budget_bytes_; }
+    /// @param bytes 0: half of the file system. Files beyond a smaller one stay.
+    void SetBudget(std::uint64_t bytes);
     /// The most that AddPublisher takes for samples of this size: sample_bytes times the largest
     /// number of samples that still fits, cut at INT32_MAX; 0 below 1 byte.
     std::int32_t LargestBuffer(std::int32_t sample_bytes) const;
@@ -57,7 +61,7 @@ private:
     void Take(const StreamFile& file) { used_bytes_ += file.geometry().total_bytes(); }
 
     const std::string directory_;
-    const std::uint64_t budget_bytes_;
+    std::uint64_t budget_bytes_;
     const SpareSlots spare_;
     ProcessLock& processes_;
     std::uint64_t used_bytes_ = 0;

@@ -1,6 +1,5 @@
 #include "stream_registry.h"
 
-#include "kvo/broker/broker_result.h"
 #include "publisher_key.h"
 #include "stream_name.h"
 
@@ -26,6 +25,7 @@ StreamRegistry::StreamRegistry(const Settings& settings, StreamFiles& files,
                                const Processes& processes, const SupervisedTime& time,
                                Notify notify, Log log)
     : settings_(settings),
+      admission_(settings.max_streams),
       files_(files),
       processes_(processes),
       time_(time),
@@ -40,9 +40,9 @@ void StreamRegistry::Adopt(std::vector<std::unique_ptr<StreamFile>> files) {
     }
 }
 
-std::int32_t StreamRegistry::Refuse(std::int32_t code, const std::string& why) {
-    log_(3, "refused (" + std::to_string(code) + "): " + why);
-    return code;
+void StreamRegistry::set_settings(const Settings& settings) {
+    settings_ = settings;
+    admission_.set_max_streams(settings.max_streams);
 }
 
 // Number 0: nobody has the writer's role, or its holder lives.
@@ -85,26 +85,19 @@ bool StreamRegistry::KnowsKey(const Stream& stream, const std::string& key) cons
     return stream.file != nullptr && stream.file->key_digest() == DigestKey(key);
 }
 
-std::int32_t StreamRegistry::AddPublisher(const std::string& identity,
-                                          const Publication& publication) {
+Verdict StreamRegistry::AddPublisher(const std::string& identity, const Publication& publication) {
     const std::string& name = publication.stream;
-    if (!IsWellFormedName(name)) {
-        return Refuse(kIllFormedName, Quoted(name) +
-                                          " cannot name a stream: 1 to 255 letters, "
-                                          "digits and -._~!$&'()*+,;=:@/, without . and .. "
-                                          "between slashes");
+    const auto known = streams_.find(name);
+    if (Verdict verdict = admission_.OfPublisher(name, known != streams_.end(), streams_.size());
+        verdict.refused()) {
+        return verdict;
     }
     StreamGeometry geometry;
     try {
         geometry = files_.Plan(publication.sample_bytes, publication.samples);
     } catch (const std::invalid_argument& error) {
-        return Refuse(kIllFormedGeometry, "stream " + Quoted(name) + ": " + error.what());
+        return {kIllFormedGeometry, "stream " + Quoted(name) + ": " + error.what()};
     }
-    if (streams_.count(name) == 0 && streams_.size() >= settings_.max_streams) {
-        return Refuse(kLimitReached, "stream " + Quoted(name) + ": there are already " +
-                                         std::to_string(settings_.max_streams) + " streams");
-    }
-    const auto known = streams_.find(name);
     if (known != streams_.end()) {
         Stream& stream = known->second;
         if (KnowsKey(stream, publication.key)) {
@@ -116,22 +109,21 @@ std::int32_t StreamRegistry::AddPublisher(const std::string& identity,
                               : Begin(identity, publication, geometry);
         }
         if (HasLivingPublisher(name, stream)) {
-            return Refuse(kStreamInUse, "stream " + Quoted(name) + " has a publisher");
+            return {kStreamInUse, "stream " + Quoted(name) + " has a publisher"};
         }
         if (stream.file != nullptr && !stream.file->writer_state().retired &&
             files_.WriterLives(*stream.file)) {
-            return Refuse(kShmFileExists,
-                          "the file of stream " + Quoted(name) +
-                              " is written by a process that has not registered again: " +
-                              stream.file->path());
+            return {kShmFileExists, "the file of stream " + Quoted(name) +
+                                        " is written by a process that has not registered again: " +
+                                        stream.file->path()};
         }
     }
     return Begin(identity, publication, geometry);
 }
 
 // The publisher of before goes on in its segment: same epoch, same sequence.
-std::int32_t StreamRegistry::Resume(const std::string& identity, const Publication& publication,
-                                    Stream& stream) {
+Verdict StreamRegistry::Resume(const std::string& identity, const Publication& publication,
+                               Stream& stream) {
     stream.publisher =
         Publisher{Client(identity, time_.Now()), publication.key, DeadWriterOf(*stream.file)};
     stream.removal_due.reset();
@@ -140,19 +132,18 @@ std::int32_t StreamRegistry::Resume(const std::string& identity, const Publicati
     if (HoldsSample(*stream.file)) {
         notify_(publication.stream, NEW_DATA);
     }
-    return kRegistered;
+    return {};
 }
 
-std::int32_t StreamRegistry::Begin(const std::string& identity, const Publication& publication,
-                                   const StreamGeometry& geometry) {
+Verdict StreamRegistry::Begin(const std::string& identity, const Publication& publication,
+                              const StreamGeometry& geometry) {
     const std::string& name = publication.stream;
     const std::string stream_text = "stream " + Quoted(name);
     if (const std::uint64_t available = files_.AvailableBytes();
         geometry.total_bytes() > available) {
-        return Refuse(kNotEnoughMemory, stream_text + " needs " +
-                                            std::to_string(geometry.total_bytes()) +
-                                            " bytes of shared memory, " +
-                                            std::to_string(available) + " are available");
+        return {kNotEnoughMemory, stream_text + " needs " + std::to_string(geometry.total_bytes()) +
+                                      " bytes of shared memory, " + std::to_string(available) +
+                                      " are available"};
     }
     const std::string key = publication.key.empty() ? DrawPublisherKey() : publication.key;
     const auto [place, added] = streams_.try_emplace(name);
@@ -164,7 +155,7 @@ std::int32_t StreamRegistry::Begin(const std::string& identity, const Publicatio
             streams_.erase(place);
         }
         if (error.code() == std::errc::no_space_on_device) {
-            return Refuse(kNotEnoughMemory, stream_text + ": " + error.what());
+            return {kNotEnoughMemory, stream_text + ": " + error.what()};
         }
         throw;
     }
@@ -173,7 +164,7 @@ std::int32_t StreamRegistry::Begin(const std::string& identity, const Publicatio
     log_(2, stream_text + ": publisher registered, " + std::to_string(publication.samples) +
                 " samples of " + std::to_string(publication.sample_bytes) + " bytes");
     notify_(name, PUB_REG);
-    return kRegistered;
+    return {};
 }
 
 void StreamRegistry::EndPublisher(const std::string& name, Stream& stream, const char* why) {
@@ -186,48 +177,39 @@ void StreamRegistry::EndPublisher(const std::string& name, Stream& stream, const
     notify_(name, PUB_UNREG);
 }
 
-std::int32_t StreamRegistry::RemovePublisher(const std::string& identity, const std::string& name) {
+Verdict StreamRegistry::RemovePublisher(const std::string& identity, const std::string& name) {
     Stream* const stream = StreamOf(identity, name);
     if (stream == nullptr) {
-        return Refuse(kNotRegistered,
-                      "the caller does not publish " + Quoted(name) + " and cannot remove it");
+        return {kNotRegistered,
+                "the caller does not publish " + Quoted(name) + " and cannot remove it"};
     }
     EndPublisher(name, *stream, "by itself");
-    return kRegistered;
+    return {};
 }
 
-std::int32_t StreamRegistry::AddSubscriber(const std::string& identity, const std::string& uuid,
-                                           const std::string& name,
-                                           const std::string& remote_broker) {
-    if (!IsWellFormedName(name) || !IsWellFormedName(uuid)) {
-        return Refuse(kIllFormedName,
-                      Quoted(name) + " cannot name a stream, or " + Quoted(uuid) + " a subscriber");
-    }
-    if (!remote_broker.empty()) {
-        return Refuse(kUnknownRemoteBroker, "stream " + Quoted(name) + " of the remote broker " +
-                                                Quoted(remote_broker) +
-                                                ": this broker works with no other one");
-    }
-    if (streams_.count(name) == 0 && streams_.size() >= settings_.max_streams) {
-        return Refuse(kLimitReached, "stream " + Quoted(name) + ": there are already " +
-                                         std::to_string(settings_.max_streams) + " streams");
+Verdict StreamRegistry::AddSubscriber(const std::string& identity, const std::string& uuid,
+                                      const std::string& name, const std::string& remote_broker) {
+    if (Verdict verdict = admission_.OfSubscriber(name, uuid, remote_broker,
+                                                  streams_.count(name) != 0, streams_.size());
+        verdict.refused()) {
+        return verdict;
     }
     streams_[name].subscribers.insert_or_assign(uuid, Client(identity, time_.Now()));
     subscriptions_[uuid].insert(name);
-    return kRegistered;
+    return {};
 }
 
-std::int32_t StreamRegistry::RemoveSubscriber(const std::string& name, const std::string& uuid) {
+Verdict StreamRegistry::RemoveSubscriber(const std::string& name, const std::string& uuid) {
     const auto found = streams_.find(name);
     if (found == streams_.end() || found->second.subscribers.erase(uuid) == 0) {
-        return kNotRegistered;
+        return {kNotRegistered, "stream " + Quoted(name) + " has no subscriber " + Quoted(uuid)};
     }
     ForgetSubscription(uuid, name);
     departed_[uuid] = time_.Now() + kDepartureGrace;
     if (found->second.unused()) {
         streams_.erase(found);
     }
-    return kRegistered;
+    return {};
 }
 
 void StreamRegistry::ForgetSubscription(const std::string& uuid, const std::string& name) {
@@ -316,25 +298,60 @@ std::vector<std::string> StreamRegistry::Published() {
     return names;
 }
 
-std::optional<StreamStatistics> StreamRegistry::StatisticsOf(const std::string& name) const {
-    const auto found = streams_.find(name);
-    if (found == streams_.end()) {
-        return std::nullopt;
-    }
-    const Stream& stream = found->second;
-    StreamStatistics statistics;
-    statistics.last_write_ms = stream.last_write_ms;
-    statistics.subscribers = stream.subscribers.size();
-    statistics.published = stream.publisher.has_value();
-    statistics.path = files_.PathOf(name);
+StreamState StreamRegistry::StateOf(const std::string& name, const Stream& stream) const {
+    StreamState state;
+    state.name = name;
+    state.published = stream.publisher.has_value();
+    state.subscribers = stream.subscribers.size();
+    state.last_write_ms = stream.last_write_ms;
+    state.path = files_.PathOf(name);
     if (stream.file != nullptr) {
         const WriterState writer = stream.file->writer_state();
-        statistics.last_write_ms = std::max(statistics.last_write_ms, writer.last_write_ms);
-        statistics.samples = writer.written;
-        statistics.payload_bytes = writer.payload_bytes;
-        statistics.dropped = writer.dropped + writer.discarded;
+        const StreamGeometry& geometry = stream.file->geometry();
+        state.last_write_ms = std::max(state.last_write_ms, writer.last_write_ms);
+        state.samples = writer.written;
+        state.payload_bytes = writer.payload_bytes;
+        state.dropped = writer.dropped + writer.discarded;
+        state.epoch = stream.file->epoch();
+        state.max_payload_bytes = geometry.max_payload_bytes;
+        state.retained_samples = geometry.retained_samples;
+        state.file_bytes = geometry.total_bytes();
     }
-    return statistics;
+    return state;
+}
+
+std::optional<StreamState> StreamRegistry::StateOf(const std::string& name) const {
+    const auto found = streams_.find(name);
+    return found == streams_.end() ? std::nullopt : std::optional(StateOf(name, found->second));
+}
+
+std::vector<StreamState> StreamRegistry::Streams() const {
+    std::vector<StreamState> states;
+    for (const auto& [name, stream] : streams_) {
+        states.push_back(StateOf(name, stream));
+    }
+    return states;
+}
+
+std::vector<ClientState> StreamRegistry::Clients() const {
+    std::vector<ClientState> states;
+    const auto add = [&](const std::string& id, bool publisher, const std::string& stream,
+                         const Client& client) {
+        const auto silent = time_.Now() - client.beat();
+        states.push_back(
+            {id, publisher, stream, client.stalled(),
+             static_cast<std::uint64_t>(
+                 std::chrono::duration_cast<std::chrono::milliseconds>(silent).count())});
+    };
+    for (const auto& [name, stream] : streams_) {
+        if (stream.publisher) {
+            add(name, true, name, stream.publisher->client);
+        }
+        for (const auto& [uuid, client] : stream.subscribers) {
+            add(uuid, false, name, client);
+        }
+    }
+    return states;
 }
 
 void StreamRegistry::RemoveFile(const std::string& name, Stream& stream) {
@@ -346,8 +363,12 @@ void StreamRegistry::RemoveFile(const std::string& name, Stream& stream) {
 
 void StreamRegistry::SuperviseStream(const std::string& name, Stream& stream) {
     if (stream.publisher) {
+        const bool stalled = stream.publisher->client.stalled();
         switch (JudgePublisher(stream)) {
             case Client::State::kAlive:
+            case Client::State::kStalled:
+                TellStalled("stream " + Quoted(name) + ": its publisher", stalled,
+                            stream.publisher->client);
                 break;
             case Client::State::kDead:
                 EndPublisher(name, stream, "its process has died");
@@ -362,7 +383,11 @@ void StreamRegistry::SuperviseStream(const std::string& name, Stream& stream) {
         RemoveFile(name, stream);
     }
     for (auto entry = stream.subscribers.begin(); entry != stream.subscribers.end();) {
-        if (Judge(entry->second) == Client::State::kAlive) {
+        const bool stalled = entry->second.stalled();
+        const Client::State state = Judge(entry->second);
+        if (state == Client::State::kAlive || state == Client::State::kStalled) {
+            TellStalled("stream " + Quoted(name) + ": subscriber " + Quoted(entry->first), stalled,
+                        entry->second);
             ++entry;
             continue;
         }
@@ -373,6 +398,42 @@ void StreamRegistry::SuperviseStream(const std::string& name, Stream& stream) {
     if (stream.removal_due && time_.Now() >= *stream.removal_due) {
         RemoveFile(name, stream);
     }
+}
+
+void StreamRegistry::TellStalled(const std::string& what, bool before, const Client& client) const {
+    if (client.stalled() && !before) {
+        log_(3, what + " is stalled: no heartbeat and no connection, but its process lives");
+    } else if (before && !client.stalled()) {
+        log_(2, what + " answers again");
+    }
+}
+
+// A publisher takes its file right after its registration. One whose connection ends before has
+// died or given up; alive, it registers again with its next connection.
+void StreamRegistry::Lost(const std::string& identity) {
+    for (auto& [name, stream] : streams_) {
+        if (stream.publisher && stream.publisher->client.Is(identity) &&
+            JudgePublisher(stream) != Client::State::kDead &&
+            stream.publisher->client.awaits_process()) {
+            EndPublisher(name, stream, "it left before it took its file");
+        }
+    }
+}
+
+void StreamRegistry::Drain() {
+    admission_.Close();
+    for (auto& [name, stream] : streams_) {
+        if (stream.publisher) {
+            EndPublisher(name, stream, "the broker is being drained");
+        }
+        if (stream.file != nullptr) {
+            stream.file->Retire();
+            RemoveFile(name, stream);
+        }
+        stream.subscribers.clear();
+    }
+    subscriptions_.clear();
+    streams_.clear();
 }
 
 void StreamRegistry::Supervise() {

@@ -1,9 +1,12 @@
 #pragma once
 
+#include "admission.h"
 #include "kvo/broker/notification_sample.h"
+#include "kvo/brokerd/broker_state.h"
 #include "liveness.h"
 #include "stream_files.h"
 #include "supervised_time.h"
+#include "verdict.h"
 
 #include <chrono>
 #include <cstdint>
@@ -16,16 +19,6 @@
 #include <vector>
 
 namespace kvo::brokerd {
-
-struct StreamStatistics {
-    std::uint64_t last_write_ms = 0;
-    std::size_t subscribers = 0;
-    std::uint64_t samples = 0;
-    std::uint64_t payload_bytes = 0;
-    std::uint64_t dropped = 0;
-    bool published = false;
-    std::string path;
-};
 
 /// The streams of a broker: who publishes and who subscribes, for how long, and which file each
 /// stream has. Tells subscribers through `notify`, in the order of events.
@@ -47,7 +40,6 @@ public:
     /// Takes up what an earlier broker has left in the directory.
     void Adopt(std::vector<std::unique_ptr<StreamFile>> files);
 
-    /// @return BrokerResult
     struct Publication {
         std::string stream;
         std::int32_t sample_bytes;
@@ -55,14 +47,14 @@ public:
         bool checksum;
         std::string key;  // empty: the first registration
     };
-    std::int32_t AddPublisher(const std::string& identity, const Publication& publication);
-    /// @return 1, or -1 when the caller does not publish the stream.
-    std::int32_t RemovePublisher(const std::string& identity, const std::string& stream);
-    /// @param remote_broker empty: the stream is of this host. @return BrokerResult
-    std::int32_t AddSubscriber(const std::string& identity, const std::string& uuid,
-                               const std::string& stream, const std::string& remote_broker);
-    /// @return 1, or -1 when there is no such subscriber.
-    std::int32_t RemoveSubscriber(const std::string& stream, const std::string& uuid);
+    Verdict AddPublisher(const std::string& identity, const Publication& publication);
+    /// -1: the caller does not publish the stream.
+    Verdict RemovePublisher(const std::string& identity, const std::string& stream);
+    /// @param remote_broker empty: the stream is of this host.
+    Verdict AddSubscriber(const std::string& identity, const std::string& uuid,
+                          const std::string& stream, const std::string& remote_broker);
+    /// -1: there is no such subscriber.
+    Verdict RemoveSubscriber(const std::string& stream, const std::string& uuid);
 
     /// @param id stream of a publisher, uuid of a subscriber. Throws std::runtime_error naming the
     /// id when the caller has registered nothing under it.
@@ -80,14 +72,23 @@ public:
     bool IsPublished(const std::string& stream);
     std::vector<std::string> Published();
     /// None: the stream is unknown.
-    std::optional<StreamStatistics> StatisticsOf(const std::string& stream) const;
+    std::optional<StreamState> StateOf(const std::string& stream) const;
+    std::vector<StreamState> Streams() const;
+    std::vector<ClientState> Clients() const;
 
     /// Judges everybody: to be called often, and at once when a connection was lost.
     void Supervise();
+    /// The last connection of a process has ended.
+    void Lost(const std::string& identity);
     /// Takes back the rows of dead readers, in some streams at each call.
     void ReapSome();
+    /// Ends all registrations and removes all files, and takes no new ones.
+    void Drain();
+    bool draining() const { return admission_.closed(); }
     /// The end: removes the files that no living process uses.
     void Leave();
+
+    void set_settings(const Settings& settings);
 
 private:
     struct Publisher {
@@ -103,33 +104,34 @@ private:
         std::uint64_t last_write_ms = 0;
         bool unused() const { return !publisher && subscribers.empty() && file == nullptr; }
     };
-    using Streams = std::map<std::string, Stream>;
+    using StreamMap = std::map<std::string, Stream>;
 
     Client::State Judge(Client& client) const {
         return client.Judge(processes_, time_.Now(), settings_.heartbeat_timeout);
     }
-    std::int32_t Refuse(std::int32_t code, const std::string& why);
+    void TellStalled(const std::string& what, bool before, const Client& client) const;
+    StreamState StateOf(const std::string& name, const Stream& stream) const;
     Client::State JudgePublisher(Stream& stream) const;
     ProcessTag DeadWriterOf(const StreamFile& file) const;
     bool HasLivingPublisher(const std::string& name, Stream& stream);
     bool KnowsKey(const Stream& stream, const std::string& key) const;
-    std::int32_t Resume(const std::string& identity, const Publication& publication,
-                        Stream& stream);
-    std::int32_t Begin(const std::string& identity, const Publication& publication,
-                       const StreamGeometry& geometry);
+    Verdict Resume(const std::string& identity, const Publication& publication, Stream& stream);
+    Verdict Begin(const std::string& identity, const Publication& publication,
+                  const StreamGeometry& geometry);
     void EndPublisher(const std::string& name, Stream& stream, const char* why);
     void ForgetSubscription(const std::string& uuid, const std::string& name);
     void RemoveFile(const std::string& name, Stream& stream);
     void SuperviseStream(const std::string& name, Stream& stream);
     Stream* StreamOf(const std::string& identity, const std::string& name);
 
-    const Settings settings_;
+    Settings settings_;
+    Admission admission_;
     StreamFiles& files_;
     const Processes& processes_;
     const SupervisedTime& time_;
     const Notify notify_;
     const Log log_;
-    Streams streams_;
+    StreamMap streams_;
     std::map<std::string, std::set<std::string>> subscriptions_;  // streams by uuid
     std::map<std::string, TimePoint> departed_;  // subscribers that have just gone, until when
     std::string last_reaped_;

@@ -154,7 +154,7 @@ void Connection::TakeReplies(int at_most) {
 }
 
 void Connection::TakeEvents() {
-    for (int event = monitor_.Next(); event != 0; event = monitor_.Next()) {
+    for (int event = monitor_.Next().kind; event != 0; event = monitor_.Next().kind) {
         if (event == ZMQ_EVENT_HANDSHAKE_SUCCEEDED && !connected_) {
             Up();
         } else if (event == ZMQ_EVENT_DISCONNECTED && connected_) {

@@ -11,6 +11,7 @@
 
 #include <zmq.hpp>
 
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -50,12 +51,16 @@ public:
 
     PollLoop& loop;
     std::uint16_t port = 0;
-    std::function<void()> on_disconnect;
+    std::function<void(const Caller&)> on_disconnect;
+
+    bool Connected(const std::string& identity) const { return connected_.count(identity) != 0; }
 
 private:
     void TakeCalls();
     void TakeEvents();
-    void Handle(const std::vector<zmq::message_t>& frames);
+    void Handle(std::vector<zmq::message_t>& frames);
+    void NoteConnection(zmq::message_t& frame, const Caller& caller);
+    void End(int descriptor);
     std::string Answer(const Caller& caller, std::string_view path, const Call& call);
 
     const std::string path_;
@@ -63,6 +68,9 @@ private:
     zmq::socket_t socket_;
     Monitor monitor_;
     FaultLog faults_;
+    // Who is behind a descriptor of the transport: it tells the end of a connection by that alone.
+    std::map<int, Caller> callers_;
+    std::map<std::string, int> connected_;  // connections by identity
 };
 
 Server::Impl::Impl(PollLoop& service_loop, const Address& address, Service& service)
@@ -85,21 +93,52 @@ Server::Impl::~Impl() {
 }
 
 void Server::Impl::TakeEvents() {
-    for (int event = monitor_.Next(); event != 0; event = monitor_.Next()) {
-        if (event == ZMQ_EVENT_DISCONNECTED && on_disconnect) {
-            on_disconnect();
+    for (Monitor::Event event = monitor_.Next(); event.kind != 0; event = monitor_.Next()) {
+        if (event.kind == ZMQ_EVENT_DISCONNECTED) {
+            End(event.descriptor);
         }
     }
 }
 
+void Server::Impl::End(int descriptor) {
+    const auto found = callers_.find(descriptor);
+    if (found == callers_.end()) {
+        return;
+    }
+    const Caller caller = std::move(found->second);
+    callers_.erase(found);
+    if (--connected_[caller.identity] == 0) {
+        connected_.erase(caller.identity);
+    }
+    if (on_disconnect) {
+        on_disconnect(caller);
+    }
+}
+
+void Server::Impl::NoteConnection(zmq::message_t& frame, const Caller& caller) {
+    const int descriptor = zmq_msg_get(frame.handle(), ZMQ_SRCFD);
+    if (descriptor < 0) {
+        return;
+    }
+    const auto found = callers_.find(descriptor);
+    if (found != callers_.end() && found->second.connection == caller.connection) {
+        return;
+    }
+    End(descriptor);
+    callers_.emplace(descriptor, caller);
+    ++connected_[caller.identity];
+}
+
 void Server::Impl::TakeCalls() {
+    // First the ends of connections: a descriptor may belong to somebody else by now.
+    TakeEvents();
     std::vector<zmq::message_t> frames;
     for (int i = 0; i < kBatch && Receive(socket_, frames); ++i) {
         Handle(frames);
     }
 }
 
-void Server::Impl::Handle(const std::vector<zmq::message_t>& frames) {
+void Server::Impl::Handle(std::vector<zmq::message_t>& frames) {
     const std::string peer(View(frames[0]));
     std::optional<Call> call;
     if (frames.size() == 3) {
@@ -110,7 +149,9 @@ void Server::Impl::Handle(const std::vector<zmq::message_t>& frames) {
         return;
     }
     const std::string_view path = View(frames[1]);
-    const std::string answer = Answer(Caller{IdentityOf(peer), peer}, path, *call);
+    const Caller caller{IdentityOf(peer), peer};
+    NoteConnection(frames[2], caller);
+    const std::string answer = Answer(caller, path, *call);
     if (!call->id) {
         return;
     }
@@ -159,8 +200,12 @@ std::uint16_t Server::port() const {
     return impl_->port;
 }
 
-void Server::OnDisconnect(std::function<void()> callback) {
+void Server::OnDisconnect(std::function<void(const Caller&)> callback) {
     impl_->loop.Run([&] { impl_->on_disconnect = std::move(callback); });
+}
+
+bool Server::Connected(const std::string& identity) const {
+    return impl_->Connected(identity);
 }
 
 }  // namespace gorm::cor::rr

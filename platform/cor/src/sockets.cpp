@@ -34,14 +34,16 @@ zmq::socket_t OpenSocket(zmq::context_t& context, zmq::socket_type type) {
     }
 }
 
-int EventOf(const std::vector<zmq::message_t>& frames) {
+Monitor::Event EventOf(const std::vector<zmq::message_t>& frames) {
     // The first frame is a 16-bit event and a 32-bit value, the second the address.
-    std::uint16_t event = 0;
-    if (frames.empty() || frames[0].size() < sizeof event) {
-        return 0;
+    std::uint16_t kind = 0;
+    std::int32_t value = -1;
+    if (frames.empty() || frames[0].size() < sizeof kind + sizeof value) {
+        return {};
     }
-    std::memcpy(&event, frames[0].data(), sizeof event);
-    return event;
+    std::memcpy(&kind, frames[0].data(), sizeof kind);
+    std::memcpy(&value, frames[0].data<char>() + sizeof kind, sizeof value);
+    return {kind, value};
 }
 
 }  // namespace
@@ -101,15 +103,15 @@ Monitor::~Monitor() {
     zmq_socket_monitor(watched_.handle(), nullptr, 0);
 }
 
-int Monitor::Next() {
+Monitor::Event Monitor::Next() {
     std::vector<zmq::message_t> frames;
-    return Receive(events_, frames) ? EventOf(frames) : 0;
+    return Receive(events_, frames) ? EventOf(frames) : Event{};
 }
 
 bool Monitor::Await(int events, std::chrono::milliseconds at_most) {
     const auto deadline = std::chrono::steady_clock::now() + at_most;
     for (;;) {
-        for (int event = Next(); event != 0; event = Next()) {
+        for (int event = Next().kind; event != 0; event = Next().kind) {
             if ((event & events) != 0) {
                 return true;
             }

@@ -35,8 +35,12 @@ public:
     ~Monitor();
 
     zmq::socket_ref socket() { return events_; }
-    /// Takes the next event without waiting. @return 0: none is there.
-    int Next();
+    struct Event {
+        int kind = 0;         // ZMQ_EVENT_...; 0: none is there
+        int descriptor = -1;  // of the connection, where the event has one
+    };
+    /// Takes the next event without waiting.
+    Event Next();
     /// Waits for one of the events and drops others before it. @return false: it did not come.
     bool Await(int events, std::chrono::milliseconds at_most);
 

@@ -1,6 +1,6 @@
 #include "copy_out.h"
 
-#include "crash_point.h"
+#include "kvo/crash_point.h"
 
 #include <cstring>
 

@@ -66,7 +66,7 @@ public:
     void DropUser();
     bool Lives(const ProcessTag& tag) const;
     std::optional<ProcessTag> Resolve(std::uint16_t number, std::uint32_t nonce_low) const;
-    std::optional<ProcessTag> Find(const ProcessIdentity& identity) const;
+    std::vector<std::pair<ProcessIdentity, ProcessTag>> Joined() const;
     bool AnybodyElse(int own_users) const;
     bool Remove(int own_users);
 
@@ -234,23 +234,19 @@ std::optional<ProcessTag> DirectoryLock::Resolve(std::uint16_t number,
     return ProcessTag{number, nonce};
 }
 
-std::optional<ProcessTag> DirectoryLock::Find(const ProcessIdentity& identity) const {
+std::vector<std::pair<ProcessIdentity, ProcessTag>> DirectoryLock::Joined() const {
     const std::lock_guard lock(mutex_);
-    if (users_ > 0 && identity == Identity::OfThisProcess().Get()) {
-        return own_;
-    }
     std::vector<ProcessRecord> records(kMaxProcesses + 1);
     const ssize_t got = ::pread(file_.get(), records.data(), records.size() * sizeof(ProcessRecord),
                                 kRecordsOffset);
     records.resize(got > 0 ? static_cast<std::size_t>(got) / sizeof(ProcessRecord) : 0);
+    std::vector<std::pair<ProcessIdentity, ProcessTag>> joined;
     for (std::size_t number = 1; number < records.size(); ++number) {
-        const ProcessRecord& record = records[number];
-        if (record.nonce != 0 && record.identity == identity &&
-            HeldByOther(static_cast<off_t>(number), 1)) {
-            return ProcessTag{static_cast<std::uint16_t>(number), record.nonce};
+        if (const ProcessRecord& record = records[number]; record.nonce != 0) {
+            joined.push_back({record.identity, {static_cast<std::uint16_t>(number), record.nonce}});
         }
     }
-    return std::nullopt;
+    return joined;
 }
 
 bool DirectoryLock::AnybodyElse(int own_users) const {
@@ -362,8 +358,9 @@ std::optional<ProcessTag> ProcessLock::Resolve(std::uint16_t number,
     return InForkedChild() ? std::nullopt : impl_->directory_->Resolve(number, nonce_low);
 }
 
-std::optional<ProcessTag> ProcessLock::Find(const ProcessIdentity& identity) const {
-    return InForkedChild() ? std::nullopt : impl_->directory_->Find(identity);
+std::vector<std::pair<ProcessIdentity, ProcessTag>> ProcessLock::Joined() const {
+    return InForkedChild() ? std::vector<std::pair<ProcessIdentity, ProcessTag>>{}
+                           : impl_->directory_->Joined();
 }
 
 bool ProcessLock::AnybodyElse() const {

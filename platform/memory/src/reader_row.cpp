@@ -1,7 +1,7 @@
 #include "reader_row.h"
 
-#include "crash_point.h"
 #include "fork_guard.h"
+#include "kvo/crash_point.h"
 #include "tags.h"
 
 namespace kvo {

@@ -1,8 +1,8 @@
 #include "sample_writer.h"
 
 #include "copy_out.h"
-#include "crash_point.h"
 #include "fork_guard.h"
+#include "kvo/crash_point.h"
 #include "slot_content.h"
 #include "tags.h"
 

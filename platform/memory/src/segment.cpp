@@ -1,7 +1,7 @@
 #include "segment.h"
 
-#include "crash_point.h"
 #include "geometry.h"
+#include "kvo/crash_point.h"
 
 #include <algorithm>
 #include <cstring>

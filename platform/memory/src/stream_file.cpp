@@ -1,8 +1,8 @@
 #include "kvo/memory/stream_file.h"
 
-#include "crash_point.h"
 #include "fork_guard.h"
 #include "geometry.h"
+#include "kvo/crash_point.h"
 #include "mapping.h"
 #include "random_bytes.h"
 #include "reader_row.h"

@@ -101,6 +101,9 @@ public:
     std::vector<std::string> GetCapabilities() override {
         return Request<std::vector<std::string>>("GetCapabilities");
     }
+    std::string GetRefusalReason(const std::string& stream) override {
+        return Request<std::string>("GetRefusalReason", stream);
+    }
 
 private:
     template <class Result, class... Arguments>

@@ -61,6 +61,7 @@ const std::unordered_map<std::string_view, Run>& Operations() {
         {"ListRegisteredStreams", Decoded<&Handler::ListRegisteredStreams>::Run},
         {"ListConnectedBrokers", Decoded<&Handler::ListConnectedBrokers>::Run},
         {"GetCapabilities", Decoded<&Handler::GetCapabilities>::Run},
+        {"GetRefusalReason", Decoded<&Handler::GetRefusalReason>::Run},
     };
     return operations;
 }

@@ -24,9 +24,13 @@ public:
         return found == tags.end() ? std::nullopt : std::optional(found->second);
     }
     bool Lives(const ProcessTag& tag) const override { return dead.count(tag.number) == 0; }
+    bool Connected(const std::string& identity) const override {
+        return disconnected.count(identity) == 0;
+    }
 
     std::map<std::string, ProcessTag> tags;  // by identity
     std::set<std::uint16_t> dead;
+    std::set<std::string> disconnected;  // identities
 };
 
 inline std::string IdentityOf(char process) {
@@ -67,7 +71,8 @@ protected:
 
     std::int32_t Add(char process, const std::string& stream, const std::string& key = "",
                      std::int32_t bytes = 64, std::int32_t samples = 4) {
-        return registry->AddPublisher(IdentityOf(process), {stream, bytes, samples, false, key});
+        return registry->AddPublisher(IdentityOf(process), {stream, bytes, samples, false, key})
+            .code;
     }
     std::string KeyOf(char process, const std::string& stream) {
         return registry->KeyFor(IdentityOf(process), stream);

@@ -35,21 +35,20 @@ TEST_F(StreamRegistryTest, RefusalsHaveTheirCodeTheirReasonAndNoConsequence) {
         {"large", 1 << 20, 100, kNotEnoughMemory, "bytes of shared memory"},
     };
     for (const auto& refused : cases) {
-        log.clear();
-        EXPECT_EQ(refused.code, Add('b', refused.stream, "", refused.bytes, refused.samples))
-            << refused.stream;
-        EXPECT_THAT(log, HasSubstr(refused.reason));
+        const Verdict verdict = registry->AddPublisher(
+            IdentityOf('b'), {refused.stream, refused.bytes, refused.samples, false, ""});
+        EXPECT_EQ(refused.code, verdict.code) << refused.stream;
+        EXPECT_THAT(verdict.reason, HasSubstr(refused.reason));
     }
     EXPECT_EQ(files_before, place.Content().size());
-    log.clear();
-    EXPECT_EQ(kUnknownRemoteBroker,
-              registry->AddSubscriber("", "uuid", "taken", "wkp.rr://elsewhere:5000"));
-    EXPECT_THAT(log, HasSubstr("wkp.rr://elsewhere:5000"));
-    EXPECT_EQ(0U, registry->StatisticsOf("taken")->subscribers);
-    EXPECT_EQ(kRegistered, registry->AddSubscriber("", "uuid", "second", ""));
-    EXPECT_EQ(kRegistered, registry->AddSubscriber("", "uuid", "third", ""));
+    const Verdict remote = registry->AddSubscriber("", "uuid", "taken", "wkp.rr://elsewhere:5000");
+    EXPECT_EQ(kUnknownRemoteBroker, remote.code);
+    EXPECT_THAT(remote.reason, HasSubstr("wkp.rr://elsewhere:5000"));
+    EXPECT_EQ(0U, registry->StateOf("taken")->subscribers);
+    EXPECT_EQ(kRegistered, registry->AddSubscriber("", "uuid", "second", "").code);
+    EXPECT_EQ(kRegistered, registry->AddSubscriber("", "uuid", "third", "").code);
     EXPECT_EQ(kLimitReached, Add('b', "fourth"));
-    EXPECT_EQ(kLimitReached, registry->AddSubscriber("", "uuid", "fourth", ""));
+    EXPECT_EQ(kLimitReached, registry->AddSubscriber("", "uuid", "fourth", "").code);
     EXPECT_THAT(registry->Published(), ElementsAre("taken"));
 }
 
@@ -88,12 +87,12 @@ TEST_F(StreamRegistryTest, ADeadPublisherIsToldOfAtOnceAndItsFileGoesAfterTheGra
     Pass(std::chrono::milliseconds(200));
     EXPECT_THAT(TakeEvents(), ElementsAre(Pair("s", SHM_DEL)));
     EXPECT_FALSE(std::filesystem::exists(files->PathOf("s")));
-    EXPECT_FALSE(registry->StatisticsOf("s"));
+    EXPECT_FALSE(registry->StateOf("s"));
 }
 
 TEST_F(StreamRegistryTest, APublisherKilledBeforeItWasLookedForIsToldOfAtOnceToo) {
     const auto publish = [this](const std::string& identity, const std::string& stream) {
-        ASSERT_EQ(kRegistered, registry->AddPublisher(identity, {stream, 64, 4, false, ""}));
+        ASSERT_EQ(kRegistered, registry->AddPublisher(identity, {stream, 64, 4, false, ""}).code);
     };
     publish(IdentityOf('a'), "known");
     publish("", "anonymous");  // judged by its heartbeats alone
@@ -122,9 +121,9 @@ TEST_F(StreamRegistryTest, APublisherKilledBeforeItWasLookedForIsToldOfAtOnceToo
 TEST_F(StreamRegistryTest, ASuccessorCancelsTheRemoval) {
     ASSERT_EQ(kRegistered, Add('a', "s"));
     const std::uint64_t epoch = EpochOf("s");
-    EXPECT_EQ(-1, registry->RemovePublisher(IdentityOf('b'), "s"));
-    EXPECT_EQ(1, registry->RemovePublisher(IdentityOf('a'), "s"));
-    EXPECT_EQ(-1, registry->RemovePublisher(IdentityOf('a'), "s"));
+    EXPECT_EQ(-1, registry->RemovePublisher(IdentityOf('b'), "s").code);
+    EXPECT_EQ(1, registry->RemovePublisher(IdentityOf('a'), "s").code);
+    EXPECT_EQ(-1, registry->RemovePublisher(IdentityOf('a'), "s").code);
     ASSERT_EQ(kRegistered, Add('b', "s"));
     EXPECT_LT(epoch, EpochOf("s"));
     Pass(std::chrono::seconds(5));
@@ -135,7 +134,7 @@ TEST_F(StreamRegistryTest, ASuccessorCancelsTheRemoval) {
 
 TEST_F(StreamRegistryTest, SilenceEndsARegistrationButNotTheBrokersOwnPauses) {
     ASSERT_EQ(kRegistered, Add('a', "s"));
-    ASSERT_EQ(kRegistered, registry->AddSubscriber(IdentityOf('b'), "uuid", "s", ""));
+    ASSERT_EQ(kRegistered, registry->AddSubscriber(IdentityOf('b'), "uuid", "s", "").code);
     now += std::chrono::hours(1);  // the broker was stopped
     time.Tick();
     registry->Supervise();
@@ -147,9 +146,64 @@ TEST_F(StreamRegistryTest, SilenceEndsARegistrationButNotTheBrokersOwnPauses) {
     EXPECT_THROW(registry->Beat(IdentityOf('a'), "nobody"), std::runtime_error);
     Pass(std::chrono::seconds(8));
     EXPECT_TRUE(registry->IsPublished("s"));
-    EXPECT_EQ(0U, registry->StatisticsOf("s")->subscribers);
+    EXPECT_EQ(0U, registry->StateOf("s")->subscribers);
     Pass(std::chrono::seconds(3));
     EXPECT_FALSE(registry->IsPublished("s"));
+}
+
+// 'a' stands in a debugger: its process lives, but its connections do not answer.
+TEST_F(StreamRegistryTest, AStalledClientIsShownAndKept) {
+    processes.tags[IdentityOf('a')] = {1, 1};
+    processes.tags[IdentityOf('b')] = {2, 2};
+    ASSERT_EQ(kRegistered, Add('a', "s"));
+    ASSERT_EQ(kRegistered, registry->AddSubscriber(IdentityOf('b'), "uuid", "s", "").code);
+    const auto stalled = [this] {
+        std::vector<std::string> ids;
+        for (const ClientState& client : registry->Clients()) {
+            if (client.stalled) {
+                ids.push_back(client.id);
+            }
+        }
+        return ids;
+    };
+    processes.disconnected.insert(IdentityOf('a'));
+    processes.disconnected.insert(IdentityOf('b'));
+    Pass(std::chrono::minutes(5));
+    EXPECT_TRUE(registry->IsPublished("s"));
+    EXPECT_THAT(stalled(), ElementsAre("s", "uuid"));
+    EXPECT_THAT(log, HasSubstr("is stalled"));
+    processes.disconnected.clear();
+    registry->Beat(IdentityOf('a'), "s");
+    registry->Supervise();  // 'b' answers, and has ended its heartbeats
+    EXPECT_THAT(stalled(), IsEmpty());
+    EXPECT_EQ(0U, registry->StateOf("s")->subscribers);
+    EXPECT_TRUE(registry->IsPublished("s"));
+    processes.disconnected.insert(IdentityOf('a'));
+    processes.dead.insert(1);
+    registry->Supervise();
+    EXPECT_FALSE(registry->IsPublished("s"));
+}
+
+TEST_F(StreamRegistryTest, APublisherThatLeavesBeforeItTakesItsFileLosesTheName) {
+    ASSERT_EQ(kRegistered, Add('a', "early"));
+    processes.tags[IdentityOf('b')] = {2, 2};
+    ASSERT_EQ(kRegistered, Add('b', "joined"));
+    registry->Lost(IdentityOf('a'));
+    registry->Lost(IdentityOf('b'));
+    EXPECT_THAT(registry->Published(), ElementsAre("joined"));
+    EXPECT_EQ(kRegistered, Add('c', "early"));
+}
+
+TEST_F(StreamRegistryTest, DrainingEndsAllAndLetsNobodyIn) {
+    ASSERT_EQ(kRegistered, Add('a', "s"));
+    const std::string path = files->PathOf("s");
+    TakeEvents();
+    registry->Drain();
+    EXPECT_THAT(TakeEvents(), ElementsAre(Pair("s", PUB_UNREG), Pair("s", SHM_DEL)));
+    EXPECT_FALSE(std::filesystem::exists(path));
+    EXPECT_EQ(kLimitReached, Add('a', "s"));
+    EXPECT_EQ(kLimitReached, registry->AddSubscriber("", "uuid", "s", "").code);
+    EXPECT_TRUE(registry->draining());
 }
 
 TEST_F(StreamRegistryTest, TheLargestBufferFitsAndOneSampleMoreDoesNot) {

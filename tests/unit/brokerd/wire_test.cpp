@@ -160,6 +160,8 @@ TEST_F(WireTest, ARegistrationIsWhatItsCallerAndNobodyElseHas) {
                   client->SendHeartbeat("uuid");
               }));
     EXPECT_EQ(kStreamInUse, Publish("s"));
+    EXPECT_THAT(client->GetRefusalReason("s"), HasSubstr("has a publisher"));
+    EXPECT_THAT(client->GetRefusalReason("other"), IsEmpty());
     EXPECT_FALSE(client->IsStreamIdFree("s"));
     EXPECT_THAT(client->ListRegisteredStreams(), ElementsAre("s"));
     EXPECT_EQ("1", client->GetStreamStatistics("s").at(1));

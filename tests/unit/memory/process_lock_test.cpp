@@ -61,13 +61,13 @@ TEST_F(ProcessLockTest, APeerLivesUntilItIsKilled) {
     EXPECT_FALSE(lock->AnybodyElse());
 }
 
-TEST_F(ProcessLockTest, IdentityLeadsToTheLivingProcess) {
+TEST_F(ProcessLockTest, TheRecordsTellWhoHasJoinedWithWhichIdentity) {
     ASSERT_TRUE(identity_set);
     const auto lock = ProcessLock::ForDirectory(directory_);
-    EXPECT_EQ(lock->Find(kIdentity), std::nullopt);
+    EXPECT_TRUE(lock->Joined().empty());
     const ProcessTag tag = lock->Join();
-    EXPECT_EQ(lock->Find(kIdentity), tag);
-    EXPECT_EQ(lock->Find({9}), std::nullopt);
+    const std::vector<std::pair<ProcessIdentity, ProcessTag>> expected{{kIdentity, tag}};
+    EXPECT_EQ(lock->Joined(), expected);
 }
 
 TEST_F(ProcessLockTest, AForkedChildIsNobodyAndTakesNothingFromItsParent) {

@@ -77,6 +77,7 @@ public:
     std::vector<std::string> ListRegisteredStreams() override { return {}; }
     std::vector<std::string> ListConnectedBrokers() override { return {}; }
     std::vector<std::string> GetCapabilities() override { return {}; }
+    std::string GetRefusalReason(const std::string&) override { return {}; }
 
 private:
     int& reports_;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "kvo/brokerd/broker_state.h"
 #include "kvo/memory/stream_file.h"
 
 #include <chrono>
@@ -25,6 +26,9 @@ struct BrokerOptions {
     std::chrono::milliseconds removal_grace{2000};  // from the end of a publisher to SHM_DEL
     std::uint64_t memory_budget_bytes = 0;  // of all stream files; 0: half of the file system
     std::uint32_t max_streams = 4096;
+    std::uint32_t max_connections = 10'000;
+    std::uint32_t request_rate = 1000;   // of one connection, a second; 0: no limit
+    std::uint32_t request_burst = 4000;  // of one connection at once
     SpareSlots spare_slots;
 };
 
@@ -47,6 +51,16 @@ public:
     std::uint16_t notification_port() const;
     const std::string& directory() const;
     std::string uri() const;  // "wkp.rr://address:port"
+
+    BrokerState State() const;
+
+    /// Puts into force what can be changed while a broker runs: heartbeat time-out, removal grace,
+    /// limits of streams, memory and requests. Throws as the constructor, and changes nothing then.
+    void Reconfigure(const BrokerOptions& options);
+
+    /// Ends all registrations, telling the subscribers, removes all stream files and refuses new
+    /// ones. The broker answers until it is destroyed.
+    void Drain();
 
 private:
     class Impl;

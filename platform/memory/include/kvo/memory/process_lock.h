@@ -7,6 +7,8 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace kvo {
 
@@ -50,8 +52,8 @@ public:
     /// Whether the process behind the tag lives. Answered from memory for this process.
     bool Lives(const ProcessTag& tag) const;
 
-    /// The living process that presents this identity.
-    std::optional<ProcessTag> Find(const ProcessIdentity& identity) const;
+    /// Who has joined with which identity, by the records alone: some may have died since.
+    std::vector<std::pair<ProcessIdentity, ProcessTag>> Joined() const;
 
     /// The living process with this number whose nonce ends in these bits.
     std::optional<ProcessTag> Resolve(std::uint16_t number, std::uint32_t nonce_low) const;

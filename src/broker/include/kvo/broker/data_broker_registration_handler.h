@@ -50,6 +50,7 @@ public:
     virtual std::vector<std::string> ListRegisteredStreams(const Caller&) = 0;
     virtual std::vector<std::string> ListConnectedBrokers(const Caller&) = 0;
     virtual std::vector<std::string> GetCapabilities(const Caller&) = 0;
+    virtual std::string GetRefusalReason(const Caller&, const std::string& stream) = 0;
 };
 
 /// The service that decodes calls and runs them on the handler, which must outlive it.

@@ -59,6 +59,9 @@ public:
 
     /// What this broker offers beyond the operations above; empty is an ordinary answer.
     virtual std::vector<std::string> GetCapabilities() = 0;
+    /// Why this broker last refused the caller's process the stream, in a sentence with the values;
+    /// empty: it did not. Brokers that do not know the question answer with an error.
+    virtual std::string GetRefusalReason(const std::string& stream) = 0;
 };
 
 }  // namespace kvo

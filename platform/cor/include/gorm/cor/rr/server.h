@@ -24,8 +24,12 @@ public:
 
     std::uint16_t port() const;
 
-    /// Called on the loop whenever a connection to this server ended. Set before clients come.
-    void OnDisconnect(std::function<void()> callback);
+    /// Called on the loop whenever a connection ended that a call had come from. Set before
+    /// clients come.
+    void OnDisconnect(std::function<void(const Caller&)> callback);
+
+    /// On the loop: whether a connection stands from which this process has called.
+    bool Connected(const std::string& identity) const;
 
 private:
     class Impl;

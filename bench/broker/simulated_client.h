@@ -1,0 +1,143 @@
+#pragma once
+
+#include <msgpack.hpp>
+#include <zmq.hpp>
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <sys/types.h>
+#include <vector>
+
+/// Clients of a broker that speak the wire by themselves and have no stream data, and a broker to
+/// talk to.
+namespace kvo::bench {
+
+using Clock = std::chrono::steady_clock;
+
+/// A broker that has not answered within this time has failed.
+inline constexpr std::chrono::seconds kPatience{10};
+
+/// What a broker uses at a moment.
+struct Footprint {
+    double cpu_seconds = 0;  // user and system, since its start
+    std::uint64_t rss_bytes = 0;
+    std::uint64_t shared_bytes = 0;  // of these in mapped stream files
+    std::size_t descriptors = 0;
+    std::size_t threads = 0;
+    std::size_t files = 0;  // in its directory
+};
+
+/// A kvo-broker on free ports with a directory of its own. It ends with this process at the latest.
+/// Threads: one; to be made before others are started.
+class BrokerProcess {
+public:
+    /// Returns when the broker listens. Throws std::runtime_error saying what failed.
+    /// @param program empty: the kvo-broker beside this program.
+    BrokerProcess(const std::string& program, const std::vector<std::string>& options);
+    BrokerProcess(const BrokerProcess&) = delete;
+    BrokerProcess& operator=(const BrokerProcess&) = delete;
+    /// Kills it where Stop() was not called, and removes its directory.
+    ~BrokerProcess();
+
+    const std::string& endpoint() const { return endpoint_; }
+    /// Throws std::runtime_error when the broker has ended.
+    Footprint Look() const;
+    /// Ends it orderly. Throws std::runtime_error when it fails or leaves files behind.
+    void Stop();
+
+private:
+    BrokerProcess();
+    void Start(const std::string& program, const std::vector<std::string>& options);
+
+    std::string directory_;
+    std::string endpoint_;
+    pid_t pid_ = -1;
+};
+
+/// A response of the broker.
+struct Answer {
+    std::uint32_t id = 0;
+    std::string error;  // empty: it has a result
+    msgpack::object_handle message;
+    const msgpack::object& result() const { return message.get().via.array.ptr[3]; }
+};
+
+/// One packed array.
+template <class... A>
+std::string PackParams(const A&... arguments) {
+    msgpack::sbuffer buffer;
+    msgpack::packer<msgpack::sbuffer> packer(buffer);
+    packer.pack_array(static_cast<std::uint32_t>(sizeof...(A)));
+    (packer.pack(arguments), ...);
+    return {buffer.data(), buffer.size()};
+}
+
+inline constexpr std::string_view kBrokerPath = "/broker/Broker1";
+
+/// A connection to a broker for requests. Threads: one.
+class SimulatedClient {
+public:
+    /// Draws the routing id of another process than that of all other clients.
+    static std::string NewRoutingId();
+
+    /// Connects; does not wait for the connection. @param routing_id empty: none.
+    SimulatedClient(zmq::context_t& context, const std::string& endpoint,
+                    const std::string& routing_id);
+
+    /// Sends a request and returns its id. Throws std::runtime_error when there is no room for it
+    /// for the time of our patience.
+    template <class... A>
+    std::uint32_t Ask(std::string_view method, const A&... arguments) {
+        return AskPacked(method, PackParams(arguments...));
+    }
+    /// Sends any frames; throws as Ask does.
+    void Send(std::span<const std::string> frames);
+
+    /// Takes the next answer without waiting. Throws std::runtime_error when it is no response.
+    std::optional<Answer> Take();
+    /// Waits for one answer and drops all before it.
+    std::optional<Answer> Await(std::uint32_t id, std::chrono::milliseconds at_most = kPatience);
+
+    /// Asks and waits. Throws std::runtime_error naming the method when no answer comes, an error
+    /// or a result of another type.
+    template <class T, class... A>
+    T Call(std::string_view method, const A&... arguments) {
+        const Answer answer = AwaitResult(method, Ask(method, arguments...));
+        try {
+            return answer.result().as<T>();
+        } catch (const msgpack::type_error&) {
+            throw WrongType(method);
+        }
+    }
+    /// Asks for what has no result; throws as Call does.
+    template <class... A>
+    void Do(std::string_view method, const A&... arguments) {
+        AwaitResult(method, Ask(method, arguments...));
+    }
+
+    /// Becomes readable when something may be to take; a look by Take() clears it, and so may a
+    /// sending.
+    int descriptor() const { return socket_.get(zmq::sockopt::fd); }
+
+private:
+    std::uint32_t AskPacked(std::string_view method, const std::string& params);
+    Answer AwaitResult(std::string_view method, std::uint32_t id);
+    static std::runtime_error WrongType(std::string_view method);
+
+    zmq::socket_t socket_;
+    std::uint32_t last_id_ = 0;
+};
+
+/// Allows this process, and the broker that it starts later, so many open files. Throws
+/// std::runtime_error when the system does not.
+void AllowDescriptors(std::size_t count);
+
+/// Sorts the values; `part` 0.5 is the median, 1 the largest. 0 when there are none.
+double Percentile(std::vector<double>& values, double part);
+
+}  // namespace kvo::bench

@@ -1,0 +1,21 @@
+#pragma once
+
+#include "kvo/brokerd/broker_state.h"
+
+#include <deque>
+#include <string>
+#include <vector>
+
+namespace kvo::brokerd {
+
+/// The newest events of a broker, for people. Threads: one.
+class EventLog {
+public:
+    void Add(std::string kind, std::string stream, std::string text = {});
+    std::vector<BrokerEvent> Newest() const { return {events_.begin(), events_.end()}; }
+
+private:
+    std::deque<BrokerEvent> events_;
+};
+
+}  // namespace kvo::brokerd

@@ -1,0 +1,119 @@
+// Decodes and runs whatever bytes clients may send, on the broker's own registry and files: the
+// input is a list of messages, each with its caller and its length before it.
+#include "broker_directory.h"
+#include "event_log.h"
+#include "gated_service.h"
+#include "kvo/broker/data_broker_registration_handler.h"
+#include "request_handler.h"
+#include "stream_registry.h"
+#include "wire.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace kvo::brokerd {
+namespace {
+
+constexpr int kMostMessages = 60;
+constexpr std::uint64_t kBudgetBytes = 4U << 20;
+
+class NoProcesses final : public Processes {
+public:
+    std::optional<ProcessTag> Find(const ProcessIdentity&) const override { return std::nullopt; }
+    bool Lives(const ProcessTag&) const override { return false; }
+    bool Connected(const std::string&) const override { return true; }
+};
+
+// The directory of all inputs; the registry is each input's own.
+class Place {
+public:
+    Place() {
+        std::string pattern = "/dev/shm/kvo-fuzz-XXXXXX";
+        directory = std::make_unique<BrokerDirectory>(::mkdtemp(pattern.data()));
+    }
+    std::unique_ptr<BrokerDirectory> directory;
+};
+
+class Parts {
+public:
+    explicit Parts(Place& place)
+        : files_(place.directory->path(), kBudgetBytes, Spare(), place.directory->processes()) {}
+    ~Parts() { registry_.Drain(); }
+
+    void Take(const std::string& identity, std::string_view message) {
+        const auto call = gorm::cor::rr::DecodeCall(message);
+        if (!call) {
+            return;
+        }
+        std::string answer;
+        try {
+            answer = gorm::cor::rr::EncodeResult(
+                call->id.value_or(0),
+                gated_.Dispatch({identity, identity}, call->method, call->params()));
+        } catch (const std::exception& error) {
+            answer = gorm::cor::rr::EncodeError(call->id.value_or(0), error.what());
+        }
+        // What the broker answers is a reply.
+        if (!gorm::cor::rr::DecodeReply(answer)) {
+            std::fputs("an answer that is none\n", stderr);
+            std::abort();
+        }
+    }
+    void Pass() {
+        now_ += std::chrono::seconds(6);
+        time_.Tick();
+        registry_.Supervise();
+        registry_.ReapSome();
+    }
+
+private:
+    static SpareSlots Spare() {
+        SpareSlots spare;
+        spare.budget_bytes = 1 << 10;
+        return spare;
+    }
+    TimePoint now_{};
+    SupervisedTime time_{[this] { return now_; }, std::chrono::seconds(5)};
+    NoProcesses processes_;
+    StreamFiles files_;
+    EventLog events_;
+    StreamRegistry registry_{{std::chrono::seconds(10), std::chrono::milliseconds(2000), 6},
+                             files_,
+                             processes_,
+                             time_,
+                             [](const std::string&, NotificationType) {},
+                             [](int, const std::string&) {}};
+    RequestHandler handler_{registry_, files_, events_, [](int, const std::string&) {}, {1, 10, 1}};
+    std::unique_ptr<gorm::cor::rr::Service> service_ = MakeDataBrokerRegistrationService(handler_);
+    RequestGate gate_{{3, 1000, 40}};
+    GatedService gated_{*service_, gate_, [this] { return now_; }};
+};
+
+}  // namespace
+}  // namespace kvo::brokerd
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    static kvo::brokerd::Place place;
+    kvo::brokerd::Parts parts(place);
+    std::string_view rest(reinterpret_cast<const char*>(data), size);
+    for (int i = 0; i < kMostMessages && rest.size() >= 2; ++i) {
+        const auto caller = static_cast<unsigned char>(rest[0]);
+        const std::size_t length =
+            std::min<std::size_t>(static_cast<unsigned char>(rest[1]), rest.size() - 2);
+        if (caller % 8 == 7) {
+            parts.Pass();
+        }
+        const std::string identity =
+            caller % 4 == 0 ? std::string() : std::string(16, static_cast<char>('a' + caller % 4));
+        parts.Take(identity, rest.substr(2, length));
+        rest.remove_prefix(2 + length);
+    }
+    return 0;
+}

@@ -1,0 +1,64 @@
+#include "refusals.h"
+#include "request_gate.h"
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+#include <string>
+
+namespace kvo::brokerd {
+namespace {
+
+int AdmittedOf(int wanted, RequestGate& gate, const std::string& connection, TimePoint now) {
+    int admitted = 0;
+    for (int i = 0; i < wanted; ++i) {
+        try {
+            gate.Admit(connection, now);
+            ++admitted;
+        } catch (const std::runtime_error&) {
+        }
+    }
+    return admitted;
+}
+
+TEST(RequestGate, EachConnectionHasItsOwnRateAndBurst) {
+    RequestGate gate({2, 10, 30});
+    TimePoint now{};
+    EXPECT_EQ(AdmittedOf(100, gate, "flood", now), 30);
+    EXPECT_EQ(AdmittedOf(1, gate, "other", now), 1);
+    now += std::chrono::milliseconds(500);
+    EXPECT_EQ(AdmittedOf(100, gate, "flood", now), 5);
+    now += std::chrono::hours(1);
+    EXPECT_EQ(AdmittedOf(100, gate, "flood", now), 30);
+    EXPECT_EQ(gate.throttled(), 70U + 95U + 70U);
+    gate.set_limits({2, 0, 1});
+    EXPECT_EQ(AdmittedOf(100, gate, "flood", now), 100);
+}
+
+TEST(RequestGate, ConnectionsBeyondTheLimitAreRefusedUntilOneEnds) {
+    RequestGate gate({2, 10, 30});
+    EXPECT_EQ(AdmittedOf(1, gate, "a", {}), 1);
+    EXPECT_EQ(AdmittedOf(1, gate, "b", {}), 1);
+    EXPECT_EQ(AdmittedOf(1, gate, "c", {}), 0);
+    gate.Forget("a");
+    EXPECT_EQ(AdmittedOf(1, gate, "c", {}), 1);
+    EXPECT_EQ(AdmittedOf(1, gate, "b", {}), 1);
+}
+
+TEST(Refusals, AreOfOneAskerAndBounded) {
+    Refusals refusals;
+    refusals.Keep("a", "s", "first");
+    refusals.Keep("a", "s", "second");
+    EXPECT_EQ(refusals.Of("a", "s"), "second");
+    EXPECT_EQ(refusals.Of("b", "s"), "");
+    for (int i = 0; i < 1000; ++i) {
+        refusals.Keep("b", std::to_string(i), "other");
+    }
+    EXPECT_EQ(refusals.Of("a", "s"), "");
+    EXPECT_EQ(refusals.Of("b", "0"), "other");
+    refusals.Forget("b", "0");
+    EXPECT_EQ(refusals.Of("b", "0"), "");
+}
+
+}  // namespace
+}  // namespace kvo::brokerd
