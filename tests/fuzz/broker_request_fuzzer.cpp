@@ -92,7 +92,7 @@ private:
                              [](int, const std::string&) {}};
     RequestHandler handler_{registry_, files_, events_, [](int, const std::string&) {}, {1, 10, 1}};
     std::unique_ptr<gorm::cor::rr::Service> service_ = MakeDataBrokerRegistrationService(handler_);
-    RequestGate gate_{{3, 1000, 40}};
+    RequestGate gate_{{1000, 40}};
     GatedService gated_{*service_, gate_, [this] { return now_; }};
 };
 
@@ -103,7 +103,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     static kvo::brokerd::Place place;
     kvo::brokerd::Parts parts(place);
     std::string_view rest(reinterpret_cast<const char*>(data), size);
-    for (int i = 0; i < kMostMessages && rest.size() >= 2; ++i) {
+    for (int i = 0; i < kvo::brokerd::kMostMessages && rest.size() >= 2; ++i) {
         const auto caller = static_cast<unsigned char>(rest[0]);
         const std::size_t length =
             std::min<std::size_t>(static_cast<unsigned char>(rest[1]), rest.size() - 2);

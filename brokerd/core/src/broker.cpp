@@ -167,7 +167,7 @@ StreamRegistry::Settings SettingsOf(const BrokerOptions& options) {
 }
 
 RequestGate::Limits LimitsOf(const BrokerOptions& options) {
-    return {options.max_connections, options.request_rate, options.request_burst};
+    return {options.request_rate, options.request_burst};
 }
 
 }  // namespace
@@ -188,6 +188,7 @@ Broker::Impl::Impl(const BrokerOptions& options, KvoLogger* logger) : logger_(lo
             processes_->Refresh();
             registry_->Supervise();
             registry_->ReapSome();
+            gate_->ForgetIdle(std::chrono::steady_clock::now());
         }
     });
 }
@@ -232,7 +233,8 @@ void Broker::Impl::Start(const BrokerOptions& options) {
     gated_service_ = std::make_unique<GatedService>(
         *service_, *gate_, [] { return std::chrono::steady_clock::now(); });
     server_ = std::make_unique<gorm::cor::rr::Server>(
-        loop_, Uri("wkp.rr", options.address, options.port, "/broker/Broker1"), *gated_service_);
+        loop_, Uri("wkp.rr", options.address, options.port, "/broker/Broker1"), *gated_service_,
+        options.max_connections);
     server_->OnDisconnect([this](const gorm::cor::rr::Caller& caller) { Lost(caller); });
     processes_->set_connected(
         [this](const std::string& identity) { return server_->Connected(identity); });
@@ -254,7 +256,6 @@ void Broker::Impl::Notify(const std::string& stream, NotificationType type) {
 }
 
 void Broker::Impl::Lost(const gorm::cor::rr::Caller& caller) {
-    gate_->Forget(caller.connection);
     if (!caller.identity.empty() && !server_->Connected(caller.identity)) {
         lost_.insert(caller.identity);
     }
@@ -287,7 +288,7 @@ BrokerState Broker::Impl::State() {
         state.uptime_s = static_cast<std::uint64_t>(
             std::chrono::duration_cast<std::chrono::seconds>(up).count());
         state.draining = registry_->draining();
-        state.connections = gate_->connections();
+        state.connections = server_->connections();
         state.requests = gate_->admitted();
         state.throttled = gate_->throttled();
         state.refusals = handler_->refusals();

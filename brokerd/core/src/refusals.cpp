@@ -1,5 +1,7 @@
 #include "refusals.h"
 
+#include "stream_name.h"
+
 namespace kvo::brokerd {
 namespace {
 
@@ -8,6 +10,9 @@ constexpr std::size_t kKept = 1000;
 }  // namespace
 
 void Refusals::Keep(const std::string& asker, const std::string& stream, std::string reason) {
+    if (stream.size() > kMaxNameBytes) {  // no name, and nobody's memory to fill
+        return;
+    }
     const Key key{asker, stream};
     if (reasons_.insert_or_assign(key, std::move(reason)).second) {
         order_.push_back(key);
@@ -15,6 +20,13 @@ void Refusals::Keep(const std::string& asker, const std::string& stream, std::st
     if (order_.size() > kKept) {
         reasons_.erase(order_.front());
         order_.pop_front();
+    }
+}
+
+void Refusals::Forget(const std::string& asker, const std::string& stream) {
+    const Key key{asker, stream};
+    if (reasons_.erase(key) != 0) {
+        std::erase(order_, key);
     }
 }
 

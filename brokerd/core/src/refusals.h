@@ -12,16 +12,14 @@ namespace kvo::brokerd {
 class Refusals {
 public:
     void Keep(const std::string& asker, const std::string& stream, std::string reason);
-    void Forget(const std::string& asker, const std::string& stream) {
-        reasons_.erase({asker, stream});
-    }
+    void Forget(const std::string& asker, const std::string& stream);
     /// Empty: the asker has not been refused the stream since it was last given it.
     std::string Of(const std::string& asker, const std::string& stream) const;
 
 private:
     using Key = std::pair<std::string, std::string>;  // asker, stream
     std::map<Key, std::string> reasons_;
-    std::deque<Key> order_;  // oldest first; some may be forgotten already
+    std::deque<Key> order_;  // oldest first
 };
 
 }  // namespace kvo::brokerd

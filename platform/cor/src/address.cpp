@@ -1,7 +1,7 @@
 #include "address.h"
 
+#include "bounds.h"
 #include "gorm/cor/errors.h"
-#include "limits.h"
 
 #include <charconv>
 #include <string_view>

@@ -1,7 +1,7 @@
 #include "connection.h"
 
+#include "bounds.h"
 #include "gorm/cor/errors.h"
-#include "limits.h"
 #include "wire.h"
 
 #include <algorithm>

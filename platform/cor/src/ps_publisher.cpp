@@ -1,7 +1,7 @@
 #include "address.h"
+#include "bounds.h"
 #include "gorm/cor/process.h"
 #include "gorm/cor/ps/publisher.h"
-#include "limits.h"
 #include "runtime.h"
 #include "service_loop_impl.h"
 #include "sockets.h"

@@ -1,7 +1,7 @@
 #include "address.h"
+#include "bounds.h"
 #include "gorm/cor/process.h"
 #include "gorm/cor/rr/server.h"
-#include "limits.h"
 #include "log.h"
 #include "runtime.h"
 #include "service_loop_impl.h"
@@ -46,7 +46,7 @@ zmq::socket_t MakeRouter(zmq::context_t& context, const Address& address) {
 /// Lives on the loop.
 class Server::Impl {
 public:
-    Impl(PollLoop& loop, const Address& address, Service& service);
+    Impl(PollLoop& loop, const Address& address, Service& service, std::size_t max_connections);
     ~Impl();
 
     PollLoop& loop;
@@ -54,13 +54,23 @@ public:
     std::function<void(const Caller&)> on_disconnect;
 
     bool Connected(const std::string& identity) const { return connected_.count(identity) != 0; }
+    std::size_t connections() const { return links_.size(); }
 
 private:
     void TakeCalls();
     void TakeEvents();
     void Handle(std::vector<zmq::message_t>& frames);
-    void NoteConnection(zmq::message_t& frame, const Caller& caller);
+    // One connection, known by the transport's descriptor: its end is told by that alone.
+    struct Link {
+        Caller caller;  // once it has sent a call
+        bool refused = false;
+    };
+    Link* LinkOf(zmq::message_t& frame);
+    void Introduce(Link& link, const Caller& caller);
     void End(int descriptor);
+    std::string TooMany() const {
+        return "there are already " + std::to_string(max_connections_) + " connections";
+    }
     std::string Answer(const Caller& caller, std::string_view path, const Call& call);
 
     const std::string path_;
@@ -68,19 +78,22 @@ private:
     zmq::socket_t socket_;
     Monitor monitor_;
     FaultLog faults_;
-    // Who is behind a descriptor of the transport: it tells the end of a connection by that alone.
-    std::map<int, Caller> callers_;
-    std::map<std::string, int> connected_;  // connections by identity
+    const std::size_t max_connections_;
+    std::map<int, Link> links_;             // by descriptor
+    std::map<std::string, int> connected_;  // links that have sent a call, by identity
 };
 
-Server::Impl::Impl(PollLoop& service_loop, const Address& address, Service& service)
+Server::Impl::Impl(PollLoop& service_loop, const Address& address, Service& service,
+                   std::size_t max_connections)
     : loop(service_loop),
       path_(address.path),
       service_(service),
       socket_(MakeRouter(Runtime::Get().context(), address)),
       monitor_(Runtime::Get().context(), socket_,
-               ZMQ_EVENT_DISCONNECTED | ZMQ_EVENT_CLOSED | ZMQ_EVENT_CLOSE_FAILED),
-      faults_("message to " + address.text) {
+               ZMQ_EVENT_HANDSHAKE_SUCCEEDED | ZMQ_EVENT_DISCONNECTED | ZMQ_EVENT_CLOSED |
+                   ZMQ_EVENT_CLOSE_FAILED),
+      faults_("message to " + address.text),
+      max_connections_(max_connections) {
     port = Bind(socket_, address.endpoint, address.text);
     loop.Watch(socket_, [this] { TakeCalls(); });
     loop.Watch(monitor_.socket(), [this] { TakeEvents(); });
@@ -94,19 +107,25 @@ Server::Impl::~Impl() {
 
 void Server::Impl::TakeEvents() {
     for (Monitor::Event event = monitor_.Next(); event.kind != 0; event = monitor_.Next()) {
-        if (event.kind == ZMQ_EVENT_DISCONNECTED) {
+        if (event.kind == ZMQ_EVENT_HANDSHAKE_SUCCEEDED) {
+            End(event.descriptor);
+            links_[event.descriptor].refused = links_.size() > max_connections_;
+        } else if (event.kind == ZMQ_EVENT_DISCONNECTED) {
             End(event.descriptor);
         }
     }
 }
 
 void Server::Impl::End(int descriptor) {
-    const auto found = callers_.find(descriptor);
-    if (found == callers_.end()) {
+    const auto found = links_.find(descriptor);
+    if (found == links_.end()) {
         return;
     }
-    const Caller caller = std::move(found->second);
-    callers_.erase(found);
+    const Caller caller = std::move(found->second.caller);
+    links_.erase(found);
+    if (caller.connection.empty()) {
+        return;
+    }
     if (--connected_[caller.identity] == 0) {
         connected_.erase(caller.identity);
     }
@@ -115,18 +134,22 @@ void Server::Impl::End(int descriptor) {
     }
 }
 
-void Server::Impl::NoteConnection(zmq::message_t& frame, const Caller& caller) {
+// Null: the message was sent over a connection that has ended since.
+Server::Impl::Link* Server::Impl::LinkOf(zmq::message_t& frame) {
     const int descriptor = zmq_msg_get(frame.handle(), ZMQ_SRCFD);
-    if (descriptor < 0) {
-        return;
+    auto found = links_.find(descriptor);
+    if (found == links_.end()) {
+        TakeEvents();
+        found = links_.find(descriptor);
     }
-    const auto found = callers_.find(descriptor);
-    if (found != callers_.end() && found->second.connection == caller.connection) {
-        return;
+    return found == links_.end() ? nullptr : &found->second;
+}
+
+void Server::Impl::Introduce(Link& link, const Caller& caller) {
+    if (link.caller.connection.empty()) {
+        link.caller = caller;
+        ++connected_[caller.identity];
     }
-    End(descriptor);
-    callers_.emplace(descriptor, caller);
-    ++connected_[caller.identity];
 }
 
 void Server::Impl::TakeCalls() {
@@ -149,9 +172,18 @@ void Server::Impl::Handle(std::vector<zmq::message_t>& frames) {
         return;
     }
     const std::string_view path = View(frames[1]);
+    if (path.size() > kMaxPathBytes) {  // an answer would repeat it
+        faults_.Count(peer, "its path is too long");
+        return;
+    }
     const Caller caller{IdentityOf(peer), peer};
-    NoteConnection(frames[2], caller);
-    const std::string answer = Answer(caller, path, *call);
+    Link* const link = LinkOf(frames[2]);
+    if (link != nullptr) {
+        Introduce(*link, caller);
+    }
+    const std::string answer = link != nullptr && link->refused
+                                   ? EncodeError(call->id.value_or(0), TooMany())
+                                   : Answer(caller, path, *call);
     if (!call->id) {
         return;
     }
@@ -182,10 +214,12 @@ std::string Server::Impl::Answer(const Caller& caller, std::string_view path, co
     }
 }
 
-Server::Server(ServiceLoop& loop, const network::uri& uri, Service& service) {
+Server::Server(ServiceLoop& loop, const network::uri& uri, Service& service,
+               std::size_t max_connections) {
     const Address address = Address::ToBind(uri, kRequestScheme);
     PollLoop& poll_loop = loop.impl().loop;
-    poll_loop.Run([&] { impl_ = std::make_unique<Impl>(poll_loop, address, service); });
+    poll_loop.Run(
+        [&] { impl_ = std::make_unique<Impl>(poll_loop, address, service, max_connections); });
 }
 
 Server::~Server() {
@@ -202,6 +236,10 @@ std::uint16_t Server::port() const {
 
 void Server::OnDisconnect(std::function<void(const Caller&)> callback) {
     impl_->loop.Run([&] { impl_->on_disconnect = std::move(callback); });
+}
+
+std::size_t Server::connections() const {
+    return impl_->connections();
 }
 
 bool Server::Connected(const std::string& identity) const {

@@ -1,7 +1,7 @@
 #include "runtime.h"
 
+#include "bounds.h"
 #include "gorm/cor/errors.h"
-#include "limits.h"
 #include "wkp_cor.h"
 
 #include <atomic>

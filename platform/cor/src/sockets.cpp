@@ -1,8 +1,8 @@
 #include "sockets.h"
 
 #include "address.h"
+#include "bounds.h"
 #include "gorm/cor/errors.h"
-#include "limits.h"
 
 #include <atomic>
 #include <cerrno>

@@ -1,6 +1,6 @@
 #include "wire.h"
 
-#include "limits.h"
+#include "bounds.h"
 
 #include <cstddef>
 #include <limits>

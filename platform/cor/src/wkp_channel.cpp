@@ -1,8 +1,8 @@
 #include "wkp_channel.h"
 
+#include "bounds.h"
 #include "gorm/cor/errors.h"
 #include "gorm/cor/process.h"
-#include "limits.h"
 #include "log.h"
 #include "wire.h"
 

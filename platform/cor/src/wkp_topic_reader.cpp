@@ -1,8 +1,8 @@
 #include "wkp_topic_reader.h"
 
+#include "bounds.h"
 #include "gorm/cor/errors.h"
 #include "gorm/cor/process.h"
-#include "limits.h"
 #include "listener_slot.h"
 #include "log.h"
 #include "sockets.h"

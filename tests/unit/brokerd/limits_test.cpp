@@ -22,7 +22,7 @@ int AdmittedOf(int wanted, RequestGate& gate, const std::string& connection, Tim
 }
 
 TEST(RequestGate, EachConnectionHasItsOwnRateAndBurst) {
-    RequestGate gate({2, 10, 30});
+    RequestGate gate({10, 30});
     TimePoint now{};
     EXPECT_EQ(AdmittedOf(100, gate, "flood", now), 30);
     EXPECT_EQ(AdmittedOf(1, gate, "other", now), 1);
@@ -31,18 +31,12 @@ TEST(RequestGate, EachConnectionHasItsOwnRateAndBurst) {
     now += std::chrono::hours(1);
     EXPECT_EQ(AdmittedOf(100, gate, "flood", now), 30);
     EXPECT_EQ(gate.throttled(), 70U + 95U + 70U);
-    gate.set_limits({2, 0, 1});
+    gate.ForgetIdle(now + std::chrono::seconds(2));
+    EXPECT_EQ(AdmittedOf(100, gate, "flood", now), 0) << "not idle yet";
+    gate.ForgetIdle(now + std::chrono::seconds(4));
+    EXPECT_EQ(AdmittedOf(100, gate, "flood", now), 30);
+    gate.set_limits({0, 1});
     EXPECT_EQ(AdmittedOf(100, gate, "flood", now), 100);
-}
-
-TEST(RequestGate, ConnectionsBeyondTheLimitAreRefusedUntilOneEnds) {
-    RequestGate gate({2, 10, 30});
-    EXPECT_EQ(AdmittedOf(1, gate, "a", {}), 1);
-    EXPECT_EQ(AdmittedOf(1, gate, "b", {}), 1);
-    EXPECT_EQ(AdmittedOf(1, gate, "c", {}), 0);
-    gate.Forget("a");
-    EXPECT_EQ(AdmittedOf(1, gate, "c", {}), 1);
-    EXPECT_EQ(AdmittedOf(1, gate, "b", {}), 1);
 }
 
 TEST(Refusals, AreOfOneAskerAndBounded) {
@@ -58,6 +52,8 @@ TEST(Refusals, AreOfOneAskerAndBounded) {
     EXPECT_EQ(refusals.Of("b", "0"), "other");
     refusals.Forget("b", "0");
     EXPECT_EQ(refusals.Of("b", "0"), "");
+    refusals.Keep("b", std::string(256, 'x'), "no name");
+    EXPECT_EQ(refusals.Of("b", std::string(256, 'x')), "");
 }
 
 }  // namespace

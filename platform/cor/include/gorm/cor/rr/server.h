@@ -5,6 +5,7 @@
 #include "gorm/cor/service_loop.h"
 #include "network/uri.hpp"
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 
@@ -17,12 +18,19 @@ class GORM_COR_EXPORT Server {
 public:
     /// Binds at once; throws BindError naming the address and the reason.
     /// @param service, loop must outlive the server.
-    Server(ServiceLoop& loop, const network::uri& uri, Service& service);
+    /// @param max_connections whose requests are answered; those of others get an error.
+    Server(ServiceLoop& loop, const network::uri& uri, Service& service,
+           std::size_t max_connections = kMaxConnections);
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;
     ~Server();
 
+    static constexpr std::size_t kMaxConnections = 10'000;
+
     std::uint16_t port() const;
+
+    /// On the loop: how many connections stand.
+    std::size_t connections() const;
 
     /// Called on the loop whenever a connection ended that a call had come from. Set before
     /// clients come.

@@ -10,6 +10,7 @@ namespace gorm::cor {
 inline constexpr std::size_t kMaxRequestBytes = 64 * 1024;
 inline constexpr std::size_t kMaxReplyBytes = 16 * 1024 * 1024;
 inline constexpr std::size_t kMaxSampleBytes = 64 * 1024;
+inline constexpr std::size_t kMaxPathBytes = 1024;
 inline constexpr std::size_t kMaxRequestElements = 1024;  // of one array or map
 inline constexpr std::size_t kMaxReplyElements = 65'536;  // room for the longest list of streams
 inline constexpr std::size_t kMaxDepth = 16;
