@@ -103,6 +103,8 @@ Fleet::Fleet(const std::string& endpoint, std::size_t publishers, std::size_t su
         throw std::system_error(errno, std::generic_category(), "making an epoll");
     }
     context_.set(zmq::ctxopt::max_sockets, static_cast<int>(members_.size() + 16));
+    // One thread would search the timers of all connections for each of their heartbeats.
+    context_.set(zmq::ctxopt::io_threads, 8);
     for (std::size_t i = 0; i < members_.size(); ++i) {
         members_[i].stream = "load/" + std::to_string(i % publishers);
         members_[i].uuid = i < publishers ? "" : "subscriber-" + std::to_string(i);

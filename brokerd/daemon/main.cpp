@@ -1,5 +1,6 @@
 // The broker as a program: puts configuration, log, broker, HTTP and signals together.
 #include "command_line.h"
+#include "gorm/cor/process.h"
 #include "http_endpoint.h"
 #include "kvo/KvoLogger.h"
 #include "kvo/brokerd/broker.h"
@@ -18,6 +19,8 @@ namespace {
 using namespace kvo::brokerd;
 
 constexpr int kFailure = 1;
+// libzmq searches all timers of a thread for each heartbeat of a connection.
+constexpr int kTransportThreads = 8;
 
 sigset_t HandledSignals() {
     sigset_t set;
@@ -60,6 +63,7 @@ int Program::Run() {
     // Before the broker's threads start, so that the signals wait for us.
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     std::signal(SIGPIPE, SIG_IGN);
+    gorm::cor::set_transport_threads(kTransportThreads);
     broker_ = std::make_unique<Broker>(configuration_.broker, &logger_);
     std::unique_ptr<HttpEndpoint> http;
     if (configuration_.http_port != 0) {

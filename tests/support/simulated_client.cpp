@@ -186,6 +186,10 @@ SimulatedClient::SimulatedClient(zmq::context_t& context, const std::string& end
     socket_.set(zmq::sockopt::sndtimeo, MillisecondsUntil(Clock::now() + kPatience));
     if (!routing_id.empty()) {
         socket_.set(zmq::sockopt::routing_id, routing_id);
+        // As the library's connections do.
+        socket_.set(zmq::sockopt::heartbeat_ivl, 1000);
+        socket_.set(zmq::sockopt::heartbeat_timeout, 3000);
+        socket_.set(zmq::sockopt::heartbeat_ttl, 5000);
     }
     socket_.connect(endpoint);
 }

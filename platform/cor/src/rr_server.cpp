@@ -35,6 +35,14 @@ zmq::socket_t MakeRouter(zmq::context_t& context, const Address& address) {
         MakeSocket(context, zmq::socket_type::router, kRequestQueue, kMaxRequestBytes);
     socket.set(zmq::sockopt::router_handover, true);
     socket.set(zmq::sockopt::backlog, kBacklog);
+    // The clients send the heartbeats, and with them how long to wait for the next. For thousands
+    // of connections a second one from here would be most of what this process does; the kernel
+    // looks after clients that send none.
+    socket.set(zmq::sockopt::heartbeat_ivl, 0);
+    socket.set(zmq::sockopt::tcp_keepalive, 1);
+    socket.set(zmq::sockopt::tcp_keepalive_idle, kKeepaliveIdleS);
+    socket.set(zmq::sockopt::tcp_keepalive_intvl, kKeepaliveIntervalS);
+    socket.set(zmq::sockopt::tcp_keepalive_cnt, kKeepaliveProbes);
     socket.set(zmq::sockopt::ipv6, address.ipv6);
     // The last answers still leave when the server goes.
     socket.set(zmq::sockopt::linger, 1000);

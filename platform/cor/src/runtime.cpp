@@ -38,6 +38,10 @@ const ProcessIdentity& process_identity() {
     return Runtime::Get().identity();
 }
 
+void set_transport_threads(int threads) {
+    Runtime::Get().context().set(zmq::ctxopt::io_threads, threads);
+}
+
 bool in_forked_child() noexcept {
     return forked.load(std::memory_order_relaxed);
 }
