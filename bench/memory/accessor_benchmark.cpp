@@ -135,7 +135,7 @@ void Read(benchmark::State& state) {
     }
 }
 BENCHMARK(Read)->ArgName("bytes")->Arg(64)->Arg(4096)->Arg(1 << 20)->UseManualTime()->Iterations(
-    10'000);
+    3'000);
 
 // The least that a pinned read needs: an acquire load of a word that another core has stored,
 // beside the sample's bytes, and an exchange on a word of one's own.

@@ -1,6 +1,7 @@
 """The broker as a program: its options, and what it says when it cannot serve."""
 
 import os
+import signal
 import socket
 import subprocess
 import sys
@@ -8,6 +9,7 @@ import tempfile
 import unittest
 
 from broker_process import PATIENCE_S, BrokerProcess
+from lines import LineReader
 
 BROKER_PROGRAM = sys.argv.pop()
 
@@ -52,6 +54,40 @@ class KvoBroker(unittest.TestCase):
                     for part in parts:
                         self.assertIn(part, diagnostics)
                     self.assertEqual(os.listdir(directory) if os.path.isdir(directory) else [], [])
+
+
+    def test_signals_reload_and_drain(self):
+        with tempfile.TemporaryDirectory(prefix="kvo-test-", dir="/dev/shm") as place:
+            path = os.path.join(place, "broker.toml")
+
+            def write(text):
+                with open(path, "w", encoding="utf-8") as file:
+                    file.write(text)
+
+            write("port = 0\nmax-streams = 5\n")
+            self.assertEqual(self.run_broker("--config", path, "--check-config"),
+                             (0, f"{path}: good\n", ""))
+            broker = subprocess.Popen(
+                [BROKER_PROGRAM, "--config", path, "--directory", os.path.join(place, "streams")],
+                stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+            self.addCleanup(broker.communicate)
+            self.addCleanup(broker.kill)
+            log = LineReader(broker.stderr)
+            log.await_text("listening at", PATIENCE_S)
+            LineReader(broker.stdout).next(PATIENCE_S)
+            for text, answer in (("port = 0\nmax-streams = 0\n", f"{path}:2:15: max-streams"),
+                                 ("port = 7777\n", "port changes with the next start only"),
+                                 ("port = 0\n", "configuration read again")):
+                write(text)
+                broker.send_signal(signal.SIGHUP)
+                log.await_text(answer, PATIENCE_S)
+            write("prot = 0\n")
+            code, _, diagnostics = self.run_broker("--config", path, "--check-config")
+            self.assertEqual((code, diagnostics),
+                             (2, f'kvo-broker: {path}:1:1: unknown key "prot"\n'))
+            broker.send_signal(signal.SIGUSR2)
+            self.assertEqual(broker.wait(PATIENCE_S), 0)
+            self.assertEqual(os.listdir(place), ["broker.toml"])
 
 
 if __name__ == "__main__":
