@@ -7,6 +7,7 @@
 #include "gorm/cor/rr/server.h"
 #include "gorm/cor/service_loop.h"
 #include "kvo/KvoLogger.h"
+#include "locked_processes.h"
 #include "request_handler.h"
 #include "stream_registry.h"
 #include "topics.h"
@@ -14,7 +15,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <limits>
-#include <map>
 #include <set>
 #include <stdexcept>
 #include <system_error>
@@ -31,42 +31,6 @@ constexpr std::chrono::milliseconds kTick{100};
 constexpr std::chrono::seconds kLeastTimeout{3};
 // Clients that reconnect after a loss need some seconds before their next heartbeat.
 constexpr std::chrono::seconds kUsualMargin{6};
-
-class LockedProcesses final : public Processes {
-public:
-    using ConnectedQuestion = std::function<bool(const std::string& identity)>;
-
-    explicit LockedProcesses(const ProcessLock& lock) : lock_(lock) {}
-
-    std::optional<ProcessTag> Find(const ProcessIdentity& identity) const override {
-        if (std::exchange(outdated_, false)) {
-            joined_.clear();
-            for (const auto& [joined, tag] : lock_.Joined()) {
-                joined_.emplace(joined, tag);
-            }
-        }
-        const auto [first, last] = joined_.equal_range(identity);
-        for (auto entry = first; entry != last; ++entry) {
-            // A record outlives its process.
-            if (lock_.Lives(entry->second)) {
-                return entry->second;
-            }
-        }
-        return std::nullopt;
-    }
-    bool Lives(const ProcessTag& tag) const override { return lock_.Lives(tag); }
-    bool Connected(const std::string& identity) const override { return connected_(identity); }
-
-    /// The records are read again at the next question, once for all that ask until then.
-    void Refresh() { outdated_ = true; }
-    void set_connected(ConnectedQuestion connected) { connected_ = std::move(connected); }
-
-private:
-    const ProcessLock& lock_;
-    ConnectedQuestion connected_ = [](const std::string&) { return true; };
-    mutable bool outdated_ = true;
-    mutable std::multimap<ProcessIdentity, ProcessTag> joined_;
-};
 
 void Check(const BrokerOptions& options, KvoLogger* logger) {
     const auto refuse = [](const std::string& what) { throw std::runtime_error(what); };
@@ -236,7 +200,7 @@ void Broker::Impl::Start(const BrokerOptions& options) {
         loop_, Uri("wkp.rr", options.address, options.port, "/broker/Broker1"), *gated_service_,
         options.max_connections);
     server_->OnDisconnect([this](const gorm::cor::rr::Caller& caller) { Lost(caller); });
-    processes_->set_connected(
+    processes_->AskForConnections(
         [this](const std::string& identity) { return server_->Connected(identity); });
     port_ = server_->port();
     uri_ = Uri("wkp.rr", options.address, port_, "").string();
