@@ -1,6 +1,7 @@
 // What one write and one read cost, beside the least that the machine would ask for the same.
 #include "bench_stream.h"
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <benchmark/benchmark.h>
@@ -76,8 +77,18 @@ void Memcpy(benchmark::State& state) {
 }
 BENCHMARK(Memcpy)->ArgName("bytes")->Arg(64)->Arg(4096)->Arg(1 << 20);
 
+// What it costs to ask for the time twice: part of every measured interval.
+std::chrono::duration<double> CostOfTiming() {
+    auto least = std::chrono::steady_clock::duration::max();
+    for (int i = 0; i < 10'000; ++i) {
+        const auto begin = std::chrono::steady_clock::now();
+        least = std::min(least, std::chrono::steady_clock::now() - begin);
+    }
+    return least;
+}
+
 // Calls `produce` on another thread, then measures `consume` on this one, in turn; both handle
-// kRetained samples a time.
+// `samples` samples a time.
 template <class Produce, class Consume>
 void MeasureConsumer(benchmark::State& state, int samples, Produce produce, Consume consume) {
     std::atomic<int> turn{0};  // 0: producer, 1: consumer, 2: end
@@ -93,12 +104,14 @@ void MeasureConsumer(benchmark::State& state, int samples, Produce produce, Cons
             }
         }
     });
+    const auto cost_of_timing = CostOfTiming();
     for (auto _ : state) {
         await_consumers_turn();
         const auto begin = std::chrono::steady_clock::now();
         consume();
         const auto end = std::chrono::steady_clock::now();
-        state.SetIterationTime(std::chrono::duration<double>(end - begin).count());
+        state.SetIterationTime(
+            (std::chrono::duration<double>(end - begin) - cost_of_timing).count());
         turn.store(0, std::memory_order_release);
     }
     await_consumers_turn();
@@ -109,11 +122,12 @@ void MeasureConsumer(benchmark::State& state, int samples, Produce produce, Cons
                                         benchmark::Counter::kInvert);  // seconds
 }
 
-// Time of one sample; written by another core, taken without a copy.
+// Time of one sample; written by another core, taken without a copy. Arguments: payload bytes,
+// samples that are there at a time.
 void Read(benchmark::State& state) {
     const int bytes = static_cast<int>(state.range(0));
-    const int samples = RetainedFor(bytes);
-    const BenchStream stream(bytes, samples);
+    const int samples = static_cast<int>(state.range(1));
+    const BenchStream stream(bytes, RetainedFor(bytes));
     const auto writer = stream.Writer();
     const auto reader = stream.Reader();
     Sources sources(bytes);
@@ -134,8 +148,19 @@ void Read(benchmark::State& state) {
         state.SkipWithError("samples were copied or lost");
     }
 }
-BENCHMARK(Read)->ArgName("bytes")->Arg(64)->Arg(4096)->Arg(1 << 20)->UseManualTime()->Iterations(
-    3'000);
+BENCHMARK(Read)
+    ->ArgNames({"bytes", "samples"})
+    ->Args({64, kRetained})
+    ->Args({4096, kRetained})
+    ->Args({1 << 20, kRetainedLarge})
+    ->UseManualTime()
+    ->Iterations(3'000);
+BENCHMARK(Read)
+    ->ArgNames({"bytes", "samples"})
+    ->Args({64, 1})
+    ->Args({4096, 1})
+    ->UseManualTime()
+    ->Iterations(100'000);
 
 // The least that a pinned read needs: an acquire load of a word that another core has stored,
 // beside the sample's bytes, and an exchange on a word of one's own.
@@ -144,25 +169,40 @@ void BareLoadAndExchange(benchmark::State& state) {
         std::atomic<std::uint64_t> word{0};
         std::array<unsigned char, 56> bytes{};
     };
+    const int samples = static_cast<int>(state.range(0));
     std::vector<Line> lines(kRetained);
+    auto produced = lines.begin();
+    auto consumed = lines.begin();
+    const auto next = [&lines](std::vector<Line>::iterator& line) -> Line& {
+        Line& now = *line;
+        line = ++line == lines.end() ? lines.begin() : line;
+        return now;
+    };
     alignas(64) std::atomic<std::uint64_t> pin{0};
     std::uint64_t version = 0;
     MeasureConsumer(
-        state, kRetained,
+        state, samples,
         [&] {
             ++version;
-            for (Line& line : lines) {
+            for (int i = 0; i < samples; ++i) {
+                Line& line = next(produced);
                 line.bytes.fill(static_cast<unsigned char>(version));
                 line.word.store(version, std::memory_order_release);
             }
         },
         [&] {
-            for (const Line& line : lines) {
-                benchmark::DoNotOptimize(pin.exchange(line.word.load(std::memory_order_acquire)));
+            for (int i = 0; i < samples; ++i) {
+                const std::uint64_t word = next(consumed).word.load(std::memory_order_acquire);
+                benchmark::DoNotOptimize(pin.exchange(word));
             }
         });
 }
-BENCHMARK(BareLoadAndExchange)->UseManualTime()->Iterations(3'000);
+BENCHMARK(BareLoadAndExchange)
+    ->ArgName("samples")
+    ->Arg(kRetained)
+    ->UseManualTime()
+    ->Iterations(3'000);
+BENCHMARK(BareLoadAndExchange)->ArgName("samples")->Arg(1)->UseManualTime()->Iterations(100'000);
 
 }  // namespace
 

@@ -206,7 +206,7 @@ void AccessorReader::NewData() {
 
 AccessorReader::Packet AccessorReader::TakeNext(bool take, bool count) {
     Packet packet;
-    std::vector<std::uint64_t> damaged;
+    bool damaged = false;
     {
         const std::lock_guard lock(mutex_);
         if (!take || !HasPlace()) {
@@ -216,18 +216,30 @@ AccessorReader::Packet AccessorReader::TakeNext(bool take, bool count) {
         if (count) {
             current_->LookForNewest();
         }
-        if (current_->TakeNext(settings_.max_age_ns, place_.next, counters_, store_.spare())) {
+        if (current_->TakeNext(settings_.max_age_ns, place_.next, counters_, store_.spare(),
+                               damaged_)) {
             packet.sample = store_.HandOut();
         }
         packet.unread = current_->Unread(place_.next, current_->known_newest());
         current_->PublishLedger(counters_, place_.next);
-        damaged = current_->TakeDamaged();
+        damaged = !damaged_.empty();
+    }
+    if (damaged) {
+        LogDamaged();
+    }
+    return packet;
+}
+
+void AccessorReader::LogDamaged() {
+    std::vector<std::uint64_t> damaged;
+    {
+        const std::lock_guard lock(mutex_);
+        damaged = std::exchange(damaged_, {});
     }
     for (const std::uint64_t sequence_number : damaged) {
         Log(4, "sample " + std::to_string(sequence_number) + " of stream \"" + settings_.stream +
                    "\" skipped: its checksum does not match");
     }
-    return packet;
 }
 
 ReaderCounters AccessorReader::counters() const {

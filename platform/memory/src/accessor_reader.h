@@ -1,6 +1,7 @@
 #pragma once
 
 #include "kvo/memory/memory_accessor.h"
+#include "light_mutex.h"
 #include "sample_reader.h"
 #include "sample_store.h"
 
@@ -8,6 +9,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 namespace kvo {
 
@@ -70,6 +72,7 @@ private:
     void SignalUnread();
     bool ClaimSignal(std::uint64_t& last);
     void Log(int level, const std::string& message);
+    void LogDamaged();
 
     // With mutex_ held:
     bool HasPlace() const { return current_ && place_.set && place_.epoch == current_epoch(); }
@@ -82,7 +85,7 @@ private:
     DataAvailable signal_;
 
     std::mutex open_mutex_;                  // one opens at a time; taken before mutex_
-    mutable std::mutex mutex_;               // all below
+    mutable LightMutex mutex_;               // all below
     std::unique_ptr<SampleReader> current_;  // null: closed
     std::uint64_t last_epoch_ = 0;           // of the segment that was mapped last
     Place place_;
@@ -92,6 +95,7 @@ private:
     bool ended_ = false;
     ReaderCounters counters_;
     SampleStore store_;
+    std::vector<std::uint64_t> damaged_;  // skipped for their checksum and not logged yet
 };
 
 }  // namespace kvo

@@ -9,16 +9,18 @@
 namespace kvo {
 namespace {
 
+[[noreturn, gnu::cold, gnu::noinline]] void Refuse(const char* what, std::int64_t bytes,
+                                                   std::uint32_t limit) {
+    const bool fits = bytes >= 0 && bytes <= limit;
+    throw std::invalid_argument(
+        std::string("KvoMemoryAccessor: ") + what + " of " + std::to_string(bytes) +
+        " bytes refused: " + (fits ? "null pointer" : "0 to " + std::to_string(limit)));
+}
+
 std::uint32_t CheckSize(const char* what, std::int64_t bytes, std::uint32_t limit,
                         const unsigned char* data) {
-    if (bytes < 0 || bytes > limit) {
-        throw std::invalid_argument(std::string("KvoMemoryAccessor: ") + what + " of " +
-                                    std::to_string(bytes) + " bytes refused: 0 to " +
-                                    std::to_string(limit));
-    }
-    if (bytes > 0 && data == nullptr) {
-        throw std::invalid_argument(std::string("KvoMemoryAccessor: ") + what + " of " +
-                                    std::to_string(bytes) + " bytes refused: null pointer");
+    if (bytes < 0 || bytes > limit || (bytes > 0 && data == nullptr)) {
+        Refuse(what, bytes, limit);
     }
     return static_cast<std::uint32_t>(bytes);
 }
@@ -90,7 +92,7 @@ void AccessorWriter::Close() {
 
 void AccessorWriter::Write(SampleInput& sample, std::int64_t payload_bytes,
                            std::int64_t metadata_bytes) {
-    std::string complaint;
+    SampleWriter::Outcome outcome{};
     {
         const std::lock_guard lock(mutex_);
         if (writer_ == nullptr) {
@@ -102,22 +104,27 @@ void AccessorWriter::Write(SampleInput& sample, std::int64_t payload_bytes,
         sample.metadata_bytes =
             CheckSize("metadata", metadata_bytes, geometry.max_metadata_bytes, sample.metadata);
         sample.checksum = compute_checksum_.load(std::memory_order_relaxed);  // a setting
-        switch (writer_->Write(sample)) {
-            case SampleWriter::Outcome::kWritten:
-                return;
-            case SampleWriter::Outcome::kDropped:
-                if (!std::exchange(drop_logged_, true)) {
-                    complaint = "sample dropped, no slot of " + path_ +
-                                " is free: somebody pins in rows that are not his";
-                }
-                break;
-            case SampleWriter::Outcome::kDiscarded:
-                if (!std::exchange(discard_logged_, true)) {
-                    complaint = "sample discarded, the segment of " + path_ + " (epoch " +
-                                std::to_string(writer_->segment().epoch()) +
-                                ") is retired; so are those that follow";
-                }
-                break;
+        outcome = writer_->Write(sample);
+    }
+    if (outcome != SampleWriter::Outcome::kWritten) {
+        Complain(outcome);
+    }
+}
+
+// Once per segment and kind.
+void AccessorWriter::Complain(SampleWriter::Outcome outcome) {
+    std::string complaint;
+    {
+        const std::lock_guard lock(mutex_);
+        if (outcome == SampleWriter::Outcome::kDropped) {
+            if (!std::exchange(drop_logged_, true)) {
+                complaint = "sample dropped, no slot of " + path_ +
+                            " is free: somebody pins in rows that are not his";
+            }
+        } else if (writer_ != nullptr && !std::exchange(discard_logged_, true)) {
+            complaint = "sample discarded, the segment of " + path_ + " (epoch " +
+                        std::to_string(writer_->segment().epoch()) +
+                        ") is retired; so are those that follow";
         }
     }
     if (!complaint.empty()) {

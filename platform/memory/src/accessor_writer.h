@@ -1,6 +1,7 @@
 #pragma once
 
 #include "kvo/memory/memory_accessor.h"
+#include "light_mutex.h"
 #include "sample_writer.h"
 
 #include <atomic>
@@ -42,6 +43,7 @@ public:
 
 private:
     void Install(std::shared_ptr<Segment> segment);
+    void Complain(SampleWriter::Outcome outcome);
     void Log(int level, const std::string& message) const;
 
     const std::string path_;
@@ -50,7 +52,7 @@ private:
     std::atomic<bool> compute_checksum_{false};
 
     std::mutex open_mutex_;                 // one opens at a time; taken before mutex_
-    mutable std::mutex mutex_;              // those below
+    mutable LightMutex mutex_;              // those below
     std::unique_ptr<SampleWriter> writer_;  // null: not a writer
     bool discard_logged_ = false;
     bool drop_logged_ = false;

@@ -54,7 +54,7 @@ bool CopyOut(const Segment& segment, std::uint32_t slot, std::uint64_t version,
     if (!Holds(word.load(std::memory_order_acquire), version)) {
         return false;
     }
-    content = LoadContent(segment, slot);
+    LoadContent(segment, slot, content);
     bytes.resize(content.total_bytes());
     CopyWhileWritten(segment.payload(slot), bytes.data(), bytes.size());
     KVO_CRASH_POINT("copy made");

@@ -140,7 +140,8 @@ void Rules::CheckSlots() {
 }
 
 void Rules::CheckContent(std::uint32_t slot, std::uint64_t word) {
-    const SlotContent content = LoadContent(segment_, slot);
+    SlotContent content;
+    LoadContent(segment_, slot, content);
     const bool intact = !content.has_checksum || content.damaged ||
                         ChecksumOf(segment_.payload(slot), content.payload_bytes,
                                    content.metadata_bytes) == content.checksum;

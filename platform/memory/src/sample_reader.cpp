@@ -52,16 +52,18 @@ std::uint64_t SampleReader::Unread(std::uint64_t next, std::uint64_t newest) con
 
 std::uint64_t SampleReader::FirstYoung(std::uint64_t max_age_ns) const {
     const std::uint64_t newest = Newest();
-    const std::uint64_t now_ns = MonotonicNanoseconds();
+    const std::uint64_t now_ns = MonotonicTick();
+    SlotContent content;
     for (std::uint64_t version = OldestRetained(newest); version <= newest; ++version) {
         const auto slot = FindSlot(*segment_, version);
         // [slot-ready] Acquire: the header is this version's or a later one's; of a later one's
         // age it does no harm to judge.
-        if (slot &&
-            segment_->slot(*slot).word.load(std::memory_order_acquire) ==
-                layout::PackWord(version, layout::SlotState::kValid) &&
-            !TooOld(LoadContent(*segment_, *slot), now_ns, max_age_ns)) {
-            return version;
+        if (slot && segment_->slot(*slot).word.load(std::memory_order_acquire) ==
+                        layout::PackWord(version, layout::SlotState::kValid)) {
+            LoadContent(*segment_, *slot, content);
+            if (!TooOld(content, now_ns, max_age_ns)) {
+                return version;
+            }
         }
     }
     return newest + 1;
@@ -70,6 +72,12 @@ std::uint64_t SampleReader::FirstYoung(std::uint64_t max_age_ns) const {
 // Finds out whether a sample is there without a look at `head`: a busy writer would have to fetch
 // that line back for every sample, and its index entry is needed anyway.
 void SampleReader::LookFor(std::uint64_t version) {
+    if (likely_slot_ != kNoSlot &&
+        segment_->slot(likely_slot_).word.load(std::memory_order_acquire) ==
+            layout::PackWord(version, layout::SlotState::kValid)) {
+        known_newest_ = version;
+        return;
+    }
     const std::uint64_t entry = LoadIndex(*segment_, version);
     if (entry == layout::PackIndex(version, layout::IndexSlot(entry))) {
         known_newest_ = version;
@@ -80,8 +88,8 @@ void SampleReader::LookFor(std::uint64_t version) {
 }
 
 bool SampleReader::TakeNext(std::uint64_t max_age_ns, std::uint64_t& next, ReaderCounters& counters,
-                            TakenSample& taken) {
-    const std::uint64_t now_ns = max_age_ns != 0 ? MonotonicNanoseconds() : 0;
+                            TakenSample& taken, std::vector<std::uint64_t>& damaged) {
+    const std::uint64_t now_ns = max_age_ns != 0 ? MonotonicTick() : 0;
     if (next > known_newest_) {
         LookFor(next);
     }
@@ -108,11 +116,11 @@ bool SampleReader::TakeNext(std::uint64_t max_age_ns, std::uint64_t& next, Reade
             ++counters.stale;
         } else if (!Intact(taken)) {
             ++counters.checksum_failures;
-            damaged_.push_back(taken.sequence_number);
+            damaged.push_back(taken.sequence_number);
         } else {
             ++counters.read;
             counters.copied += taken.bytes == taken.copy.data() ? 1 : 0;
-            Prefetch(next);
+            Follow(taken);
             return true;
         }
     }
@@ -137,7 +145,7 @@ bool SampleReader::Pin(std::uint64_t version, TakenSample& taken) const {
         if (attempt > 0 && version < OldestRetained(Newest())) {
             return false;
         }
-        const auto slot = FindSlot(*segment_, version);
+        const auto slot = Find(version);
         if (!slot) {
             continue;
         }
@@ -146,7 +154,7 @@ bool SampleReader::Pin(std::uint64_t version, TakenSample& taken) const {
         switch (row_->Pin(*slot, version, pin)) {
             case ReaderRow::PinOutcome::kPinned:
                 taken.pin = PinHold(row_, pin);
-                taken.content = LoadContent(*segment_, *slot);
+                LoadContent(*segment_, *slot, taken.content);
                 taken.bytes = segment_->payload(*slot);
                 return true;
             case ReaderRow::PinOutcome::kMissed:
@@ -158,12 +166,21 @@ bool SampleReader::Pin(std::uint64_t version, TakenSample& taken) const {
     return false;
 }
 
-// The header of a sample that is there was written by another core: half of what it costs to take
-// one is to wait for that line.
-void SampleReader::Prefetch(std::uint64_t version) const {
-    if (const auto slot = FindSlot(*segment_, version)) {
-        __builtin_prefetch(&segment_->slot(*slot));
-        __builtin_prefetch(segment_->payload(*slot));
+std::optional<std::uint32_t> SampleReader::Find(std::uint64_t version) const {
+    if (likely_slot_ != kNoSlot &&
+        segment_->slot(likely_slot_).word.load(std::memory_order_relaxed) ==
+            layout::PackWord(version, layout::SlotState::kValid)) {
+        return likely_slot_;
+    }
+    return FindSlot(*segment_, version);
+}
+
+void SampleReader::Follow(const TakenSample& taken) {
+    const std::uint32_t likely = taken.content.next_slot;
+    likely_slot_ = likely >= 1 && likely <= segment_->geometry().slot_count ? likely - 1 : kNoSlot;
+    if (likely_slot_ != kNoSlot) {
+        __builtin_prefetch(&segment_->slot(likely_slot_));
+        __builtin_prefetch(segment_->payload(likely_slot_));
     }
 }
 

@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -47,32 +48,33 @@ public:
     /// Takes the first sample from `next` on that can be had, and counts those that can not.
     /// @param max_age_ns 0: any age.
     /// @param taken      its copy's memory is used again.
+    /// @param damaged    gets the sequence numbers of those skipped for their checksum.
     /// @return false: there is none up to known_newest().
     bool TakeNext(std::uint64_t max_age_ns, std::uint64_t& next, ReaderCounters& counters,
-                  TakenSample& taken);
+                  TakenSample& taken, std::vector<std::uint64_t>& damaged);
 
     /// What TakeNext() believes to be the newest sample. It looks for itself when it needs to;
     /// who wants to know exactly looks before.
     std::uint64_t known_newest() const { return known_newest_; }
     void LookForNewest() { known_newest_ = Newest(); }
 
-    /// Sequence numbers of the samples that were skipped for their checksum since the last call.
-    std::vector<std::uint64_t> TakeDamaged() { return std::exchange(damaged_, {}); }
-
     void PublishLedger(const ReaderCounters& counters, std::uint64_t next) const;
 
 private:
+    static constexpr std::uint32_t kNoSlot = layout::kMaxSlots;
+
     bool Read(std::uint64_t version, TakenSample& taken) const;
     bool Pin(std::uint64_t version, TakenSample& taken) const;
     bool Intact(TakenSample& taken) const;
     void LookFor(std::uint64_t version);
-    void Prefetch(std::uint64_t version) const;
+    std::optional<std::uint32_t> Find(std::uint64_t version) const;
+    void Follow(const TakenSample& taken);
 
     const std::shared_ptr<Segment> segment_;
     boost::intrusive_ptr<ReaderRow> row_;  // null: none
     bool row_tried_ = false;
     std::uint64_t known_newest_ = 0;
-    std::vector<std::uint64_t> damaged_;
+    std::uint32_t likely_slot_ = kNoSlot;  // of the version behind the one that was read last
 };
 
 }  // namespace kvo

@@ -159,11 +159,21 @@ void SampleWriter::Fill(std::uint32_t slot, const SampleInput& sample) const {
     header.sample_tag.store(sample.sample_tag, kRelaxed);
     header.topic_id.store(sample.topic_id, kRelaxed);
     header.timestamp_ms.store(sample.timestamp_ms, kRelaxed);
-    header.monotonic_ns.store(MonotonicNanoseconds(), kRelaxed);
+    header.monotonic_ns.store(MonotonicTick(), kRelaxed);
     const bool checksum = sample.checksum || segment_->asks_for_checksums();
     header.checksum.store(
         checksum ? ChecksumOf(bytes, sample.payload_bytes, sample.metadata_bytes) : 0, kRelaxed);
     header.flags.store(checksum ? layout::kSlotHasChecksum : 0, kRelaxed);
+    header.next_slot.store(LikelyNextSlot(), kRelaxed);
+}
+
+// While a sample is written: where the one after it goes, unless a reader holds that slot. It is
+// the slot below the top of the stock, or, if a refill comes first, the one that leaves the ring.
+std::uint32_t SampleWriter::LikelyNextSlot() const {
+    if (ring_used_ == ring_.size() && stale_.size() + 1 >= segment_->geometry().close_batch) {
+        return ring_[ring_next_].slot + 1;
+    }
+    return stock_.size() < 2 ? 0 : stock_[stock_.size() - 2] + 1;
 }
 
 void SampleWriter::AddToRing(const Written& sample) {
@@ -174,7 +184,7 @@ void SampleWriter::AddToRing(const Written& sample) {
         stale_.push_back(place);
     }
     place = sample;
-    ring_next_ = (ring_next_ + 1) % ring_.size();
+    ring_next_ = ring_next_ + 1 == ring_.size() ? 0 : ring_next_ + 1;
 }
 
 void SampleWriter::Refill() {

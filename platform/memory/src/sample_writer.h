@@ -62,6 +62,7 @@ private:
     void Refill();
     void ScanPins();
     void Fill(std::uint32_t slot, const SampleInput& sample) const;
+    std::uint32_t LikelyNextSlot() const;
     void AddToRing(const Written& sample);
 
     const std::shared_ptr<Segment> segment_;

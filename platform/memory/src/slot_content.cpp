@@ -8,10 +8,9 @@
 namespace kvo {
 
 // relaxed throughout: the slot's word, loaded before and again after, says whether it counts.
-SlotContent LoadContent(const Segment& segment, std::uint32_t slot) {
+void LoadContent(const Segment& segment, std::uint32_t slot, SlotContent& content) {
     constexpr auto relaxed = std::memory_order_relaxed;
     const layout::SlotHeader& header = segment.slot(slot);
-    SlotContent content;
     const std::uint32_t payload_bytes = header.payload_bytes.load(relaxed);
     const std::uint32_t metadata_bytes = header.metadata_bytes.load(relaxed);
     content.payload_bytes = std::min(payload_bytes, segment.geometry().max_payload_bytes);
@@ -24,7 +23,7 @@ SlotContent LoadContent(const Segment& segment, std::uint32_t slot) {
     content.monotonic_ns = header.monotonic_ns.load(relaxed);
     content.checksum = header.checksum.load(relaxed);
     content.has_checksum = (header.flags.load(relaxed) & layout::kSlotHasChecksum) != 0;
-    return content;
+    content.next_slot = header.next_slot.load(relaxed);
 }
 
 std::uint64_t LoadIndex(const Segment& segment, std::uint64_t version) {
@@ -47,9 +46,9 @@ std::uint64_t ChecksumOf(const unsigned char* bytes, std::uint32_t payload_bytes
     return XXH3_64bits_withSeed(bytes, std::size_t{payload_bytes} + metadata_bytes, payload_bytes);
 }
 
-std::uint64_t MonotonicNanoseconds() {
+std::uint64_t MonotonicTick() {
     timespec now{};
-    ::clock_gettime(CLOCK_MONOTONIC, &now);
+    ::clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
     return static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000U +
            static_cast<std::uint64_t>(now.tv_nsec);
 }

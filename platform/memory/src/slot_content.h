@@ -18,11 +18,13 @@ struct SlotContent {
     std::uint64_t monotonic_ns = 0;
     std::uint64_t checksum = 0;
     bool has_checksum = false;
-    bool damaged = false;  // a size did not fit
+    bool damaged = false;         // a size did not fit
+    std::uint32_t next_slot = 0;  // as in the header; need not exist
     std::size_t total_bytes() const { return std::size_t{payload_bytes} + metadata_bytes; }
 };
 
-SlotContent LoadContent(const Segment& segment, std::uint32_t slot);
+/// Into the place where it is kept: a copy of it would have to wait for all of its parts.
+void LoadContent(const Segment& segment, std::uint32_t slot, SlotContent& content);
 
 /// What stands in a version's place of the index; a slot in it need not exist.
 std::uint64_t LoadIndex(const Segment& segment, std::uint64_t version);
@@ -34,7 +36,8 @@ std::optional<std::uint32_t> FindSlot(const Segment& segment, std::uint64_t vers
 std::uint64_t ChecksumOf(const unsigned char* bytes, std::uint32_t payload_bytes,
                          std::uint32_t metadata_bytes);
 
-/// CLOCK_MONOTONIC, the same for all processes of a host.
-std::uint64_t MonotonicNanoseconds();
+/// CLOCK_MONOTONIC, the same for all processes of a host, as it was at the kernel's last tick (1
+/// to 10 ms ago): good enough for ages, at a quarter of what the exact time costs.
+std::uint64_t MonotonicTick();
 
 }  // namespace kvo

@@ -144,7 +144,10 @@ struct SlotHeader {
     std::atomic<std::uint64_t> monotonic_ns;  // CLOCK_MONOTONIC of the host, for ages
     std::atomic<std::uint64_t> checksum;      // XXH3 64, seed: payload_bytes
     std::atomic<std::uint32_t> flags;         // kSlotHasChecksum
-    std::uint32_t room[3];                    // 0
+    // The slot, plus 1, that the next version will probably be in; 0: not known yet. A hint: who
+    // follows it compares that slot's word.
+    std::atomic<std::uint32_t> next_slot;
+    std::uint32_t room[2];  // 0
 };
 static_assert(sizeof(SlotHeader) == 64);
 static_assert(offsetof(SlotHeader, monotonic_ns) == 32);

@@ -116,6 +116,7 @@ TEST_F(DamagedFileTest, RandomWordsLeadNoReaderOutOfTheFile) {
                 header.metadata_bytes = static_cast<std::uint32_t>(random() >> random() % 64);
                 header.flags = static_cast<std::uint32_t>(random());
                 header.monotonic_ns = random();
+                header.next_slot = static_cast<std::uint32_t>(random() >> random() % 64);
             }
         }
         segment->words().head = newest;

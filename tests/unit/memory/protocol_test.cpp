@@ -38,7 +38,7 @@ TEST_F(ProtocolTest, SamplesOlderThanTheReadersMaximumAreSkippedAndCounted) {
     const auto early = Reader(1, kHour);
     Write(*writer, 1, 6);
     for (const std::uint64_t version : {1, 2, 4}) {
-        SlotOf(*segment, version).monotonic_ns = MonotonicNanoseconds() - 2 * kHour * 1'000'000;
+        SlotOf(*segment, version).monotonic_ns = MonotonicTick() - 2 * kHour * 1'000'000;
     }
     EXPECT_EQ(TakeAll(*early), (std::vector<std::uint64_t>{3, 5, 6}));
     EXPECT_EQ(early->reader_counters().stale, 3U);

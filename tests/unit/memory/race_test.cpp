@@ -52,11 +52,12 @@ void RaceTest::ReadToTheEnd(const std::shared_ptr<Segment>& segment, int held) c
     SampleStore store(held);
     std::vector<DataSample*> kept;
     ReaderCounters counters;
+    std::vector<std::uint64_t> damaged;
     std::uint64_t next = 1;
     std::uint64_t gaps = 0;
     std::uint64_t last = 0;
     while (last < kSamples) {
-        if (!reader.TakeNext(0, next, counters, store.spare())) {
+        if (!reader.TakeNext(0, next, counters, store.spare(), damaged)) {
             std::this_thread::yield();
             continue;
         }
