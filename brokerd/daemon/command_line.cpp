@@ -48,6 +48,7 @@ std::optional<CommandLine> ReadCommandLine(int argc, char** argv, int& exit_code
         if (!line.file.empty()) {
             ReadFile(line.file, line.configuration);
         }
+        ReadEnvironmentLists(line.configuration);
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
         exit_code = app.exit(error) == 0 ? 0 : kUsage;

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstdlib>
 #include <limits>
 #include <sstream>
 #include <toml++/toml.h>
@@ -39,109 +40,161 @@ std::uint64_t BytesOf(const std::string& text) {
     return NumberOf<std::uint64_t>(bytes, 0, std::numeric_limits<std::int64_t>::max());
 }
 
-// A setting that is a number in the field that `member` gives.
-template <class Member>
-Setting Number(const char* key, const char* help, bool at_run_time, Member member,
-               std::int64_t least, std::int64_t most) {
-    return {key, help, at_run_time,
+// The settings below name their field by a function that takes the configuration, const or not.
+
+template <class Member, class Set>
+Setting Single(const char* key, const char* help, bool at_run_time, Member member, Set set) {
+    using Field = std::remove_cvref_t<decltype(member(std::declval<Configuration&>()))>;
+    return {key,
+            help,
+            at_run_time,
+            false,
             [member](const Configuration& c) {
-                return std::to_string(member(const_cast<Configuration&>(c)));
+                const Field& field = member(c);
+                if constexpr (std::is_same_v<Field, std::string>) {
+                    return field;
+                } else if constexpr (requires { field.count(); }) {
+                    return std::to_string(field.count());
+                } else {
+                    return std::to_string(field);
+                }
             },
-            [member, least, most](Configuration& c, const std::string& text) {
-                auto& field = member(c);
-                field = static_cast<std::remove_reference_t<decltype(field)>>(
-                    NumberOf<std::int64_t>(text, least, most));
+            [member, set](Configuration& c, const std::vector<std::string>& values) {
+                member(c) = static_cast<Field>(set(values.front()));
             }};
 }
 
-template <class Duration, class Member>
-Setting Time(const char* key, const char* help, bool at_run_time, Member member, std::int64_t least,
-             std::int64_t most) {
-    return {key, help, at_run_time,
-            [member](const Configuration& c) {
-                return std::to_string(member(const_cast<Configuration&>(c)).count());
-            },
-            [member, least, most](Configuration& c, const std::string& text) {
-                member(c) = Duration(NumberOf<std::int64_t>(text, least, most));
-            }};
+// A number, or a time in the unit of its field.
+template <class Member>
+Setting Number(const char* key, const char* help, bool at_run_time, Member member,
+               std::int64_t least, std::int64_t most) {
+    return Single(key, help, at_run_time, member, [least, most](const std::string& text) {
+        return NumberOf<std::int64_t>(text, least, most);
+    });
+}
+
+template <class Member>
+Setting Bytes(const char* key, const char* help, bool at_run_time, Member member) {
+    return Single(key, help, at_run_time, member, BytesOf);
 }
 
 template <class Member>
 Setting Text(const char* key, const char* help, bool at_run_time, Member member) {
-    return {key, help, at_run_time,
-            [member](const Configuration& c) { return member(const_cast<Configuration&>(c)); },
-            [member](Configuration& c, const std::string& text) { member(c) = text; }};
+    return Single(key, help, at_run_time, member, [](const std::string& text) { return text; });
+}
+
+// One of some words.
+template <class Member>
+Setting Choice(const char* key, const char* help, bool at_run_time, Member member,
+               std::vector<std::string> words) {
+    return Single(key, help, at_run_time, member, [words](const std::string& text) {
+        if (std::find(words.begin(), words.end(), text) == words.end()) {
+            std::string possible = words.front();
+            for (std::size_t i = 1; i < words.size(); ++i) {
+                possible += (i + 1 < words.size() ? ", " : " or ") + words[i];
+            }
+            Refuse(text, possible);
+        }
+        return text;
+    });
+}
+
+// Any number of texts, each looked at by `check`, which throws std::invalid_argument.
+template <class Member, class Check>
+Setting List(const char* key, const char* help, bool at_run_time, Member member, Check check) {
+    return {key,
+            help,
+            at_run_time,
+            true,
+            [member](const Configuration& c) {
+                std::string all;
+                for (const std::string& text : member(c)) {
+                    all += (all.empty() ? "" : ";") + text;
+                }
+                return all;
+            },
+            [member, check](Configuration& c, const std::vector<std::string>& values) {
+                for (const std::string& text : values) {
+                    try {
+                        check(text);
+                    } catch (const std::invalid_argument& error) {
+                        throw ConfigurationError(error.what());
+                    }
+                }
+                member(c) = values;
+            }};
 }
 
 std::vector<Setting> MakeSettings() {
-    using C = Configuration;
     constexpr std::int64_t kMostPort = 65535;
     constexpr std::int64_t kMost = std::numeric_limits<std::int32_t>::max();
-    std::vector<Setting> settings{
+    return {
         Text(
             "address", "Address to listen at", false,
-            [](C & c) -> auto& { return c.broker.address; }),
+            [](auto& c) -> auto& { return c.broker.address; }),
         Number(
             "port", "Port of the requests; 0: any free one", false,
-            [](C & c) -> auto& { return c.broker.port; }, 0, kMostPort),
+            [](auto& c) -> auto& { return c.broker.port; }, 0, kMostPort),
         Number(
             "notification-port", "Port of the notifications; 0: any free one", false,
-            [](C & c) -> auto& { return c.broker.notification_port; }, 0, kMostPort),
+            [](auto& c) -> auto& { return c.broker.notification_port; }, 0, kMostPort),
         Text(
             "directory",
             "Directory of the stream files; empty: /dev/shm/kvo-<user id>-<port>, with port 0 a "
             "new one",
-            false, [](C & c) -> auto& { return c.broker.directory; }),
-        Time<std::chrono::seconds>(
+            false, [](auto& c) -> auto& { return c.broker.directory; }),
+        Text(
+            "runtime-directory",
+            "Directory of the Unix sockets; empty: /run/kvo where the broker may write it, else "
+            "one of its user",
+            false, [](auto& c) -> auto& { return c.broker.runtime_directory; }),
+        List(
+            "access-rules", "Who may do what; the first that matches decides", true,
+            [](auto& c) -> auto& { return c.broker.access_rules; }, CheckAccessRule),
+        Number(
             "heartbeat-period", "Seconds between the heartbeats of a client; 0: none", false,
-            [](C & c) -> auto& { return c.broker.heartbeat_period; }, 0, kMost),
-        Time<std::chrono::seconds>(
+            [](auto& c) -> auto& { return c.broker.heartbeat_period; }, 0, kMost),
+        Number(
             "heartbeat-timeout",
             "Seconds without a heartbeat until a client is unregistered; at least 3", true,
-            [](C & c) -> auto& { return c.broker.heartbeat_timeout; }, 3, kMost),
-        Time<std::chrono::milliseconds>(
+            [](auto& c) -> auto& { return c.broker.heartbeat_timeout; }, 3, kMost),
+        Number(
             "removal-grace", "Milliseconds from the end of a publisher to the end of its file",
-            true, [](C & c) -> auto& { return c.broker.removal_grace; }, 0, kMost),
+            true, [](auto& c) -> auto& { return c.broker.removal_grace; }, 0, kMost),
         Number(
             "max-streams", "Most streams at a time", true,
-            [](C & c) -> auto& { return c.broker.max_streams; }, 1, kMost),
-        {"memory-budget",
-         "Most shared memory of all streams, such as 512MiB; 0: half of the file system", true,
-         [](const C& c) { return std::to_string(c.broker.memory_budget_bytes); },
-         [](C& c, const std::string& text) { c.broker.memory_budget_bytes = BytesOf(text); }},
-        {"spare-memory", "Memory of the spare slots of each stream, such as 16MiB", false,
-         [](const C& c) { return std::to_string(c.broker.spare_slots.budget_bytes); },
-         [](C& c, const std::string& text) { c.broker.spare_slots.budget_bytes = BytesOf(text); }},
+            [](auto& c) -> auto& { return c.broker.max_streams; }, 1, kMost),
+        Bytes(
+            "memory-budget",
+            "Most shared memory of all streams, such as 512MiB; 0: half of the file system", true,
+            [](auto& c) -> auto& { return c.broker.memory_budget_bytes; }),
+        Bytes(
+            "spare-memory", "Memory of the spare slots of each stream, such as 16MiB", false,
+            [](auto& c) -> auto& { return c.broker.spare_slots.budget_bytes; }),
         Number(
             "pins-per-reader", "Samples that a reader holds without a copy, 1 to 6", false,
-            [](C & c) -> auto& { return c.broker.spare_slots.pins_per_row; }, 1, 6),
+            [](auto& c) -> auto& { return c.broker.spare_slots.pins_per_row; }, 1, 6),
         Number(
             "max-connections", "Most connections at a time", false,
-            [](C & c) -> auto& { return c.broker.max_connections; }, 1, 1'000'000),
+            [](auto& c) -> auto& { return c.broker.max_connections; }, 1, 1'000'000),
         Number(
             "request-rate", "Requests a second of one connection; 0: no limit", true,
-            [](C & c) -> auto& { return c.broker.request_rate; }, 0, kMost),
+            [](auto& c) -> auto& { return c.broker.request_rate; }, 0, kMost),
         Number(
             "request-burst", "Requests of one connection at once, above the rate", true,
-            [](C & c) -> auto& { return c.broker.request_burst; }, 1, kMost),
-        {"log-level", "debug, info, warning or error", true, [](const C& c) { return c.log_level; },
-         [](C& c, const std::string& text) {
-             if (text != "debug" && text != "info" && text != "warning" && text != "error") {
-                 Refuse(text, "debug, info, warning or error");
-             }
-             c.log_level = text;
-         }},
+            [](auto& c) -> auto& { return c.broker.request_burst; }, 1, kMost),
+        Choice("log-level", "debug, info, warning or error", true,
+               [](auto& c) -> auto& { return c.log_level; }, {"debug", "info", "warning", "error"}),
         Text(
             "log-configuration", "log4cplus properties file for the log; empty: to standard error",
-            false, [](C & c) -> auto& { return c.log_configuration; }),
+            false, [](auto& c) -> auto& { return c.log_configuration; }),
         Text(
             "http-address", "Address of health, metrics and the read-only interface", false,
-            [](C & c) -> auto& { return c.http_address; }),
+            [](auto& c) -> auto& { return c.http_address; }),
         Number(
             "http-port", "Port of health, metrics and the read-only interface; 0: none", false,
-            [](C & c) -> auto& { return c.http_port; }, 0, kMostPort),
+            [](auto& c) -> auto& { return c.http_port; }, 0, kMostPort),
     };
-    return settings;
 }
 
 const Setting* FindSetting(std::string_view key) {
@@ -164,6 +217,30 @@ std::string ValueOf(const toml::node& node) {
         return std::to_string(*number);
     }
     throw ConfigurationError("a text or a whole number is possible");
+}
+
+std::vector<std::string> ValuesOf(const Setting& setting, const toml::node& node) {
+    if (!setting.list) {
+        return {ValueOf(node)};
+    }
+    const toml::array* const array = node.as_array();
+    if (array == nullptr || (!array->empty() && !array->is_homogeneous<std::string>())) {
+        throw ConfigurationError("a list of texts is possible");
+    }
+    std::vector<std::string> values;
+    for (const toml::node& element : *array) {
+        values.push_back(*element.value_exact<std::string>());
+    }
+    return values;
+}
+
+std::vector<std::string> Split(const std::string& text) {
+    std::vector<std::string> parts;
+    std::istringstream stream(text);
+    for (std::string part; std::getline(stream, part, ';');) {
+        parts.push_back(part);
+    }
+    return parts;
 }
 
 }  // namespace
@@ -205,7 +282,7 @@ void ReadFile(const std::string& path, Configuration& configuration) {
                                      std::string(key->str()) + "\"");
         }
         try {
-            setting->set(configuration, ValueOf(*node));
+            setting->set(configuration, ValuesOf(*setting, *node));
         } catch (const ConfigurationError& error) {
             throw ConfigurationError(PlaceOf(path, node->source()) + setting->key + ": " +
                                      error.what());
@@ -225,19 +302,40 @@ void Check(const Configuration& configuration) {
 
 void AddOptions(CLI::App& app, Configuration& configuration) {
     for (const Setting& setting : Settings()) {
-        auto* option = app.add_option_function<std::string>(
-            std::string("--") + setting.key,
-            [&setting, &configuration](const std::string& text) {
+        const std::string name = std::string("--") + setting.key;
+        auto* option = app.add_option_function<std::vector<std::string>>(
+            name,
+            [name, &setting, &configuration](const std::vector<std::string>& values) {
                 try {
-                    setting.set(configuration, text);
+                    setting.set(configuration, values);
                 } catch (const ConfigurationError& error) {
-                    throw CLI::ValidationError(std::string("--") + setting.key, error.what());
+                    throw CLI::ValidationError(name, error.what());
                 }
             },
             setting.help);
-        option->envname(EnvironmentNameOf(setting.key));
         option->default_str(setting.text(Configuration{}));
         option->type_name("");
+        if (setting.list) {
+            option->allow_extra_args(false);  // once for each text
+        } else {
+            option->expected(1);
+            option->envname(EnvironmentNameOf(setting.key));
+        }
+    }
+}
+
+void ReadEnvironmentLists(Configuration& configuration) {
+    for (const Setting& setting : Settings()) {
+        const std::string name = EnvironmentNameOf(setting.key);
+        const char* const text = setting.list ? std::getenv(name.c_str()) : nullptr;
+        if (text == nullptr) {
+            continue;
+        }
+        try {
+            setting.set(configuration, Split(text));
+        } catch (const ConfigurationError& error) {
+            throw ConfigurationError(name + ": " + error.what());
+        }
     }
 }
 

@@ -35,9 +35,11 @@ struct Setting {
     const char* key;
     const char* help;
     bool at_run_time;  // SIGHUP puts a new value into force; else the next start
+    bool list;  // an array in the file, the option again for each, ';' between in the variable
     std::function<std::string(const Configuration&)> text;
-    /// Takes a value as text; throws ConfigurationError saying what is possible.
-    std::function<void(Configuration&, const std::string&)> set;
+    /// Takes values as texts, one unless it is a list; throws ConfigurationError saying what is
+    /// possible.
+    std::function<void(Configuration&, const std::vector<std::string>&)> set;
 };
 
 /// All settings, in the order of the documentation.
@@ -55,6 +57,10 @@ void Check(const Configuration& configuration);
 
 /// Adds an option for every setting, with its environment variable; the parse sets the values.
 void AddOptions(CLI::App& app, Configuration& configuration);
+
+/// Takes the lists from the environment, which the options do not read themselves. Throws
+/// ConfigurationError naming the variable.
+void ReadEnvironmentLists(Configuration& configuration);
 
 /// The keys whose values differ and that need a new start.
 std::vector<std::string> NeedingRestart(const Configuration& now, const Configuration& wanted);

@@ -1,5 +1,6 @@
 #include "kvo/brokerd/broker.h"
 
+#include "access.h"
 #include "broker_directory.h"
 #include "event_log.h"
 #include "gated_service.h"
@@ -114,6 +115,8 @@ private:
     EventLog events_;
     std::uint64_t notifications_ = 0;
     std::unique_ptr<RequestGate> gate_;
+    SystemAccounts accounts_;
+    std::unique_ptr<Access> access_;
     std::unique_ptr<RequestHandler> handler_;
     std::unique_ptr<gorm::cor::rr::Service> service_;
     std::unique_ptr<GatedService> gated_service_;
@@ -128,6 +131,18 @@ StreamRegistry::Settings SettingsOf(const BrokerOptions& options) {
     const bool supervised = options.heartbeat_period.count() > 0;
     return {supervised ? options.heartbeat_timeout : std::chrono::seconds(0), options.removal_grace,
             options.max_streams};
+}
+
+std::vector<AccessRule> RulesOf(const BrokerOptions& options) {
+    std::vector<AccessRule> rules;
+    for (const std::string& text : options.access_rules) {
+        try {
+            rules.push_back(AccessRule::Parse(text));
+        } catch (const std::invalid_argument& error) {
+            throw std::runtime_error(error.what());
+        }
+    }
+    return rules;
 }
 
 RequestGate::Limits LimitsOf(const BrokerOptions& options) {
@@ -172,8 +187,11 @@ void Broker::Impl::Start(const BrokerOptions& options) {
     processes_ = std::make_unique<LockedProcesses>(directory_->processes());
     time_ =
         std::make_unique<SupervisedTime>([] { return std::chrono::steady_clock::now(); }, kTick);
+    gorm::cor::Serving serving;
+    serving.runtime_directory = options.runtime_directory;
+    serving.note = "a broker with the directory " + directory_path_;
     publisher_ = std::make_unique<gorm::cor::ps::Publisher>(
-        loop_, Uri("wkp.ps", options.address, options.notification_port, "/"));
+        loop_, Uri("wkp.ps", options.address, options.notification_port, "/"), serving);
     notification_port_ = publisher_->port();
     topics_ = std::make_unique<Topics>(*publisher_);
     registry_ = std::make_unique<StreamRegistry>(
@@ -186,8 +204,9 @@ void Broker::Impl::Start(const BrokerOptions& options) {
         }
     });
     registry_->Adopt(files_->Sweep([this](const std::string& text) { Log(3, text); }));
+    access_ = std::make_unique<Access>(RulesOf(options), accounts_, ::geteuid(), nullptr);
     handler_ = std::make_unique<RequestHandler>(
-        *registry_, *files_, events_,
+        *registry_, *files_, *access_, events_,
         [this](int level, const std::string& text) { Log(level, text); },
         RequestHandler::Answers{static_cast<std::int32_t>(options.heartbeat_period.count()),
                                 static_cast<std::int32_t>(options.heartbeat_timeout.count()),
@@ -198,7 +217,7 @@ void Broker::Impl::Start(const BrokerOptions& options) {
         *service_, *gate_, [] { return std::chrono::steady_clock::now(); });
     server_ = std::make_unique<gorm::cor::rr::Server>(
         loop_, Uri("wkp.rr", options.address, options.port, "/broker/Broker1"), *gated_service_,
-        options.max_connections);
+        gorm::cor::rr::ServerOptions{options.max_connections, serving});
     server_->OnDisconnect([this](const gorm::cor::rr::Caller& caller) { Lost(caller); });
     processes_->AskForConnections(
         [this](const std::string& identity) { return server_->Connected(identity); });
@@ -268,7 +287,9 @@ BrokerState Broker::Impl::State() {
 
 void Broker::Impl::Reconfigure(const BrokerOptions& options) {
     Check(options, logger_);
+    std::vector<AccessRule> rules = RulesOf(options);
     loop_.Run([&] {
+        access_->set_rules(std::move(rules));
         registry_->set_settings(SettingsOf(options));
         handler_->set_heartbeat_timeout(
             static_cast<std::int32_t>(options.heartbeat_timeout.count()));
@@ -290,6 +311,10 @@ void Broker::Impl::Stop() {
     publisher_.reset();
     files_.reset();
     directory_.reset();
+}
+
+void CheckAccessRule(const std::string& rule) {
+    AccessRule::Parse(rule);
 }
 
 Broker::Broker(const BrokerOptions& options, KvoLogger* logger)

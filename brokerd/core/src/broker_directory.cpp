@@ -1,11 +1,8 @@
 #include "broker_directory.h"
 
-#include <array>
 #include <cerrno>
 #include <cstring>
-#include <fcntl.h>
 #include <stdexcept>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
@@ -37,66 +34,28 @@ void MakeDirectory(const std::string& path) {
     }
 }
 
-bool NamesTheSameFile(const std::string& path, int file) {
-    struct stat there {};
-    struct stat ours {};
-    return ::lstat(path.c_str(), &there) == 0 && ::fstat(file, &ours) == 0 &&
-           there.st_dev == ours.st_dev && there.st_ino == ours.st_ino;
-}
-
-std::string Content(int file) {
-    std::array<char, 32> text{};
-    const ssize_t bytes = ::pread(file, text.data(), text.size(), 0);
-    return bytes > 0 ? std::string(text.data(), static_cast<std::size_t>(bytes)) : "unknown";
-}
-
 }  // namespace
 
 BrokerDirectory::BrokerDirectory(std::string path) : path_(std::move(path)) {
     MakeDirectory(path_);
     Lock();
-    try {
-        processes_ = ProcessLock::ForDirectory(path_);
-        processes_->Join();
-    } catch (...) {
-        ::close(lock_file_);
-        throw;
-    }
+    processes_ = ProcessLock::ForDirectory(path_);
+    processes_->Join();
 }
 
 void BrokerDirectory::Lock() {
-    const std::string lock_path = path_ + "/broker.lock";
-    for (;;) {
-        lock_file_ = ::open(lock_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-        if (lock_file_ < 0) {
-            Fail("cannot open " + lock_path);
-        }
-        if (::flock(lock_file_, LOCK_EX | LOCK_NB) != 0) {
-            const std::string holder = Content(lock_file_);
-            ::close(lock_file_);
-            throw std::runtime_error("another broker, process " + holder + ", uses the directory " +
-                                     path_);
-        }
-        if (NamesTheSameFile(lock_path, lock_file_)) {
-            break;
-        }
-        ::close(lock_file_);  // its holder has just removed it
-    }
-    const std::string pid = std::to_string(::getpid());
-    if (::ftruncate(lock_file_, 0) != 0 ||
-        ::pwrite(lock_file_, pid.data(), pid.size(), 0) != static_cast<ssize_t>(pid.size())) {
-        const int error = errno;
-        ::close(lock_file_);
-        errno = error;
-        Fail("cannot write " + lock_path);
+    try {
+        lock_ = std::make_unique<gorm::cor::LockFile>(path_ + "/broker.lock", "", 0600);
+    } catch (const gorm::cor::LockHeld& held) {
+        throw std::runtime_error("another broker, process " + held.process() +
+                                 ", uses the directory " + path_);
     }
 }
 
 BrokerDirectory::~BrokerDirectory() {
     processes_->RemoveIfUnused();
-    ::unlink((path_ + "/broker.lock").c_str());
+    lock_.reset();
     ::rmdir(path_.c_str());  // refused while a stream file is left
-    ::close(lock_file_);
 }
 
 }  // namespace kvo::brokerd

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "gorm/cor/lock_file.h"
 #include "kvo/memory/process_lock.h"
 
 #include <memory>
@@ -26,7 +27,7 @@ private:
     void Lock();
 
     const std::string path_;
-    int lock_file_ = -1;
+    std::unique_ptr<gorm::cor::LockFile> lock_;
     std::shared_ptr<ProcessLock> processes_;
 };
 

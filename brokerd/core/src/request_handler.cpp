@@ -15,23 +15,59 @@ void DemandName(const std::string& stream) {
 
 }  // namespace
 
+namespace {
+
+const std::string& AskerOf(const RequestHandler::Caller& caller) {
+    return caller.identity.empty() ? caller.connection : caller.identity;
+}
+
+}  // namespace
+
 // A refusal teaches: in the log, among the events, and whoever asks for the reason afterwards.
+void RequestHandler::Record(const Caller& caller, const std::string& stream,
+                            const std::string& code, const std::string& reason) {
+    ++refused_;
+    log_(3, "refused" + code + ": " + reason);
+    events_.Add("refused", Quoted(stream), reason);
+    reasons_.Keep(AskerOf(caller), stream, reason);
+}
+
+std::string RequestHandler::WhyNot(const Caller& caller, Right right,
+                                   const std::string& stream) const {
+    return IsWellFormedName(stream) ? access_.WhyNot(caller.peer, right, stream) : std::string();
+}
+
+void RequestHandler::DemandUse(const Caller& caller, const std::string& stream) {
+    DemandName(stream);
+    const std::string fault = access_.WhyNot(caller.peer, Right::kSubscribe, stream);
+    if (!fault.empty() && !access_.WhyNot(caller.peer, Right::kPublish, stream).empty()) {
+        Record(caller, stream, "", fault);
+        throw std::runtime_error(fault);
+    }
+}
+
+template <class Remove>
+std::int32_t RequestHandler::End(const Caller& caller, const std::string& stream, Remove remove) {
+    Verdict verdict = remove(StreamRegistry::Whose::kOwn);
+    if (verdict.refused() && !claims_.Has(AskerOf(caller), stream) &&
+        access_.WhyNot(caller.peer, Right::kAdmin, stream).empty()) {
+        verdict = remove(StreamRegistry::Whose::kAnybodys);
+    }
+    return Tell(caller, stream, verdict);
+}
+
 std::int32_t RequestHandler::Tell(const Caller& caller, const std::string& stream,
                                   const Verdict& verdict) {
-    const std::string& asker = caller.identity.empty() ? caller.connection : caller.identity;
     if (!verdict.refused()) {
-        reasons_.Forget(asker, stream);
-        return verdict.code;
+        reasons_.Forget(AskerOf(caller), stream);
+    } else {
+        Record(caller, stream, " (" + std::to_string(verdict.code) + ")", verdict.reason);
     }
-    ++refused_;
-    log_(3, "refused (" + std::to_string(verdict.code) + "): " + verdict.reason);
-    events_.Add("refused", Quoted(stream), verdict.reason);
-    reasons_.Keep(asker, stream, verdict.reason);
     return verdict.code;
 }
 
 std::string RequestHandler::GetRefusalReason(const Caller& caller, const std::string& stream) {
-    return reasons_.Of(caller.identity.empty() ? caller.connection : caller.identity, stream);
+    return reasons_.Of(AskerOf(caller), stream);
 }
 
 void RequestHandler::SendHeartbeat(const Caller& caller, const std::string& client_id) {
@@ -44,6 +80,12 @@ std::int32_t RequestHandler::AddPublisher(const Caller& caller, const std::strin
                                           std::int32_t max_data_sample_size,
                                           std::int32_t number_of_samples, bool compute_checksum,
                                           const std::string& publisher_key) {
+    if (const std::string fault = WhyNot(caller, Right::kPublish, stream); !fault.empty()) {
+        return Tell(caller, stream, {kNoRight, fault});
+    }
+    if (IsWellFormedName(stream)) {
+        claims_.Keep(AskerOf(caller), stream);
+    }
     return Tell(
         caller, stream,
         registry_.AddPublisher(caller.identity, {stream, max_data_sample_size, number_of_samples,
@@ -51,7 +93,9 @@ std::int32_t RequestHandler::AddPublisher(const Caller& caller, const std::strin
 }
 
 std::int32_t RequestHandler::RemovePublisher(const Caller& caller, const std::string& stream) {
-    return Tell(caller, stream, registry_.RemovePublisher(caller.identity, stream));
+    return End(caller, stream, [&](StreamRegistry::Whose whose) {
+        return registry_.RemovePublisher(caller.identity, stream, whose);
+    });
 }
 
 void RequestHandler::NotifyNewData(const Caller& caller, const std::string& stream) {
@@ -63,6 +107,9 @@ std::int32_t RequestHandler::AddSubscriber(const Caller& caller, const std::stri
                                            const std::string& remote_broker_uri,
                                            std::int32_t /*latency_ms*/,
                                            std::int32_t /*deadline_s*/) {
+    if (const std::string fault = WhyNot(caller, Right::kSubscribe, stream); !fault.empty()) {
+        return Tell(caller, stream, {kNoRight, fault});
+    }
     return Tell(
         caller, stream,
         registry_.AddSubscriber(caller.identity, subscriber_uuid, stream, remote_broker_uri));
@@ -70,21 +117,23 @@ std::int32_t RequestHandler::AddSubscriber(const Caller& caller, const std::stri
 
 std::int32_t RequestHandler::RemoveSubscriber(const Caller& caller, const std::string& stream,
                                               const std::string& subscriber_uuid) {
-    return Tell(caller, stream, registry_.RemoveSubscriber(stream, subscriber_uuid));
+    return End(caller, stream, [&](StreamRegistry::Whose whose) {
+        return registry_.RemoveSubscriber(caller.identity, stream, subscriber_uuid, whose);
+    });
 }
 
 std::string RequestHandler::GetPublisherKey(const Caller& caller, const std::string& stream) {
     return registry_.KeyFor(caller.identity, stream);
 }
 
-std::int32_t RequestHandler::GetNotificationPort(const Caller& /*caller*/,
-                                                 const std::string& stream) {
-    DemandName(stream);
+std::int32_t RequestHandler::GetNotificationPort(const Caller& caller, const std::string& stream) {
+    DemandUse(caller, stream);
     return answers_.notification_port;
 }
 
-std::vector<std::string> RequestHandler::GetStreamStatistics(const Caller& /*caller*/,
+std::vector<std::string> RequestHandler::GetStreamStatistics(const Caller& caller,
                                                              const std::string& stream) {
+    DemandUse(caller, stream);
     const auto statistics = registry_.StateOf(stream);
     if (!statistics) {
         throw std::runtime_error("no stream " + Quoted(stream));
@@ -106,8 +155,8 @@ std::int32_t RequestHandler::GetHeartbeatTimeout(const Caller& /*caller*/) {
     return answers_.heartbeat_timeout_s;
 }
 
-std::string RequestHandler::GetShmFilePath(const Caller& /*caller*/, const std::string& stream) {
-    DemandName(stream);
+std::string RequestHandler::GetShmFilePath(const Caller& caller, const std::string& stream) {
+    DemandUse(caller, stream);
     return files_.PathOf(stream);
 }
 

@@ -1,7 +1,9 @@
 #pragma once
 
+#include "access.h"
 #include "event_log.h"
 #include "kvo/broker/data_broker_registration_handler.h"
+#include "publisher_claims.h"
 #include "refusals.h"
 #include "stream_registry.h"
 
@@ -18,10 +20,11 @@ public:
         std::int32_t notification_port;
     };
     using Log = std::function<void(int level, const std::string& text)>;
-    RequestHandler(StreamRegistry& registry, StreamFiles& files, EventLog& events, Log log,
-                   const Answers& answers)
+    RequestHandler(StreamRegistry& registry, StreamFiles& files, const Access& access,
+                   EventLog& events, Log log, const Answers& answers)
         : registry_(registry),
           files_(files),
+          access_(access),
           events_(events),
           log_(std::move(log)),
           answers_(answers) {}
@@ -62,14 +65,25 @@ public:
     std::string GetRefusalReason(const Caller& caller, const std::string& stream) override;
 
 private:
+    /// Empty: the caller may, or the name is no stream's and is refused as such.
+    std::string WhyNot(const Caller& caller, Right right, const std::string& stream) const;
+    /// Throws when the caller may neither publish nor subscribe to the stream.
+    void DemandUse(const Caller& caller, const std::string& stream);
+    /// Runs the removal as one of the caller's own, then, if that is refused, as anybody's.
+    template <class Remove>
+    std::int32_t End(const Caller& caller, const std::string& stream, Remove remove);
+    void Record(const Caller& caller, const std::string& stream, const std::string& code,
+                const std::string& reason);
     std::int32_t Tell(const Caller& caller, const std::string& stream, const Verdict& verdict);
 
     StreamRegistry& registry_;
     StreamFiles& files_;
+    const Access& access_;
     EventLog& events_;
     const Log log_;
     Answers answers_;
     Refusals reasons_;
+    PublisherClaims claims_;
     std::uint64_t refused_ = 0;
 };
 

@@ -177,7 +177,13 @@ void StreamRegistry::EndPublisher(const std::string& name, Stream& stream, const
     notify_(name, PUB_UNREG);
 }
 
-Verdict StreamRegistry::RemovePublisher(const std::string& identity, const std::string& name) {
+Verdict StreamRegistry::RemovePublisher(const std::string& identity, const std::string& name,
+                                        Whose whose) {
+    if (const auto found = streams_.find(name);
+        whose == Whose::kAnybodys && found != streams_.end() && found->second.publisher) {
+        EndPublisher(name, found->second, "by an administrator");
+        return {};
+    }
     Stream* const stream = StreamOf(identity, name);
     if (stream == nullptr) {
         return {kNotRegistered,
@@ -199,11 +205,19 @@ Verdict StreamRegistry::AddSubscriber(const std::string& identity, const std::st
     return {};
 }
 
-Verdict StreamRegistry::RemoveSubscriber(const std::string& name, const std::string& uuid) {
+Verdict StreamRegistry::RemoveSubscriber(const std::string& identity, const std::string& name,
+                                         const std::string& uuid, Whose whose) {
     const auto found = streams_.find(name);
-    if (found == streams_.end() || found->second.subscribers.erase(uuid) == 0) {
+    const auto subscriber =
+        found == streams_.end() ? SubscriberMap::iterator() : found->second.subscribers.find(uuid);
+    if (found == streams_.end() || subscriber == found->second.subscribers.end()) {
         return {kNotRegistered, "stream " + Quoted(name) + " has no subscriber " + Quoted(uuid)};
     }
+    if (whose == Whose::kOwn && !subscriber->second.Is(identity)) {
+        return {kNotRegistered, "subscriber " + Quoted(uuid) + " of stream " + Quoted(name) +
+                                    " is of another process"};
+    }
+    found->second.subscribers.erase(subscriber);
     ForgetSubscription(uuid, name);
     departed_[uuid] = time_.Now() + kDepartureGrace;
     if (found->second.unused()) {

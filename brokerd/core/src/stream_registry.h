@@ -48,13 +48,16 @@ public:
         std::string key;  // empty: the first registration
     };
     Verdict AddPublisher(const std::string& identity, const Publication& publication);
-    /// -1: the caller does not publish the stream.
-    Verdict RemovePublisher(const std::string& identity, const std::string& stream);
+    /// Whose registrations a caller may end.
+    enum class Whose { kOwn, kAnybodys };
+    /// -1: the stream has no publisher, or not the caller.
+    Verdict RemovePublisher(const std::string& identity, const std::string& stream, Whose whose);
     /// @param remote_broker empty: the stream is of this host.
     Verdict AddSubscriber(const std::string& identity, const std::string& uuid,
                           const std::string& stream, const std::string& remote_broker);
-    /// -1: there is no such subscriber.
-    Verdict RemoveSubscriber(const std::string& stream, const std::string& uuid);
+    /// -1: there is no such subscriber, or it is of another process.
+    Verdict RemoveSubscriber(const std::string& identity, const std::string& stream,
+                             const std::string& uuid, Whose whose);
 
     /// @param id stream of a publisher, uuid of a subscriber. Throws std::runtime_error naming the
     /// id when the caller has registered nothing under it.
@@ -96,9 +99,10 @@ private:
         std::string key;
         ProcessTag dead_writer;  // who held the file's writer role at the registration, if dead
     };
+    using SubscriberMap = std::map<std::string, Client>;  // by uuid
     struct Stream {
         std::optional<Publisher> publisher;
-        std::map<std::string, Client> subscribers;  // by uuid
+        SubscriberMap subscribers;
         std::unique_ptr<StreamFile> file;
         std::optional<TimePoint> removal_due;
         std::uint64_t last_write_ms = 0;

@@ -2,6 +2,7 @@
 
 #include "bounds.h"
 #include "gorm/cor/errors.h"
+#include "gorm/cor/serving.h"
 
 #include <charconv>
 #include <string_view>
@@ -36,10 +37,25 @@ Address Parse(const network::uri& uri, const char* scheme, bool any_port) {
     const bool ipv6 = host.find(':') != std::string::npos;
     return Address{uri.string(),
                    "tcp://" + (ipv6 ? "[" + host + "]" : host) + ":" + std::to_string(port),
-                   std::string(uri.path()), ipv6};
+                   std::string(uri.path()),
+                   ipv6,
+                   host,
+                   port};
 }
 
 }  // namespace
+
+bool IsLoopback(const std::string& host) {
+    return host == "localhost" || host == "::1" || host.rfind("127.", 0) == 0;
+}
+
+bool Address::PrefersLocal() const {
+    return host == "127.0.0.1" || host == "localhost" || host == "::1";
+}
+
+bool Address::ServesLocal() const {
+    return PrefersLocal() || host == "0.0.0.0" || host == "::" || host == "*";
+}
 
 Address Address::ToConnect(const network::uri& uri, const char* scheme) {
     return Parse(uri, scheme, false);

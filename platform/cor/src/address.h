@@ -13,6 +13,13 @@ struct Address {
     std::string endpoint;  // of the transport: tcp://host:port
     std::string path;      // with its first slash
     bool ipv6 = false;
+    std::string host;  // without brackets
+    std::uint16_t port = 0;
+
+    /// Whether a client prefers the Unix socket of the port.
+    bool PrefersLocal() const;
+    /// Whether a server there serves such clients.
+    bool ServesLocal() const;
 
     /// Throws Error naming the URI and what is wrong with it: not this scheme, no port.
     static Address ToConnect(const network::uri& uri, const char* scheme);

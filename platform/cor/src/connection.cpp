@@ -2,6 +2,7 @@
 
 #include "bounds.h"
 #include "gorm/cor/errors.h"
+#include "runtime_directory.h"
 #include "wire.h"
 
 #include <algorithm>
@@ -9,6 +10,10 @@
 
 namespace gorm::cor::rr {
 namespace {
+
+constexpr std::chrono::milliseconds kReconsider{200};
+// A Unix socket that takes nobody in may not keep us from TCP, nor the other way round.
+constexpr int kRoundsOfAWay = 5;
 
 zmq::socket_t MakeDealer(zmq::context_t& context, const Address& address,
                          const std::string& routing_id) {
@@ -27,24 +32,80 @@ Outcome Lost(std::string reason) {
 
 }  // namespace
 
-Connection::Connection(zmq::context_t& context, PollLoop& loop, const Address& address,
+Connection::Link::Link(zmq::context_t& context, const Address& address, const std::string& way,
                        const std::string& routing_id)
-    : loop_(loop),
-      socket_(MakeDealer(context, address, routing_id)),
-      monitor_(context, socket_, ZMQ_EVENT_HANDSHAKE_SUCCEEDED | ZMQ_EVENT_DISCONNECTED),
-      faults_("message from " + address.endpoint) {
+    : endpoint(way),
+      socket(MakeDealer(context, address, routing_id)),
+      monitor(context, socket, ZMQ_EVENT_HANDSHAKE_SUCCEEDED | ZMQ_EVENT_DISCONNECTED) {
     try {
-        socket_.connect(address.endpoint);
+        socket.connect(way);
     } catch (const zmq::error_t& error) {
         throw Error("\"" + address.text + "\" names no usable address: " + error.what());
     }
-    loop_.Watch(socket_, [this] { TakeReplies(kBatch); });
-    loop_.Watch(monitor_.socket(), [this] { TakeEvents(); });
+}
+
+Connection::Connection(zmq::context_t& context, PollLoop& loop, const Address& address,
+                       const std::string& routing_id)
+    : context_(context),
+      loop_(loop),
+      address_(address),
+      routing_id_(routing_id),
+      faults_("message from " + address.endpoint) {
+    Begin(ChooseWay());
+    AwaitConnection();
 }
 
 Connection::~Connection() {
-    loop_.Unwatch(socket_);
-    loop_.Unwatch(monitor_.socket());
+    Leave();
+}
+
+std::string Connection::ChooseWay() const {
+    if (!address_.PrefersLocal() || (rounds_ / kRoundsOfAWay) % 2 != 0) {
+        return address_.endpoint;
+    }
+    const std::string local = FindLocalEndpoint(address_.port);
+    return local.empty() ? address_.endpoint : local;
+}
+
+void Connection::Begin(const std::string& way) {
+    Leave();
+    link_ = std::make_unique<Link>(context_, address_, way, routing_id_);
+    loop_.Watch(link_->socket, [this] { TakeReplies(kBatch); });
+    loop_.Watch(link_->monitor.socket(), [this] { TakeEvents(); });
+}
+
+void Connection::Leave() {
+    if (link_ != nullptr) {
+        loop_.Unwatch(link_->socket);
+        loop_.Unwatch(link_->monitor.socket());
+        link_.reset();
+    }
+}
+
+// The transport itself tries one way again and again; which one that should be may change.
+void Connection::AwaitConnection() {
+    if (awaiting_ || !address_.PrefersLocal()) {
+        return;
+    }
+    awaiting_ = true;
+    loop_.After(kReconsider, [this, alive = std::weak_ptr<int>(alive_)] {
+        if (!alive.expired()) {
+            awaiting_ = false;
+            Reconsider();
+        }
+    });
+}
+
+void Connection::Reconsider() {
+    TakeEvents();
+    if (connected_) {
+        return;
+    }
+    AwaitConnection();
+    ++rounds_;
+    if (const std::string way = ChooseWay(); way != link_->endpoint) {
+        Begin(way);
+    }
 }
 
 void Connection::Attach(const std::shared_ptr<ClientEnd>& end) {
@@ -102,8 +163,9 @@ bool Connection::Forget(ClientEnd& end, const std::shared_ptr<PendingCall>& call
 
 bool Connection::Send(const std::string& path, std::string_view message) {
     // The second frame of a message always finds room when the first one did.
-    return socket_.send(zmq::buffer(path), zmq::send_flags::dontwait | zmq::send_flags::sndmore) &&
-           socket_.send(zmq::buffer(message), zmq::send_flags::dontwait);
+    return link_->socket.send(zmq::buffer(path),
+                              zmq::send_flags::dontwait | zmq::send_flags::sndmore) &&
+           link_->socket.send(zmq::buffer(message), zmq::send_flags::dontwait);
 }
 
 void Connection::SendRequest(const ClientEnd& end, const std::shared_ptr<PendingCall>& call) {
@@ -119,7 +181,7 @@ void Connection::SendUnsent() {
         const auto found = sent_.find(unsent_.front());  // not there: the caller has given up
         if (found != sent_.end() &&
             !Send(found->second.end->address.path, found->second.call->message)) {
-            loop_.AwaitRoom(socket_, [this] { SendUnsent(); });
+            loop_.AwaitRoom(link_->socket, [this] { SendUnsent(); });
             return;
         }
         unsent_.pop_front();
@@ -128,7 +190,7 @@ void Connection::SendUnsent() {
 
 void Connection::TakeReplies(int at_most) {
     std::vector<zmq::message_t> frames;
-    for (int i = 0; i < at_most && Receive(socket_, frames); ++i) {
+    for (int i = 0; i < at_most && Receive(link_->socket, frames); ++i) {
         std::optional<Reply> reply;
         if (frames.size() == 2) {
             reply = DecodeReply(View(frames[1]));
@@ -154,8 +216,12 @@ void Connection::TakeReplies(int at_most) {
 }
 
 void Connection::TakeEvents() {
-    for (int event = monitor_.Next().kind; event != 0; event = monitor_.Next().kind) {
+    for (int event = link_->monitor.Next().kind; event != 0; event = link_->monitor.Next().kind) {
         if (event == ZMQ_EVENT_HANDSHAKE_SUCCEEDED && !connected_) {
+            if (const std::string way = ChooseWay(); way != link_->endpoint) {
+                Begin(way);  // the Unix socket has come since; this link's events are over
+                return;
+            }
             Up();
         } else if (event == ZMQ_EVENT_DISCONNECTED && connected_) {
             Down();
@@ -166,8 +232,9 @@ void Connection::TakeEvents() {
 void Connection::Up() {
     // The new pipe was announced to the socket before this event came; asking for the events makes
     // the socket look at it, so that the first request finds it.
-    static_cast<void>(socket_.get(zmq::sockopt::events));
+    static_cast<void>(link_->socket.get(zmq::sockopt::events));
     connected_ = true;
+    rounds_ = 0;
     // Before anybody learns of it otherwise: who registers a listener then has nothing to hear.
     for (const auto& end : ends_) {
         end->strand.Deliver(true);
@@ -193,6 +260,10 @@ void Connection::Down() {
     for (const auto& end : ends_) {
         end->strand.Deliver(false);
     }
+    if (const std::string way = ChooseWay(); way != link_->endpoint) {
+        Begin(way);
+    }
+    AwaitConnection();
 }
 
 }  // namespace gorm::cor::rr

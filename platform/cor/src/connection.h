@@ -36,7 +36,9 @@ struct ClientEnd {
     std::vector<boost::promise<void>> connecting;
 };
 
-/// The link of this process to one server, shared by its clients. I/O thread only.
+/// The link of this process to one server, shared by its clients. Goes over the server's Unix
+/// socket where it has one and over TCP else, and chooses anew whenever it is lost. I/O thread
+/// only.
 class Connection {
 public:
     /// Begins to connect. @param routing_id by which the server knows this connection.
@@ -63,6 +65,19 @@ private:
         std::shared_ptr<PendingCall> call;
         const ClientEnd* end;
     };
+    // A way to the server that has been begun.
+    struct Link {
+        Link(zmq::context_t& context, const Address& address, const std::string& way,
+             const std::string& routing_id);
+        const std::string endpoint;
+        zmq::socket_t socket;
+        Monitor monitor;
+    };
+    std::string ChooseWay() const;
+    void Begin(const std::string& way);
+    void Leave();
+    void AwaitConnection();
+    void Reconsider();
     void TakeReplies(int at_most);
     void TakeEvents();
     void Up();
@@ -71,14 +86,19 @@ private:
     void SendRequest(const ClientEnd& end, const std::shared_ptr<PendingCall>& call);
     void SendUnsent();
 
+    zmq::context_t& context_;
     PollLoop& loop_;
-    zmq::socket_t socket_;
-    Monitor monitor_;
+    const Address address_;
+    const std::string routing_id_;
+    std::unique_ptr<Link> link_;
     bool connected_ = false;
+    bool awaiting_ = false;  // Reconsider() is due some time
+    int rounds_ = 0;         // how often it has found no connection since the last one
     std::vector<std::shared_ptr<ClientEnd>> ends_;
     std::map<std::uint32_t, Sent> sent_;  // by the id of the call
     std::deque<std::uint32_t> unsent_;    // of these, oldest first: there was no room
     FaultLog faults_;
+    const std::shared_ptr<int> alive_ = std::make_shared<int>();  // for timers that outlive us
 };
 
 }  // namespace gorm::cor::rr

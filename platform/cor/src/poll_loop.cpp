@@ -31,7 +31,7 @@ struct Watched {
 };
 
 struct Timer {
-    Clock::duration period;
+    Clock::duration period;  // 0: once
     Clock::time_point due;
     std::function<void()> function;
 };
@@ -134,6 +134,9 @@ void PollLoop::State::RunTimers() {
     const std::vector<std::shared_ptr<Timer>> all = timers;
     for (const auto& timer : all) {
         if (timer->due <= now) {
+            if (timer->period == Clock::duration::zero()) {
+                std::erase(timers, timer);
+            }
             timer->due += timer->period;
             if (timer->due <= now) {
                 timer->due = now + timer->period;  // late runs are not made up for
@@ -255,6 +258,12 @@ void PollLoop::Run(const std::function<void()>& function) {
 
 void PollLoop::Every(std::chrono::milliseconds period, std::function<void()> function) {
     auto timer = std::make_shared<Timer>(Timer{period, Clock::now() + period, std::move(function)});
+    Post([state = state_.get(), timer = std::move(timer)] { state->timers.push_back(timer); });
+}
+
+void PollLoop::After(std::chrono::milliseconds delay, std::function<void()> function) {
+    auto timer = std::make_shared<Timer>(
+        Timer{Clock::duration::zero(), Clock::now() + delay, std::move(function)});
     Post([state = state_.get(), timer = std::move(timer)] { state->timers.push_back(timer); });
 }
 

@@ -27,6 +27,8 @@ public:
     /// after its end, directly; in a forked child not at all.
     void Run(const std::function<void()>& function);
     void Every(std::chrono::milliseconds period, std::function<void()> function);
+    /// Once.
+    void After(std::chrono::milliseconds delay, std::function<void()> function);
 
     /// On the loop (Post, Run): calls the function whenever the socket is readable, until Unwatch
     /// or the end of the thread, which also destroys the function.

@@ -2,6 +2,7 @@
 #include "bounds.h"
 #include "gorm/cor/process.h"
 #include "gorm/cor/ps/publisher.h"
+#include "local_endpoint.h"
 #include "runtime.h"
 #include "service_loop_impl.h"
 #include "sockets.h"
@@ -33,7 +34,7 @@ zmq::socket_t MakeXpub(zmq::context_t& context, const Address& address) {
 /// Lives on the loop.
 class Publisher::Impl {
 public:
-    Impl(PollLoop& loop, const Address& address);
+    Impl(PollLoop& loop, const Address& address, const Serving& serving);
     ~Impl();
 
     void Publish(std::string_view path, std::string_view sample);
@@ -45,21 +46,42 @@ public:
 private:
     void TakeSubscriptions();
 
+    void BindLocal(const Serving& serving, const Address& address, std::uint16_t at);
+
     zmq::socket_t socket_;
     Monitor monitor_;
+    std::string tcp_;    // endpoints as they were bound
+    std::string local_;  // empty: none
+    std::unique_ptr<LocalEndpoint> local_endpoint_;
 };
 
-Publisher::Impl::Impl(PollLoop& service_loop, const Address& address)
+Publisher::Impl::Impl(PollLoop& service_loop, const Address& address, const Serving& serving)
     : loop(service_loop),
       socket_(MakeXpub(Runtime::Get().context(), address)),
       monitor_(Runtime::Get().context(), socket_, ZMQ_EVENT_CLOSED | ZMQ_EVENT_CLOSE_FAILED) {
-    port = Bind(socket_, address.endpoint, address.text);
+    if (address.port != 0) {
+        BindLocal(serving, address, address.port);
+    }
+    tcp_ = Bind(socket_, address.endpoint, address.text);
+    port = PortOf(tcp_);
+    if (address.port == 0) {
+        BindLocal(serving, address, port);
+    }
     loop.Watch(socket_, [this] { TakeSubscriptions(); });
 }
 
 Publisher::Impl::~Impl() {
     loop.Unwatch(socket_);
-    Unbind(socket_, monitor_);
+    // In this order, so that the port is free for others only after its lock is.
+    Unbind(socket_, monitor_, local_);
+    local_endpoint_.reset();
+    Unbind(socket_, monitor_, tcp_);
+}
+
+void Publisher::Impl::BindLocal(const Serving& serving, const Address& address, std::uint16_t at) {
+    local_endpoint_ = ServeLocal(serving, address, at, [&](const std::string& endpoint) {
+        local_ = Bind(socket_, endpoint, address.text);
+    });
 }
 
 void Publisher::Impl::TakeSubscriptions() {
@@ -84,10 +106,10 @@ void Publisher::Impl::Publish(std::string_view path, std::string_view sample) {
     }
 }
 
-Publisher::Publisher(ServiceLoop& loop, const network::uri& uri) {
+Publisher::Publisher(ServiceLoop& loop, const network::uri& uri, const Serving& serving) {
     const Address address = Address::ToBind(uri, kTopicScheme);
     PollLoop& poll_loop = loop.impl().loop;
-    poll_loop.Run([&] { impl_ = std::make_unique<Impl>(poll_loop, address); });
+    poll_loop.Run([&] { impl_ = std::make_unique<Impl>(poll_loop, address, serving); });
 }
 
 Publisher::~Publisher() {

@@ -125,7 +125,7 @@ bool Monitor::Await(int events, std::chrono::milliseconds at_most) {
     }
 }
 
-std::uint16_t Bind(zmq::socket_t& socket, const std::string& endpoint, const std::string& text) {
+std::string Bind(zmq::socket_t& socket, const std::string& endpoint, const std::string& text) {
     // The transport ends the process when it finds no descriptor to look the interface up with, so
     // one is asked for first. Another thread may still take it; nothing closes that gap.
     const int spare = ::eventfd(0, EFD_CLOEXEC);
@@ -138,12 +138,15 @@ std::uint16_t Bind(zmq::socket_t& socket, const std::string& endpoint, const std
     } catch (const zmq::error_t& error) {
         throw BindError("cannot serve \"" + text + "\": " + error.what());
     }
-    return PortOf(socket.get(zmq::sockopt::last_endpoint));
+    return socket.get(zmq::sockopt::last_endpoint);
 }
 
-void Unbind(zmq::socket_t& socket, Monitor& monitor) noexcept {
+void Unbind(zmq::socket_t& socket, Monitor& monitor, const std::string& endpoint) noexcept {
+    if (endpoint.empty()) {
+        return;
+    }
     try {
-        socket.unbind(socket.get(zmq::sockopt::last_endpoint));
+        socket.unbind(endpoint);
         monitor.Await(ZMQ_EVENT_CLOSED | ZMQ_EVENT_CLOSE_FAILED, std::chrono::seconds(1));
     } catch (const std::exception&) {  // closing the socket frees the address too, a little later
     }

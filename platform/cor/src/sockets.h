@@ -36,8 +36,8 @@ public:
 
     zmq::socket_ref socket() { return events_; }
     struct Event {
-        int kind = 0;         // ZMQ_EVENT_...; 0: none is there
-        int descriptor = -1;  // of the connection, where the event has one
+        int kind = 0;    // ZMQ_EVENT_...; 0: none is there
+        int value = -1;  // descriptor of the connection, or a fault, as the kind says
     };
     /// Takes the next event without waiting.
     Event Next();
@@ -49,10 +49,12 @@ private:
     zmq::socket_t events_;
 };
 
-/// Binds the socket; throws BindError naming the address and the reason. @return the port.
-std::uint16_t Bind(zmq::socket_t& socket, const std::string& endpoint, const std::string& text);
+/// Binds the socket; throws BindError naming the address and the reason. @return the endpoint as
+/// it was bound, with its port.
+std::string Bind(zmq::socket_t& socket, const std::string& endpoint, const std::string& text);
 
-/// Ends listening and returns when the address is free for another, at the latest after a second.
-void Unbind(zmq::socket_t& socket, Monitor& monitor) noexcept;
+/// Ends listening there and returns when the address is free for another, at the latest after a
+/// second. Nothing for an empty endpoint.
+void Unbind(zmq::socket_t& socket, Monitor& monitor, const std::string& endpoint) noexcept;
 
 }  // namespace gorm::cor

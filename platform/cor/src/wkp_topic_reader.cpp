@@ -5,6 +5,7 @@
 #include "gorm/cor/process.h"
 #include "listener_slot.h"
 #include "log.h"
+#include "runtime_directory.h"
 #include "sockets.h"
 
 #include <deque>
@@ -22,8 +23,11 @@ zmq::socket_t MakeSubscription(zmq::context_t& context, const Address& address,
         MakeSocket(context, zmq::socket_type::sub, kSampleQueue, kMaxSampleBytes);
     SetReconnect(socket);
     socket.set(zmq::sockopt::ipv6, address.ipv6);
+    // Chosen once: whoever subscribes does so anew when the publisher was away, since its port may
+    // be another one then.
+    const std::string local = address.PrefersLocal() ? FindLocalEndpoint(address.port) : "";
     try {
-        socket.connect(address.endpoint);
+        socket.connect(local.empty() ? address.endpoint : local);
     } catch (const zmq::error_t& error) {
         throw Error("\"" + address.text + "\" names no usable address: " + error.what());
     }

@@ -15,6 +15,7 @@
 namespace kvo::brokerd {
 namespace {
 
+using ::testing::AllOf;
 using ::testing::HasSubstr;
 
 template <class Function>
@@ -62,7 +63,9 @@ TEST(Broker, WhatStandsInTheWayIsNamedAndNothingIsLeft) {
         same_port.port = broker.port();
         same_port.directory = (place.path() / "second").string();
         EXPECT_THAT(FaultOf([&] { Broker(same_port, nullptr); }),
-                    HasSubstr(std::to_string(broker.port())));
+                    AllOf(HasSubstr(std::to_string(broker.port())),
+                          HasSubstr("process " + std::to_string(::getpid())),
+                          HasSubstr(options.directory)));
     }
     BrokerOptions hasty;
     hasty.heartbeat_timeout = std::chrono::seconds(2);

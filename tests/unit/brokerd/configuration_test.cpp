@@ -66,6 +66,9 @@ TEST_F(ConfigurationTest, EveryMistakeInAFileIsNamedWithLineAndColumn) {
         {"port = 1\nport = 2\n", ":2:", "port"},
         {"[section]\nport = 1\n", ":1:2: ", "unknown key \"section\""},
         {"port = ", ":1:", ""},
+        {"access-rules = \"allow publish * to local\"", ":1:16: ", "a list of texts"},
+        {"access-rules = [1]", ":1:16: access-rules: ", "a list of texts"},
+        {"access-rules = [\"permit\"]", ":1:16: ", "\"permit\" is no rule"},
     };
     for (const auto& wrong : cases) {
         const std::string fault = FaultOf(wrong.text);
@@ -89,6 +92,24 @@ TEST_F(ConfigurationTest, OptionsGoBeforeTheEnvironmentAndThatBeforeTheFile) {
     EXPECT_EQ(read.broker.port, 1);
     EXPECT_THAT(NeedingRestart(Configuration{}, read), ElementsAre("port"));
     EXPECT_THROW(Read({"kvo-broker", "--heartbeat-period", "10"}), ConfigurationError);
+}
+
+TEST_F(ConfigurationTest, ListsComeFromEachSourceInItsOwnForm) {
+    const std::string a = "allow publish a;b to local";
+    const std::string b = "allow subscribe * to local";
+    FileWith("access-rules = [\"" + a + "\", \"" + b + "\"]\n");
+    const auto rules = [this](std::vector<std::string> options) {
+        options.insert(options.begin(), {"kvo-broker", "--config", file_});
+        return Read(options).broker.access_rules;
+    };
+    EXPECT_THAT(rules({}), ElementsAre(a, b));
+    ASSERT_EQ(::setenv("KVO_BROKER_ACCESS_RULES", (b + ";" + b).c_str(), 1), 0);
+    EXPECT_THAT(rules({}), ElementsAre(b, b));
+    EXPECT_THAT(rules({"--access-rules", a, "--port", "1", "--access-rules", b}),
+                ElementsAre(a, b));
+    ASSERT_EQ(::setenv("KVO_BROKER_ACCESS_RULES", "nonsense", 1), 0);
+    EXPECT_THROW(rules({}), ConfigurationError);
+    ASSERT_EQ(::unsetenv("KVO_BROKER_ACCESS_RULES"), 0);
 }
 
 // Whoever changes a setting changes what is told of it.

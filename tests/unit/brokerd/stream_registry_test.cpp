@@ -121,9 +121,11 @@ TEST_F(StreamRegistryTest, APublisherKilledBeforeItWasLookedForIsToldOfAtOnceToo
 TEST_F(StreamRegistryTest, ASuccessorCancelsTheRemoval) {
     ASSERT_EQ(kRegistered, Add('a', "s"));
     const std::uint64_t epoch = EpochOf("s");
-    EXPECT_EQ(-1, registry->RemovePublisher(IdentityOf('b'), "s").code);
-    EXPECT_EQ(1, registry->RemovePublisher(IdentityOf('a'), "s").code);
-    EXPECT_EQ(-1, registry->RemovePublisher(IdentityOf('a'), "s").code);
+    EXPECT_EQ(-1,
+              registry->RemovePublisher(IdentityOf('b'), "s", StreamRegistry::Whose::kOwn).code);
+    EXPECT_EQ(1, registry->RemovePublisher(IdentityOf('a'), "s", StreamRegistry::Whose::kOwn).code);
+    EXPECT_EQ(-1,
+              registry->RemovePublisher(IdentityOf('a'), "s", StreamRegistry::Whose::kOwn).code);
     ASSERT_EQ(kRegistered, Add('b', "s"));
     EXPECT_LT(epoch, EpochOf("s"));
     Pass(std::chrono::seconds(5));
@@ -213,7 +215,7 @@ TEST_F(StreamRegistryTest, TheLargestBufferFitsAndOneSampleMoreDoesNot) {
         EXPECT_EQ(kNotEnoughMemory, Add('a', "s", "", bytes, samples + 1)) << bytes;
         if (samples > 0) {
             EXPECT_EQ(kRegistered, Add('a', "s", "", bytes, samples)) << bytes;
-            registry->RemovePublisher(IdentityOf('a'), "s");
+            registry->RemovePublisher(IdentityOf('a'), "s", StreamRegistry::Whose::kOwn);
             Pass(std::chrono::seconds(3));
         }
     }
@@ -273,7 +275,7 @@ TEST_F(StreamRegistryTest, AReaderKeepsTheMemoryOfARemovedFileInTheAccount) {
     const std::uint64_t available = files->AvailableBytes();
     KvoMemoryAccessor reader(files->PathOf("s"), "s", nullptr, 0, 1);
     reader.StartReading();
-    registry->RemovePublisher(IdentityOf('a'), "s");
+    registry->RemovePublisher(IdentityOf('a'), "s", StreamRegistry::Whose::kOwn);
     Pass(std::chrono::seconds(3));
     EXPECT_EQ(available, files->AvailableBytes());
     reader.CloseSharedMemory();

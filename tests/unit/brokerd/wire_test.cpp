@@ -17,6 +17,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <unistd.h>
 #include <utility>
 #include <vector>
 
@@ -24,6 +25,7 @@ namespace kvo::brokerd {
 namespace {
 
 using gorm::cor::rr::RemoteError;
+using ::testing::AllOf;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
@@ -174,6 +176,38 @@ TEST_F(WireTest, ARegistrationIsWhatItsCallerAndNobodyElseHas) {
     for (const test::LogLine& line : log.lines()) {
         EXPECT_EQ(std::string::npos, line.text.find(key));
     }
+}
+
+TEST_F(WireTest, RulesHoldForWhatIsAskedFromThenOn) {
+    ASSERT_EQ(kRegistered, Publish("before"));
+    const std::string me = "user:" + std::to_string(::geteuid());
+    options.access_rules = {"allow publish mine/* to " + me, "deny subscribe secret to local",
+                            "allow subscribe * to anyone"};
+    broker->Reconfigure(options);
+    EXPECT_EQ(kRegistered, Publish("mine/1"));
+    EXPECT_EQ(kNoRight, Publish("yours"));
+    const std::string reason = client->GetRefusalReason("yours");
+    EXPECT_THAT(reason, AllOf(HasSubstr("(" + std::to_string(::geteuid()) + ")"),
+                              HasSubstr("no right to publish \"yours\"")));
+    EXPECT_EQ(1U, log.Count("refused (-14): " + reason));
+    EXPECT_EQ(kNoRight, client->AddSubscriber("uuid", "secret", "", 250, 10));
+    EXPECT_EQ(kRegistered, client->AddSubscriber("uuid", "before", "", 250, 10));
+    EXPECT_NE("", client->GetShmFilePath("yours"));
+    for (const auto& error : {ErrorOf([&] { client->GetShmFilePath("secret"); }),
+                              ErrorOf([&] { client->GetNotificationPort("secret"); }),
+                              ErrorOf([&] { client->GetStreamStatistics("secret"); })}) {
+        EXPECT_THAT(error, HasSubstr("no right to subscribe to \"secret\""));
+    }
+    EXPECT_EQ(kIllFormedName, Publish("two words"));
+    EXPECT_EQ(1, client->RemovePublisher("before"));
+
+    options.access_rules = {"allow everything"};
+    EXPECT_THROW(broker->Reconfigure(options), std::runtime_error);
+    EXPECT_EQ(kNoRight, Publish("yours"));
+    options.access_rules.clear();
+    broker->Reconfigure(options);
+    EXPECT_EQ(kRegistered, Publish("yours"));
+    EXPECT_EQ("", client->GetRefusalReason("yours"));
 }
 
 TEST_F(WireTest, ASuccessorOfTheBrokerAdoptsWhatIsBeingWritten) {

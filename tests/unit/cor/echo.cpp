@@ -50,6 +50,17 @@ public:
     }
 };
 
+std::string TextOf(const Peer& peer) {
+    if (const auto* const local = std::get_if<LocalPeer>(&peer)) {
+        return "local " + std::to_string(local->user) + " " + std::to_string(local->group) + " " +
+               std::to_string(local->process);
+    }
+    if (const auto* const key = std::get_if<KeyPeer>(&peer)) {
+        return "key " + key->public_key;
+    }
+    return std::get<AnonymousPeer>(peer).this_host ? "anonymous of this host" : "anonymous";
+}
+
 }  // namespace
 
 std::string EchoServer::Dispatch(const rr::Caller& caller, std::string_view method,
@@ -68,6 +79,9 @@ std::string EchoServer::Dispatch(const rr::Caller& caller, std::string_view meth
     }
     if (method != "Say") {
         throw Error("unknown method");
+    }
+    if (text == "who") {
+        return rr::PackResult(TextOf(caller.peer));
     }
     if (text == "refuse") {
         throw Error("refused by the server");

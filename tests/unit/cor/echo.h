@@ -53,10 +53,15 @@ private:
 /// Serves Echo at an address that stays the same over Stop and Start.
 class EchoServer : public rr::Service {
 public:
-    EchoServer() { Start(); }
+    /// @param port 0: any free one.
+    explicit EchoServer(const Serving& serving = {}, std::uint16_t port = 0) : port_(port) {
+        Start(serving);
+    }
     ~EchoServer() override { Stop(); }
-    void Start() {
-        server_ = std::make_unique<rr::Server>(loop_, network::uri(uri()), *this);
+    void Start(const Serving& serving = {}) {
+        rr::ServerOptions options;
+        options.serving = serving;
+        server_ = std::make_unique<rr::Server>(loop_, network::uri(uri()), *this, options);
         port_ = server_->port();
     }
     void Stop() { server_.reset(); }
@@ -68,6 +73,15 @@ public:
     /// Runs the function on the loop whenever Say is called, before it is answered.
     void OnSay(std::function<void()> function) {
         loop_.Run([&] { on_say_ = std::move(function); });
+    }
+
+    void OnDisconnect(std::function<void(const rr::Caller&)> function) {
+        server_->OnDisconnect(std::move(function));
+    }
+    std::size_t connections() {
+        std::size_t count = 0;
+        loop_.Run([&] { count = server_->connections(); });
+        return count;
     }
 
     Heard told;

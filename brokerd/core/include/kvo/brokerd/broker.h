@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace kvo {
 class KvoLogger;
@@ -29,8 +30,16 @@ struct BrokerOptions {
     std::uint32_t max_connections = 10'000;
     std::uint32_t request_rate = 1000;   // of one connection, a second; 0: no limit
     std::uint32_t request_burst = 4000;  // of one connection at once
+    // Of the Unix sockets. Empty: where clients look for them by themselves.
+    std::string runtime_directory;
+    // Who may do what, first match decides: "allow publish /camera/* to user:alice". Empty: every
+    // local peer and every allowed key may publish and subscribe.
+    std::vector<std::string> access_rules;
     SpareSlots spare_slots;
 };
+
+/// Throws std::invalid_argument saying why the text is no rule for BrokerOptions::access_rules.
+void CheckAccessRule(const std::string& rule);
 
 /// A broker: answers requests, keeps stream files and publishes notifications, on a thread of its
 /// own, for as long as the object lives. Programs can embed it.
@@ -55,7 +64,8 @@ public:
     BrokerState State() const;
 
     /// Puts into force what can be changed while a broker runs: heartbeat time-out, removal grace,
-    /// limits of streams, memory and requests. Throws as the constructor, and changes nothing then.
+    /// limits of streams, memory and requests, access rules. Throws as the constructor, and changes
+    /// nothing then.
     void Reconfigure(const BrokerOptions& options);
 
     /// Ends all registrations, telling the subscribers, removes all stream files and refuses new

@@ -15,6 +15,7 @@ enum BrokerResult : std::int32_t {
     kIllFormedGeometry = -11,
     kLimitReached = -12,
     kUnknownRemoteBroker = -13,
+    kNoRight = -14,
 };
 
 }  // namespace kvo

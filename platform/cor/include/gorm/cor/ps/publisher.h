@@ -2,6 +2,7 @@
 
 #include "gorm/cor/export.h"
 #include "gorm/cor/service_loop.h"
+#include "gorm/cor/serving.h"
 #include "network/uri.hpp"
 
 #include <cstdint>
@@ -16,9 +17,9 @@ namespace gorm::cor::ps {
 /// Threads: created and destroyed by any thread; the rest on the loop only.
 class GORM_COR_EXPORT Publisher {
 public:
-    /// Binds at once; throws BindError naming the address and the reason. The path of the URI is
-    /// not looked at.
-    Publisher(ServiceLoop& loop, const network::uri& uri);
+    /// Binds at once; throws BindError naming the address and the reason, and the process that
+    /// serves the port already where that is known. The path of the URI is not looked at.
+    Publisher(ServiceLoop& loop, const network::uri& uri, const Serving& serving = {});
     Publisher(const Publisher&) = delete;
     Publisher& operator=(const Publisher&) = delete;
     ~Publisher();

@@ -3,6 +3,7 @@
 #include "gorm/cor/export.h"
 #include "gorm/cor/rr/service.h"
 #include "gorm/cor/service_loop.h"
+#include "gorm/cor/serving.h"
 #include "network/uri.hpp"
 
 #include <cstddef>
@@ -11,25 +12,28 @@
 
 namespace gorm::cor::rr {
 
+struct ServerOptions {
+    std::size_t max_connections = 10'000;  // whose requests are answered; others get an error
+    Serving serving;
+};
+
 /// Serves one interface at a `wkp.rr` URI. Port 0 takes any free port.
 /// Threads: created and destroyed by any thread while the loop runs or after it has stopped; the
 /// service is called on the loop only.
 class GORM_COR_EXPORT Server {
 public:
-    /// Binds at once; throws BindError naming the address and the reason.
+    /// Binds at once; throws BindError naming the address and the reason, and the process that
+    /// serves the port already where that is known.
     /// @param service, loop must outlive the server.
-    /// @param max_connections whose requests are answered; those of others get an error.
     Server(ServiceLoop& loop, const network::uri& uri, Service& service,
-           std::size_t max_connections = kMaxConnections);
+           const ServerOptions& options = {});
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;
     ~Server();
 
-    static constexpr std::size_t kMaxConnections = 10'000;
-
     std::uint16_t port() const;
 
-    /// On the loop: how many connections stand.
+    /// On the loop: how many connections stand that a call has come from.
     std::size_t connections() const;
 
     /// Called on the loop whenever a connection ended that a call had come from. Set before

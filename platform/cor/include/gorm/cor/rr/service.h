@@ -2,6 +2,7 @@
 
 #include "gorm/cor/errors.h"
 #include "gorm/cor/export.h"
+#include "gorm/cor/peer.h"
 
 #include <msgpack.hpp>
 
@@ -14,6 +15,7 @@ namespace gorm::cor::rr {
 struct Caller {
     std::string identity;    // the 16 bytes of the calling process; empty: it gave none
     std::string connection;  // opaque, unlike for any two connections of one server
+    Peer peer;               // what is known for certain
 };
 
 /// The server side of an interface: decodes the parameters of one call and runs it.

@@ -1,0 +1,24 @@
+#pragma once
+
+#include "gorm/cor/export.h"
+
+#include <optional>
+#include <string>
+
+namespace gorm::cor {
+
+/// How a server or publisher can be reached beside TCP.
+struct Serving {
+    /// A Unix socket too, where the address is one that only this host reaches as 127.0.0.1,
+    /// localhost or ::1, or all addresses. In this directory, which is made when it is missing;
+    /// empty: where the clients look for it (docs/protocol.md). None: TCP only. Where no socket
+    /// can be made there a warning is logged.
+    std::optional<std::string> runtime_directory;
+    /// Not empty: told to whoever wants to serve the same port of this host.
+    std::string note = "server";
+};
+
+/// Whether only this host can reach the address: 127.0.0.0/8, ::1 or localhost.
+GORM_COR_EXPORT bool IsLoopback(const std::string& host);
+
+}  // namespace gorm::cor

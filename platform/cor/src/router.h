@@ -1,0 +1,75 @@
+#pragma once
+
+#include "gorm/cor/peer.h"
+#include "gorm/cor/rr/service.h"
+#include "log.h"
+#include "poll_loop.h"
+#include "sockets.h"
+#include "wire.h"
+
+#include <zmq.hpp>
+
+#include <cstddef>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace gorm::cor::rr {
+
+/// Who answers the calls of a router and counts its connections. On the loop.
+class RouterUser {
+public:
+    virtual ~RouterUser() = default;
+    /// The first call of a connection has come. @return false: none of them may be answered.
+    virtual bool Begins(const Caller& caller) = 0;
+    /// A connection that has begun is gone.
+    virtual void Ended(const Caller& caller) = 0;
+    virtual std::string Answer(const Caller& caller, std::string_view path, const Call& call) = 0;
+    virtual std::string TooMany(const Call& call) const = 0;
+};
+
+/// One bound socket of a server and the connections on it. What a peer can prove differs between
+/// TCP and the Unix socket, so each has a router of its own. The loop only.
+class Router {
+public:
+    struct Settings {
+        std::string endpoint;  // to be bound
+        std::string text;      // of the address, for messages
+        bool local = false;    // a Unix socket
+        bool this_host = false;
+        bool ipv6 = false;
+    };
+    /// Binds at once; throws BindError.
+    Router(PollLoop& loop, zmq::context_t& context, const Settings& settings, RouterUser& user);
+    Router(const Router&) = delete;
+    Router& operator=(const Router&) = delete;
+    ~Router();
+
+    const std::string& endpoint() const { return endpoint_; }  // as it was bound
+
+private:
+    // One connection, known by the transport's descriptor: its end is told by that alone.
+    struct Link {
+        Caller caller;  // once it has sent a call
+        bool refused = false;
+    };
+    void TakeCalls();
+    void TakeEvents();
+    void Handle(std::vector<zmq::message_t>& frames);
+    Peer PeerOf(zmq::message_t& frame) const;
+    Link* LinkOf(zmq::message_t& frame);
+    void Introduce(Link& link, const Caller& caller);
+    void End(int descriptor);
+
+    PollLoop& loop_;
+    const Settings settings_;
+    RouterUser& user_;
+    zmq::socket_t socket_;
+    Monitor monitor_;
+    FaultLog faults_;
+    std::string endpoint_;
+    std::map<int, Link> links_;  // by descriptor
+};
+
+}  // namespace gorm::cor::rr

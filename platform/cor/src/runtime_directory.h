@@ -1,0 +1,34 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+// Where the Unix sockets of servers lie: "<port>.sock", and beside it "<port>.lock", which the
+// server holds locked for as long as it serves the port.
+namespace gorm::cor {
+
+inline constexpr const char* kRuntimeDirectoryVariable = "KVO_RUNTIME_DIRECTORY";
+
+/// A place where sockets may lie.
+struct RuntimeDirectory {
+    std::string path;
+    bool own = false;  // made by whoever needs it first and removed when it is empty
+};
+
+/// The places to look at, the best one first: what the environment names, else the service's
+/// directory and one of the user's own.
+std::vector<RuntimeDirectory> RuntimeDirectories();
+
+/// Why nobody should trust what lies in the directory; empty: it belongs to root, to this user or
+/// to the service's, and no other may write it.
+std::string DistrustOf(const std::string& directory);
+
+std::string LockPath(const std::string& directory, std::uint16_t port);
+std::string SocketPath(const std::string& directory, std::uint16_t port);
+
+/// The socket of the server that holds the port, as an endpoint of the transport; empty: there is
+/// none that can be trusted and used now.
+std::string FindLocalEndpoint(std::uint16_t port);
+
+}  // namespace gorm::cor
