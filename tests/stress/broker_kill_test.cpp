@@ -97,6 +97,9 @@ void ServeUntilKilled(const std::string& directory, std::uint16_t port) {
     options.port = port;
     options.directory = directory;
     options.spare_slots.budget_bytes = 64 << 10;
+    // These two come to a broker that is to be told of each sample.
+    const std::string_view point = shared->point.data();
+    options.local_topics = point.find("NotifyNewData") != 0 && point.find("ReportDataWritten") != 0;
     const kvo::brokerd::Broker broker(options, nullptr);
     shared->port.store(broker.port());
     for (;;) {
@@ -207,7 +210,7 @@ public:
             Demand(::waitpid(process, &status, 0) == process && status == 0,
                    "a client process failed");
         }
-        Await(kPatience, "removal of the files", [&] { return StreamFiles() == 0; });
+        Await(kPatience, "removal of the files", [&] { return FilesOfStreams() == 0; });
     }
 
 private:
@@ -259,10 +262,10 @@ private:
         }
         return duration;
     }
-    int StreamFiles() const {
+    int FilesOfStreams() const {
         int files = 0;
-        for (const auto& entry : std::filesystem::directory_iterator(directory_)) {
-            files += entry.path().extension() == ".lock" ? 0 : 1;
+        for (const auto& entry : std::filesystem::recursive_directory_iterator(directory_)) {
+            files += entry.is_regular_file() && entry.path().extension() != ".lock" ? 1 : 0;
         }
         return files;
     }

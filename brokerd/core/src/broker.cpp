@@ -8,6 +8,7 @@
 #include "gorm/cor/rr/server.h"
 #include "gorm/cor/service_loop.h"
 #include "kvo/KvoLogger.h"
+#include "kvo/broker/capabilities.h"
 #include "locked_processes.h"
 #include "request_handler.h"
 #include "stream_registry.h"
@@ -29,6 +30,7 @@ namespace {
 // its sockets are closed. This is for the deaths that no connection tells of, so it may be seldom:
 // each tick asks the kernel about every client.
 constexpr std::chrono::milliseconds kTick{100};
+constexpr std::chrono::milliseconds kTopicTick{1000};
 constexpr std::chrono::seconds kLeastTimeout{3};
 // Clients that reconnect after a loss need some seconds before their next heartbeat.
 constexpr std::chrono::seconds kUsualMargin{6};
@@ -98,6 +100,8 @@ private:
     void Lost(const gorm::cor::rr::Caller& caller);
     void SuperviseSoon();
     void Notify(const std::string& stream, NotificationType type);
+    void OpenTopic(const std::string& stream);
+    std::vector<std::string> Capabilities() const;
     void Log(int level, const std::string& text) const {
         KvoLogger::WriteToLogger(logger_, level, text);
     }
@@ -170,6 +174,12 @@ Broker::Impl::Impl(const BrokerOptions& options, KvoLogger* logger) : logger_(lo
             gate_->ForgetIdle(std::chrono::steady_clock::now());
         }
     });
+    loop_.Every(kTopicTick, [this] {
+        if (registry_ != nullptr) {
+            topics_->CloseUnless(
+                [this](const std::string& stream) { return registry_->Knows(stream); });
+        }
+    });
 }
 
 Broker::Impl::~Impl() {
@@ -190,6 +200,7 @@ void Broker::Impl::Start(const BrokerOptions& options) {
     gorm::cor::Serving serving;
     serving.runtime_directory = options.runtime_directory;
     serving.note = "a broker with the directory " + directory_path_;
+    serving.topic_directory = options.local_topics ? directory_path_ + "/topics" : "";
     publisher_ = std::make_unique<gorm::cor::ps::Publisher>(
         loop_, Uri("wkp.ps", options.address, options.notification_port, "/"), serving);
     notification_port_ = publisher_->port();
@@ -208,9 +219,11 @@ void Broker::Impl::Start(const BrokerOptions& options) {
     handler_ = std::make_unique<RequestHandler>(
         *registry_, *files_, *access_, events_,
         [this](int level, const std::string& text) { Log(level, text); },
+        RequestHandler::TopicCalls{[this](const std::string& stream) { OpenTopic(stream); },
+                                   [this](const std::string& stream) { topics_->Relay(stream); }},
         RequestHandler::Answers{static_cast<std::int32_t>(options.heartbeat_period.count()),
                                 static_cast<std::int32_t>(options.heartbeat_timeout.count()),
-                                notification_port_});
+                                notification_port_, Capabilities()});
     service_ = MakeDataBrokerRegistrationService(*handler_);
     gate_ = std::make_unique<RequestGate>(LimitsOf(options));
     gated_service_ = std::make_unique<GatedService>(
@@ -227,8 +240,24 @@ void Broker::Impl::Start(const BrokerOptions& options) {
                std::to_string(notification_port_) + ", stream files in " + directory_path_);
 }
 
+std::vector<std::string> Broker::Impl::Capabilities() const {
+    std::vector<std::string> capabilities;
+    if (publisher_->serves_local()) {
+        capabilities.push_back(kLocalAccountingCapability);
+        capabilities.push_back(std::string(kLocalTopicsCapability) + " " +
+                               std::to_string(notification_port_));
+    }
+    return capabilities;
+}
+
+void Broker::Impl::OpenTopic(const std::string& stream) {
+    topics_->Open(stream);
+    registry_->Listening(stream);
+}
+
 void Broker::Impl::Notify(const std::string& stream, NotificationType type) {
     ++notifications_;
+    topics_->Open(stream);
     if (const char* const kind = type == PUB_REG     ? "PUB_REG"
                                  : type == PUB_UNREG ? "PUB_UNREG"
                                  : type == SHM_DEL   ? "SHM_DEL"

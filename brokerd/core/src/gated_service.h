@@ -20,7 +20,7 @@ public:
 
     std::string Dispatch(const gorm::cor::rr::Caller& caller, std::string_view method,
                          const msgpack::object& params) override {
-        if (method != "SendHeartbeat" && method != "NotifyNewData" &&
+        if (method != "SendHeartbeat" && method != "NotifyNewData" && method != "RelayNewData" &&
             method != "ReportDataWritten") {
             gate_.Admit(caller.connection, clock_());
         }

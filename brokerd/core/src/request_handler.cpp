@@ -102,6 +102,12 @@ void RequestHandler::NotifyNewData(const Caller& caller, const std::string& stre
     registry_.NewData(caller.identity, stream);
 }
 
+void RequestHandler::RelayNewData(const Caller& caller, const std::string& stream) {
+    if (registry_.IsPublisher(caller.identity, stream)) {
+        topics_.relay(stream);
+    }
+}
+
 std::int32_t RequestHandler::AddSubscriber(const Caller& caller, const std::string& subscriber_uuid,
                                            const std::string& stream,
                                            const std::string& remote_broker_uri,
@@ -110,9 +116,12 @@ std::int32_t RequestHandler::AddSubscriber(const Caller& caller, const std::stri
     if (const std::string fault = WhyNot(caller, Right::kSubscribe, stream); !fault.empty()) {
         return Tell(caller, stream, {kNoRight, fault});
     }
-    return Tell(
-        caller, stream,
-        registry_.AddSubscriber(caller.identity, subscriber_uuid, stream, remote_broker_uri));
+    const Verdict verdict =
+        registry_.AddSubscriber(caller.identity, subscriber_uuid, stream, remote_broker_uri);
+    if (!verdict.refused()) {
+        topics_.open(stream);  // before the answer, after which he looks for it
+    }
+    return Tell(caller, stream, verdict);
 }
 
 std::int32_t RequestHandler::RemoveSubscriber(const Caller& caller, const std::string& stream,
@@ -198,7 +207,7 @@ std::vector<std::string> RequestHandler::ListConnectedBrokers(const Caller& /*ca
 }
 
 std::vector<std::string> RequestHandler::GetCapabilities(const Caller& /*caller*/) {
-    return {};
+    return answers_.capabilities;
 }
 
 }  // namespace kvo::brokerd

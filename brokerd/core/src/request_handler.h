@@ -8,6 +8,9 @@
 #include "stream_registry.h"
 
 #include <functional>
+#include <string>
+#include <utility>
+#include <vector>
 
 namespace kvo::brokerd {
 
@@ -18,15 +21,22 @@ public:
         std::int32_t heartbeat_period_s;
         std::int32_t heartbeat_timeout_s;
         std::int32_t notification_port;
+        std::vector<std::string> capabilities;
+    };
+    /// What is done about a stream's topic.
+    struct TopicCalls {
+        std::function<void(const std::string& stream)> open;   // somebody will listen
+        std::function<void(const std::string& stream)> relay;  // NEW_DATA for those at sockets
     };
     using Log = std::function<void(int level, const std::string& text)>;
     RequestHandler(StreamRegistry& registry, StreamFiles& files, const Access& access,
-                   EventLog& events, Log log, const Answers& answers)
+                   EventLog& events, Log log, TopicCalls topics, const Answers& answers)
         : registry_(registry),
           files_(files),
           access_(access),
           events_(events),
           log_(std::move(log)),
+          topics_(std::move(topics)),
           answers_(answers) {}
 
     void set_heartbeat_timeout(std::int32_t seconds) { answers_.heartbeat_timeout_s = seconds; }
@@ -39,6 +49,7 @@ public:
                               bool compute_checksum, const std::string& publisher_key) override;
     std::int32_t RemovePublisher(const Caller& caller, const std::string& stream) override;
     void NotifyNewData(const Caller& caller, const std::string& stream) override;
+    void RelayNewData(const Caller& caller, const std::string& stream) override;
     std::int32_t AddSubscriber(const Caller& caller, const std::string& subscriber_uuid,
                                const std::string& stream, const std::string& remote_broker_uri,
                                std::int32_t latency_ms, std::int32_t deadline_s) override;
@@ -81,6 +92,7 @@ private:
     const Access& access_;
     EventLog& events_;
     const Log log_;
+    const TopicCalls topics_;
     Answers answers_;
     Refusals reasons_;
     PublisherClaims claims_;

@@ -63,6 +63,12 @@ public:
     /// id when the caller has registered nothing under it.
     void Beat(const std::string& identity, const std::string& id);
 
+    /// Whether the stream has a publisher, subscribers or a file.
+    bool Knows(const std::string& stream) const { return streams_.count(stream) != 0; }
+    bool IsPublisher(const std::string& identity, const std::string& stream) {
+        return StreamOf(identity, stream) != nullptr;
+    }
+
     /// Of the stream's publisher; from others they are ignored.
     void NewData(const std::string& identity, const std::string& stream);
     void Written(const std::string& identity, const std::string& stream, std::int64_t written_ms);

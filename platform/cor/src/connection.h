@@ -52,6 +52,7 @@ public:
     /// Fails all that the client has under way.
     void Detach(const std::shared_ptr<ClientEnd>& end);
     bool has_clients() const { return !ends_.empty(); }
+    bool connected() const { return connected_; }
 
     void Connect(ClientEnd& end, boost::promise<void> promise);
     void Request(const std::shared_ptr<ClientEnd>& end, const std::shared_ptr<PendingCall>& call);

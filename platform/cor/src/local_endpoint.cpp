@@ -68,6 +68,7 @@ void RemoveLeftovers(const std::string& directory) {
         try {
             const LockFile lock(entry.path().string(), "", kLockMode);
             ::unlink((directory + "/" + stem + ".sock").c_str());
+            ::unlink((directory + "/" + stem + ".topics").c_str());
         } catch (const std::exception&) {  // in use, or not ours
         }
     }
@@ -76,7 +77,8 @@ void RemoveLeftovers(const std::string& directory) {
 }  // namespace
 
 LocalEndpoint::LocalEndpoint(const std::string& directory, std::uint16_t port,
-                             const std::string& note) {
+                             const std::string& note)
+    : port_(port) {
     for (int attempt = 0; !lock_; ++attempt) {
         directory_ = Choose(directory);
         path_ = SocketPath(directory_.path, port);
@@ -103,6 +105,9 @@ LocalEndpoint::LocalEndpoint(const std::string& directory, std::uint16_t port,
 
 LocalEndpoint::~LocalEndpoint() {
     ::unlink(path_.c_str());
+    if (!topics_path_.empty()) {
+        ::unlink(topics_path_.c_str());
+    }
     lock_.reset();
     if (directory_.own) {
         ::rmdir(directory_.path.c_str());  // refused while others use it
@@ -113,6 +118,15 @@ void LocalEndpoint::Open() const {
     if (::chmod(path_.c_str(), kSocketMode) != 0) {
         throw std::system_error(errno, std::generic_category(), "cannot open " + path_);
     }
+}
+
+void LocalEndpoint::PointTo(const std::string& topic_directory) {
+    const std::string path = TopicsPath(directory_.path, port_);
+    ::unlink(path.c_str());  // of a killed holder of the port
+    if (::symlink(topic_directory.c_str(), path.c_str()) != 0) {
+        throw std::system_error(errno, std::generic_category(), "cannot make " + path);
+    }
+    topics_path_ = path;
 }
 
 std::unique_ptr<LocalEndpoint> ServeLocal(const Serving& serving, const Address& address,

@@ -32,10 +32,14 @@ public:
     /// Lets every user of this host connect: who may do what is decided by what they ask for.
     /// Throws std::system_error.
     void Open() const;
+    /// Tells clients where the port's local topics lie. Throws std::system_error.
+    void PointTo(const std::string& topic_directory);
 
 private:
+    const std::uint16_t port_;
     RuntimeDirectory directory_;
     std::string path_;
+    std::string topics_path_;  // empty: there is none
     std::optional<LockFile> lock_;
 };
 

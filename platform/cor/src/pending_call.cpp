@@ -4,10 +4,15 @@
 
 namespace gorm::cor::rr {
 
-PendingCall::PendingCall(std::uint32_t call_id, std::string bytes)
-    : id(call_id), message(std::move(bytes)) {}
+PendingCall::PendingCall(std::uint32_t call_id, std::string bytes,
+                         std::function<void(const Outcome&)> completed)
+    : id(call_id), message(std::move(bytes)), call_(std::move(completed)) {}
 
 void PendingCall::Complete(Outcome outcome) {
+    if (call_) {
+        call_(outcome);
+        return;
+    }
     const std::lock_guard lock(mutex_);
     if (!outcome_) {
         outcome_ = std::move(outcome);

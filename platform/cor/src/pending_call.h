@@ -3,6 +3,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -16,10 +17,12 @@ struct Outcome {
     std::string text;  // packed result, the peer's error, or why there is no connection
 };
 
-/// A request between its caller, who waits, and the I/O thread, which completes it.
+/// A request between its caller, who waits or has left a function to be called, and the I/O
+/// thread, which completes it.
 class PendingCall {
 public:
-    PendingCall(std::uint32_t id, std::string message);
+    PendingCall(std::uint32_t id, std::string message,
+                std::function<void(const Outcome&)> completed = nullptr);
 
     /// The first outcome counts. I/O thread.
     void Complete(Outcome outcome);
@@ -30,6 +33,7 @@ public:
     const std::string message;
 
 private:
+    const std::function<void(const Outcome&)> call_;  // I/O thread; may be empty
     std::mutex mutex_;
     std::condition_variable completed_;
     std::optional<Outcome> outcome_;  // under the mutex

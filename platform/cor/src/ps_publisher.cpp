@@ -3,15 +3,22 @@
 #include "gorm/cor/process.h"
 #include "gorm/cor/ps/publisher.h"
 #include "local_endpoint.h"
+#include "log.h"
 #include "runtime.h"
 #include "service_loop_impl.h"
 #include "sockets.h"
+#include "topic_ring.h"
 #include "wkp_cor.h"
 
 #include <zmq.hpp>
 
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <memory>
 #include <string>
 #include <string_view>
+#include <unistd.h>
 #include <utility>
 #include <vector>
 
@@ -38,6 +45,10 @@ public:
     ~Impl();
 
     void Publish(std::string_view path, std::string_view sample);
+    void Relay(std::string_view path, std::string_view sample);
+    void OpenLocal(std::string_view path, std::string_view counted);
+    void CloseLocal(std::string_view path);
+    bool serves_local() const { return serves_local_; }
 
     PollLoop& loop;
     std::uint16_t port = 0;
@@ -47,16 +58,29 @@ private:
     void TakeSubscriptions();
 
     void BindLocal(const Serving& serving, const Address& address, std::uint16_t at);
+    void ServeTopics();
+    void CountListener(std::string_view path, bool begins);
+    bool IsRelayed(const std::string& path) const {
+        return watchers_ != 0 || listeners_.count(path) != 0;
+    }
 
+    const std::string topic_directory_;
+    const FileAccess topic_access_;
     zmq::socket_t socket_;
     Monitor monitor_;
     std::string tcp_;    // endpoints as they were bound
     std::string local_;  // empty: none
     std::unique_ptr<LocalEndpoint> local_endpoint_;
+    bool serves_local_ = false;
+    std::map<std::string, std::unique_ptr<TopicRingServer>, std::less<>> rings_;  // by path
+    std::map<std::string, int, std::less<>> listeners_;  // at sockets, by path
+    int watchers_ = 0;                                   // at sockets, of more than one path
 };
 
 Publisher::Impl::Impl(PollLoop& service_loop, const Address& address, const Serving& serving)
     : loop(service_loop),
+      topic_directory_(serving.topic_directory),
+      topic_access_(serving.topic_access),
       socket_(MakeXpub(Runtime::Get().context(), address)),
       monitor_(Runtime::Get().context(), socket_, ZMQ_EVENT_CLOSED | ZMQ_EVENT_CLOSE_FAILED) {
     if (address.port != 0) {
@@ -67,12 +91,17 @@ Publisher::Impl::Impl(PollLoop& service_loop, const Address& address, const Serv
     if (address.port == 0) {
         BindLocal(serving, address, port);
     }
+    ServeTopics();
     loop.Watch(socket_, [this] { TakeSubscriptions(); });
 }
 
 Publisher::Impl::~Impl() {
     loop.Unwatch(socket_);
     // In this order, so that the port is free for others only after its lock is.
+    rings_.clear();
+    if (serves_local_) {
+        ::rmdir(topic_directory_.c_str());
+    }
     Unbind(socket_, monitor_, local_);
     local_endpoint_.reset();
     Unbind(socket_, monitor_, tcp_);
@@ -92,17 +121,86 @@ void Publisher::Impl::TakeSubscriptions() {
         const std::string_view text = View(frames[0]);
         const bool is_topic = text.size() > 2 && (text[0] == '\0' || text[0] == '\1') &&
                               text.find('\0', 1) == text.size() - 1;
-        if (is_topic && on_subscription) {
-            on_subscription(text.substr(1, text.size() - 2), text[0] == '\1');
+        if (is_topic) {
+            const std::string_view path = text.substr(1, text.size() - 2);
+            // Before the callback, which may tell the new listener of what is there.
+            CountListener(path, text[0] == '\1');
+            if (on_subscription) {
+                on_subscription(path, text[0] == '\1');
+            }
+        } else if (!text.empty()) {
+            watchers_ += text[0] == '\1' ? 1 : -1;
+            for (auto& [path, ring] : rings_) {
+                ring->SetRelayed(IsRelayed(path));
+            }
         }
     }
 }
 
+void Publisher::Impl::CountListener(std::string_view path, bool begins) {
+    const auto [listener, added] = listeners_.try_emplace(std::string(path), 0);
+    listener->second += begins ? 1 : -1;
+    if (listener->second <= 0) {
+        listeners_.erase(listener);
+    }
+    if (const auto ring = rings_.find(path); ring != rings_.end()) {
+        ring->second->SetRelayed(IsRelayed(ring->first));
+    }
+}
+
+// What an earlier publisher of the directory has left is told to be over.
+void Publisher::Impl::ServeTopics() {
+    if (local_endpoint_ == nullptr || topic_directory_.empty()) {
+        return;
+    }
+    try {
+        std::filesystem::create_directory(topic_directory_);
+        std::filesystem::permissions(
+            topic_directory_, std::filesystem::perms(topic_access_.mode == 0600 ? 0700 : 0755));
+        TopicRingServer::RemoveAll(topic_directory_);
+        local_endpoint_->PointTo(topic_directory_);
+        serves_local_ = true;
+    } catch (const std::exception& error) {
+        LogWarning("no local topics in " + topic_directory_ + ": " + error.what());
+    }
+}
+
+void Publisher::Impl::OpenLocal(std::string_view path, std::string_view counted) {
+    if (!serves_local_ || rings_.count(path) != 0) {
+        return;
+    }
+    try {
+        auto ring = TopicRingServer::Make(topic_directory_, path, counted, topic_access_);
+        ring->SetRelayed(IsRelayed(std::string(path)));
+        rings_.emplace(path, std::move(ring));
+    } catch (const std::exception& error) {
+        LogWarning("a topic goes over sockets only: " + std::string(error.what()));
+    }
+}
+
+void Publisher::Impl::CloseLocal(std::string_view path) {
+    if (const auto ring = rings_.find(path); ring != rings_.end()) {
+        rings_.erase(ring);
+    }
+}
+
 void Publisher::Impl::Publish(std::string_view path, std::string_view sample) {
+    if (const auto ring = rings_.find(path);
+        ring != rings_.end() && !ring->second->Publish(sample)) {
+        LogWarning("a topic goes over sockets only: it has too many different samples");
+        rings_.erase(ring);
+    }
+    Relay(path, sample);
+}
+
+void Publisher::Impl::Relay(std::string_view path, std::string_view sample) {
+    constexpr auto kMore = zmq::send_flags::dontwait | zmq::send_flags::sndmore;
     std::string topic(path);
     topic.push_back('\0');
-    if (socket_.send(zmq::buffer(topic), zmq::send_flags::dontwait | zmq::send_flags::sndmore)) {
-        socket_.send(zmq::buffer(sample), zmq::send_flags::dontwait);
+    const auto ring = rings_.find(path);
+    const std::string position = ring == rings_.end() ? "" : ring->second->Position();
+    if (socket_.send(zmq::buffer(topic), kMore) && socket_.send(zmq::buffer(sample), kMore)) {
+        socket_.send(zmq::buffer(position), zmq::send_flags::dontwait);
     }
 }
 
@@ -126,6 +224,22 @@ std::uint16_t Publisher::port() const {
 
 void Publisher::Publish(std::string_view path, std::string_view sample) {
     impl_->Publish(path, sample);
+}
+
+void Publisher::Relay(std::string_view path, std::string_view sample) {
+    impl_->Relay(path, sample);
+}
+
+void Publisher::OpenLocal(std::string_view path, std::string_view counted) {
+    impl_->OpenLocal(path, counted);
+}
+
+void Publisher::CloseLocal(std::string_view path) {
+    impl_->CloseLocal(path);
+}
+
+bool Publisher::serves_local() const {
+    return impl_->serves_local();
 }
 
 void Publisher::OnSubscription(std::function<void(std::string_view, bool)> callback) {

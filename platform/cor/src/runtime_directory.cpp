@@ -6,9 +6,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
 #include <optional>
 #include <pwd.h>
 #include <sys/stat.h>
+#include <system_error>
 #include <unistd.h>
 
 namespace gorm::cor {
@@ -28,15 +30,6 @@ std::optional<uid_t> FindServiceUser() {
     return entry.pw_uid;
 }
 
-bool IsTrusted(uid_t owner) {
-    if (owner == 0 || owner == ::geteuid()) {
-        return true;
-    }
-    // Asked for once, and only where it matters: the answer may come from another host.
-    static const std::optional<uid_t> service = FindServiceUser();
-    return owner == service;
-}
-
 std::string OwnDirectory() {
     const char* const session = std::getenv("XDG_RUNTIME_DIR");
     return session != nullptr && session[0] == '/' ? std::string(session) + "/kvo"
@@ -44,6 +37,15 @@ std::string OwnDirectory() {
 }
 
 }  // namespace
+
+bool IsTrustedUser(uid_t owner) {
+    if (owner == 0 || owner == ::geteuid()) {
+        return true;
+    }
+    // Asked for once, and only where it matters: the answer may come from another host.
+    static const std::optional<uid_t> service = FindServiceUser();
+    return owner == service;
+}
 
 std::vector<RuntimeDirectory> RuntimeDirectories() {
     if (const char* const named = std::getenv(kRuntimeDirectoryVariable);
@@ -61,7 +63,7 @@ std::string DistrustOf(const std::string& directory) {
     if (!S_ISDIR(status.st_mode)) {
         return directory + " is no directory";
     }
-    if (!IsTrusted(status.st_uid)) {
+    if (!IsTrustedUser(status.st_uid)) {
         return directory + " belongs to user " + std::to_string(status.st_uid);
     }
     if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
@@ -78,15 +80,34 @@ std::string SocketPath(const std::string& directory, std::uint16_t port) {
     return directory + "/" + std::to_string(port) + ".sock";
 }
 
+std::string TopicsPath(const std::string& directory, std::uint16_t port) {
+    return directory + "/" + std::to_string(port) + ".topics";
+}
+
 std::string FindLocalEndpoint(std::uint16_t port) {
     for (const RuntimeDirectory& directory : RuntimeDirectories()) {
         const std::string path = SocketPath(directory.path, port);
         struct stat status {};
         if (::lstat(path.c_str(), &status) == 0 && S_ISSOCK(status.st_mode) &&
-            IsTrusted(status.st_uid) && DistrustOf(directory.path).empty() &&
+            IsTrustedUser(status.st_uid) && DistrustOf(directory.path).empty() &&
             ::faccessat(AT_FDCWD, path.c_str(), W_OK, AT_EACCESS) == 0 &&
             LockFile::IsHeld(LockPath(directory.path, port))) {
             return "ipc://" + path;
+        }
+    }
+    return {};
+}
+
+std::string FindLocalTopics(std::uint16_t port) {
+    for (const RuntimeDirectory& directory : RuntimeDirectories()) {
+        const std::string path = TopicsPath(directory.path, port);
+        struct stat status {};
+        if (::lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode) &&
+            IsTrustedUser(status.st_uid) && DistrustOf(directory.path).empty() &&
+            LockFile::IsHeld(LockPath(directory.path, port))) {
+            std::error_code error;
+            const auto topics = std::filesystem::read_symlink(path, error);
+            return error || !DistrustOf(topics.string()).empty() ? "" : topics.string();
         }
     }
     return {};

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <string>
+#include <sys/types.h>
 #include <vector>
 
 // Where the Unix sockets of servers lie: "<port>.sock", and beside it "<port>.lock", which the
@@ -20,15 +21,23 @@ struct RuntimeDirectory {
 /// directory and one of the user's own.
 std::vector<RuntimeDirectory> RuntimeDirectories();
 
+/// Whether what belongs to this user can be trusted: root, the own one, the service's.
+bool IsTrustedUser(uid_t owner);
+
 /// Why nobody should trust what lies in the directory; empty: it belongs to root, to this user or
 /// to the service's, and no other may write it.
 std::string DistrustOf(const std::string& directory);
 
 std::string LockPath(const std::string& directory, std::uint16_t port);
+/// A link to where the local topics of the port lie.
+std::string TopicsPath(const std::string& directory, std::uint16_t port);
 std::string SocketPath(const std::string& directory, std::uint16_t port);
 
 /// The socket of the server that holds the port, as an endpoint of the transport; empty: there is
 /// none that can be trusted and used now.
 std::string FindLocalEndpoint(std::uint16_t port);
+
+/// Where the local topics of the publisher lie that holds the port; empty: as above.
+std::string FindLocalTopics(std::uint16_t port);
 
 }  // namespace gorm::cor

@@ -96,6 +96,22 @@ std::string WkpChannel::Request(const char* method, std::string_view params) {
     return Exchange(at, call);
 }
 
+void WkpChannel::Ask(const char* method, std::string_view params,
+                     std::function<void(const std::string&)> answered) {
+    const std::uint32_t id = NextCallId();
+    auto call = std::make_shared<PendingCall>(id, EncodeRequest(id, method, params),
+                                              [answered = std::move(answered)](const Outcome& end) {
+                                                  if (end.kind == Outcome::Kind::kResult) {
+                                                      answered(end.text);
+                                                  }
+                                              });
+    hub_.loop().Post([end = end_, call = std::move(call)] {
+        if (end->connection != nullptr && end->connection->connected()) {
+            end->connection->Request(end, call);
+        }
+    });
+}
+
 std::string WkpChannel::Exchange(const std::string& at, const std::shared_ptr<PendingCall>& call) {
     const auto deadline = std::chrono::steady_clock::now() + reply_time_;
     hub_.loop().Post([end = end_, call] {

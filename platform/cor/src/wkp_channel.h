@@ -8,8 +8,11 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
+#include <string>
+#include <string_view>
 
 namespace gorm::cor::rr {
 
@@ -22,6 +25,9 @@ public:
 
     std::string Request(const char* method, std::string_view params) override;
     void Notify(const char* method, std::string_view params) override;
+    void Ask(const char* method, std::string_view params,
+             std::function<void(const std::string&)> answered) override;
+    std::string host() const override { return end_->address.host; }
     boost::future<void> Connect() override;
     ListenerRegistration RegisterConnectionListener(std::function<void(bool)> listener) override;
     void Close() noexcept override;

@@ -7,15 +7,24 @@
 #include "log.h"
 #include "runtime_directory.h"
 #include "sockets.h"
+#include "topic_ring.h"
 
+#include <atomic>
+#include <chrono>
 #include <deque>
+#include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
 namespace gorm::cor::ps {
 namespace {
+
+// How often a reader looks whether its ring still has a server, or whether there is one.
+constexpr std::chrono::seconds kRingCheck{1};
 
 zmq::socket_t MakeSubscription(zmq::context_t& context, const Address& address,
                                const std::string& topic) {
@@ -37,15 +46,19 @@ zmq::socket_t MakeSubscription(zmq::context_t& context, const Address& address,
 
 }  // namespace
 
-/// What arrives, and who listens.
-class WkpTopicReader::Feed {
+/// What arrives, and who listens. Goes by the topic's ring in shared memory where it has one, and
+/// over a socket else; chooses anew when the ring is over, and looks for one while there is none.
+class WkpTopicReader::Feed : public std::enable_shared_from_this<Feed> {
 public:
     using Slot = ListenerSlot<SampleCodec::Decoded>;
 
-    Feed(zmq::context_t& context, const Address& address, std::shared_ptr<const SampleCodec> codec)
-        : topic_(address.path + '\0'),
+    Feed(zmq::context_t& context, const Address& address, std::shared_ptr<const SampleCodec> codec,
+         PollLoop& loop)
+        : context_(context),
+          address_(address),
+          topic_(address.path + '\0'),
           codec_(std::move(codec)),
-          socket_(MakeSubscription(context, address, topic_)),
+          loop_(loop),
           faults_("event of " + address.text) {}
 
     /// Any thread. @return the listener before.
@@ -60,10 +73,13 @@ public:
             slot_ = nullptr;
         }
     }
+    /// Any thread: has the delivery thread look at what was posted to the loop.
+    void Interrupt();
+    /// Any thread, before the loop ends.
+    void Stop();
 
     // Delivery thread only.
-    zmq::socket_ref socket() { return socket_; }
-    void Take();
+    void Begin();  // throws Error
     void Deliver();
 
 private:
@@ -71,44 +87,188 @@ private:
         const std::lock_guard lock(mutex_);
         return slot_;
     }
-    void Keep(SampleCodec::Decoded event);
+    bool stopped() const { return stopped_.load(std::memory_order_acquire); }
+    bool JoinRing();
+    void LeaveRing();
+    void FollowRing();
+    bool TakeFromRing();
+    bool RingIsOver();
+    void OpenSocket();
+    void CloseSocket();
+    void LookForRing();
+    void TakeFromSocket();
+    void Keep(std::string_view sample);
 
+    zmq::context_t& context_;
+    const Address address_;
     const std::string topic_;  // as on the wire
     const std::shared_ptr<const SampleCodec> codec_;
+    PollLoop& loop_;  // used while not stopped
 
     std::mutex mutex_;
-    std::shared_ptr<Slot> slot_;  // under the mutex
+    std::shared_ptr<Slot> slot_;             // under the mutex
+    std::shared_ptr<TopicRingReader> ring_;  // under the mutex; null: the socket is used
+
+    // Delivery thread stores false, others true before they nudge the ring.
+    std::atomic<bool> interrupted_{false};
+    std::atomic<bool> stopped_{false};
 
     // Delivery thread only
-    zmq::socket_t socket_;
+    std::string ring_directory_;
+    std::chrono::steady_clock::time_point ring_checked_;
+    std::optional<zmq::socket_t> socket_;
+    std::string position_;                      // of the publisher, as the socket has told
     std::deque<SampleCodec::Decoded> waiting_;  // not heard yet, oldest first
     FaultLog faults_;
 };
 
-void WkpTopicReader::Feed::Take() {
+void WkpTopicReader::Feed::Begin() {
+    if (!JoinRing()) {
+        OpenSocket();
+    }
+}
+
+bool WkpTopicReader::Feed::JoinRing() {
+    if (!address_.PrefersLocal()) {
+        return false;
+    }
+    ring_directory_ = FindLocalTopics(address_.port);
+    auto ring = ring_directory_.empty() ? std::nullopt
+                                        : TopicRingReader::Open(ring_directory_, address_.path);
+    if (!ring || ring->closed()) {
+        return false;
+    }
+    if (socket_) {
+        ring->BeginAt(position_);
+    } else {
+        ring->BeginNow();
+    }
+    {
+        const std::lock_guard lock(mutex_);
+        ring_ = std::make_shared<TopicRingReader>(std::move(*ring));
+    }
+    ring_checked_ = std::chrono::steady_clock::now();
+    loop_.Post([feed = shared_from_this()] { feed->FollowRing(); });
+    return true;
+}
+
+void WkpTopicReader::Feed::LeaveRing() {
+    {
+        const std::lock_guard lock(mutex_);
+        ring_ = nullptr;
+    }
+    if (JoinRing()) {
+        return;
+    }
+    try {
+        OpenSocket();
+    } catch (const std::exception& error) {
+        LogError("no events of " + address_.text + " any more: " + error.what());
+    }
+}
+
+// Holds the loop for as long as nobody else wants it.
+void WkpTopicReader::Feed::FollowRing() {
+    while (!stopped()) {
+        if (interrupted_.exchange(false, std::memory_order_acq_rel)) {
+            loop_.Post([feed = shared_from_this()] { feed->FollowRing(); });
+            return;
+        }
+        if (listener() == nullptr || !waiting_.empty()) {
+            Deliver();
+            if (listener() == nullptr) {
+                ring_->SleepThrough(kRingCheck);
+            }
+        } else if (!TakeFromRing()) {
+            if (RingIsOver()) {
+                LeaveRing();
+                return;
+            }
+            ring_->Sleep(kRingCheck);
+        }
+    }
+}
+
+bool WkpTopicReader::Feed::TakeFromRing() {
+    const auto sample = ring_->Take();
+    if (!sample) {
+        return false;
+    }
+    Keep(*sample);
+    Deliver();
+    return true;
+}
+
+// Closed by its server, or by nobody because that was killed.
+bool WkpTopicReader::Feed::RingIsOver() {
+    if (ring_->closed()) {
+        return true;
+    }
+    const auto now = std::chrono::steady_clock::now();
+    if (now - ring_checked_ < kRingCheck) {
+        return false;
+    }
+    ring_checked_ = now;
+    return FindLocalTopics(address_.port) != ring_directory_;
+}
+
+void WkpTopicReader::Feed::OpenSocket() {
+    socket_ = MakeSubscription(context_, address_, topic_);
+    loop_.Watch(*socket_, [feed = shared_from_this()] { feed->TakeFromSocket(); });
+    if (address_.PrefersLocal()) {
+        LookForRing();
+    }
+}
+
+void WkpTopicReader::Feed::CloseSocket() {
+    loop_.Unwatch(*socket_);
+    socket_.reset();
+    position_.clear();
+}
+
+void WkpTopicReader::Feed::LookForRing() {
+    loop_.After(kRingCheck, [weak = weak_from_this()] {
+        const auto feed = weak.lock();
+        if (feed == nullptr || feed->stopped()) {
+            return;
+        }
+        if (feed->JoinRing()) {
+            feed->CloseSocket();
+        } else {
+            feed->LookForRing();
+        }
+    });
+}
+
+void WkpTopicReader::Feed::TakeFromSocket() {
     std::vector<zmq::message_t> frames;
-    for (int i = 0; i < kBatch && Receive(socket_, frames); ++i) {
+    for (int i = 0; i < kBatch && Receive(*socket_, frames); ++i) {
         if (View(frames[0]) != topic_) {
             continue;  // a longer frame that begins like ours
         }
-        SampleCodec::Decoded event;
-        try {
-            if (frames.size() > 1) {
-                event = codec_->Decode(View(frames[1]));
-            }
-        } catch (const std::exception&) {
-            event.sample = nullptr;
+        if (frames.size() > 2) {
+            position_ = View(frames[2]);
         }
-        if (event.sample == nullptr) {
-            faults_.Count("", "it is no sample");
+        if (frames.size() > 1) {
+            Keep(View(frames[1]));
         } else {
-            Keep(std::move(event));
+            faults_.Count("", "it has no sample");
         }
     }
     Deliver();
 }
 
-void WkpTopicReader::Feed::Keep(SampleCodec::Decoded event) {
+void WkpTopicReader::Feed::Keep(std::string_view sample) {
+    SampleCodec::Decoded event;
+    try {
+        event = codec_->Decode(sample);
+    } catch (const std::exception&) {
+        event.sample = nullptr;
+    }
+    if (event.sample == nullptr) {
+        faults_.Count("", "it is no sample");
+        return;
+    }
     if (waiting_.size() >= static_cast<std::size_t>(kSampleQueue)) {
         waiting_.pop_front();
         faults_.Count("", "nobody listens, and newer ones came");
@@ -128,10 +288,27 @@ void WkpTopicReader::Feed::Deliver() {
     }
 }
 
+void WkpTopicReader::Feed::Interrupt() {
+    interrupted_.store(true, std::memory_order_release);
+    std::shared_ptr<TopicRingReader> ring;
+    {
+        const std::lock_guard lock(mutex_);
+        ring = ring_;
+    }
+    if (ring != nullptr) {
+        ring->Nudge();
+    }
+}
+
+void WkpTopicReader::Feed::Stop() {
+    stopped_.store(true, std::memory_order_release);
+    Interrupt();
+}
+
 WkpTopicReader::WkpTopicReader(zmq::context_t& context, const Address& address,
                                std::shared_ptr<const SampleCodec> codec)
-    : feed_(std::make_shared<Feed>(context, address, std::move(codec))) {
-    loop_.Run([this] { loop_.Watch(feed_->socket(), [feed = feed_] { feed->Take(); }); });
+    : feed_(std::make_shared<Feed>(context, address, std::move(codec), loop_)) {
+    loop_.Run([this] { feed_->Begin(); });
 }
 
 WkpTopicReader::~WkpTopicReader() {
@@ -142,6 +319,7 @@ WkpTopicReader::~WkpTopicReader() {
     if (const auto slot = feed_->SetListener(nullptr)) {
         slot->Remove();
     }
+    feed_->Stop();
 }
 
 rr::ListenerRegistration WkpTopicReader::Listen(Listener listener) {
@@ -153,6 +331,7 @@ rr::ListenerRegistration WkpTopicReader::Listen(Listener listener) {
         before->Remove();
     }
     loop_.Post([feed = feed_] { feed->Deliver(); });
+    feed_->Interrupt();
     return rr::ListenerRegistration([weak = std::weak_ptr<Feed>(feed_), slot] {
         if (in_forked_child()) {
             return;

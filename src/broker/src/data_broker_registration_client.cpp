@@ -2,7 +2,9 @@
 
 #include "gorm/cor/rr/packing.h"
 #include "kvo/broker/data_broker_registration_sync.h"
+#include "local_notifier.h"
 
+#include <exception>
 #include <utility>
 
 namespace kvo {
@@ -16,7 +18,19 @@ using gorm::cor::rr::UnpackResult;
 class DataBrokerRegistrationClient final : public DataBrokerRegistrationSync {
 public:
     explicit DataBrokerRegistrationClient(std::unique_ptr<Channel> channel)
-        : channel_(std::move(channel)) {}
+        : channel_(std::move(channel)),
+          notifier_(std::make_shared<LocalNotifier>(channel_->host())) {
+        // Until the broker has answered, and for one that does not, all goes over the wire. First
+        // the listener, so that no connection is missed; then for one that stands already.
+        connection_ = channel_->RegisterConnectionListener([this](bool connected) {
+            if (connected) {
+                AskForCapabilities();
+            } else {
+                notifier_->Reset();
+            }
+        });
+        AskForCapabilities();
+    }
     ~DataBrokerRegistrationClient() override {
         channel_->Close();
         AwaitUsers();
@@ -42,7 +56,16 @@ public:
         return Request<std::int32_t>("RemovePublisher", stream);
     }
     void NotifyNewData(const std::string& stream) override {
-        channel_->Notify("NotifyNewData", PackParams(stream));
+        switch (notifier_->Notify(stream)) {
+            case LocalNotifier::Way::kMemory:
+                return;
+            case LocalNotifier::Way::kBoth:
+                channel_->Notify("RelayNewData", PackParams(stream));
+                return;
+            case LocalNotifier::Way::kWire:
+                channel_->Notify("NotifyNewData", PackParams(stream));
+                return;
+        }
     }
     std::int32_t AddSubscriber(const std::string& subscriber_uuid, const std::string& stream,
                                const std::string& remote_broker_uri, std::int32_t latency_ms,
@@ -87,7 +110,9 @@ public:
     }
     void ReportDataWritten(const std::string& stream, std::int32_t payload_size,
                            std::int64_t written_ms) override {
-        channel_->Notify("ReportDataWritten", PackParams(stream, payload_size, written_ms));
+        if (!notifier_->counts_by_itself()) {
+            channel_->Notify("ReportDataWritten", PackParams(stream, payload_size, written_ms));
+        }
     }
     std::int32_t GetMaxBufferSize(std::int32_t max_data_sample_size) override {
         return Request<std::int32_t>("GetMaxBufferSize", max_data_sample_size);
@@ -111,7 +136,20 @@ private:
         return UnpackResult<Result>(method, channel_->Request(method, PackParams(arguments...)));
     }
 
+    void AskForCapabilities() {
+        channel_->Ask(
+            "GetCapabilities", PackParams(), [notifier = notifier_](const std::string& result) {
+                try {
+                    notifier->SetCapabilities(
+                        UnpackResult<std::vector<std::string>>("GetCapabilities", result));
+                } catch (const std::exception&) {  // no capability that we know
+                }
+            });
+    }
+
     const std::unique_ptr<Channel> channel_;
+    const std::shared_ptr<LocalNotifier> notifier_;
+    ListenerRegistration connection_;
 };
 
 }  // namespace

@@ -44,6 +44,7 @@ const std::unordered_map<std::string_view, Run>& Operations() {
         {"AddPublisher", Decoded<&Handler::AddPublisher>::Run},
         {"RemovePublisher", Decoded<&Handler::RemovePublisher>::Run},
         {"NotifyNewData", Decoded<&Handler::NotifyNewData>::Run},
+        {"RelayNewData", Decoded<&Handler::RelayNewData>::Run},
         {"AddSubscriber", Decoded<&Handler::AddSubscriber>::Run},
         {"RemoveSubscriber", Decoded<&Handler::RemoveSubscriber>::Run},
         {"GetPublisherKey", Decoded<&Handler::GetPublisherKey>::Run},

@@ -30,6 +30,9 @@ struct BrokerOptions {
     std::uint32_t max_connections = 10'000;
     std::uint32_t request_rate = 1000;   // of one connection, a second; 0: no limit
     std::uint32_t request_burst = 4000;  // of one connection at once
+    // Whether publishers of this host tell subscribers of new data themselves, through memory, and
+    // samples are counted in the stream files. Else the broker is told of each sample.
+    bool local_topics = true;
     // Of the Unix sockets. Empty: where clients look for them by themselves.
     std::string runtime_directory;
     // Who may do what, first match decides: "allow publish /camera/* to user:alice". Empty: every

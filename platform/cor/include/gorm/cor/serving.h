@@ -4,8 +4,15 @@
 
 #include <optional>
 #include <string>
+#include <sys/types.h>
 
 namespace gorm::cor {
+
+/// Who else may use the files of a local topic.
+struct FileAccess {
+    mode_t mode = 0600;
+    gid_t group = static_cast<gid_t>(-1);  // -1: the process's own
+};
 
 /// How a server or publisher can be reached beside TCP.
 struct Serving {
@@ -14,6 +21,10 @@ struct Serving {
     /// empty: where the clients look for it (docs/protocol.md). None: TCP only. Where no socket
     /// can be made there a warning is logged.
     std::optional<std::string> runtime_directory;
+    /// Where a publisher keeps its local topics; made when it is missing, with what lies in it
+    /// owned by the publisher. Empty: there are none.
+    std::string topic_directory;
+    FileAccess topic_access;
     /// Not empty: told to whoever wants to serve the same port of this host.
     std::string note = "server";
 };

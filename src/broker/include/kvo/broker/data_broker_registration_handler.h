@@ -26,6 +26,7 @@ public:
                                       const std::string& publisher_key) = 0;
     virtual std::int32_t RemovePublisher(const Caller&, const std::string& stream) = 0;
     virtual void NotifyNewData(const Caller&, const std::string& stream) = 0;
+    virtual void RelayNewData(const Caller&, const std::string& stream) = 0;
     virtual std::int32_t AddSubscriber(const Caller&, const std::string& subscriber_uuid,
                                        const std::string& stream,
                                        const std::string& remote_broker_uri,

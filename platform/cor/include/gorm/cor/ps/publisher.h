@@ -31,6 +31,18 @@ public:
     /// not take its messages loses them.
     void Publish(std::string_view path, std::string_view sample);
 
+    /// Gives the path a local way as well, if the publisher has been given a directory for that:
+    /// readers and writers of this host then use memory instead of sockets. What goes wrong is
+    /// logged, and the topic goes over sockets alone.
+    /// @param counted the encoded sample that only says that there is something new: who reads
+    /// late gets it once for many. Clients may tell of it themselves.
+    void OpenLocal(std::string_view path, std::string_view counted);
+    void CloseLocal(std::string_view path);
+    bool serves_local() const;
+
+    /// As Publish, for those at sockets only.
+    void Relay(std::string_view path, std::string_view sample);
+
     /// Called on the loop for every subscription of a path (true) and its end (false).
     void OnSubscription(std::function<void(std::string_view path, bool begins)> callback);
 

@@ -29,6 +29,14 @@ public:
     /// sent is dropped and counted.
     virtual void Notify(const char* method, std::string_view params) = 0;
 
+    /// As Request without waiting: `answered` gets the packed result on the I/O thread, where it
+    /// must not block; it is not called when there is none, as without a connection.
+    virtual void Ask(const char* method, std::string_view params,
+                     std::function<void(const std::string& result)> answered) = 0;
+
+    /// The host that the channel leads to, as the URI has it.
+    virtual std::string host() const = 0;
+
     virtual boost::future<void> Connect() = 0;
     virtual ListenerRegistration RegisterConnectionListener(std::function<void(bool)> listener) = 0;
 

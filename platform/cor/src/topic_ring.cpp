@@ -1,0 +1,315 @@
+#include "topic_ring.h"
+
+#include "gorm/cor/errors.h"
+#include "kvo/crash_point.h"
+#include "runtime_directory.h"
+
+#include <xxhash.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <filesystem>
+#include <random>
+#include <system_error>
+#include <unistd.h>
+
+namespace gorm::cor::ps {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* kEventsSuffix = ".events";
+constexpr const char* kSignalSuffix = ".signal";
+constexpr int kAttempts = 5;
+constexpr std::uint32_t kCountMask = (1U << 24) - 1;  // of the word's counted events
+
+std::string Hex(std::uint64_t value) {
+    constexpr char kDigits[] = "0123456789abcdef";
+    std::string text(16, '0');
+    for (auto digit = text.rbegin(); digit != text.rend(); ++digit, value >>= 4) {
+        *digit = kDigits[value & 15];
+    }
+    return text;
+}
+
+std::uint64_t DrawNonce() {
+    std::random_device source;
+    return std::uint64_t{source()} << 32 | source();
+}
+
+std::string SignalPath(const std::string& events_path, std::uint64_t nonce) {
+    return events_path.substr(0, events_path.size() - std::strlen(kEventsSuffix)) + "-" +
+           Hex(nonce) + kSignalSuffix;
+}
+
+struct Files {
+    SharedFile events;
+    SharedFile signal;
+};
+
+// A server that puts a new ring in place meanwhile makes us look again.
+std::optional<Files> OpenFiles(const std::string& directory, std::string_view topic) {
+    const std::string path = EventsPath(directory, topic);
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        try {
+            SharedFile events =
+                SharedFile::Open(path, sizeof(ring::EventsFile), SharedFile::Mode::kRead);
+            const auto& file = events.as<const ring::EventsFile>();
+            if (file.magic != ring::kMagic || file.version != ring::kVersion ||
+                file.path_bytes != topic.size() ||
+                std::string_view(file.path, topic.size()) != topic) {
+                return std::nullopt;
+            }
+            SharedFile signal = SharedFile::Open(
+                SignalPath(path, file.nonce), sizeof(ring::SignalFile), SharedFile::Mode::kWrite);
+            return Files{std::move(events), std::move(signal)};
+        } catch (const std::system_error& error) {
+            if (error.code() != std::errc::no_such_file_or_directory) {
+                return std::nullopt;
+            }
+        } catch (const Error&) {
+            return std::nullopt;
+        }
+    }
+    return std::nullopt;
+}
+
+}  // namespace
+
+std::string EventsPath(const std::string& directory, std::string_view topic) {
+    // Only a name: the topic stands in the file and is compared.
+    return directory + "/" + Hex(XXH3_64bits(topic.data(), topic.size())) + kEventsSuffix;
+}
+
+TopicRingServer::TopicRingServer(std::string events_path, std::string signal_path,
+                                 SharedFile events, SharedFile signal)
+    : events_path_(std::move(events_path)),
+      signal_path_(std::move(signal_path)),
+      events_(std::move(events)),
+      signal_(std::move(signal)) {}
+
+std::unique_ptr<TopicRingServer> TopicRingServer::Make(const std::string& directory,
+                                                       std::string_view topic,
+                                                       std::string_view counted,
+                                                       const FileAccess& access) {
+    if (topic.size() > ring::kMostPathBytes || counted.size() > ring::kMostTextBytes) {
+        throw Error("topic \"" + std::string(topic) + "\" is too long for a local one");
+    }
+    const std::uint64_t nonce = DrawNonce();
+    const std::string events_path = EventsPath(directory, topic);
+    const std::string signal_path = SignalPath(events_path, nonce);
+    const std::string unnamed_path = signal_path + kEventsSuffix;
+    // The server alone writes it.
+    const FileAccess events_access{access.mode & ~static_cast<mode_t>(022), access.group};
+    SharedFile events = SharedFile::Create(unnamed_path, sizeof(ring::EventsFile), events_access);
+    try {
+        auto& file = events.as<ring::EventsFile>();
+        file.magic = ring::kMagic;
+        file.version = ring::kVersion;
+        file.nonce = nonce;
+        file.path_bytes = static_cast<std::uint32_t>(topic.size());
+        topic.copy(file.path, topic.size());
+        counted.copy(file.texts[0].text, counted.size());
+        // relaxed: the rename comes between this and whoever looks.
+        file.texts[0].bytes.store(static_cast<std::uint32_t>(counted.size()),
+                                  std::memory_order_relaxed);
+        SharedFile signal = SharedFile::Create(signal_path, sizeof(ring::SignalFile), access);
+        if (::rename(unnamed_path.c_str(), events_path.c_str()) != 0) {
+            const int error = errno;
+            ::unlink(signal_path.c_str());
+            throw std::system_error(error, std::generic_category(), events_path);
+        }
+        return std::unique_ptr<TopicRingServer>(
+            new TopicRingServer(events_path, signal_path, std::move(events), std::move(signal)));
+    } catch (...) {
+        ::unlink(unnamed_path.c_str());
+        throw;
+    }
+}
+
+TopicRingServer::~TopicRingServer() {
+    // Release: who sees it sees all entries.
+    events().closed.store(1, std::memory_order_release);
+    signal_.Nudge();
+    ::unlink(events_path_.c_str());
+    ::unlink(signal_path_.c_str());
+}
+
+std::optional<std::uint32_t> TopicRingServer::TextOf(std::string_view sample) {
+    for (std::uint32_t number = 0; number < ring::kTexts; ++number) {
+        ring::Text& text = events().texts[number];
+        const std::uint32_t bytes = text.bytes.load(std::memory_order_relaxed);  // own store
+        if (bytes == 0 && !sample.empty() && sample.size() <= sizeof text.text) {
+            sample.copy(text.text, sample.size());
+            // relaxed: the entry that names the text is stored with release.
+            text.bytes.store(static_cast<std::uint32_t>(sample.size()), std::memory_order_relaxed);
+            return number;
+        }
+        if (std::string_view(text.text, bytes) == sample) {
+            return number;
+        }
+    }
+    return std::nullopt;
+}
+
+bool TopicRingServer::Publish(std::string_view sample) {
+    const auto text = TextOf(sample);
+    if (!text) {
+        return false;
+    }
+    if (*text == 0) {
+        signal_.Count();
+        return true;
+    }
+    // Release, both: who sees the entry sees its text, and who sees the head sees the entry. A
+    // crash before the head is stored leaves an entry that nobody looks at.
+    events().entries[head_ % ring::kEntries].store(ring::PackEntry(head_, signal_.word(), *text),
+                                                   std::memory_order_release);
+    KVO_CRASH_POINT("event entered");
+    events().head.store(++head_, std::memory_order_release);
+    KVO_CRASH_POINT("event published");
+    signal_.Nudge();
+    return true;
+}
+
+std::string TopicRingServer::Position() const {
+    return Hex(events().nonce) + Hex(head_);
+}
+
+void TopicRingServer::SetRelayed(bool relayed) {
+    // Sequentially consistent: a writer that does not see it has counted before, and the server
+    // tells whoever has just come of what is there (TopicRingWriter::relayed).
+    events().relayed.store(relayed ? 1 : 0, std::memory_order_seq_cst);
+}
+
+void TopicRingServer::RemoveAll(const std::string& directory) {
+    std::error_code ignored;
+    for (const auto& entry : fs::directory_iterator(directory, ignored)) {
+        const std::string path = entry.path().string();
+        if (entry.path().extension() == kEventsSuffix) {
+            try {
+                const SharedFile file =
+                    SharedFile::Open(path, sizeof(ring::EventsFile), SharedFile::Mode::kWrite);
+                auto& events = file.as<ring::EventsFile>();
+                events.closed.store(1, std::memory_order_release);
+                TopicSignal(SharedFile::Open(SignalPath(path, events.nonce),
+                                             sizeof(ring::SignalFile), SharedFile::Mode::kWrite))
+                    .Nudge();
+            } catch (const std::exception&) {  // half made, or not ours: nobody reads it
+            }
+        }
+    }
+    for (const auto& entry : fs::directory_iterator(directory, ignored)) {
+        if (entry.path().extension() == kEventsSuffix ||
+            entry.path().extension() == kSignalSuffix) {
+            fs::remove(entry.path(), ignored);
+        }
+    }
+}
+
+std::optional<TopicRingReader> TopicRingReader::Open(const std::string& directory,
+                                                     std::string_view topic) {
+    auto files = OpenFiles(directory, topic);
+    if (!files) {
+        return std::nullopt;
+    }
+    return TopicRingReader(std::move(files->events), std::move(files->signal));
+}
+
+void TopicRingReader::BeginNow() {
+    // The word before the head, as in Take().
+    counted_ = signal_.word() >> 8;
+    next_ = events().head.load(std::memory_order_acquire);
+    overrun_ = counted_ != 0;
+}
+
+void TopicRingReader::BeginAt(std::string_view position) {
+    BeginNow();
+    std::uint64_t begin = 0;
+    if (position.size() == 32 && position.substr(0, 16) == Hex(events().nonce)) {
+        const auto [end, error] =
+            std::from_chars(position.data() + 16, position.data() + 32, begin, 16);
+        begin = error == std::errc() ? begin : 0;
+    }
+    next_ = std::min(begin, next_);
+}
+
+std::string_view TopicRingReader::Text(std::uint32_t number) {
+    const ring::Text& text = events().texts[number % ring::kTexts];
+    // relaxed: the entry that led here was loaded with acquire.
+    const std::uint32_t bytes = text.bytes.load(std::memory_order_relaxed);
+    text_.assign(text.text, std::min(bytes, ring::kMostTextBytes));
+    return text_;
+}
+
+std::optional<std::string_view> TopicRingReader::Take() {
+    // The word before the head: an event that was counted after an entry was made is then given
+    // out after that entry, since who saw the word sees the entry as well.
+    looked_at_ = signal_.word();
+    const std::uint64_t head = events().head.load(std::memory_order_acquire);
+    if (overrun_) {
+        overrun_ = false;
+        return Text(0);
+    }
+    if (next_ > head || head - next_ > ring::kEntries) {
+        next_ = head < ring::kEntries ? 0 : head - ring::kEntries;
+        counted_ = ring::EntryCount(
+            events().entries[next_ % ring::kEntries].load(std::memory_order_acquire));
+        return Text(0);
+    }
+    if (next_ < head) {
+        const std::uint64_t entry =
+            events().entries[next_ % ring::kEntries].load(std::memory_order_acquire);
+        if (ring::EntryNumber(entry) != static_cast<std::uint32_t>(next_)) {
+            next_ += 1;  // overwritten while we looked; the next look finds out how much is gone
+            return Text(0);
+        }
+        // It may also have been made before events that have been given out already.
+        if (const std::uint32_t count = ring::EntryCount(entry);
+            count != counted_ && ((count - counted_) & kCountMask) <= kCountMask / 2) {
+            counted_ = count;
+            return Text(0);
+        }
+        ++next_;
+        return Text(ring::EntryText(entry));
+    }
+    if (const std::uint32_t count = looked_at_ >> 8; count != counted_) {
+        counted_ = count;
+        return Text(0);
+    }
+    return std::nullopt;
+}
+
+bool TopicRingReader::closed() const {
+    return events().closed.load(std::memory_order_acquire) != 0;
+}
+
+std::unique_ptr<TopicRingWriter> TopicRingWriter::Open(const std::string& directory,
+                                                       std::string_view topic) {
+    auto files = OpenFiles(directory, topic);
+    if (!files) {
+        return nullptr;
+    }
+    return std::unique_ptr<TopicRingWriter>(
+        new TopicRingWriter(std::move(files->events), std::move(files->signal)));
+}
+
+bool TopicRingWriter::relayed() const {
+    return events().relayed.load(std::memory_order_seq_cst) != 0;
+}
+
+LocalTopic::~LocalTopic() = default;
+
+std::unique_ptr<LocalTopic> LocalTopic::Find(const std::string& host, std::uint16_t port,
+                                             std::string_view path) {
+    const std::string directory = IsLoopback(host) ? FindLocalTopics(port) : "";
+    return directory.empty() ? nullptr : TopicRingWriter::Open(directory, path);
+}
+
+bool TopicRingWriter::closed() const {
+    return events().closed.load(std::memory_order_acquire) != 0;
+}
+
+}  // namespace gorm::cor::ps

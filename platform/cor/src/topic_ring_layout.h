@@ -1,0 +1,88 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+// The two files of a local topic. The events file is written by the server alone: which events
+// there were, in order. The signal file is written by everybody: that something happened, and
+// whether somebody sleeps. Nothing in the signal file is trusted with more than a wake-up.
+//
+// `word` counts: what is sent very often, the counted event, adds kCounted; everything else that
+// a reader has to look at changes the low byte alone and always wakes. It is the futex that readers
+// sleep on.
+//
+// `asleep_at` is the word's value at which somebody went to sleep, the newest such value. Who adds
+// to the word wakes if the value before was that one or an older one, so nobody has to take the
+// mark back (tests/model/wakeup.cpp searches all interleavings):
+//  * A reader stores its mark and then looks at the word again; a writer adds to the word and then
+//    looks at the mark; all four sequentially consistent. So either the reader sees the new word
+//    and does not sleep, or the writer sees the mark and wakes; between the reader's look and its
+//    sleep the kernel compares the word once more.
+//  * A mark never goes back while the word it names is the present one: marks are exchanged
+//    only for newer ones, or for values that the word has not reached, which nobody honest wrote.
+//  * A reader that is killed leaves a mark that costs one wake-up at most. A writer that is killed
+//    between adding and waking leaves readers asleep; the server learns of the death, adds an event
+//    and wakes whatever the mark says. A stopped writer wakes when it goes on. And readers look
+//    once a second.
+namespace gorm::cor::ps::ring {
+
+inline constexpr std::uint32_t kMagic = 0x31544B56;  // "VKT1" in a little-endian dump
+inline constexpr std::uint32_t kVersion = 1;
+inline constexpr std::uint32_t kEntries = 1024;
+inline constexpr std::uint32_t kTexts = 8;
+inline constexpr std::uint32_t kMostTextBytes = 508;
+inline constexpr std::uint32_t kMostPathBytes = 472;
+inline constexpr std::uint32_t kCounted = 1U << 8;
+
+/// One of the few encoded samples that a topic's events consist of. Text 0 is the counted one.
+struct Text {
+    std::atomic<std::uint32_t> bytes;  // stored after the text, before an entry names it; 0: none
+    char text[kMostTextBytes];
+};
+static_assert(sizeof(Text) == 512);
+
+/// Server only. Made under another name and renamed when it is complete.
+struct EventsFile {
+    std::uint32_t magic;
+    std::uint32_t version;
+    std::uint64_t nonce;  // also in the name of the signal file
+    std::uint32_t path_bytes;
+    char path[kMostPathBytes];           // the topic's, with its first slash
+    std::uint32_t room;                  // 0
+    std::atomic<std::uint32_t> closed;   // 1: nothing more comes; look for another one
+    std::atomic<std::uint32_t> relayed;  // not 0: somebody listens over a socket
+    std::atomic<std::uint64_t> head;     // entries so far
+    Text texts[kTexts];
+    // Entry n stands at n mod kEntries: low half of n, then the word's counted events at its time
+    // (24 bits), then the number of its text (8 bits).
+    std::atomic<std::uint64_t> entries[kEntries];
+};
+static_assert(offsetof(EventsFile, head) == 504);
+static_assert(offsetof(EventsFile, texts) == 512);
+static_assert(sizeof(EventsFile) == 512 + 8 * 512 + 8 * 1024);
+
+struct SignalFile {
+    std::atomic<std::uint32_t> word;
+    alignas(64) std::atomic<std::uint32_t> asleep_at;
+};
+static_assert(offsetof(SignalFile, asleep_at) == 64);
+
+constexpr std::uint32_t Nudged(std::uint32_t word) {
+    return (word & ~0xFFU) | ((word + 1) & 0xFFU);
+}
+
+constexpr std::uint64_t PackEntry(std::uint64_t number, std::uint32_t word, std::uint32_t text) {
+    return number << 32 | (word & ~0xFFU) | (text & 0xFF);
+}
+constexpr std::uint32_t EntryNumber(std::uint64_t entry) {
+    return static_cast<std::uint32_t>(entry >> 32);
+}
+constexpr std::uint32_t EntryCount(std::uint64_t entry) {
+    return static_cast<std::uint32_t>(entry) >> 8;
+}
+constexpr std::uint32_t EntryText(std::uint64_t entry) {
+    return static_cast<std::uint32_t>(entry & 0xFF);
+}
+
+}  // namespace gorm::cor::ps::ring

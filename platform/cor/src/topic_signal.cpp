@@ -1,0 +1,71 @@
+#include "topic_signal.h"
+
+#include "kvo/crash_point.h"
+
+#include <climits>
+
+#include <ctime>
+#include <linux/futex.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace gorm::cor::ps {
+namespace {
+
+constexpr auto kOrdered = std::memory_order_seq_cst;  // the four accesses of topic_ring_layout.h
+
+}  // namespace
+
+void TopicSignal::Count() {
+    const std::uint32_t before = shared().word.fetch_add(ring::kCounted, kOrdered);
+    KVO_CRASH_POINT("event counted");
+    // A newer mark than the word was before: somebody who had seen it already has replaced the mark
+    // of whoever still sleeps.
+    if (static_cast<std::int32_t>(shared().asleep_at.load(kOrdered) - before) >= 0) {
+        Wake();
+    }
+}
+
+void TopicSignal::Nudge() {
+    auto& word = shared().word;
+    std::uint32_t before = word.load(kOrdered);
+    while (!word.compare_exchange_weak(before, ring::Nudged(before), kOrdered, kOrdered)) {
+    }
+    KVO_CRASH_POINT("topic nudged");
+    Wake();
+}
+
+std::uint32_t TopicSignal::word() const {
+    // Acquire: what was written before the event was told of is visible.
+    return shared().word.load(std::memory_order_acquire);
+}
+
+void TopicSignal::Wake() {
+    ::syscall(SYS_futex, &shared().word, FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
+}
+
+bool TopicSignal::MarkAsleep(std::uint32_t seen) {
+    auto& mark = shared().asleep_at;
+    std::uint32_t found = mark.load(kOrdered);
+    while (found != seen) {
+        // While the word is at `seen`, any other mark is older, or one that nobody honest wrote.
+        if (shared().word.load(kOrdered) != seen ||
+            mark.compare_exchange_weak(found, seen, kOrdered, kOrdered)) {
+            break;
+        }
+    }
+    return shared().word.load(kOrdered) == seen;
+}
+
+void TopicSignal::Sleep(std::uint32_t seen, std::chrono::milliseconds at_most) {
+    if (!MarkAsleep(seen)) {
+        return;
+    }
+    KVO_CRASH_POINT("topic asleep");
+    const timespec timeout{static_cast<time_t>(at_most.count() / 1000),
+                           static_cast<long>(at_most.count() % 1000 * 1'000'000)};
+    // Whatever ends it: the caller looks again.
+    ::syscall(SYS_futex, &shared().word, FUTEX_WAIT, seen, &timeout, nullptr, 0);
+}
+
+}  // namespace gorm::cor::ps

@@ -1,0 +1,37 @@
+#pragma once
+
+#include "shared_file.h"
+#include "topic_ring_layout.h"
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+
+namespace gorm::cor::ps {
+
+/// The signal file of a local topic, as all its users share it. Threads: any.
+class TopicSignal {
+public:
+    /// @param file at least sizeof(ring::SignalFile) long.
+    explicit TopicSignal(SharedFile file) : file_(std::move(file)) {}
+
+    /// Tells of a counted event; what the caller has written before is visible to who sees it.
+    /// Wakes sleepers, all at once: one that has been stopped then keeps nobody else.
+    void Count();
+    /// Tells that there is something else to look at, and wakes whoever sleeps.
+    void Nudge();
+
+    std::uint32_t word() const;
+
+    /// Sleeps until the word is another one than `seen`, or a wake-up or the time-out comes.
+    void Sleep(std::uint32_t seen, std::chrono::milliseconds at_most);
+
+private:
+    ring::SignalFile& shared() const { return file_.as<ring::SignalFile>(); }
+    void Wake();
+    bool MarkAsleep(std::uint32_t seen);
+
+    SharedFile file_;
+};
+
+}  // namespace gorm::cor::ps

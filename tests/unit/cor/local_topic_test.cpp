@@ -1,0 +1,237 @@
+#include "gorm/cor/ps/local_topic.h"
+
+#include "echo.h"
+#include "gorm/cor/ps/publisher.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <zmq.hpp>
+
+#include <atomic>
+#include <cstdlib>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace gorm::cor::test {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::ElementsAreArray;
+
+namespace fs = std::filesystem;
+using Clock = std::chrono::steady_clock;
+
+constexpr const char* kNews = "news";  // the counted sample
+
+class LocalTopicTest : public ::testing::Test {
+protected:
+    LocalTopicTest() {
+        EXPECT_NE(nullptr, ::mkdtemp(place_.data()));
+        EXPECT_EQ(0, ::setenv("KVO_RUNTIME_DIRECTORY", place_.c_str(), 1));
+        Start(0);
+    }
+    ~LocalTopicTest() override {
+        publisher_.reset();
+        EXPECT_TRUE(fs::is_empty(place_)) << "files of topics are left";
+        ::unsetenv("KVO_RUNTIME_DIRECTORY");
+        fs::remove_all(place_);
+    }
+    void Start(std::uint16_t port) {
+        Serving serving;
+        serving.runtime_directory = place_;
+        serving.note = "the publisher of the test";
+        serving.topic_directory = place_ + "/topics";
+        publisher_.emplace(loop_, network::uri("wkp.ps://127.0.0.1:" + std::to_string(port) + "/"),
+                           serving);
+        publisher_->OnSubscription([this](std::string_view path, bool begins) {
+            sockets_.Add((begins ? "+" : "-") + std::string(path));
+        });
+    }
+    void Open(const std::string& path) {
+        loop_.Run([&] { publisher_->OpenLocal(path, kNews); });
+    }
+    void Publish(const std::string& text) {
+        loop_.Run([&] { publisher_->Publish("/a", text); });
+    }
+    std::unique_ptr<ps::LocalTopic> Find() {
+        return ps::LocalTopic::Find("127.0.0.1", publisher_->port(), "/a");
+    }
+    struct Subscription {
+        std::unique_ptr<ps::Subscriber<Word>> subscriber;
+        Heard heard;
+        rr::ListenerRegistration registration;
+        void Listen(std::function<void(const std::string&)> also = nullptr) {
+            registration = subscriber->AddDataListener(
+                [this, also](auto&, const ps::DataEvent<Word>& event) {
+                    heard.Add(event.getData()->text);
+                    if (also) {
+                        also(event.getData()->text);
+                    }
+                },
+                {nullptr, ps::FilterMode::kAll, {ps::InstanceEvent::kUpdated}});
+        }
+    };
+    std::unique_ptr<Subscription> Subscribe() {
+        auto subscription = std::make_unique<Subscription>();
+        const std::string text = "wkp.ps://127.0.0.1:" + std::to_string(publisher_->port()) + "/a";
+        const network::uri uri(text);
+        subscription->subscriber =
+            loadCorForUri(text, {}).getCor(uri).CreateSubscriber<Word>(uri, {});
+        return subscription;
+    }
+
+    std::string place_ = "/tmp/kvo-test-XXXXXX";
+    Heard sockets_;
+    ServiceLoop loop_;
+    std::optional<ps::Publisher> publisher_;
+};
+
+TEST_F(LocalTopicTest, EventsKeepTheirOrderAndCountedOnesAreMerged) {
+    Open("/a");
+    auto subscription = Subscribe();
+    const auto topic = Find();
+    ASSERT_NE(nullptr, topic);
+    EXPECT_FALSE(topic->relayed());
+    topic->Count();
+    topic->Count();
+    Publish("1");
+    Publish("2");
+    Publish(kNews);
+    subscription->Listen();
+    EXPECT_THAT(subscription->heard.Await(4), ElementsAre(kNews, "1", "2", kNews));
+    topic->Count();
+    EXPECT_EQ(kNews, subscription->heard.Await(5).back());
+    subscription->registration.Release();
+    Publish("3");
+    subscription->Listen();
+    EXPECT_EQ("3", subscription->heard.Await(6).back());
+
+    // Who comes later is told that there has been something.
+    auto late = Subscribe();
+    late->Listen();
+    Publish("4");
+    EXPECT_THAT(late->heard.Await(2), ElementsAre(kNews, "4"));
+    EXPECT_THAT(sockets_.Await(0), ElementsAre());
+}
+
+TEST_F(LocalTopicTest, OneThatIsFarBehindGetsTheLastEvents) {
+    Open("/a");
+    auto subscription = Subscribe();
+    std::vector<std::string> expected{kNews};
+    for (int i = 0; i < 2500; ++i) {
+        Publish(std::to_string(i % 7));
+        if (i >= 2500 - 1024) {
+            expected.push_back(std::to_string(i % 7));
+        }
+    }
+    subscription->Listen();
+    EXPECT_THAT(subscription->heard.Await(1025), ElementsAreArray(expected));
+}
+
+// From the socket to memory, to the socket of a publisher that offers no memory, and back to that
+// of a successor: every event once.
+TEST_F(LocalTopicTest, ASubscriberMovesWithoutLossOrRepetition) {
+    auto subscription = Subscribe();
+    sockets_.Await(1);
+    subscription->Listen();
+    std::size_t published = 0;
+    std::vector<std::string> expected;
+    const auto publish = [&] {
+        expected.push_back(std::to_string(published++ % 7));
+        Publish(expected.back());
+    };
+    publish();
+    subscription->heard.Await(1);
+    Open("/a");
+    const auto deadline = Clock::now() + kDeadline;
+    while (sockets_.Await(0).size() < 2 && Clock::now() < deadline) {
+        publish();
+        subscription->heard.Await(published);
+    }
+    ASSERT_THAT(sockets_.Await(0), ElementsAre("+/a", "-/a"));
+    publish();
+    EXPECT_THAT(subscription->heard.Await(published), ElementsAreArray(expected));
+
+    const std::uint16_t port = publisher_->port();
+    const auto topic = Find();
+    publisher_.reset();
+    EXPECT_TRUE(topic->closed());
+    Start(port);
+    EXPECT_EQ("+/a", sockets_.Await(3).back());
+    publish();
+    EXPECT_THAT(subscription->heard.Await(published), ElementsAreArray(expected));
+}
+
+TEST_F(LocalTopicTest, WhoeverListensAtASocketIsToldOfInTheMemory) {
+    Open("/a");
+    const auto topic = Find();
+    ASSERT_NE(nullptr, topic);
+    zmq::context_t context;
+    zmq::socket_t all(context, zmq::socket_type::sub);
+    all.connect("tcp://127.0.0.1:" + std::to_string(publisher_->port()));
+    const auto await = [&](bool relayed) {
+        const auto deadline = Clock::now() + kDeadline;
+        while (topic->relayed() != relayed && Clock::now() < deadline) {
+            std::this_thread::yield();
+        }
+        return topic->relayed();
+    };
+    for (const std::string& filter : {std::string("/a\0", 3), std::string()}) {
+        all.set(zmq::sockopt::subscribe, filter);
+        EXPECT_TRUE(await(true));
+        all.set(zmq::sockopt::unsubscribe, filter);
+        EXPECT_FALSE(await(false));
+    }
+}
+
+// The reader looks by itself once a second, so one that is slower has slept through a count.
+TEST_F(LocalTopicTest, NobodySleepsThroughACount) {
+    constexpr int kRounds = 3000;
+    Open("/a");
+    const auto topic = Find();
+    ASSERT_NE(nullptr, topic);
+    std::atomic<int> heard{0};
+    std::vector<std::unique_ptr<Subscription>> subscriptions;
+    for (int i = 0; i < 3; ++i) {
+        subscriptions.push_back(Subscribe());
+        subscriptions.back()->Listen([&](const std::string&) { heard.fetch_add(1); });
+    }
+    int slow = 0;
+    for (int round = 0; round < kRounds; ++round) {
+        const int before = heard.load();
+        const auto begin = Clock::now();
+        topic->Count();
+        while (heard.load() < before + 3 && Clock::now() < begin + kDeadline) {
+            std::this_thread::yield();
+        }
+        ASSERT_EQ(before + 3, heard.load());
+        slow += Clock::now() - begin > std::chrono::milliseconds(700) ? 1 : 0;
+    }
+    EXPECT_LE(slow, 2);
+}
+
+TEST_F(LocalTopicTest, WhatBelongsToAStrangerIsNotUsed) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "only root can give files away";
+    }
+    constexpr uid_t kStranger = 54321;
+    Open("/a");
+    for (const auto& entry : fs::directory_iterator(place_ + "/topics")) {
+        if (entry.path().extension() == ".events") {
+            EXPECT_EQ(0, ::chown(entry.path().c_str(), kStranger, kStranger));
+        }
+    }
+    EXPECT_EQ(nullptr, Find());
+    auto subscription = Subscribe();
+    sockets_.Await(1);
+    subscription->Listen();
+    Publish("1");
+    EXPECT_THAT(subscription->heard.Await(1), ElementsAre("1"));
+}
+
+}  // namespace
+}  // namespace gorm::cor::test
