@@ -129,8 +129,11 @@ namespace {
 
 StreamRegistry::Settings SettingsOf(const BrokerOptions& options) {
     const bool supervised = options.heartbeat_period.count() > 0;
-    return {supervised ? options.heartbeat_timeout : std::chrono::seconds(0), options.removal_grace,
-            options.max_streams};
+    return {supervised ? options.heartbeat_timeout : std::chrono::seconds(0),
+            options.removal_grace,
+            options.max_streams,
+            {options.client_streams, options.client_memory_bytes},
+            {options.user_streams, options.user_memory_bytes}};
 }
 
 std::vector<AccessRule> RulesOf(const BrokerOptions& options) {
@@ -181,9 +184,10 @@ void Broker::Impl::Start(const BrokerOptions& options) {
     ProcessLock::SetProcessIdentity(gorm::cor::process_identity());
     directory_path_ =
         options.directory.empty() ? DefaultDirectory(options.port) : options.directory;
-    directory_ = std::make_unique<BrokerDirectory>(directory_path_);
+    directory_ = std::make_unique<BrokerDirectory>(directory_path_, options.file_access);
     files_ = std::make_unique<StreamFiles>(directory_path_, options.memory_budget_bytes,
-                                           options.spare_slots, directory_->processes());
+                                           options.spare_slots, directory_->processes(),
+                                           options.file_access);
     processes_ = std::make_unique<LockedProcesses>(directory_->processes());
     time_ =
         std::make_unique<SupervisedTime>([] { return std::chrono::steady_clock::now(); }, kTick);
@@ -217,7 +221,8 @@ void Broker::Impl::Start(const BrokerOptions& options) {
         *service_, *gate_, [] { return std::chrono::steady_clock::now(); });
     server_ = std::make_unique<gorm::cor::rr::Server>(
         loop_, Uri("wkp.rr", options.address, options.port, "/broker/Broker1"), *gated_service_,
-        gorm::cor::rr::ServerOptions{options.max_connections, serving});
+        gorm::cor::rr::ServerOptions{options.max_connections,
+                                     static_cast<int>(options.pending_answers), serving});
     server_->OnDisconnect([this](const gorm::cor::rr::Caller& caller) { Lost(caller); });
     processes_->AskForConnections(
         [this](const std::string& identity) { return server_->Connected(identity); });

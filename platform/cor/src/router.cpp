@@ -23,6 +23,7 @@ std::string IdentityOf(std::string_view routing_id) {
 zmq::socket_t MakeRouter(zmq::context_t& context, const Router::Settings& settings) {
     zmq::socket_t socket =
         MakeSocket(context, zmq::socket_type::router, kRequestQueue, kMaxRequestBytes);
+    socket.set(zmq::sockopt::sndhwm, settings.max_pending_answers);
     socket.set(zmq::sockopt::router_handover, true);
     socket.set(zmq::sockopt::backlog, kBacklog);
     // The clients send the heartbeats, and with them how long to wait for the next. For thousands
@@ -63,7 +64,11 @@ Router::Router(PollLoop& loop, zmq::context_t& context, const Settings& settings
 Router::~Router() {
     loop_.Unwatch(socket_);
     loop_.Unwatch(monitor_.socket());
-    Unbind(socket_, monitor_, endpoint_);
+    StopListening();
+}
+
+void Router::StopListening() {
+    Unbind(socket_, monitor_, std::exchange(endpoint_, {}));
 }
 
 void Router::TakeEvents() {

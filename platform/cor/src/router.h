@@ -39,12 +39,16 @@ public:
         bool local = false;    // a Unix socket
         bool this_host = false;
         bool ipv6 = false;
+        int max_pending_answers = 1000;  // of one connection
     };
     /// Binds at once; throws BindError.
     Router(PollLoop& loop, zmq::context_t& context, const Settings& settings, RouterUser& user);
     Router(const Router&) = delete;
     Router& operator=(const Router&) = delete;
     ~Router();
+
+    /// Takes no new connections; those that are there stay.
+    void StopListening();
 
     const std::string& endpoint() const { return endpoint_; }  // as it was bound
 
