@@ -55,6 +55,8 @@ Setting Single(const char* key, const char* help, bool at_run_time, Member membe
                 const Field& field = member(c);
                 if constexpr (std::is_same_v<Field, std::string>) {
                     return field;
+                } else if constexpr (std::is_same_v<Field, bool>) {
+                    return std::string(field ? "true" : "false");
                 } else if constexpr (requires { field.count(); }) {
                     return std::to_string(field.count());
                 } else {
@@ -83,6 +85,16 @@ Setting Bytes(const char* key, const char* help, bool at_run_time, Member member
 template <class Member>
 Setting Text(const char* key, const char* help, bool at_run_time, Member member) {
     return Single(key, help, at_run_time, member, [](const std::string& text) { return text; });
+}
+
+template <class Member>
+Setting Flag(const char* key, const char* help, bool at_run_time, Member member) {
+    return Single(key, help, at_run_time, member, [](const std::string& text) {
+        if (text != "true" && text != "false") {
+            Refuse(text, "true or false");
+        }
+        return text == "true";
+    });
 }
 
 // One of some words.
@@ -202,6 +214,17 @@ std::vector<Setting> MakeSettings() {
         List(
             "access-rules", "Who may do what; the first that matches decides", true,
             [](auto& c) -> auto& { return c.broker.access_rules; }, CheckAccessRule),
+        Text(
+            "secret-key-file",
+            "File with the broker's key, from kvo keys; with one, TCP asks for CURVE", false,
+            [](auto& c) -> auto& { return c.broker.secret_key_file; }),
+        Text(
+            "allowed-keys-file",
+            "File with a name and a public key in each line: who may connect over TCP", true,
+            [](auto& c) -> auto& { return c.broker.allowed_keys_file; }),
+        Flag(
+            "allow-plaintext", "Serve other hosts without CURVE; true or false", false,
+            [](auto& c) -> auto& { return c.broker.allow_plaintext; }),
         FileMode("file-mode",
                  "Mode of the stream files: 0600 for the broker's user alone, 0640 lets the group "
                  "read, 0660 read and write"),
@@ -290,6 +313,9 @@ std::string ValueOf(const toml::node& node) {
     }
     if (const auto number = node.value_exact<std::int64_t>()) {
         return std::to_string(*number);
+    }
+    if (const auto flag = node.value_exact<bool>()) {
+        return *flag ? "true" : "false";
     }
     throw ConfigurationError("a text or a whole number is possible");
 }

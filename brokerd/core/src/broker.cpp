@@ -4,6 +4,7 @@
 #include "broker_directory.h"
 #include "event_log.h"
 #include "gated_service.h"
+#include "gorm/cor/curve.h"
 #include "gorm/cor/process.h"
 #include "gorm/cor/rr/server.h"
 #include "gorm/cor/service_loop.h"
@@ -16,6 +17,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <limits>
+#include <optional>
 #include <set>
 #include <stdexcept>
 #include <system_error>
@@ -50,6 +52,19 @@ void Check(const BrokerOptions& options, KvoLogger* logger) {
             "a heartbeat time-out of " + std::to_string(options.heartbeat_timeout.count()) +
                 " s is short for a period of " + std::to_string(options.heartbeat_period.count()) +
                 " s: clients that reconnect may be taken for gone");
+    }
+}
+
+void CheckKeys(const BrokerOptions& options) {
+    if (!options.secret_key_file.empty() && options.allowed_keys_file.empty()) {
+        throw std::runtime_error(
+            "secret-key-file needs allowed-keys-file, with the keys that may connect");
+    }
+    if (options.secret_key_file.empty() && !options.allow_plaintext &&
+        !gorm::cor::IsLoopback(options.address)) {
+        throw std::runtime_error("address " + options.address +
+                                 " can be reached from other hosts: name a key with "
+                                 "secret-key-file, or let everybody in with allow-plaintext");
     }
 }
 
@@ -116,6 +131,7 @@ private:
     std::uint64_t notifications_ = 0;
     std::unique_ptr<RequestGate> gate_;
     SystemAccounts accounts_;
+    std::shared_ptr<gorm::cor::CurveServer> curve_;  // null: no keys are asked for
     std::unique_ptr<Access> access_;
     std::unique_ptr<RequestHandler> handler_;
     std::unique_ptr<gorm::cor::rr::Service> service_;
@@ -156,6 +172,7 @@ RequestGate::Limits LimitsOf(const BrokerOptions& options) {
 
 Broker::Impl::Impl(const BrokerOptions& options, KvoLogger* logger) : logger_(logger) {
     Check(options, logger);
+    CheckKeys(options);
     try {
         // In one go, so that no request comes before all is there.
         loop_.Run([&] { Start(options); });
@@ -194,6 +211,12 @@ void Broker::Impl::Start(const BrokerOptions& options) {
     gorm::cor::Serving serving;
     serving.runtime_directory = options.runtime_directory;
     serving.note = "a broker with the directory " + directory_path_;
+    if (!options.secret_key_file.empty()) {
+        curve_ = std::make_shared<gorm::cor::CurveServer>(
+            gorm::cor::ReadCurveKeys(options.secret_key_file),
+            gorm::cor::ReadAllowedKeys(options.allowed_keys_file));
+        serving.curve = curve_;
+    }
     publisher_ = std::make_unique<gorm::cor::ps::Publisher>(
         loop_, Uri("wkp.ps", options.address, options.notification_port, "/"), serving);
     notification_port_ = publisher_->port();
@@ -208,7 +231,9 @@ void Broker::Impl::Start(const BrokerOptions& options) {
         }
     });
     registry_->Adopt(files_->Sweep([this](const std::string& text) { Log(3, text); }));
-    access_ = std::make_unique<Access>(RulesOf(options), accounts_, ::geteuid(), nullptr);
+    access_ = std::make_unique<Access>(
+        RulesOf(options), accounts_, ::geteuid(),
+        [this](const std::string& key) { return curve_ == nullptr ? "" : curve_->NameOf(key); });
     handler_ = std::make_unique<RequestHandler>(
         *registry_, *files_, *access_, events_,
         [this](int level, const std::string& text) { Log(level, text); },
@@ -293,7 +318,14 @@ BrokerState Broker::Impl::State() {
 void Broker::Impl::Reconfigure(const BrokerOptions& options) {
     Check(options, logger_);
     std::vector<AccessRule> rules = RulesOf(options);
+    std::optional<gorm::cor::AllowedKeys> allowed;
+    if (curve_ != nullptr && !options.allowed_keys_file.empty()) {
+        allowed = gorm::cor::ReadAllowedKeys(options.allowed_keys_file);
+    }
     loop_.Run([&] {
+        if (allowed) {
+            curve_->SetAllowed(std::move(*allowed));
+        }
         access_->set_rules(std::move(rules));
         registry_->set_settings(SettingsOf(options));
         handler_->set_heartbeat_timeout(

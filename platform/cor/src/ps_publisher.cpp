@@ -1,5 +1,6 @@
 #include "address.h"
 #include "bounds.h"
+#include "curve_server.h"
 #include "gorm/cor/process.h"
 #include "gorm/cor/ps/publisher.h"
 #include "local_endpoint.h"
@@ -48,6 +49,7 @@ private:
 
     void BindLocal(const Serving& serving, const Address& address, std::uint16_t at);
 
+    std::shared_ptr<CurveServer> curve_;  // null: none
     zmq::socket_t socket_;
     Monitor monitor_;
     std::string tcp_;    // endpoints as they were bound
@@ -61,6 +63,10 @@ Publisher::Impl::Impl(PollLoop& service_loop, const Address& address, const Serv
       monitor_(Runtime::Get().context(), socket_, ZMQ_EVENT_CLOSED | ZMQ_EVENT_CLOSE_FAILED) {
     if (address.port != 0) {
         BindLocal(serving, address, address.port);
+    }
+    if (serving.curve != nullptr) {
+        curve_ = serving.curve;
+        curve_->impl().Secure(socket_);
     }
     tcp_ = Bind(socket_, address.endpoint, address.text);
     port = PortOf(tcp_);
@@ -80,6 +86,7 @@ Publisher::Impl::~Impl() {
 
 void Publisher::Impl::BindLocal(const Serving& serving, const Address& address, std::uint16_t at) {
     local_endpoint_ = ServeLocal(serving, address, at, [&](const std::string& endpoint) {
+        CurveServer::Impl::Open(socket_);
         local_ = Bind(socket_, endpoint, address.text);
     });
 }

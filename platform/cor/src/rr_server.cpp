@@ -54,6 +54,7 @@ Server::Impl::Impl(PollLoop& service_loop, const Address& address, Service& serv
     tcp.text = address.text;
     tcp.this_host = IsLoopback(address.host);
     tcp.ipv6 = address.ipv6;
+    tcp.curve = options.serving.curve;
     tcp.max_pending_answers = options.max_pending_answers;
     const auto serve_local = [&](std::uint16_t at) {
         const auto bind = [&](const std::string& endpoint) {

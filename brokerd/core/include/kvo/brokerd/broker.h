@@ -35,6 +35,11 @@ struct BrokerOptions {
     // Who may do what, first match decides: "allow publish /camera/* to user:alice". Empty: every
     // local peer and every allowed key may publish and subscribe.
     std::vector<std::string> access_rules;
+    // CURVE for TCP: the broker's key pair, and the names and public keys that may connect. Empty:
+    // none, which serves loopback addresses only, unless plaintext is allowed.
+    std::string secret_key_file;
+    std::string allowed_keys_file;
+    bool allow_plaintext = false;
     std::uint32_t pending_answers = 1000;  // of one connection that takes none; more are dropped
     // What one process, and one user of this host or key, may have; 0: no limit. Callers that tell
     // no process count as one, and so do those over TCP without keys.
@@ -72,7 +77,8 @@ public:
     BrokerState State() const;
 
     /// Puts into force what can be changed while a broker runs: heartbeat time-out, removal grace,
-    /// limits of streams, memory, requests, clients and users, access rules. Throws as the
+    /// limits of streams, memory, requests, clients and
+    /// users, access rules, allowed keys. Throws as the
     /// constructor, and changes nothing then.
     void Reconfigure(const BrokerOptions& options);
 
