@@ -52,11 +52,8 @@ BrokerProbe::BrokerProbe(const std::string& broker_uri) : uri_(broker_uri) {
         std::make_shared<gorm::cor::rr::qos::ReplyTime>(kPatience)};
     client_ = gorm::cor::loadCorForUri(uri.string(), {})
                   .getClient<DataBrokerRegistrationSync>(uri, qos, {});
-    const auto connected = client_->Connect();
-    if (connected.wait_for(boost::chrono::seconds(kPatience.count())) !=
-        boost::future_status::ready) {
-        throw CommandFailure(ExitCode::kBrokerUnreachable, Unreachable(uri_));
-    }
+    // Any question waits for the connection and tells why there is none.
+    Ask([](DataBrokerRegistrationSync& client) { return client.GetHeartbeatPeriod(); });
 }
 
 bool BrokerProbe::HasPublisher(const std::string& stream) {

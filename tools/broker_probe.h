@@ -13,8 +13,8 @@ namespace kvo::tools {
 /// Threads: any.
 class BrokerProbe {
 public:
-    /// Connects, waiting 2 s. Throws CommandFailure: kUsage for a text that names no broker,
-    /// kBrokerUnreachable when nobody answers there.
+    /// Connects and asks, waiting 2 s. Throws CommandFailure: kUsage for a text that names no
+    /// broker, kBrokerUnreachable when nobody answers there.
     explicit BrokerProbe(const std::string& broker_uri);
 
     /// Runs one query; throws CommandFailure when the connection breaks (kBrokerUnreachable) or the

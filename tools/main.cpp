@@ -49,6 +49,7 @@ int Run(int argc, char** argv) {
     kvo::tools::AddStat(app, action);
     kvo::tools::AddBrokers(app, action);
     kvo::tools::AddShm(app, action);
+    kvo::tools::AddKeys(app, action);
     for (CLI::App* command : app.get_subcommands({})) {
         AddCommonOptions(*command, common);
     }

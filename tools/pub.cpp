@@ -90,7 +90,8 @@ private:
     Clock::time_point next_ = Clock::now();
 };
 
-void Register(KvoDataPublisher& publisher, BrokerProbe& broker, const PubOptions& options) {
+void Register(KvoDataPublisher& publisher, BrokerProbe& broker, const ToolLog& log,
+              const PubOptions& options) {
     const bool is_free = broker.Ask(
         [&](DataBrokerRegistrationSync& client) { return client.IsStreamIdFree(options.stream); });
     const int max_sample_bytes = MaxSampleBytes(options);
@@ -108,8 +109,8 @@ void Register(KvoDataPublisher& publisher, BrokerProbe& broker, const PubOptions
     }
     // The library's success code covers exceptions too, so the broker has the last word.
     if (code != 1 || !broker.HasPublisher(options.stream)) {
-        throw CommandFailure(ExitCode::kFailure, "registering stream '" + options.stream +
-                                                     "' failed; --verbose shows why");
+        throw CommandFailure(ExitCode::kFailure,
+                             "registering stream '" + options.stream + "'" + log.WhyFailed());
     }
 }
 
@@ -179,7 +180,7 @@ ExitCode Publish(const PubOptions& options, const CommonOptions& common) {
     ToolLog log(common.verbose);
     BrokerProbe broker(common.broker);
     const auto publisher = KvoDataTransferFactory::CreatePublisher(log.logger());
-    Register(*publisher, broker, options);
+    Register(*publisher, broker, log, options);
     log.ShowErrors();
 
     std::optional<ReaderPace> pace;

@@ -111,8 +111,8 @@ void AwaitStream(BrokerProbe& broker, const SubOptions& options, StopSignal::Dea
 }
 
 // @return false: the user wants to end.
-bool Register(KvoDataSubscriber& subscriber, BrokerProbe& broker, const SubOptions& options,
-              StopSignal& stop) {
+bool Register(KvoDataSubscriber& subscriber, BrokerProbe& broker, const ToolLog& log,
+              const SubOptions& options, StopSignal& stop) {
     const StopSignal::Deadline deadline = After(Clock::now(), options.timeout_s);
     for (;;) {
         AwaitStream(broker, options, deadline, stop);
@@ -130,7 +130,7 @@ bool Register(KvoDataSubscriber& subscriber, BrokerProbe& broker, const SubOptio
         // The publisher may have gone since it was seen: then it is waited for again.
         if (broker.HasPublisher(options.stream)) {
             throw CommandFailure(ExitCode::kFailure, "subscribing to stream '" + options.stream +
-                                                         "' failed; --verbose shows why");
+                                                         "'" + log.WhyFailed());
         }
     }
 }
@@ -237,7 +237,7 @@ ExitCode Subscribe(const SubOptions& options, const CommonOptions& common) {
     ToolLog log(common.verbose);
     BrokerProbe broker(common.broker);
     const auto subscriber = KvoDataTransferFactory::CreateSubscriber(log.logger());
-    if (!Register(*subscriber, broker, options, stop)) {
+    if (!Register(*subscriber, broker, log, options, stop)) {
         return ExitCode::kSuccess;
     }
     log.ShowErrors();

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <charconv>
 #include <cstdlib>
+#include <grp.h>
+#include <iterator>
 #include <limits>
 #include <sstream>
 #include <toml++/toml.h>
@@ -53,6 +55,8 @@ Setting Single(const char* key, const char* help, bool at_run_time, Member membe
                 const Field& field = member(c);
                 if constexpr (std::is_same_v<Field, std::string>) {
                     return field;
+                } else if constexpr (std::is_same_v<Field, bool>) {
+                    return std::string(field ? "true" : "false");
                 } else if constexpr (requires { field.count(); }) {
                     return std::to_string(field.count());
                 } else {
@@ -83,6 +87,16 @@ Setting Text(const char* key, const char* help, bool at_run_time, Member member)
     return Single(key, help, at_run_time, member, [](const std::string& text) { return text; });
 }
 
+template <class Member>
+Setting Flag(const char* key, const char* help, bool at_run_time, Member member) {
+    return Single(key, help, at_run_time, member, [](const std::string& text) {
+        if (text != "true" && text != "false") {
+            Refuse(text, "true or false");
+        }
+        return text == "true";
+    });
+}
+
 // One of some words.
 template <class Member>
 Setting Choice(const char* key, const char* help, bool at_run_time, Member member,
@@ -97,6 +111,55 @@ Setting Choice(const char* key, const char* help, bool at_run_time, Member membe
         }
         return text;
     });
+}
+
+Setting FileMode(const char* key, const char* help) {
+    static constexpr std::pair<const char*, std::uint32_t> kModes[] = {
+        {"0600", 0600}, {"0640", 0640}, {"0660", 0660}};
+    return {key,
+            help,
+            false,
+            false,
+            [](const Configuration& c) {
+                return std::find_if(std::begin(kModes), std::end(kModes),
+                                    [&c](const auto& mode) {
+                                        return mode.second == c.broker.file_access.mode;
+                                    })
+                    ->first;
+            },
+            [](Configuration& c, const std::vector<std::string>& values) {
+                for (const auto& [text, mode] : kModes) {
+                    if (values.front() == text) {
+                        c.broker.file_access.mode = mode;
+                        return;
+                    }
+                }
+                Refuse(values.front(), "the text 0600, 0640 or 0660");
+            }};
+}
+
+Setting FileGroup(const char* key, const char* help) {
+    return {key,
+            help,
+            false,
+            false,
+            [](const Configuration& c) {
+                const auto group = c.broker.file_access.group;
+                return group ? std::to_string(*group) : std::string();
+            },
+            [](Configuration& c, const std::vector<std::string>& values) {
+                const std::string& text = values.front();
+                if (text.empty()) {
+                    c.broker.file_access.group.reset();
+                } else if (const group* const found = ::getgrnam(text.c_str())) {
+                    c.broker.file_access.group = found->gr_gid;
+                } else if (text.find_first_not_of("0123456789") == std::string::npos) {
+                    c.broker.file_access.group = NumberOf<std::uint32_t>(
+                        text, 0, std::numeric_limits<std::uint32_t>::max() - 1);
+                } else {
+                    Refuse(text, "the name or number of a group of this host");
+                }
+            }};
 }
 
 // Any number of texts, each looked at by `check`, which throws std::invalid_argument.
@@ -151,6 +214,22 @@ std::vector<Setting> MakeSettings() {
         List(
             "access-rules", "Who may do what; the first that matches decides", true,
             [](auto& c) -> auto& { return c.broker.access_rules; }, CheckAccessRule),
+        Text(
+            "secret-key-file",
+            "File with the broker's key, from kvo keys; with one, TCP asks for CURVE", false,
+            [](auto& c) -> auto& { return c.broker.secret_key_file; }),
+        Text(
+            "allowed-keys-file",
+            "File with a name and a public key in each line: who may connect over TCP", true,
+            [](auto& c) -> auto& { return c.broker.allowed_keys_file; }),
+        Flag(
+            "allow-plaintext", "Serve other hosts without CURVE; true or false", false,
+            [](auto& c) -> auto& { return c.broker.allow_plaintext; }),
+        FileMode("file-mode",
+                 "Mode of the stream files: 0600 for the broker's user alone, 0640 lets the group "
+                 "read, 0660 read and write"),
+        FileGroup("file-group",
+                  "Group of the stream files, name or number; empty: the broker's own"),
         Number(
             "heartbeat-period", "Seconds between the heartbeats of a client; 0: none", false,
             [](auto& c) -> auto& { return c.broker.heartbeat_period; }, 0, kMost),
@@ -183,6 +262,25 @@ std::vector<Setting> MakeSettings() {
         Number(
             "request-burst", "Requests of one connection at once, above the rate", true,
             [](auto& c) -> auto& { return c.broker.request_burst; }, 1, kMost),
+        Number(
+            "pending-answers", "Most answers that wait for one connection; more are dropped", false,
+            [](auto& c) -> auto& { return c.broker.pending_answers; }, 1, 1'000'000),
+        Number(
+            "client-streams",
+            "Most streams that one process publishes or subscribes to; 0: no limit", true,
+            [](auto& c) -> auto& { return c.broker.client_streams; }, 0, kMost),
+        Bytes(
+            "client-memory",
+            "Most shared memory of the streams that one process publishes; 0: no limit", true,
+            [](auto& c) -> auto& { return c.broker.client_memory_bytes; }),
+        Number(
+            "user-streams",
+            "Most streams that one user or key publishes or subscribes to; 0: no limit", true,
+            [](auto& c) -> auto& { return c.broker.user_streams; }, 0, kMost),
+        Bytes(
+            "user-memory",
+            "Most shared memory of the streams that one user or key publishes; 0: no limit", true,
+            [](auto& c) -> auto& { return c.broker.user_memory_bytes; }),
         Choice("log-level", "debug, info, warning or error", true,
                [](auto& c) -> auto& { return c.log_level; }, {"debug", "info", "warning", "error"}),
         Text(
@@ -215,6 +313,9 @@ std::string ValueOf(const toml::node& node) {
     }
     if (const auto number = node.value_exact<std::int64_t>()) {
         return std::to_string(*number);
+    }
+    if (const auto flag = node.value_exact<bool>()) {
+        return *flag ? "true" : "false";
     }
     throw ConfigurationError("a text or a whole number is possible");
 }

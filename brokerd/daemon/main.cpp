@@ -12,6 +12,7 @@
 #include <iostream>
 #include <memory>
 #include <pthread.h>
+#include <sys/prctl.h>
 #include <time.h>
 
 namespace {
@@ -64,6 +65,9 @@ int Program::Run() {
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     std::signal(SIGPIPE, SIG_IGN);
     gorm::cor::set_transport_threads(kTransportThreads);
+    if (!configuration_.broker.secret_key_file.empty()) {
+        ::prctl(PR_SET_DUMPABLE, 0);  // a core would hold the key
+    }
     broker_ = std::make_unique<Broker>(configuration_.broker, &logger_);
     std::unique_ptr<HttpEndpoint> http;
     if (configuration_.http_port != 0) {

@@ -31,6 +31,11 @@ public:
     bool Connected(const std::string&) const override { return true; }
 };
 
+class Nobody final : public Accounts {
+public:
+    Account Of(std::uint32_t, std::uint32_t group) override { return {{}, {{group, {}}}}; }
+};
+
 // The directory of all inputs; the registry is each input's own.
 class Place {
 public:
@@ -56,7 +61,8 @@ public:
         try {
             answer = gorm::cor::rr::EncodeResult(
                 call->id.value_or(0),
-                gated_.Dispatch({identity, identity}, call->method, call->params()));
+                gated_.Dispatch({identity, identity, gorm::cor::LocalPeer{1, 1, 1}}, call->method,
+                                call->params()));
         } catch (const std::exception& error) {
             answer = gorm::cor::rr::EncodeError(call->id.value_or(0), error.what());
         }
@@ -90,7 +96,15 @@ private:
                              time_,
                              [](const std::string&, NotificationType) {},
                              [](int, const std::string&) {}};
-    RequestHandler handler_{registry_, files_, events_, [](int, const std::string&) {}, {1, 10, 1}};
+    Nobody accounts_;
+    const Access access_{{AccessRule::Parse("deny subscribe *x* to group:1"),
+                          AccessRule::Parse("allow publish * to local"),
+                          AccessRule::Parse("allow subscribe * to anyone")},
+                         accounts_,
+                         0,
+                         nullptr};
+    RequestHandler handler_{registry_, files_, access_, events_, [](int, const std::string&) {},
+                            {1, 10, 1}};
     std::unique_ptr<gorm::cor::rr::Service> service_ = MakeDataBrokerRegistrationService(handler_);
     RequestGate gate_{{1000, 40}};
     GatedService gated_{*service_, gate_, [this] { return now_; }};

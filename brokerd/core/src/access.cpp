@@ -153,6 +153,10 @@ std::string Access::WhyNot(const Peer& peer, Right right, const std::string& str
         return Describe(peer) + " has no right to " + Verb(right) + " " + Quoted(stream) + ": " +
                why;
     };
+    if (const auto* const key = std::get_if<KeyPeer>(&peer);
+        key != nullptr && key_name_(key->public_key).empty()) {
+        return refusal("its key is not allowed any more");
+    }
     if (rules_.empty()) {
         if (HasByDefault(peer, right)) {
             return {};
@@ -176,7 +180,7 @@ std::string Access::Describe(const Peer& peer) const {
         return user.empty() ? "user " + number : "user " + user + " (" + number + ")";
     }
     if (const auto* const key = std::get_if<KeyPeer>(&peer)) {
-        const std::string name = key_name_ ? key_name_(key->public_key) : std::string();
+        const std::string name = key_name_(key->public_key);
         return name.empty() ? "key " + key->public_key
                             : "key " + name + " (" + key->public_key + ")";
     }

@@ -31,7 +31,7 @@ struct AccessRule {
 /// Who may do what. Threads: one.
 class Access {
 public:
-    /// What keys are called, for people; empty: it has no name.
+    /// What a key is called; empty: it is not allowed any more.
     using KeyName = std::function<std::string(const std::string& public_key)>;
 
     /// @param accounts must outlive this. @param own_user the broker's, who may do what root may.

@@ -4,6 +4,7 @@
 #include "broker_directory.h"
 #include "event_log.h"
 #include "gated_service.h"
+#include "gorm/cor/curve.h"
 #include "gorm/cor/process.h"
 #include "gorm/cor/rr/server.h"
 #include "gorm/cor/service_loop.h"
@@ -17,6 +18,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <limits>
+#include <optional>
 #include <set>
 #include <stdexcept>
 #include <system_error>
@@ -52,6 +54,19 @@ void Check(const BrokerOptions& options, KvoLogger* logger) {
             "a heartbeat time-out of " + std::to_string(options.heartbeat_timeout.count()) +
                 " s is short for a period of " + std::to_string(options.heartbeat_period.count()) +
                 " s: clients that reconnect may be taken for gone");
+    }
+}
+
+void CheckKeys(const BrokerOptions& options) {
+    if (!options.secret_key_file.empty() && options.allowed_keys_file.empty()) {
+        throw std::runtime_error(
+            "secret-key-file needs allowed-keys-file, with the keys that may connect");
+    }
+    if (options.secret_key_file.empty() && !options.allow_plaintext &&
+        !gorm::cor::IsLoopback(options.address)) {
+        throw std::runtime_error("address " + options.address +
+                                 " can be reached from other hosts: name a key with "
+                                 "secret-key-file, or let everybody in with allow-plaintext");
     }
 }
 
@@ -120,6 +135,7 @@ private:
     std::uint64_t notifications_ = 0;
     std::unique_ptr<RequestGate> gate_;
     SystemAccounts accounts_;
+    std::shared_ptr<gorm::cor::CurveServer> curve_;  // null: no keys are asked for
     std::unique_ptr<Access> access_;
     std::unique_ptr<RequestHandler> handler_;
     std::unique_ptr<gorm::cor::rr::Service> service_;
@@ -133,8 +149,11 @@ namespace {
 
 StreamRegistry::Settings SettingsOf(const BrokerOptions& options) {
     const bool supervised = options.heartbeat_period.count() > 0;
-    return {supervised ? options.heartbeat_timeout : std::chrono::seconds(0), options.removal_grace,
-            options.max_streams};
+    return {supervised ? options.heartbeat_timeout : std::chrono::seconds(0),
+            options.removal_grace,
+            options.max_streams,
+            {options.client_streams, options.client_memory_bytes},
+            {options.user_streams, options.user_memory_bytes}};
 }
 
 std::vector<AccessRule> RulesOf(const BrokerOptions& options) {
@@ -157,6 +176,7 @@ RequestGate::Limits LimitsOf(const BrokerOptions& options) {
 
 Broker::Impl::Impl(const BrokerOptions& options, KvoLogger* logger) : logger_(logger) {
     Check(options, logger);
+    CheckKeys(options);
     try {
         // In one go, so that no request comes before all is there.
         loop_.Run([&] { Start(options); });
@@ -191,9 +211,10 @@ void Broker::Impl::Start(const BrokerOptions& options) {
     ProcessLock::SetProcessIdentity(gorm::cor::process_identity());
     directory_path_ =
         options.directory.empty() ? DefaultDirectory(options.port) : options.directory;
-    directory_ = std::make_unique<BrokerDirectory>(directory_path_);
+    directory_ = std::make_unique<BrokerDirectory>(directory_path_, options.file_access);
     files_ = std::make_unique<StreamFiles>(directory_path_, options.memory_budget_bytes,
-                                           options.spare_slots, directory_->processes());
+                                           options.spare_slots, directory_->processes(),
+                                           options.file_access);
     processes_ = std::make_unique<LockedProcesses>(directory_->processes());
     time_ =
         std::make_unique<SupervisedTime>([] { return std::chrono::steady_clock::now(); }, kTick);
@@ -201,6 +222,15 @@ void Broker::Impl::Start(const BrokerOptions& options) {
     serving.runtime_directory = options.runtime_directory;
     serving.note = "a broker with the directory " + directory_path_;
     serving.topic_directory = options.local_topics ? directory_path_ + "/topics" : "";
+    // Whoever reads samples tells the publisher when it sleeps.
+    serving.topic_access.mode = options.file_access.shared_mode();
+    serving.topic_access.group = options.file_access.group.value_or(serving.topic_access.group);
+    if (!options.secret_key_file.empty()) {
+        curve_ = std::make_shared<gorm::cor::CurveServer>(
+            gorm::cor::ReadCurveKeys(options.secret_key_file),
+            gorm::cor::ReadAllowedKeys(options.allowed_keys_file));
+        serving.curve = curve_;
+    }
     publisher_ = std::make_unique<gorm::cor::ps::Publisher>(
         loop_, Uri("wkp.ps", options.address, options.notification_port, "/"), serving);
     notification_port_ = publisher_->port();
@@ -215,7 +245,9 @@ void Broker::Impl::Start(const BrokerOptions& options) {
         }
     });
     registry_->Adopt(files_->Sweep([this](const std::string& text) { Log(3, text); }));
-    access_ = std::make_unique<Access>(RulesOf(options), accounts_, ::geteuid(), nullptr);
+    access_ = std::make_unique<Access>(
+        RulesOf(options), accounts_, ::geteuid(),
+        [this](const std::string& key) { return curve_ == nullptr ? "" : curve_->NameOf(key); });
     handler_ = std::make_unique<RequestHandler>(
         *registry_, *files_, *access_, events_,
         [this](int level, const std::string& text) { Log(level, text); },
@@ -230,7 +262,8 @@ void Broker::Impl::Start(const BrokerOptions& options) {
         *service_, *gate_, [] { return std::chrono::steady_clock::now(); });
     server_ = std::make_unique<gorm::cor::rr::Server>(
         loop_, Uri("wkp.rr", options.address, options.port, "/broker/Broker1"), *gated_service_,
-        gorm::cor::rr::ServerOptions{options.max_connections, serving});
+        gorm::cor::rr::ServerOptions{options.max_connections,
+                                     static_cast<int>(options.pending_answers), serving});
     server_->OnDisconnect([this](const gorm::cor::rr::Caller& caller) { Lost(caller); });
     processes_->AskForConnections(
         [this](const std::string& identity) { return server_->Connected(identity); });
@@ -317,7 +350,14 @@ BrokerState Broker::Impl::State() {
 void Broker::Impl::Reconfigure(const BrokerOptions& options) {
     Check(options, logger_);
     std::vector<AccessRule> rules = RulesOf(options);
+    std::optional<gorm::cor::AllowedKeys> allowed;
+    if (curve_ != nullptr && !options.allowed_keys_file.empty()) {
+        allowed = gorm::cor::ReadAllowedKeys(options.allowed_keys_file);
+    }
     loop_.Run([&] {
+        if (allowed) {
+            curve_->SetAllowed(std::move(*allowed));
+        }
         access_->set_rules(std::move(rules));
         registry_->set_settings(SettingsOf(options));
         handler_->set_heartbeat_timeout(

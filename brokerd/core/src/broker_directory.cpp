@@ -14,6 +14,15 @@ namespace {
     throw std::runtime_error(what + ": " + std::strerror(errno));
 }
 
+void LetIn(const std::string& path, const FileAccess& access) {
+    if (access.group && ::chown(path.c_str(), static_cast<uid_t>(-1), *access.group) != 0) {
+        Fail("cannot give " + path + " to group " + std::to_string(*access.group));
+    }
+    if (access.mode != FileAccess{}.mode && ::chmod(path.c_str(), access.directory_mode()) != 0) {
+        Fail("cannot set the mode of " + path);
+    }
+}
+
 void MakeDirectory(const std::string& path) {
     if (::mkdir(path.c_str(), 0700) == 0) {
         return;
@@ -36,10 +45,13 @@ void MakeDirectory(const std::string& path) {
 
 }  // namespace
 
-BrokerDirectory::BrokerDirectory(std::string path) : path_(std::move(path)) {
+BrokerDirectory::BrokerDirectory(std::string path, const FileAccess& access)
+    : path_(std::move(path)) {
     MakeDirectory(path_);
     Lock();
+    LetIn(path_, access);
     processes_ = ProcessLock::ForDirectory(path_);
+    processes_->LetIn(access);
     processes_->Join();
 }
 

@@ -14,7 +14,8 @@ class BrokerDirectory {
 public:
     /// Makes the directory where it is missing and takes it; throws std::runtime_error when
     /// another broker has it (naming its process) or it belongs to somebody else.
-    explicit BrokerDirectory(std::string path);
+    /// @param access to it and its files; one that was there keeps its mode when it is for nobody.
+    explicit BrokerDirectory(std::string path, const FileAccess& access = {});
     BrokerDirectory(const BrokerDirectory&) = delete;
     BrokerDirectory& operator=(const BrokerDirectory&) = delete;
     /// Gives it up, and removes it when nothing is left in it and nobody uses it.

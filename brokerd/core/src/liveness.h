@@ -25,11 +25,14 @@ public:
 /// is, silent when it has ended its heartbeats, and stalled when it can send none.
 class Client {
 public:
-    /// @param identity 16 bytes, or empty: then heartbeats alone tell. @param now supervised time.
-    Client(std::string identity, TimePoint now) : identity_(std::move(identity)), beat_(now) {}
+    /// @param identity 16 bytes, or empty: then heartbeats alone tell. @param user on whose account
+    /// it goes, for people too. @param now supervised time.
+    Client(std::string identity, std::string user, TimePoint now)
+        : identity_(std::move(identity)), user_(std::move(user)), beat_(now) {}
 
     bool Is(const std::string& identity) const { return identity_ == identity; }
     const std::string& identity() const { return identity_; }
+    const std::string& user() const { return user_; }
     void Beat(TimePoint now) { beat_ = now; }
     TimePoint beat() const { return beat_; }
 
@@ -49,6 +52,7 @@ public:
 
 private:
     std::string identity_;
+    std::string user_;
     TimePoint beat_;
     std::optional<ProcessTag> tag_;  // once its process has taken a lock byte
     State state_ = State::kAlive;

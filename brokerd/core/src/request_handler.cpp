@@ -21,6 +21,15 @@ const std::string& AskerOf(const RequestHandler::Caller& caller) {
     return caller.identity.empty() ? caller.connection : caller.identity;
 }
 
+// Without names, which may change and may take time.
+std::string AccountOf(const gorm::cor::Peer& peer) {
+    if (const auto* const local = std::get_if<gorm::cor::LocalPeer>(&peer)) {
+        return "user " + std::to_string(local->user);
+    }
+    const auto* const key = std::get_if<gorm::cor::KeyPeer>(&peer);
+    return key != nullptr ? "key " + key->public_key : "everybody without a name";
+}
+
 }  // namespace
 
 // A refusal teaches: in the log, among the events, and whoever asks for the reason afterwards.
@@ -86,10 +95,10 @@ std::int32_t RequestHandler::AddPublisher(const Caller& caller, const std::strin
     if (IsWellFormedName(stream)) {
         claims_.Keep(AskerOf(caller), stream);
     }
-    return Tell(
-        caller, stream,
-        registry_.AddPublisher(caller.identity, {stream, max_data_sample_size, number_of_samples,
-                                                 compute_checksum, publisher_key}));
+    return Tell(caller, stream,
+                registry_.AddPublisher(caller.identity,
+                                       {stream, max_data_sample_size, number_of_samples,
+                                        compute_checksum, publisher_key, AccountOf(caller.peer)}));
 }
 
 std::int32_t RequestHandler::RemovePublisher(const Caller& caller, const std::string& stream) {
@@ -116,8 +125,8 @@ std::int32_t RequestHandler::AddSubscriber(const Caller& caller, const std::stri
     if (const std::string fault = WhyNot(caller, Right::kSubscribe, stream); !fault.empty()) {
         return Tell(caller, stream, {kNoRight, fault});
     }
-    const Verdict verdict =
-        registry_.AddSubscriber(caller.identity, subscriber_uuid, stream, remote_broker_uri);
+    const Verdict verdict = registry_.AddSubscriber(caller.identity, subscriber_uuid, stream,
+                                                    remote_broker_uri, AccountOf(caller.peer));
     if (!verdict.refused()) {
         topics_.open(stream);  // before the answer, after which he looks for it
     }

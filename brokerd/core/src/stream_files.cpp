@@ -65,8 +65,12 @@ bool IsHalfMade(std::string_view name) {
 }  // namespace
 
 StreamFiles::StreamFiles(std::string directory, std::uint64_t budget_bytes, const SpareSlots& spare,
-                         ProcessLock& processes)
-    : directory_(std::move(directory)), budget_bytes_(0), spare_(spare), processes_(processes) {
+                         ProcessLock& processes, const FileAccess& access)
+    : directory_(std::move(directory)),
+      budget_bytes_(0),
+      spare_(spare),
+      processes_(processes),
+      access_(access) {
     SetBudget(budget_bytes);
 }
 
@@ -116,6 +120,7 @@ std::unique_ptr<StreamFile> StreamFiles::Create(const std::string& stream,
     creation.epoch = std::max(WallClockUs(), last_epoch_ + 1);
     creation.key_digest = DigestKey(publisher_key);
     creation.checksum = checksum;
+    creation.access = access_;
     auto file = StreamFile::Create(creation);
     last_epoch_ = creation.epoch;
     Take(*file);

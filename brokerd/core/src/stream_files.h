@@ -15,9 +15,9 @@ namespace kvo::brokerd {
 /// Threads: one.
 class StreamFiles {
 public:
-    /// @param budget_bytes of all files; 0: half of the file system.
+    /// @param budget_bytes of all files; 0: half of the file system. @param access to new ones.
     StreamFiles(std::string directory, std::uint64_t budget_bytes, const SpareSlots& spare,
-                ProcessLock& processes);
+                ProcessLock& processes, const FileAccess& access = {});
 
     std::string PathOf(const std::string& stream) const;
 
@@ -64,6 +64,7 @@ private:
     std::uint64_t budget_bytes_;
     const SpareSlots spare_;
     ProcessLock& processes_;
+    const FileAccess access_;
     std::uint64_t used_bytes_ = 0;
     std::uint64_t last_epoch_ = 0;
     std::vector<std::unique_ptr<StreamFile>> removed_;  // with readers still in them

@@ -124,8 +124,8 @@ Verdict StreamRegistry::AddPublisher(const std::string& identity, const Publicat
 // The publisher of before goes on in its segment: same epoch, same sequence.
 Verdict StreamRegistry::Resume(const std::string& identity, const Publication& publication,
                                Stream& stream) {
-    stream.publisher =
-        Publisher{Client(identity, time_.Now()), publication.key, DeadWriterOf(*stream.file)};
+    stream.publisher = Publisher{Client(identity, publication.user, time_.Now()), publication.key,
+                                 DeadWriterOf(*stream.file)};
     stream.removal_due.reset();
     log_(2, "stream " + Quoted(publication.stream) + ": publisher registered again");
     notify_(publication.stream, PUB_REG);
@@ -139,6 +139,10 @@ Verdict StreamRegistry::Begin(const std::string& identity, const Publication& pu
                               const StreamGeometry& geometry) {
     const std::string& name = publication.stream;
     const std::string stream_text = "stream " + Quoted(name);
+    if (Verdict verdict = QuotaOf(identity, publication.user, name, geometry.total_bytes());
+        verdict.refused()) {
+        return verdict;
+    }
     if (const std::uint64_t available = files_.AvailableBytes();
         geometry.total_bytes() > available) {
         return {kNotEnoughMemory, stream_text + " needs " + std::to_string(geometry.total_bytes()) +
@@ -159,12 +163,46 @@ Verdict StreamRegistry::Begin(const std::string& identity, const Publication& pu
         }
         throw;
     }
-    stream.publisher = Publisher{Client(identity, time_.Now()), key, {}};
+    stream.publisher = Publisher{Client(identity, publication.user, time_.Now()), key, {}};
     stream.removal_due.reset();
     log_(2, stream_text + ": publisher registered, " + std::to_string(publication.samples) +
                 " samples of " + std::to_string(publication.sample_bytes) + " bytes");
     notify_(name, PUB_REG);
     return {};
+}
+
+template <class Counts>
+Usage StreamRegistry::UsageOf(Counts counts, const std::string& except) const {
+    Usage usage;
+    for (const auto& [name, stream] : streams_) {
+        if (name == except) {
+            continue;
+        }
+        const bool publishes = stream.publisher && counts(stream.publisher->client);
+        if (publishes && stream.file != nullptr) {
+            usage.bytes += stream.file->geometry().total_bytes();
+        }
+        usage.streams +=
+            publishes || std::any_of(stream.subscribers.begin(), stream.subscribers.end(),
+                                     [&](const auto& entry) { return counts(entry.second); });
+    }
+    return usage;
+}
+
+Verdict StreamRegistry::QuotaOf(const std::string& identity, const std::string& user,
+                                const std::string& stream, std::uint64_t bytes) const {
+    const Usage asked{1, bytes};
+    std::string fault;
+    if (settings_.per_client.limits()) {
+        const auto is_client = [&](const Client& client) { return client.Is(identity); };
+        fault = settings_.per_client.WhyNot("this process", UsageOf(is_client, stream), asked);
+    }
+    if (fault.empty() && settings_.per_user.limits()) {
+        const auto is_user = [&](const Client& client) { return client.user() == user; };
+        fault = settings_.per_user.WhyNot(user, UsageOf(is_user, stream), asked);
+    }
+    return fault.empty() ? Verdict{}
+                         : Verdict{kLimitReached, "stream " + Quoted(stream) + ": " + fault};
 }
 
 void StreamRegistry::EndPublisher(const std::string& name, Stream& stream, const char* why) {
@@ -194,13 +232,17 @@ Verdict StreamRegistry::RemovePublisher(const std::string& identity, const std::
 }
 
 Verdict StreamRegistry::AddSubscriber(const std::string& identity, const std::string& uuid,
-                                      const std::string& name, const std::string& remote_broker) {
+                                      const std::string& name, const std::string& remote_broker,
+                                      const std::string& user) {
     if (Verdict verdict = admission_.OfSubscriber(name, uuid, remote_broker,
                                                   streams_.count(name) != 0, streams_.size());
         verdict.refused()) {
         return verdict;
     }
-    streams_[name].subscribers.insert_or_assign(uuid, Client(identity, time_.Now()));
+    if (Verdict verdict = QuotaOf(identity, user, name, 0); verdict.refused()) {
+        return verdict;
+    }
+    streams_[name].subscribers.insert_or_assign(uuid, Client(identity, user, time_.Now()));
     subscriptions_[uuid].insert(name);
     return {};
 }

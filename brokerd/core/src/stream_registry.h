@@ -4,6 +4,7 @@
 #include "kvo/broker/notification_sample.h"
 #include "kvo/brokerd/broker_state.h"
 #include "liveness.h"
+#include "quota.h"
 #include "stream_files.h"
 #include "supervised_time.h"
 #include "verdict.h"
@@ -30,6 +31,8 @@ public:
         std::chrono::seconds heartbeat_timeout;  // 0: heartbeats are not supervised
         std::chrono::milliseconds removal_grace;
         std::uint32_t max_streams;
+        Quota per_client{};
+        Quota per_user{};
     };
     using Notify = std::function<void(const std::string& stream, NotificationType type)>;
     using Log = std::function<void(int level, const std::string& text)>;
@@ -45,7 +48,8 @@ public:
         std::int32_t sample_bytes;
         std::int32_t samples;
         bool checksum;
-        std::string key;  // empty: the first registration
+        std::string key;     // empty: the first registration
+        std::string user{};  // on whose account it goes, for people too
     };
     Verdict AddPublisher(const std::string& identity, const Publication& publication);
     /// Whose registrations a caller may end.
@@ -54,7 +58,8 @@ public:
     Verdict RemovePublisher(const std::string& identity, const std::string& stream, Whose whose);
     /// @param remote_broker empty: the stream is of this host.
     Verdict AddSubscriber(const std::string& identity, const std::string& uuid,
-                          const std::string& stream, const std::string& remote_broker);
+                          const std::string& stream, const std::string& remote_broker,
+                          const std::string& user = {});
     /// -1: there is no such subscriber, or it is of another process.
     Verdict RemoveSubscriber(const std::string& identity, const std::string& stream,
                              const std::string& uuid, Whose whose);
@@ -128,6 +133,12 @@ private:
     Verdict Resume(const std::string& identity, const Publication& publication, Stream& stream);
     Verdict Begin(const std::string& identity, const Publication& publication,
                   const StreamGeometry& geometry);
+    /// What the clients that `counts` names have, but for one stream.
+    template <class Counts>
+    Usage UsageOf(Counts counts, const std::string& except) const;
+    /// @param bytes of the stream's memory; 0: for a subscriber.
+    Verdict QuotaOf(const std::string& identity, const std::string& user, const std::string& stream,
+                    std::uint64_t bytes) const;
     void EndPublisher(const std::string& name, Stream& stream, const char* why);
     void ForgetSubscription(const std::string& uuid, const std::string& name);
     void RemoveFile(const std::string& name, Stream& stream);

@@ -40,7 +40,8 @@ Address Parse(const network::uri& uri, const char* scheme, bool any_port) {
                    std::string(uri.path()),
                    ipv6,
                    host,
-                   port};
+                   port,
+                   nullptr};
 }
 
 }  // namespace

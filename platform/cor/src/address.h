@@ -3,9 +3,12 @@
 #include "network/uri.hpp"
 
 #include <cstdint>
+#include <memory>
 #include <string>
 
 namespace gorm::cor {
+
+struct CurveClient;
 
 /// Where a URI of the binding leads.
 struct Address {
@@ -15,6 +18,7 @@ struct Address {
     bool ipv6 = false;
     std::string host;  // without brackets
     std::uint16_t port = 0;
+    std::shared_ptr<const CurveClient> curve;  // null: none
 
     /// Whether a client prefers the Unix socket of the port.
     bool PrefersLocal() const;

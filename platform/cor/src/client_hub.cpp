@@ -1,5 +1,7 @@
 #include "client_hub.h"
 
+#include "curve_client.h"
+
 namespace gorm::cor::rr {
 
 ClientHub::ClientHub(zmq::context_t& context, const ProcessIdentity& identity)
@@ -14,12 +16,23 @@ std::unique_ptr<Connection> ClientHub::MakeConnection(const Address& address) {
     return std::make_unique<Connection>(context_, loop_, address, routing_id);
 }
 
+namespace {
+
+// Clients with other keys do not share a connection.
+std::string KeyOf(const Address& address) {
+    return address.curve == nullptr ? address.endpoint
+                                    : address.endpoint + " " + address.curve->keys.public_key +
+                                          address.curve->server_key;
+}
+
+}  // namespace
+
 void ClientHub::Open(const std::shared_ptr<ClientEnd>& end) {
     loop_.Run([&] {
-        auto found = connections_.find(end->address.endpoint);
+        auto found = connections_.find(KeyOf(end->address));
         if (found == connections_.end()) {
             auto made = MakeConnection(end->address);
-            found = connections_.emplace(end->address.endpoint, std::move(made)).first;
+            found = connections_.emplace(KeyOf(end->address), std::move(made)).first;
         }
         found->second->Attach(end);
     });
@@ -30,7 +43,7 @@ void ClientHub::Close(const std::shared_ptr<ClientEnd>& end) {
         Connection* const connection = end->connection;
         connection->Detach(end);
         if (!connection->has_clients()) {
-            connections_.erase(end->address.endpoint);
+            connections_.erase(KeyOf(end->address));
         }
     });
 }

@@ -34,7 +34,7 @@ private:
     const ProcessIdentity& identity_;
 
     // I/O thread only
-    std::map<std::string, std::unique_ptr<Connection>> connections_;  // by endpoint
+    std::map<std::string, std::unique_ptr<Connection>> connections_;  // by endpoint and keys
     std::uint32_t made_ = 0;
 
     PollLoop loop_{"cor-io"};  // last: its thread uses all of the above

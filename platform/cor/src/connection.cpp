@@ -1,6 +1,7 @@
 #include "connection.h"
 
 #include "bounds.h"
+#include "curve_client.h"
 #include "gorm/cor/errors.h"
 #include "runtime_directory.h"
 #include "wire.h"
@@ -36,7 +37,13 @@ Connection::Link::Link(zmq::context_t& context, const Address& address, const st
                        const std::string& routing_id)
     : endpoint(way),
       socket(MakeDealer(context, address, routing_id)),
-      monitor(context, socket, ZMQ_EVENT_HANDSHAKE_SUCCEEDED | ZMQ_EVENT_DISCONNECTED) {
+      monitor(context, socket,
+              ZMQ_EVENT_HANDSHAKE_SUCCEEDED | ZMQ_EVENT_DISCONNECTED |
+                  ZMQ_EVENT_HANDSHAKE_FAILED_NO_DETAIL | ZMQ_EVENT_HANDSHAKE_FAILED_PROTOCOL |
+                  ZMQ_EVENT_HANDSHAKE_FAILED_AUTH) {
+    if (way == address.endpoint && address.curve != nullptr) {
+        address.curve->Secure(socket);
+    }
     try {
         socket.connect(way);
     } catch (const zmq::error_t& error) {
@@ -69,6 +76,7 @@ std::string Connection::ChooseWay() const {
 
 void Connection::Begin(const std::string& way) {
     Leave();
+    given_up_ = false;
     link_ = std::make_unique<Link>(context_, address_, way, routing_id_);
     loop_.Watch(link_->socket, [this] { TakeReplies(kBatch); });
     loop_.Watch(link_->monitor.socket(), [this] { TakeEvents(); });
@@ -84,7 +92,7 @@ void Connection::Leave() {
 
 // The transport itself tries one way again and again; which one that should be may change.
 void Connection::AwaitConnection() {
-    if (awaiting_ || !address_.PrefersLocal()) {
+    if (awaiting_ || (!address_.PrefersLocal() && !given_up_)) {
         return;
     }
     awaiting_ = true;
@@ -101,11 +109,34 @@ void Connection::Reconsider() {
     if (connected_) {
         return;
     }
-    AwaitConnection();
     ++rounds_;
-    if (const std::string way = ChooseWay(); way != link_->endpoint) {
+    // After a refusal the transport does not try again; what was refused may be allowed some day.
+    const std::string way = ChooseWay();
+    if (way != link_->endpoint || (given_up_ && rounds_ % kRoundsOfAWay == 0)) {
         Begin(way);
     }
+    AwaitConnection();
+}
+
+void Connection::Refused(const Monitor::Event& event) {
+    const bool secured = address_.curve != nullptr && link_->endpoint == address_.endpoint;
+    given_up_ = event.kind != ZMQ_EVENT_HANDSHAKE_FAILED_NO_DETAIL;
+    if (event.kind == ZMQ_EVENT_HANDSHAKE_FAILED_AUTH) {
+        fault_ = "the server does not allow the public key of this process";
+        if (secured) {
+            fault_ += ", " + address_.curve->keys.public_key;
+        }
+    } else if (given_up_ && event.value == ZMQ_PROTOCOL_ERROR_ZMTP_MECHANISM_MISMATCH) {
+        fault_ = secured ? "the server does not use CURVE, but this process has a key for it"
+                         : std::string("the server asks for CURVE, and the file that ") +
+                               kPropertiesVariable + " names has no key for it";
+    } else if (secured) {
+        fault_ =
+            "the server ended the handshake; is " + address_.curve->server_key + " its public key?";
+    } else {
+        fault_ = "the handshake failed";
+    }
+    AwaitConnection();
 }
 
 void Connection::Attach(const std::shared_ptr<ClientEnd>& end) {
@@ -146,7 +177,7 @@ void Connection::Request(const std::shared_ptr<ClientEnd>& end,
     if (connected_) {
         SendRequest(*end, call);
     } else if (end->was_connected) {
-        call->Complete(Lost("there is no connection"));
+        call->Complete(Lost("there is no connection" + WhyNot()));
     } else {
         end->waiting.push_back(call);
     }
@@ -216,15 +247,20 @@ void Connection::TakeReplies(int at_most) {
 }
 
 void Connection::TakeEvents() {
-    for (int event = link_->monitor.Next().kind; event != 0; event = link_->monitor.Next().kind) {
-        if (event == ZMQ_EVENT_HANDSHAKE_SUCCEEDED && !connected_) {
+    for (Monitor::Event event = link_->monitor.Next(); event.kind != 0;
+         event = link_->monitor.Next()) {
+        if (event.kind == ZMQ_EVENT_HANDSHAKE_SUCCEEDED && !connected_) {
             if (const std::string way = ChooseWay(); way != link_->endpoint) {
                 Begin(way);  // the Unix socket has come since; this link's events are over
                 return;
             }
             Up();
-        } else if (event == ZMQ_EVENT_DISCONNECTED && connected_) {
-            Down();
+        } else if (event.kind == ZMQ_EVENT_DISCONNECTED) {
+            if (connected_) {
+                Down();
+            }
+        } else if (!connected_) {
+            Refused(event);
         }
     }
 }
@@ -235,6 +271,7 @@ void Connection::Up() {
     static_cast<void>(link_->socket.get(zmq::sockopt::events));
     connected_ = true;
     rounds_ = 0;
+    fault_.clear();
     // Before anybody learns of it otherwise: who registers a listener then has nothing to hear.
     for (const auto& end : ends_) {
         end->strand.Deliver(true);

@@ -53,6 +53,8 @@ public:
     void Detach(const std::shared_ptr<ClientEnd>& end);
     bool has_clients() const { return !ends_.empty(); }
     bool connected() const { return connected_; }
+    /// Why the last attempt to connect failed, if that is known, as the end of a message.
+    std::string WhyNot() const { return fault_.empty() ? fault_ : ": " + fault_; }
 
     void Connect(ClientEnd& end, boost::promise<void> promise);
     void Request(const std::shared_ptr<ClientEnd>& end, const std::shared_ptr<PendingCall>& call);
@@ -79,6 +81,7 @@ private:
     void Leave();
     void AwaitConnection();
     void Reconsider();
+    void Refused(const Monitor::Event& event);
     void TakeReplies(int at_most);
     void TakeEvents();
     void Up();
@@ -93,6 +96,8 @@ private:
     const std::string routing_id_;
     std::unique_ptr<Link> link_;
     bool connected_ = false;
+    bool given_up_ = false;  // the transport, on this link
+    std::string fault_;      // of the last handshake; empty: none is known
     bool awaiting_ = false;  // Reconsider() is due some time
     int rounds_ = 0;         // how often it has found no connection since the last one
     std::vector<std::shared_ptr<ClientEnd>> ends_;

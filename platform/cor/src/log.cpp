@@ -49,6 +49,15 @@ void FaultLog::Count(const std::string& peer, const char* reason) noexcept {
     }
 }
 
+void FaultLog::Tell(const std::string& peer, const std::string& text) noexcept {
+    try {
+        if (Admit(peer, Clock::now())) {
+            LogWarning(text);
+        }
+    } catch (...) {  // out of memory
+    }
+}
+
 bool FaultLog::Admit(const std::string& peer, Clock::time_point now) {
     if (last_logged_.size() >= kMaxPeers) {
         std::erase_if(last_logged_,

@@ -18,6 +18,8 @@ class FaultLog {
 public:
     explicit FaultLog(std::string what);
     void Count(const std::string& peer, const char* reason) noexcept;
+    /// Logs a text of its own.
+    void Tell(const std::string& peer, const std::string& text) noexcept;
 
 private:
     using Clock = std::chrono::steady_clock;

@@ -1,5 +1,6 @@
 #include "address.h"
 #include "bounds.h"
+#include "curve_server.h"
 #include "gorm/cor/process.h"
 #include "gorm/cor/ps/publisher.h"
 #include "local_endpoint.h"
@@ -12,12 +13,15 @@
 
 #include <zmq.hpp>
 
+#include <cerrno>
 #include <filesystem>
 #include <functional>
 #include <map>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <sys/stat.h>
+#include <system_error>
 #include <unistd.h>
 #include <utility>
 #include <vector>
@@ -66,6 +70,7 @@ private:
 
     const std::string topic_directory_;
     const FileAccess topic_access_;
+    std::shared_ptr<CurveServer> curve_;  // null: none
     zmq::socket_t socket_;
     Monitor monitor_;
     std::string tcp_;    // endpoints as they were bound
@@ -85,6 +90,10 @@ Publisher::Impl::Impl(PollLoop& service_loop, const Address& address, const Serv
       monitor_(Runtime::Get().context(), socket_, ZMQ_EVENT_CLOSED | ZMQ_EVENT_CLOSE_FAILED) {
     if (address.port != 0) {
         BindLocal(serving, address, address.port);
+    }
+    if (serving.curve != nullptr) {
+        curve_ = serving.curve;
+        curve_->impl().Secure(socket_);
     }
     tcp_ = Bind(socket_, address.endpoint, address.text);
     port = PortOf(tcp_);
@@ -109,6 +118,7 @@ Publisher::Impl::~Impl() {
 
 void Publisher::Impl::BindLocal(const Serving& serving, const Address& address, std::uint16_t at) {
     local_endpoint_ = ServeLocal(serving, address, at, [&](const std::string& endpoint) {
+        CurveServer::Impl::Open(socket_);
         local_ = Bind(socket_, endpoint, address.text);
     });
 }
@@ -155,8 +165,11 @@ void Publisher::Impl::ServeTopics() {
     }
     try {
         std::filesystem::create_directory(topic_directory_);
-        std::filesystem::permissions(
-            topic_directory_, std::filesystem::perms(topic_access_.mode == 0600 ? 0700 : 0755));
+        const mode_t mode = (topic_access_.mode & 0077) == 0 ? 0700 : 0750;
+        if (::chown(topic_directory_.c_str(), static_cast<uid_t>(-1), topic_access_.group) != 0 ||
+            ::chmod(topic_directory_.c_str(), mode) != 0) {
+            throw std::system_error(errno, std::generic_category(), topic_directory_);
+        }
         TopicRingServer::RemoveAll(topic_directory_);
         local_endpoint_->PointTo(topic_directory_);
         serves_local_ = true;

@@ -1,11 +1,15 @@
 #include "router.h"
 
 #include "bounds.h"
+#include "curve_server.h"
 #include "gorm/cor/process.h"
 #include "local_peer.h"
 
+#include <array>
 #include <cstdint>
+#include <netdb.h>
 #include <optional>
+#include <sys/socket.h>
 #include <utility>
 
 namespace gorm::cor::rr {
@@ -23,6 +27,7 @@ std::string IdentityOf(std::string_view routing_id) {
 zmq::socket_t MakeRouter(zmq::context_t& context, const Router::Settings& settings) {
     zmq::socket_t socket =
         MakeSocket(context, zmq::socket_type::router, kRequestQueue, kMaxRequestBytes);
+    socket.set(zmq::sockopt::sndhwm, settings.max_pending_answers);
     socket.set(zmq::sockopt::router_handover, true);
     socket.set(zmq::sockopt::backlog, kBacklog);
     // The clients send the heartbeats, and with them how long to wait for the next. For thousands
@@ -36,7 +41,21 @@ zmq::socket_t MakeRouter(zmq::context_t& context, const Router::Settings& settin
     socket.set(zmq::sockopt::ipv6, settings.ipv6);
     // The last answers still leave when the server goes.
     socket.set(zmq::sockopt::linger, 1000);
+    if (settings.curve != nullptr) {
+        settings.curve->impl().Secure(socket);
+    }
     return socket;
+}
+
+std::string AddressOf(int descriptor) {
+    sockaddr_storage address{};
+    socklen_t bytes = sizeof address;
+    std::array<char, NI_MAXHOST> host{};
+    const bool known =
+        ::getpeername(descriptor, reinterpret_cast<sockaddr*>(&address), &bytes) == 0 &&
+        ::getnameinfo(reinterpret_cast<sockaddr*>(&address), bytes, host.data(), host.size(),
+                      nullptr, 0, NI_NUMERICHOST) == 0;
+    return known ? host.data() : "unknown";
 }
 
 std::string_view Property(zmq::message_t& frame, const char* name) {
@@ -51,9 +70,9 @@ Router::Router(PollLoop& loop, zmq::context_t& context, const Settings& settings
       settings_(settings),
       user_(user),
       socket_(MakeRouter(context, settings)),
-      monitor_(
-          context, socket_,
-          ZMQ_EVENT_ACCEPTED | ZMQ_EVENT_DISCONNECTED | ZMQ_EVENT_CLOSED | ZMQ_EVENT_CLOSE_FAILED),
+      monitor_(context, socket_,
+               ZMQ_EVENT_ACCEPTED | ZMQ_EVENT_DISCONNECTED | ZMQ_EVENT_CLOSED |
+                   ZMQ_EVENT_CLOSE_FAILED | ZMQ_EVENT_HANDSHAKE_FAILED_PROTOCOL),
       faults_("message to " + settings.text) {
     endpoint_ = Bind(socket_, settings.endpoint, settings.text);
     loop_.Watch(socket_, [this] { TakeCalls(); });
@@ -63,14 +82,25 @@ Router::Router(PollLoop& loop, zmq::context_t& context, const Settings& settings
 Router::~Router() {
     loop_.Unwatch(socket_);
     loop_.Unwatch(monitor_.socket());
-    Unbind(socket_, monitor_, endpoint_);
+    StopListening();
+}
+
+void Router::StopListening() {
+    Unbind(socket_, monitor_, std::exchange(endpoint_, {}));
 }
 
 void Router::TakeEvents() {
     for (Monitor::Event event = monitor_.Next(); event.kind != 0; event = monitor_.Next()) {
         if (event.kind == ZMQ_EVENT_ACCEPTED) {
             End(event.value);
-            links_.try_emplace(event.value);
+            Link& link = links_[event.value];
+            if (settings_.curve != nullptr) {
+                link.address = AddressOf(event.value);
+            }
+        } else if (event.kind == ZMQ_EVENT_HANDSHAKE_FAILED_PROTOCOL) {
+            handshake_fault_ = event.value == ZMQ_PROTOCOL_ERROR_ZMTP_MECHANISM_MISMATCH
+                                   ? "it does not use CURVE"
+                                   : "it has another key for this server, or no key";
         } else if (event.kind == ZMQ_EVENT_DISCONNECTED) {
             End(event.value);
         }
@@ -83,9 +113,22 @@ void Router::End(int descriptor) {
         return;
     }
     const Caller caller = std::move(found->second.caller);
+    if (caller.connection.empty()) {
+        TellRefused(found->second);
+    }
     links_.erase(found);
     if (!caller.connection.empty()) {
         user_.Ended(caller);
+    }
+}
+
+// The transport tells of the fault and then of the end, but not whose fault it is; with several at
+// once the line may name the wrong one of them.
+void Router::TellRefused(const Link& link) {
+    if (const char* const fault = std::exchange(handshake_fault_, nullptr);
+        fault != nullptr && settings_.curve != nullptr) {
+        faults_.Tell(link.address,
+                     "peer " + link.address + " refused at " + settings_.text + ": " + fault);
     }
 }
 
@@ -121,7 +164,9 @@ Peer Router::PeerOf(zmq::message_t& frame) const {
         }
         return AnonymousPeer{false};
     }
-    return AnonymousPeer{settings_.this_host};
+    // The name that the authenticator gave it.
+    return settings_.curve != nullptr ? Peer(KeyPeer{std::string(Property(frame, "User-Id"))})
+                                      : Peer(AnonymousPeer{settings_.this_host});
 }
 
 void Router::TakeCalls() {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "gorm/cor/curve.h"
 #include "gorm/cor/peer.h"
 #include "gorm/cor/rr/service.h"
 #include "log.h"
@@ -11,6 +12,7 @@
 
 #include <cstddef>
 #include <map>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -34,11 +36,13 @@ public:
 class Router {
 public:
     struct Settings {
-        std::string endpoint;  // to be bound
-        std::string text;      // of the address, for messages
-        bool local = false;    // a Unix socket
+        std::string endpoint;                // to be bound
+        std::string text;                    // of the address, for messages
+        bool local = false;                  // a Unix socket
+        std::shared_ptr<CurveServer> curve;  // null: peers need no key
         bool this_host = false;
         bool ipv6 = false;
+        int max_pending_answers = 1000;  // of one connection
     };
     /// Binds at once; throws BindError.
     Router(PollLoop& loop, zmq::context_t& context, const Settings& settings, RouterUser& user);
@@ -46,12 +50,16 @@ public:
     Router& operator=(const Router&) = delete;
     ~Router();
 
+    /// Takes no new connections; those that are there stay.
+    void StopListening();
+
     const std::string& endpoint() const { return endpoint_; }  // as it was bound
 
 private:
     // One connection, known by the transport's descriptor: its end is told by that alone.
     struct Link {
-        Caller caller;  // once it has sent a call
+        Caller caller;        // once it has sent a call
+        std::string address;  // of the other end, where keys are asked for
         bool refused = false;
     };
     void TakeCalls();
@@ -61,6 +69,7 @@ private:
     Link* LinkOf(zmq::message_t& frame);
     void Introduce(Link& link, const Caller& caller);
     void End(int descriptor);
+    void TellRefused(const Link& link);
 
     PollLoop& loop_;
     const Settings settings_;
@@ -69,7 +78,8 @@ private:
     Monitor monitor_;
     FaultLog faults_;
     std::string endpoint_;
-    std::map<int, Link> links_;  // by descriptor
+    std::map<int, Link> links_;              // by descriptor
+    const char* handshake_fault_ = nullptr;  // told before the end of its connection
 };
 
 }  // namespace gorm::cor::rr

@@ -40,7 +40,6 @@ private:
     const ServerOptions options_;
     std::size_t connections_ = 0;           // that have sent a call
     std::map<std::string, int> connected_;  // of these, by identity
-    // In this order, so that the port is free for others only after its lock is.
     std::unique_ptr<Router> tcp_;
     std::unique_ptr<LocalEndpoint> local_endpoint_;
     std::unique_ptr<Router> local_;
@@ -55,12 +54,15 @@ Server::Impl::Impl(PollLoop& service_loop, const Address& address, Service& serv
     tcp.text = address.text;
     tcp.this_host = IsLoopback(address.host);
     tcp.ipv6 = address.ipv6;
+    tcp.curve = options.serving.curve;
+    tcp.max_pending_answers = options.max_pending_answers;
     const auto serve_local = [&](std::uint16_t at) {
         const auto bind = [&](const std::string& endpoint) {
             Router::Settings local;
             local.endpoint = endpoint;
             local.text = address.text;
             local.local = true;
+            local.max_pending_answers = options.max_pending_answers;
             local_ = std::make_unique<Router>(loop, context, local, *this);
         };
         local_endpoint_ = ServeLocal(options.serving, address, at, bind);
@@ -81,9 +83,13 @@ Server::Impl::Impl(PollLoop& service_loop, const Address& address, Service& serv
 
 Server::Impl::~Impl() {
     on_disconnect = nullptr;
-    local_.reset();
+    // The lock goes before the port is free for others, and connections go last: a client that is
+    // lost before would find us over TCP once more.
+    if (local_ != nullptr) {
+        local_->StopListening();
+    }
     local_endpoint_.reset();
-    tcp_.reset();
+    tcp_->StopListening();
 }
 
 bool Server::Impl::Begins(const Caller& caller) {

@@ -62,4 +62,10 @@ rr::ClientHub& Runtime::hub() {
     return *hub_;
 }
 
+Authenticator& Runtime::authenticator() {
+    std::call_once(authenticator_made_,
+                   [this] { authenticator_ = std::make_unique<Authenticator>(context_); });
+    return *authenticator_;
+}
+
 }  // namespace gorm::cor

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "authenticator.h"
 #include "client_hub.h"
 #include "gorm/cor/cor.h"
 #include "gorm/cor/process.h"
@@ -26,6 +27,8 @@ public:
 
     /// The clients' side; its I/O thread starts with the first use.
     rr::ClientHub& hub();
+    /// For the CURVE servers; its thread starts with the first.
+    Authenticator& authenticator();
 
 private:
     Runtime();
@@ -37,6 +40,8 @@ private:
     const std::unique_ptr<Cor> wkp_;
     std::once_flag hub_made_;
     std::unique_ptr<rr::ClientHub> hub_;  // set once
+    std::once_flag authenticator_made_;
+    std::unique_ptr<Authenticator> authenticator_;  // set once
 };
 
 }  // namespace gorm::cor

@@ -13,8 +13,6 @@
 namespace gorm::cor {
 namespace {
 
-constexpr std::size_t kMaxFrames = 4;
-
 int Milliseconds(std::chrono::milliseconds duration) {
     return static_cast<int>(duration.count());
 }
@@ -67,7 +65,7 @@ void SetReconnect(zmq::socket_t& socket) {
     socket.set(zmq::sockopt::reconnect_ivl_max, Milliseconds(kReconnectMost));
 }
 
-bool Receive(zmq::socket_t& socket, std::vector<zmq::message_t>& frames) {
+bool Receive(zmq::socket_t& socket, std::vector<zmq::message_t>& frames, std::size_t most) {
     frames.clear();
     for (bool more = true; more;) {
         zmq::message_t frame;
@@ -76,7 +74,7 @@ bool Receive(zmq::socket_t& socket, std::vector<zmq::message_t>& frames) {
             return false;
         }
         more = frame.more();
-        if (frames.size() < kMaxFrames) {
+        if (frames.size() < most) {
             frames.push_back(std::move(frame));
         }
     }

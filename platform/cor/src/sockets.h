@@ -19,9 +19,9 @@ zmq::socket_t MakeSocket(zmq::context_t& context, zmq::socket_type type, int que
                          std::size_t max_message_bytes);
 void SetReconnect(zmq::socket_t& socket);
 
-/// Takes one whole message without waiting. Frames beyond the fourth are dropped.
+/// Takes one whole message without waiting. @param most frames to keep; those beyond are dropped.
 /// @return false: none is there.
-bool Receive(zmq::socket_t& socket, std::vector<zmq::message_t>& frames);
+bool Receive(zmq::socket_t& socket, std::vector<zmq::message_t>& frames, std::size_t most = 4);
 
 std::string_view View(const zmq::message_t& frame);
 

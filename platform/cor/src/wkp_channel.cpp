@@ -124,13 +124,15 @@ std::string WkpChannel::Exchange(const std::string& at, const std::shared_ptr<Pe
     std::optional<Outcome> outcome = call->Await(deadline);
     if (!outcome) {
         bool was_waiting = false;
+        std::string why;
         hub_.loop().Run([&] {
             was_waiting = end_->connection != nullptr && end_->connection->Forget(*end_, call);
+            why = was_waiting ? end_->connection->WhyNot() : "";
         });
         outcome = call->Await(deadline);  // it may have come in the meantime
         if (!outcome) {
             throw ReplyTimeout(at + (was_waiting ? "no connection" : "no answer") + " within " +
-                               std::to_string(reply_time_.count()) + " ms");
+                               std::to_string(reply_time_.count()) + " ms" + why);
         }
     }
     switch (outcome->kind) {

@@ -1,6 +1,7 @@
 #include "wkp_topic_reader.h"
 
 #include "bounds.h"
+#include "curve_client.h"
 #include "gorm/cor/errors.h"
 #include "gorm/cor/process.h"
 #include "listener_slot.h"
@@ -35,6 +36,9 @@ zmq::socket_t MakeSubscription(zmq::context_t& context, const Address& address,
     // Chosen once: whoever subscribes does so anew when the publisher was away, since its port may
     // be another one then.
     const std::string local = address.PrefersLocal() ? FindLocalEndpoint(address.port) : "";
+    if (local.empty() && address.curve != nullptr) {
+        address.curve->Secure(socket);
+    }
     try {
         socket.connect(local.empty() ? address.endpoint : local);
     } catch (const zmq::error_t& error) {

@@ -2,9 +2,11 @@
 
 #include "fork_guard.h"
 
+#include <array>
 #include <cerrno>
 #include <fcntl.h>
 #include <filesystem>
+#include <grp.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <system_error>
@@ -14,6 +16,48 @@ namespace kvo {
 
 void ThrowErrno(int error, const std::string& what) {
     throw std::system_error(error, std::generic_category(), what);
+}
+
+namespace {
+
+std::string NameOfGroup(gid_t id) {
+    std::array<char, 4096> buffer;
+    group entry{};
+    group* found = nullptr;
+    ::getgrgid_r(id, &entry, buffer.data(), buffer.size(), &found);
+    return found == nullptr ? std::to_string(id) : found->gr_name;
+}
+
+}  // namespace
+
+void ThrowOpening(const std::string& path) {
+    const int error = errno;
+    std::string whom;
+    if (error == EACCES) {
+        // A directory that may not be searched hides its files, and is for the same group.
+        struct stat status {};
+        const std::string directory = DirectoryOf(path);
+        const bool seen = ::stat(path.c_str(), &status) == 0;
+        if (seen || ::stat(directory.c_str(), &status) == 0) {
+            whom = (seen ? "" : " in " + directory) + ", which is for user " +
+                   std::to_string(status.st_uid) +
+                   ((status.st_mode & S_IRWXG) == 0
+                        ? " alone"
+                        : " and group " + NameOfGroup(status.st_gid) +
+                              (seen && (status.st_mode & S_IWGRP) == 0 ? " (to read)" : ""));
+        }
+    }
+    ThrowErrno(error, "opening " + path + whom);
+}
+
+void SetAccess(int fd, std::uint32_t mode, std::optional<std::uint32_t> group,
+               const std::string& name) {
+    if (group && ::fchown(fd, static_cast<uid_t>(-1), *group) != 0) {
+        ThrowErrno(errno, "giving " + name + " to group " + NameOfGroup(*group));
+    }
+    if (::fchmod(fd, mode) != 0) {
+        ThrowErrno(errno, "setting the mode of " + name);
+    }
 }
 
 std::string DirectoryOf(const std::string& path) {
@@ -58,7 +102,7 @@ FileDescriptor OpenRegularFile(const std::string& path, Mapping::Access access,
                       O_NOFOLLOW | O_NONBLOCK;
     FileDescriptor file(::open(path.c_str(), flags));
     if (file.get() < 0) {
-        ThrowErrno(errno, "opening " + path);
+        ThrowOpening(path);
     }
     struct stat status {};
     if (::fstat(file.get(), &status) != 0) {

@@ -2,12 +2,22 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <utility>
 
 namespace kvo {
 
 [[noreturn]] void ThrowErrno(int error, const std::string& what);
+
+/// Throws std::system_error for a file that open() has just refused, with whom it is for where
+/// that is the reason.
+[[noreturn]] void ThrowOpening(const std::string& path);
+
+/// Gives an open file its mode, whatever the mask of the process, and its group; throws
+/// std::system_error naming it.
+void SetAccess(int fd, std::uint32_t mode, std::optional<std::uint32_t> group,
+               const std::string& name);
 
 /// The directory part of a path.
 std::string DirectoryOf(const std::string& path);

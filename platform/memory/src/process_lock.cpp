@@ -68,6 +68,10 @@ public:
     std::optional<ProcessTag> Resolve(std::uint16_t number, std::uint32_t nonce_low) const;
     std::vector<std::pair<ProcessIdentity, ProcessTag>> Joined() const;
     bool AnybodyElse(int own_users) const;
+    void LetIn(const FileAccess& access) {
+        const std::lock_guard lock(mutex_);
+        SetAccess(file_.get(), access.shared_mode(), access.group, path_);
+    }
     bool Remove(int own_users);
 
     bool Abandoned() const {
@@ -106,7 +110,7 @@ void DirectoryLock::OpenCurrentFile() {
     FileDescriptor file(
         ::open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0660));
     if (file.get() < 0) {
-        ThrowErrno(errno, "opening " + path_);
+        ThrowOpening(path_);
     }
     // All records have their room from the start: on a full file system nobody could join.
     struct stat status {};
@@ -365,6 +369,12 @@ std::vector<std::pair<ProcessIdentity, ProcessTag>> ProcessLock::Joined() const 
 
 bool ProcessLock::AnybodyElse() const {
     return !InForkedChild() && impl_->directory_->AnybodyElse(impl_->users());
+}
+
+void ProcessLock::LetIn(const FileAccess& access) {
+    if (!InForkedChild()) {
+        impl_->directory_->LetIn(access);
+    }
 }
 
 bool ProcessLock::RemoveIfUnused() {

@@ -24,8 +24,6 @@
 namespace kvo {
 namespace {
 
-constexpr mode_t kFileMode = 0660;  // who may use the directory may use its streams
-
 void UnlinkIfThere(const std::string& path) {
     if (::unlink(path.c_str()) != 0 && errno != ENOENT) {
         ThrowErrno(errno, "removing " + path);
@@ -35,13 +33,16 @@ void UnlinkIfThere(const std::string& path) {
 // A file under construction: gone with the object unless it was kept.
 class NewFile {
 public:
-    NewFile(std::string path, std::uint64_t bytes) : path_(std::move(path)) {
+    NewFile(std::string path, std::uint64_t bytes, std::uint32_t mode,
+            std::optional<std::uint32_t> group)
+        : path_(std::move(path)) {
         const FileDescriptor file(
-            ::open(path_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, kFileMode));
+            ::open(path_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600));
         if (file.get() < 0) {
             ThrowErrno(errno, "creating " + path_);
         }
         try {
+            SetAccess(file.get(), mode, group, path_);
             ReserveBytes(file.get(), bytes, path_);
             mapping_ = Mapping(file.get(), bytes, Mapping::Access::kWrite, path_);
         } catch (...) {
@@ -249,10 +250,12 @@ std::unique_ptr<StreamFile> StreamFile::Create(const Creation& creation) {
     Uuid uuid;
     FillRandom(uuid.data(), uuid.size());
     const std::string control_path = Segment::ControlPath(creation.path, uuid);
-    NewFile control(control_path, creation.geometry.control_bytes);
+    const FileAccess& access = creation.access;
+    NewFile control(control_path, creation.geometry.control_bytes, access.shared_mode(),
+                    access.group);
     KVO_CRASH_POINT("control file made");
     NewFile data(std::filesystem::path(control_path).replace_extension(".new").string(),
-                 creation.geometry.file_bytes);
+                 creation.geometry.file_bytes, access.mode, access.group);
     KVO_CRASH_POINT("data file made");
     FillControl(control.begin(), uuid);
     KVO_CRASH_POINT("control file filled");

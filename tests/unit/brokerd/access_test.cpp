@@ -52,8 +52,9 @@ protected:
         for (const std::string& text : texts) {
             rules.push_back(AccessRule::Parse(text));
         }
-        return Access(std::move(rules), accounts_, 900,
-                      [](const std::string&) { return std::string("viewer"); })
+        return Access(
+                   std::move(rules), accounts_, 900,
+                   [](const std::string& key) { return std::string(key == kKey ? "viewer" : ""); })
             .WhyNot(peer, right, stream);
     }
     KnownAccounts accounts_;
@@ -72,6 +73,10 @@ TEST_F(AccessTest, WithoutRulesThisHostAndKeysUseStreamsAndOnlyTheBrokersUserEnd
         EXPECT_EQ(c.uses, WhyNot({}, c.peer, Right::kSubscribe, "x").empty());
         EXPECT_EQ(c.ends, WhyNot({}, c.peer, Right::kAdmin, "x").empty());
     }
+    const Peer left = KeyPeer{std::string(40, 'l')};
+    EXPECT_THAT(WhyNot({}, left, Right::kPublish, "x"), HasSubstr("not allowed any more"));
+    EXPECT_THAT(WhyNot({"allow publish * to anyone"}, left, Right::kPublish, "x"),
+                HasSubstr("not allowed any more"));
 }
 
 TEST_F(AccessTest, TheFirstRuleThatMatchesDecidesAndNoneRefuses) {

@@ -52,6 +52,41 @@ TEST_F(StreamRegistryTest, RefusalsHaveTheirCodeTheirReasonAndNoConsequence) {
     EXPECT_THAT(registry->Published(), ElementsAre("taken"));
 }
 
+TEST_F(StreamRegistryTest, NobodyGetsMoreThanTheShareOfAProcessOrAUser) {
+    const std::uint64_t bytes = files->Plan(64, 4).total_bytes();
+    StreamRegistry::Settings settings{std::chrono::seconds(10), std::chrono::seconds(2), 100};
+    const auto publish = [this](char process, const char* stream, const char* user) {
+        return registry->AddPublisher(IdentityOf(process), {stream, 64, 4, false, "", user});
+    };
+    settings.per_client = {2, 0};
+    registry->set_settings(settings);
+    ASSERT_EQ(kRegistered, publish('a', "1", "u").code);
+    ASSERT_EQ(kRegistered, registry->AddSubscriber(IdentityOf('a'), "uuid", "2", "", "u").code);
+    EXPECT_EQ(kRegistered, registry->AddSubscriber(IdentityOf('a'), "more", "1", "", "u").code);
+    const Verdict third = publish('a', "3", "u");
+    EXPECT_EQ(kLimitReached, third.code);
+    EXPECT_THAT(third.reason, HasSubstr("asks for 1 more streams and uses 2, at most 2"));
+    EXPECT_EQ(kLimitReached, registry->AddSubscriber(IdentityOf('a'), "uuid", "3", "", "u").code);
+    EXPECT_EQ(kRegistered, publish('b', "3", "u").code);
+    EXPECT_EQ(kRegistered, Add('a', "1", KeyOf('a', "1"), 128)) << "the same stream anew";
+
+    settings.per_client = {0, bytes * 3 / 2};
+    settings.per_user = {4, 0};
+    registry->set_settings(settings);
+    const Verdict larger = publish('b', "4", "other");
+    EXPECT_EQ(kLimitReached, larger.code);
+    EXPECT_THAT(larger.reason, HasSubstr("uses " + std::to_string(bytes)));
+    EXPECT_EQ(kRegistered, publish('c', "4", "u").code);
+    const Verdict fourth = publish('d', "5", "u");
+    EXPECT_EQ(kLimitReached, fourth.code);
+    EXPECT_THAT(fourth.reason, HasSubstr("u asks for 1 more streams and uses 4, at most 4"));
+    EXPECT_EQ(kRegistered, publish('d', "5", "other").code);
+    settings.per_user = {0, bytes};
+    registry->set_settings(settings);
+    EXPECT_EQ(kLimitReached, publish('e', "6", "other").code);
+    EXPECT_EQ(kRegistered, registry->AddSubscriber(IdentityOf('e'), "u5", "6", "", "other").code);
+}
+
 TEST_F(StreamRegistryTest, TheKeyKeepsTheSegmentAndAnotherShapeMakesANewOne) {
     ASSERT_EQ(kRegistered, Add('a', "s"));
     const std::string key = KeyOf('a', "s");

@@ -69,6 +69,7 @@ std::string EchoServer::Dispatch(const rr::Caller& caller, std::string_view meth
         return rr::PackResult(caller.identity);
     }
     if (method == "Long") {
+        ++long_calls_;
         const auto [bytes] = rr::UnpackParams<std::size_t>(method, params);
         return rr::PackResult(std::string(bytes, 'x'));
     }

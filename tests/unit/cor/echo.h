@@ -54,13 +54,16 @@ private:
 class EchoServer : public rr::Service {
 public:
     /// @param port 0: any free one.
-    explicit EchoServer(const Serving& serving = {}, std::uint16_t port = 0) : port_(port) {
+    explicit EchoServer(const Serving& serving = {}, std::uint16_t port = 0,
+                        int max_pending_answers = 1000)
+        : max_pending_answers_(max_pending_answers), port_(port) {
         Start(serving);
     }
     ~EchoServer() override { Stop(); }
     void Start(const Serving& serving = {}) {
         rr::ServerOptions options;
         options.serving = serving;
+        options.max_pending_answers = max_pending_answers_;
         server_ = std::make_unique<rr::Server>(loop_, network::uri(uri()), *this, options);
         port_ = server_->port();
     }
@@ -78,6 +81,12 @@ public:
     void OnDisconnect(std::function<void(const rr::Caller&)> function) {
         server_->OnDisconnect(std::move(function));
     }
+    /// How often Long was called.
+    int long_calls() {
+        int count = 0;
+        loop_.Run([&] { count = long_calls_; });
+        return count;
+    }
     std::size_t connections() {
         std::size_t count = 0;
         loop_.Run([&] { count = server_->connections(); });
@@ -87,6 +96,8 @@ public:
     Heard told;
 
 private:
+    const int max_pending_answers_;
+    int long_calls_ = 0;            // on the loop only
     std::function<void()> on_say_;  // on the loop only, which is therefore destroyed first
     ServiceLoop loop_;
     std::uint16_t port_ = 0;

@@ -103,6 +103,33 @@ TEST(RequestReply, MalformedMessagesHarmNobodyElse) {
     }
 }
 
+TEST(RequestReply, WhoTakesNoAnswersLosesThoseBeyondTheLimit) {
+    constexpr int kAsked = 60;
+    EchoServer server({}, 0, 2);
+    zmq::context_t context;
+    zmq::socket_t slow(context, zmq::socket_type::dealer);
+    slow.set(zmq::sockopt::linger, 0);
+    slow.set(zmq::sockopt::rcvhwm, 1);
+    slow.set(zmq::sockopt::rcvbuf, 65'536);
+    slow.set(zmq::sockopt::rcvtimeo, 1000);
+    slow.connect("tcp://127.0.0.1:" + std::to_string(server.port()));
+    const std::string call = std::string("\x94\x00\x01\xa4Long\x91\xce\x00\x0f\x42\x40", 14);
+    for (int i = 0; i < kAsked; ++i) {
+        slow.send(zmq::buffer("/test/Echo", 10), zmq::send_flags::sndmore);
+        slow.send(zmq::buffer(call));
+    }
+    const auto client = MakeClient(server.uri());
+    while (server.long_calls() < kAsked) {
+        client->Say("a");
+    }
+    int answers = 0;
+    for (zmq::message_t frame; slow.recv(frame);) {
+        answers += frame.more() ? 0 : 1;
+    }
+    EXPECT_GT(answers, 0);
+    EXPECT_LT(answers, kAsked / 2);
+}
+
 TEST(RequestReply, WithoutAnAnswerTheTextTellsWhatWasWaitedFor) {
     zmq::context_t context;
     zmq::socket_t silent(context, zmq::socket_type::router);

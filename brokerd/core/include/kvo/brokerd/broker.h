@@ -38,7 +38,20 @@ struct BrokerOptions {
     // Who may do what, first match decides: "allow publish /camera/* to user:alice". Empty: every
     // local peer and every allowed key may publish and subscribe.
     std::vector<std::string> access_rules;
+    // CURVE for TCP: the broker's key pair, and the names and public keys that may connect. Empty:
+    // none, which serves loopback addresses only, unless plaintext is allowed.
+    std::string secret_key_file;
+    std::string allowed_keys_file;
+    bool allow_plaintext = false;
+    std::uint32_t pending_answers = 1000;  // of one connection that takes none; more are dropped
+    // What one process, and one user of this host or key, may have; 0: no limit. Callers that tell
+    // no process count as one, and so do those over TCP without keys.
+    std::uint32_t client_streams = 0;       // published or subscribed to
+    std::uint64_t client_memory_bytes = 0;  // of the streams that it publishes
+    std::uint32_t user_streams = 0;
+    std::uint64_t user_memory_bytes = 0;
     SpareSlots spare_slots;
+    FileAccess file_access;
 };
 
 /// Throws std::invalid_argument saying why the text is no rule for BrokerOptions::access_rules.
@@ -67,8 +80,9 @@ public:
     BrokerState State() const;
 
     /// Puts into force what can be changed while a broker runs: heartbeat time-out, removal grace,
-    /// limits of streams, memory and requests, access rules. Throws as the constructor, and changes
-    /// nothing then.
+    /// limits of streams, memory, requests, clients and
+    /// users, access rules, allowed keys. Throws as the
+    /// constructor, and changes nothing then.
     void Reconfigure(const BrokerOptions& options);
 
     /// Ends all registrations, telling the subscribers, removes all stream files and refuses new

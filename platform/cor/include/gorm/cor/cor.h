@@ -23,7 +23,8 @@ class GORM_COR_EXPORT Cor {
 public:
     virtual ~Cor();
 
-    /// What holds when a caller's properties say nothing else.
+    /// What holds when a caller's properties say nothing else: what stands in the file that the
+    /// environment names (docs/protocol.md), "name = value" in each line. Throws Error.
     virtual Properties getDefaultProperties() const = 0;
 
     /// Begins to connect to the URI; throws Error when the URI names no usable address or a
@@ -39,7 +40,9 @@ public:
     std::unique_ptr<ps::Subscriber<T>> CreateSubscriber(const network::uri& uri,
                                                         const Properties& properties) {
         auto codec = FindSample(CorTypeTraits<T>::name, CorTypeTraits<T>::libraryName);
-        return std::make_unique<ps::Subscriber<T>>(OpenTopicReader(uri, codec, properties), codec);
+        Properties all = properties;
+        all.merge(getDefaultProperties());
+        return std::make_unique<ps::Subscriber<T>>(OpenTopicReader(uri, codec, all), codec);
     }
 
     /// The codec of a sample type, after its library has registered it. Throws Error when it

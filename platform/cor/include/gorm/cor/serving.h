@@ -1,7 +1,9 @@
 #pragma once
 
+#include "gorm/cor/curve.h"
 #include "gorm/cor/export.h"
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <sys/types.h>
@@ -27,6 +29,9 @@ struct Serving {
     FileAccess topic_access;
     /// Not empty: told to whoever wants to serve the same port of this host.
     std::string note = "server";
+    /// Whoever comes over TCP needs a key that is allowed; null: TCP asks for none. Does not hold
+    /// for the Unix socket.
+    std::shared_ptr<CurveServer> curve;
 };
 
 /// Whether only this host can reach the address: 127.0.0.0/8, ::1 or localhost.

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "kvo/memory/file_access.h"
 #include "kvo/memory_export.h"
 
 #include <array>
@@ -60,6 +61,10 @@ public:
 
     /// True when a process other than this one, or another user of Join in this one, holds a byte.
     bool AnybodyElse() const;
+
+    /// Lets those use the directory that the access is meant for. For the owner of the directory.
+    /// Throws std::system_error naming the file.
+    void LetIn(const FileAccess& access);
 
     /// Removes the lock file when AnybodyElse() is false; @return whether it did. For the owner of
     /// the directory.

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "kvo/memory/file_access.h"
 #include "kvo/memory/process_lock.h"
 #include "kvo/memory_export.h"
 
@@ -85,6 +86,7 @@ public:
         std::uint64_t epoch = 0;
         KeyDigest key_digest{};
         bool checksum = false;
+        FileAccess access;
     };
     /// Makes both files with their whole size reserved and puts them in place; ready last. Throws
     /// std::system_error (ENOSPC: no room) and then leaves nothing behind and the old file alone.

@@ -14,6 +14,7 @@ namespace gorm::cor::rr {
 
 struct ServerOptions {
     std::size_t max_connections = 10'000;  // whose requests are answered; others get an error
+    int max_pending_answers = 1000;        // of one connection that takes none; more are dropped
     Serving serving;
 };
 

@@ -1,0 +1,56 @@
+#pragma once
+
+#include "gorm/cor/export.h"
+
+#include <map>
+#include <memory>
+#include <string>
+
+// Keys of CURVE, as text of 40 characters in Z85. What throws, throws Error. None of it logs a
+// secret or puts one into a message.
+namespace gorm::cor {
+
+struct CurveKeys {
+    std::string public_key;
+    std::string secret_key;
+};
+
+/// A new pair from the kernel's random source.
+GORM_COR_EXPORT CurveKeys DrawCurveKeys();
+
+/// Writes a pair to a new file that only its owner can read. Throws when the file is there.
+GORM_COR_EXPORT void WriteCurveKeys(const std::string& path, const CurveKeys& keys);
+
+/// Reads such a file. Throws naming it when it can not be used, also because others than its owner
+/// may read it.
+GORM_COR_EXPORT CurveKeys ReadCurveKeys(const std::string& path);
+
+/// Names of public keys that may connect, by key.
+using AllowedKeys = std::map<std::string, std::string>;
+
+/// Reads a file with a name and a public key in each line; empty lines and those that begin with #
+/// are passed over. Throws naming file and line.
+GORM_COR_EXPORT AllowedKeys ReadAllowedKeys(const std::string& path);
+
+/// The keys of a server and who may connect to it over TCP. Several servers may share it.
+/// Threads: any.
+class GORM_COR_EXPORT CurveServer {
+public:
+    CurveServer(CurveKeys keys, AllowedKeys allowed);
+    CurveServer(const CurveServer&) = delete;
+    CurveServer& operator=(const CurveServer&) = delete;
+    ~CurveServer();
+
+    /// For peers that connect from now on.
+    void SetAllowed(AllowedKeys allowed);
+    /// What the key is called; empty: it is not allowed.
+    std::string NameOf(const std::string& public_key) const;
+
+    class Impl;  // for the sockets of the binding
+    Impl& impl() const { return *impl_; }
+
+private:
+    std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace gorm::cor

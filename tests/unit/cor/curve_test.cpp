@@ -1,0 +1,204 @@
+#include "gorm/cor/curve.h"
+
+#include "echo.h"
+#include "gorm/cor/ps/publisher.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <sys/stat.h>
+
+namespace gorm::cor::test {
+namespace {
+
+using ::testing::AllOf;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+namespace fs = std::filesystem;
+
+constexpr std::chrono::milliseconds kImpatient{600};
+
+/// A server with keys, and the files of clients that have some.
+class CurveTest : public ::testing::Test {
+protected:
+    CurveTest() {
+        EXPECT_NE(nullptr, ::mkdtemp(place_.data()));
+        WriteCurveKeys(PathOf("allowed"), allowed_);
+        WriteCurveKeys(PathOf("unknown"), DrawCurveKeys());
+    }
+    ~CurveTest() override { fs::remove_all(place_); }
+
+    std::string PathOf(const std::string& name) const { return place_ + "/" + name; }
+    Serving Secured() const {
+        Serving serving;
+        serving.curve = curve_;
+        return serving;
+    }
+    Properties With(const std::string& file, const std::string& server_key) const {
+        return {{"secret-key-file", PathOf(file)}, {"server-key", server_key}};
+    }
+    static std::unique_ptr<Echo> Client(const std::string& uri, const Properties& properties,
+                                        std::chrono::milliseconds reply_time = kDeadline) {
+        return loadCorForUri(uri, {}).getClient<Echo>(
+            network::uri(uri), {std::make_shared<rr::qos::ReplyTime>(reply_time)}, properties);
+    }
+    /// Why a request did not get through.
+    static std::string WhyNot(const std::string& uri, const Properties& properties) {
+        try {
+            Client(uri, properties, kImpatient)->Say("who");
+        } catch (const rr::ReplyTimeout& error) {
+            return error.what();
+        }
+        return "it did";
+    }
+    static std::string FaultOf(const std::function<void()>& function) {
+        try {
+            function();
+        } catch (const Error& error) {
+            return error.what();
+        }
+        return {};
+    }
+
+    std::string place_ = "/tmp/kvo-test-XXXXXX";
+    const CurveKeys server_ = DrawCurveKeys();
+    const CurveKeys allowed_ = DrawCurveKeys();
+    const std::shared_ptr<CurveServer> curve_ =
+        std::make_shared<CurveServer>(server_, AllowedKeys{{allowed_.public_key, "viewer"}});
+};
+
+TEST_F(CurveTest, OnlyAnAllowedKeyGetsInAndEverybodyElseLearnsWhyNot) {
+    EchoServer server(Secured());
+    EXPECT_EQ("key " + allowed_.public_key,
+              Client(server.uri(), With("allowed", server_.public_key))->Say("who"));
+    const std::string wrong = DrawCurveKeys().public_key;
+    EXPECT_THAT(WhyNot(server.uri(), With("unknown", server_.public_key)),
+                AllOf(HasSubstr("does not allow the public key"),
+                      HasSubstr(ReadCurveKeys(PathOf("unknown")).public_key)));
+    EXPECT_THAT(WhyNot(server.uri(), With("allowed", wrong)),
+                HasSubstr("is " + wrong + " its public key?"));
+    EXPECT_THAT(WhyNot(server.uri(), {}), AllOf(HasSubstr("the server asks for CURVE"),
+                                                HasSubstr("KVO_MIDDLEWARE_PROPERTIES")));
+    EchoServer open;
+    EXPECT_THAT(WhyNot(open.uri(), With("allowed", server_.public_key)),
+                HasSubstr("does not use CURVE"));
+    const std::string host = "server-key@127.0.0.1";
+    EXPECT_EQ("key " + allowed_.public_key,
+              Client(server.uri(), {{"secret-key-file", PathOf("allowed")},
+                                    {"server-key", wrong},
+                                    {host, server_.public_key}})
+                  ->Say("who"));
+}
+
+TEST_F(CurveTest, AKeyThatIsAllowedLaterGetsInByItselfAndOneThatIsNotAnyMoreStaysOut) {
+    EchoServer server(Secured());
+    const CurveKeys later = DrawCurveKeys();
+    WriteCurveKeys(PathOf("later"), later);
+    const auto client = Client(server.uri(), With("later", server_.public_key));
+    auto connected = client->Connect();
+    EXPECT_THAT(WhyNot(server.uri(), With("later", server_.public_key)), HasSubstr("not allow"));
+    curve_->SetAllowed({{later.public_key, "later"}});
+    EXPECT_EQ("later", curve_->NameOf(later.public_key));
+    connected.get();
+    EXPECT_EQ("key " + later.public_key, client->Say("who"));
+    EXPECT_THAT(WhyNot(server.uri(), With("allowed", server_.public_key)), HasSubstr("not allow"));
+}
+
+TEST_F(CurveTest, NotificationsAskForTheSameKeys) {
+    Heard subscriptions;
+    ServiceLoop loop;
+    ps::Publisher publisher(loop, network::uri("wkp.ps://127.0.0.1:0/"), Secured());
+    publisher.OnSubscription([&](std::string_view path, bool begins) {
+        subscriptions.Add((begins ? "+" : "-") + std::string(path));
+    });
+    const auto subscribe = [&](const std::string& path, const Properties& properties) {
+        const network::uri uri("wkp.ps://127.0.0.1:" + std::to_string(publisher.port()) + path);
+        return loadCorForUri(uri.string(), {}).getCor(uri).CreateSubscriber<Word>(uri, properties);
+    };
+    const auto unknown = subscribe("/unknown", With("unknown", server_.public_key));
+    const auto none = subscribe("/none", {});
+    const auto allowed = subscribe("/allowed", With("allowed", server_.public_key));
+    EXPECT_THAT(subscriptions.Await(1), ElementsAre("+/allowed"));
+    Heard heard;
+    const auto listening = allowed->AddDataListener(
+        [&heard](auto&, const ps::DataEvent<Word>& event) { heard.Add(event.getData()->text); },
+        {nullptr, ps::FilterMode::kAll, {ps::InstanceEvent::kUpdated}});
+    loop.Run([&] { publisher.Publish("/allowed", "news"); });
+    EXPECT_THAT(heard.Await(1), ElementsAre("news"));
+    EXPECT_THAT(subscriptions.Await(1), ElementsAre("+/allowed"));
+}
+
+TEST_F(CurveTest, TheUnixSocketAsksForNoKey) {
+    ASSERT_EQ(0, ::setenv("KVO_RUNTIME_DIRECTORY", place_.c_str(), 1));
+    Serving serving = Secured();
+    serving.runtime_directory = place_;
+    EchoServer server(serving);
+    EXPECT_THAT(Client(server.uri(), {})->Say("who"), HasSubstr("local"));
+    {
+        ServiceLoop loop;
+        Heard subscriptions;
+        ps::Publisher publisher(loop, network::uri("wkp.ps://127.0.0.1:0/"), serving);
+        publisher.OnSubscription(
+            [&](std::string_view path, bool) { subscriptions.Add(std::string(path)); });
+        const network::uri uri("wkp.ps://127.0.0.1:" + std::to_string(publisher.port()) + "/a");
+        const auto local =
+            loadCorForUri(uri.string(), {}).getCor(uri).CreateSubscriber<Word>(uri, {});
+        EXPECT_THAT(subscriptions.Await(1), ElementsAre("/a"));
+    }
+    ::unsetenv("KVO_RUNTIME_DIRECTORY");
+}
+
+TEST_F(CurveTest, PropertiesComeFromAFileThatTheEnvironmentNames) {
+    EchoServer server(Secured());
+    const std::string file = PathOf("properties");
+    std::ofstream(file) << "# of the test\n\nsecret-key-file = " << PathOf("allowed")
+                        << "\nserver-key=" << server_.public_key << "\n";
+    ASSERT_EQ(0, ::setenv("KVO_MIDDLEWARE_PROPERTIES", file.c_str(), 1));
+    EXPECT_THAT(Client(server.uri(), {})->Say("who"), HasSubstr("key"));
+    std::ofstream(file) << "colour\n";
+    EXPECT_THAT(FaultOf([&] { Client(server.uri(), {}); }), HasSubstr(file + ", line 1"));
+    ::unsetenv("KVO_MIDDLEWARE_PROPERTIES");
+    for (const auto& [properties, fault] :
+         {std::pair<Properties, std::string>{{{"colour", "red"}}, "colour"},
+          {{{"server-key", "short"}}, "40 characters"},
+          {{{"server-key", server_.public_key}}, "secret-key-file"},
+          {With("missing", server_.public_key), "missing"}}) {
+        EXPECT_THAT(FaultOf([&, &wrong = properties] { Client(server.uri(), wrong); }),
+                    HasSubstr(fault));
+    }
+}
+
+TEST_F(CurveTest, KeyFilesAreForTheirOwnerAloneAndMistakesInThemAreNamedWithoutTheSecret) {
+    const std::string path = PathOf("allowed");
+    struct stat status {};
+    ASSERT_EQ(0, ::stat(path.c_str(), &status));
+    EXPECT_EQ(0600U, status.st_mode & 07777U);
+    EXPECT_EQ(allowed_.public_key, ReadCurveKeys(path).public_key);
+    EXPECT_EQ(allowed_.secret_key, ReadCurveKeys(path).secret_key);
+    EXPECT_THAT(FaultOf([&] { WriteCurveKeys(path, allowed_); }), HasSubstr(path));
+    ASSERT_EQ(0, ::chmod(path.c_str(), 0640));
+    EXPECT_THAT(FaultOf([&] { ReadCurveKeys(path); }), HasSubstr("chmod 600"));
+    ASSERT_EQ(0, ::chmod(path.c_str(), 0600));
+    std::ofstream(path) << "secret-key = " << allowed_.secret_key << "x\n";
+    EXPECT_THAT(FaultOf([&] { ReadCurveKeys(path); }),
+                AllOf(HasSubstr(path), Not(HasSubstr(allowed_.secret_key))));
+
+    const std::string list = PathOf("list");
+    std::ofstream(list) << "# who may come\n\nviewer " << allowed_.public_key << "\n";
+    EXPECT_EQ((AllowedKeys{{allowed_.public_key, "viewer"}}), ReadAllowedKeys(list));
+    for (const std::string& line :
+         {std::string("viewer"), std::string("viewer short"),
+          "viewer " + server_.public_key + " more", "other " + allowed_.public_key}) {
+        std::ofstream(list) << "viewer " << allowed_.public_key << "\n" << line << "\n";
+        EXPECT_THAT(FaultOf([&] { ReadAllowedKeys(list); }), HasSubstr("line 2")) << line;
+    }
+}
+
+}  // namespace
+}  // namespace gorm::cor::test
