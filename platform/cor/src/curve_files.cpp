@@ -67,6 +67,9 @@ CurveKeys ReadCurveKeys(const std::string& path) {
     if (::stat(path.c_str(), &status) != 0) {
         Refuse(path, std::strerror(errno));
     }
+    if (status.st_uid != 0 && status.st_uid != ::geteuid()) {
+        Refuse(path, "it belongs to user " + std::to_string(status.st_uid));
+    }
     if ((status.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
         Refuse(path, "others than its owner can use it; chmod 600 helps");
     }

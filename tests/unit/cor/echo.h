@@ -55,8 +55,10 @@ class EchoServer : public rr::Service {
 public:
     /// @param port 0: any free one.
     explicit EchoServer(const Serving& serving = {}, std::uint16_t port = 0,
-                        int max_pending_answers = 1000)
-        : max_pending_answers_(max_pending_answers), port_(port) {
+                        int max_pending_answers = 1000, std::size_t max_connections = 100)
+        : max_pending_answers_(max_pending_answers),
+          max_connections_(max_connections),
+          port_(port) {
         Start(serving);
     }
     ~EchoServer() override { Stop(); }
@@ -64,6 +66,7 @@ public:
         rr::ServerOptions options;
         options.serving = serving;
         options.max_pending_answers = max_pending_answers_;
+        options.max_connections = max_connections_;
         server_ = std::make_unique<rr::Server>(loop_, network::uri(uri()), *this, options);
         port_ = server_->port();
     }
@@ -97,6 +100,7 @@ public:
 
 private:
     const int max_pending_answers_;
+    const std::size_t max_connections_;
     int long_calls_ = 0;            // on the loop only
     std::function<void()> on_say_;  // on the loop only, which is therefore destroyed first
     ServiceLoop loop_;

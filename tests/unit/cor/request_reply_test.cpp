@@ -130,6 +130,22 @@ TEST(RequestReply, WhoTakesNoAnswersLosesThoseBeyondTheLimit) {
     EXPECT_LT(answers, kAsked / 2);
 }
 
+TEST(RequestReply, ConnectionsBeyondTheLimitAreToldSo) {
+    Heard ends;
+    EchoServer server({}, 0, 1000, 1);
+    server.OnDisconnect([&](const rr::Caller&) { ends.Add("left"); });
+    auto first = MakeClient(server.uri());
+    EXPECT_EQ("a", first->Say("a"));
+    // Another name of the host, so another connection.
+    const std::string uri = "wkp.rr://localhost:" + std::to_string(server.port()) + "/test/Echo";
+    EXPECT_THAT(TextOf<rr::RemoteError>([&] { MakeClient(uri)->Say("a"); }),
+                HasSubstr("there are already 1 connections"));
+    ends.Await(1);
+    first.reset();
+    ends.Await(2);
+    EXPECT_EQ("a", MakeClient(uri)->Say("a"));
+}
+
 TEST(RequestReply, WithoutAnAnswerTheTextTellsWhatWasWaitedFor) {
     zmq::context_t context;
     zmq::socket_t silent(context, zmq::socket_type::router);
