@@ -223,6 +223,10 @@ std::vector<Setting> MakeSettings() {
         Flag(
             "allow-plaintext", "Serve other hosts without CURVE; true or false", false,
             [](auto& c) -> auto& { return c.broker.allow_plaintext; }),
+        Flag(
+            "local-topics",
+            "Let publishers of this host wake their subscribers through memory; true or false",
+            false, [](auto& c) -> auto& { return c.broker.local_topics; }),
         FileMode("file-mode",
                  "Mode of the stream files: 0600 for the broker's user alone, 0640 lets the group "
                  "read, 0660 read and write"),
