@@ -45,7 +45,7 @@ Daemon::Daemon(const std::vector<std::string>& command, const std::string& ready
           throw std::system_error(errno, std::generic_category(), "starting it");
       })) {
     for (int tries = 0; !FindAnswer(ready); ++tries) {
-        if (tries == 1000) {
+        if (tries == 1000 || HasEnded(process_)) {
             End();
             std::ifstream file(output_);
             std::ostringstream output;

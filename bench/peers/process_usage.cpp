@@ -1,5 +1,6 @@
 #include "process_usage.h"
 
+#include <cerrno>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
@@ -13,8 +14,11 @@ std::uint64_t ProcessorTime(const std::vector<pid_t>& processes) {
     for (const pid_t process : processes) {
         clockid_t clock{};
         timespec time{};
-        if (const int error = ::clock_getcpuclockid(process, &clock);
-            error != 0 || ::clock_gettime(clock, &time) != 0) {
+        int error = ::clock_getcpuclockid(process, &clock);
+        if (error == 0 && ::clock_gettime(clock, &time) != 0) {
+            error = errno;
+        }
+        if (error != 0) {
             throw std::system_error(error, std::generic_category(),
                                     "processor time of process " + std::to_string(process));
         }
