@@ -1,0 +1,109 @@
+// This system beside others that move samples between processes: every system is measured once in
+// each run, one after the other, by the same code.
+#include "measure.h"
+
+#include <CLI/CLI.hpp>
+
+#include <algorithm>
+#include <cctype>
+#include <exception>
+#include <iostream>
+#include <string>
+#include <vector>
+
+namespace {
+
+using namespace kvo::bench;
+using std::chrono::milliseconds;
+
+constexpr std::size_t kMiB = 1024 * 1024;
+
+std::string Lower(std::string text) {
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return text;
+}
+
+// The systems with one of these names; all when none is given.
+std::vector<System> Chosen(const std::vector<std::string>& names) {
+    std::vector<System> systems = Systems();
+    if (!names.empty()) {
+        std::erase_if(systems, [&](const System& system) {
+            return std::none_of(names.begin(), names.end(), [&](const std::string& name) {
+                return Lower(name) == Lower(system.name);
+            });
+        });
+    }
+    return systems;
+}
+
+void MeasureOnce(const std::vector<System>& systems, const Effort& effort, Report& report) {
+    for (const std::size_t bytes : {std::size_t{64}, std::size_t{4096}, kMiB}) {
+        MeasureCopy(bytes, report);
+        for (const System& system : systems) {
+            if (!system.polled) {
+                MeasureLatency(system, bytes, effort, report);
+            }
+        }
+        for (const System& system : systems) {
+            MeasureRate(system, bytes, BuffersFor(bytes), effort, report);
+        }
+    }
+    for (const System& system : systems) {
+        if (!system.polled) {
+            MeasureRate(system, kMiB, 2, effort, report);
+        }
+    }
+    for (const System& system : systems) {
+        if (!system.polled) {
+            MeasureProcessorTime(system, effort, report);
+        }
+    }
+    for (const std::size_t readers : {1, 4, 16, 64}) {
+        for (const System& system : systems) {
+            if (!system.polled) {
+                MeasureFanOut(system, readers, effort, report);
+            }
+        }
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app("Measures this system beside others that move samples between processes.");
+    int runs = 5;
+    bool quick = false;
+    std::vector<std::string> only;
+    std::string json;
+    app.add_option("--runs", runs, "times that everything is measured, in turn")
+        ->check(CLI::Range(1, 1000))
+        ->capture_default_str();
+    app.add_flag("--quick", quick, "one run unless --runs is given, each measurement shorter");
+    app.add_option("--only", only, "these systems, separated by commas")->delimiter(',');
+    app.add_option("--json", json, "also write the figures to this file");
+    CLI11_PARSE(app, argc, argv);
+    try {
+        Effort effort;
+        if (quick) {
+            effort = {milliseconds(1000), milliseconds(300), milliseconds(500), milliseconds(1000)};
+            runs = app.count("--runs") > 0 ? runs : 1;
+        }
+        const std::vector<System> systems = Chosen(only);
+        if (systems.empty()) {
+            throw std::runtime_error("none of the named systems is there");
+        }
+        Report report;
+        for (int run = 0; run < runs; ++run) {
+            MeasureOnce(systems, effort, report);
+        }
+        report.Print();
+        if (!json.empty()) {
+            report.WriteJson(json);
+        }
+        return 0;
+    } catch (const std::exception& error) {
+        std::cerr << "kvo-peer-benchmark: " << error.what() << std::endl;
+        return 1;
+    }
+}
