@@ -1,6 +1,7 @@
 // Kills the broker under its clients, at random and at every named step of every request, and
 // starts it again: no client ends, all are back in time, every sample in shared memory is read.
 #include "kvo/KvoDataTransferFactory.h"
+#include "kvo/KvoStatisticsClient.h"
 #include "kvo/brokerd/broker.h"
 #include "kvo/crash_point.h"
 
@@ -35,8 +36,9 @@ using namespace std::chrono_literals;
 constexpr int kProcesses = 4;
 constexpr int kMostStreams = 100;
 constexpr int kPayload = 64;
-constexpr int kRetained = 4096;  // more than are written while a reader waits
-constexpr auto kPatience = 30s;  // for what has no time of its own
+constexpr int kRetained = 4096;              // more than are written while a reader waits
+constexpr auto kPatience = 30s;              // for what has no time of its own
+constexpr std::chrono::seconds kFreeze{12};  // above the heartbeat time-out
 constexpr std::size_t kPointBytes = 64;
 constexpr std::uint64_t kNew = 5;  // samples, a tenth of a second
 
@@ -161,9 +163,8 @@ public:
     }
     void Begin() {
         StartBroker("");
-        const std::string uri = "wkp.rr://127.0.0.1:" + std::to_string(shared->port.load());
         for (int process = 0; process < kProcesses; ++process) {
-            clients_.push_back(Start([&] { RunClients(uri, process, streams_); }));
+            clients_.push_back(Start([&] { RunClients(uri(), process, streams_); }));
         }
         Await(kPatience, "registration", [&] {
             return std::all_of(shared->ready.begin(), shared->ready.end(),
@@ -202,6 +203,22 @@ public:
     }
     Clock::duration slowest() const { return slowest_; }
 
+    // For longer than a client may be silent: the broker's own pause is charged to nobody. The
+    // last thing that happens to the clients, since no process is forked after it.
+    void Freeze() {
+        ::kill(broker_, SIGSTOP);
+        std::this_thread::sleep_for(kFreeze);
+        ::kill(broker_, SIGCONT);
+        AwaitAllReading(kPatience);
+        kvo::KvoStatisticsClient broker(nullptr, uri());
+        Demand(broker.GetRegisteredStreams().size() == static_cast<std::size_t>(streams_),
+               "publishers were taken for gone");
+        for (int number = 0; number < streams_; ++number) {
+            Demand(broker.GetStatistics(StreamOf(number)).int_value_1 == 1,
+                   "the subscriber of stream " + StreamOf(number) + " was taken for gone");
+        }
+    }
+
     // All clients end orderly, and then the broker: nothing is left.
     void End() {
         shared->stop.store(true);
@@ -214,6 +231,7 @@ public:
     }
 
 private:
+    static std::string uri() { return "wkp.rr://127.0.0.1:" + std::to_string(shared->port.load()); }
     void StartBroker(const std::string& point) {
         const std::uint16_t port = shared->port.exchange(0);
         shared->point.fill('\0');
@@ -330,10 +348,12 @@ int main(int argc, char** argv) {
                           << std::endl;
             }
         }
+        test.Freeze();
         test.End();
         std::cout << points.size() << " points, " << kills << " kills, " << streams
                   << " publishers and as many subscribers: all back within "
-                  << seconds(test.slowest()) << " s, nothing missed, nothing left" << std::endl;
+                  << seconds(test.slowest()) << " s, nothing missed; nobody lost while the broker "
+                  << "stood still for " << seconds(kFreeze) << " s; nothing left" << std::endl;
         return 0;
     } catch (const std::exception& error) {
         std::cerr << "kvo-broker-kill-test, seed " << seed << ": " << error.what() << std::endl;

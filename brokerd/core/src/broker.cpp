@@ -32,7 +32,7 @@ namespace {
 // its sockets are closed. This is for the deaths that no connection tells of, so it may be seldom:
 // each tick asks the kernel about every client.
 constexpr std::chrono::milliseconds kTick{100};
-constexpr std::chrono::milliseconds kTopicTick{1000};
+constexpr unsigned kTicksToTopics = 10;  // from one look at what topics are needed to the next
 constexpr std::chrono::seconds kLeastTimeout{3};
 // Clients that reconnect after a loss need some seconds before their next heartbeat.
 constexpr std::chrono::seconds kUsualMargin{6};
@@ -141,6 +141,7 @@ private:
     std::unique_ptr<gorm::cor::rr::Service> service_;
     std::unique_ptr<GatedService> gated_service_;
     std::unique_ptr<gorm::cor::rr::Server> server_;
+    unsigned ticks_ = 0;
     bool supervision_posted_ = false;
     std::set<std::string> lost_;  // identities whose last connection ended since then
 };
@@ -192,12 +193,10 @@ Broker::Impl::Impl(const BrokerOptions& options, KvoLogger* logger) : logger_(lo
             registry_->Supervise();
             registry_->ReapSome();
             gate_->ForgetIdle(std::chrono::steady_clock::now());
-        }
-    });
-    loop_.Every(kTopicTick, [this] {
-        if (registry_ != nullptr) {
-            topics_->CloseUnless(
-                [this](const std::string& stream) { return registry_->Knows(stream); });
+            if (++ticks_ % kTicksToTopics == 0) {
+                topics_->CloseUnless(
+                    [this](const std::string& stream) { return registry_->Knows(stream); });
+            }
         }
     });
 }
