@@ -3,6 +3,7 @@
 #include "measure.h"
 
 #include <CLI/CLI.hpp>
+#include <log4cplus/configurator.h>
 
 #include <algorithm>
 #include <cctype>
@@ -83,6 +84,8 @@ int main(int argc, char** argv) {
     app.add_option("--only", only, "these systems, separated by commas")->delimiter(',');
     app.add_option("--json", json, "also write the figures to this file");
     CLI11_PARSE(app, argc, argv);
+    // What this system's middleware has to say, for the processes that are forked too.
+    log4cplus::BasicConfigurator::doConfigure(log4cplus::Logger::getDefaultHierarchy(), true);
     try {
         Effort effort;
         if (quick) {

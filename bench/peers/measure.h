@@ -10,9 +10,9 @@ namespace kvo::bench {
 
 /// How long and how often; the same for every system.
 struct Effort {
-    std::chrono::milliseconds latency{5000};
+    std::chrono::milliseconds latency{4000};
     std::chrono::milliseconds rate{2000};
-    std::chrono::milliseconds fan_out{3000};
+    std::chrono::milliseconds fan_out{2000};
     std::chrono::milliseconds processor{5000};
 };
 
