@@ -103,8 +103,13 @@ private:
                          accounts_,
                          0,
                          nullptr};
-    RequestHandler handler_{registry_, files_, access_, events_, [](int, const std::string&) {},
-                            {1, 10, 1}};
+    RequestHandler handler_{registry_,
+                            files_,
+                            access_,
+                            events_,
+                            [](int, const std::string&) {},
+                            {[](const std::string&) {}, [](const std::string&) {}},
+                            {1, 10, 1, {}}};
     std::unique_ptr<gorm::cor::rr::Service> service_ = MakeDataBrokerRegistrationService(handler_);
     RequestGate gate_{{1000, 40}};
     GatedService gated_{*service_, gate_, [this] { return now_; }};
