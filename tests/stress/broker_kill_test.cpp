@@ -267,13 +267,27 @@ private:
             before.push_back(shared->read[static_cast<std::size_t>(number)].load());
         }
         int number = 0;
-        const auto duration = Await(at_most, "a new sample everywhere", [&] {
+        const auto all_read = [&] {
             while (number < streams_ && shared->read[static_cast<std::size_t>(number)].load() >=
                                             before[static_cast<std::size_t>(number)] + kNew) {
                 ++number;
             }
             return number == streams_;
-        });
+        };
+        Clock::duration duration{};
+        try {
+            duration = Await(at_most, "a new sample everywhere", all_read);
+        } catch (const std::exception& error) {
+            const auto place = static_cast<std::size_t>(number);
+            kvo::KvoStatisticsClient broker(nullptr, uri());
+            const auto state = broker.GetStatistics(StreamOf(number));
+            throw std::runtime_error(std::string(error.what()) + ": stream " + StreamOf(number) +
+                                     " had read " + std::to_string(before[place]) + ", then " +
+                                     std::to_string(shared->read[place].load()) +
+                                     "; the broker knows " + std::to_string(state.count_value_1) +
+                                     " samples, publisher " + std::to_string(state.int_value_2) +
+                                     ", subscribers " + std::to_string(state.int_value_1));
+        }
         for (number = 0; number < streams_; ++number) {
             Demand(!shared->gap[static_cast<std::size_t>(number)].load(),
                    "samples of stream " + StreamOf(number) + " were missed");

@@ -22,7 +22,9 @@ zmq::socket_t MakeDealer(zmq::context_t& context, const Address& address,
         MakeSocket(context, zmq::socket_type::dealer, kRequestQueue, kMaxReplyBytes);
     SetReconnect(socket);
     socket.set(zmq::sockopt::routing_id, routing_id);
-    socket.set(zmq::sockopt::immediate, true);  // nothing is queued for a peer that is not there
+    // Nothing is sent before the connection stands, and a link is given up with its connection. So
+    // nothing is queued for a peer that is not there, without the option of that name: with it, the
+    // transport (4.3.4) ends the process when a connection is lost between two frames of a reply.
     socket.set(zmq::sockopt::ipv6, address.ipv6);
     return socket;
 }
@@ -297,9 +299,7 @@ void Connection::Down() {
     for (const auto& end : ends_) {
         end->strand.Deliver(false);
     }
-    if (const std::string way = ChooseWay(); way != link_->endpoint) {
-        Begin(way);
-    }
+    Begin(ChooseWay());
     AwaitConnection();
 }
 
