@@ -136,7 +136,11 @@ void Connection::Refused(const Monitor::Event& event) {
         fault_ =
             "the server ended the handshake; is " + address_.curve->server_key + " its public key?";
     } else {
-        fault_ = "the handshake failed";
+        // Also what is seen of a server that had gone by the time its reason was looked for.
+        fault_ = std::string(
+                     "the server ended the handshake, as when the server asks for CURVE; the "
+                     "file that ") +
+                 kPropertiesVariable + " names has no key for it";
     }
     AwaitConnection();
 }
