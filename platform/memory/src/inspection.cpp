@@ -155,7 +155,9 @@ void Rules::CheckContent(std::uint32_t slot, std::uint64_t word) {
 void Rules::CheckRetained() {
     const std::uint64_t head = segment_.words().head.load(std::memory_order_acquire);
     const std::uint64_t retained = std::min<std::uint64_t>(head, geometry_.retained_samples);
-    for (std::uint64_t version = head - retained + 1; version <= head; ++version) {
+    // Counted from 0: a head that nobody honest wrote may be the last number there is.
+    for (std::uint64_t back = 0; back < retained; ++back) {
+        const std::uint64_t version = head - back;
         const auto slot = FindSlot(segment_, version);
         const bool there = slot && segment_.slot(*slot).word.load(std::memory_order_acquire) ==
                                        layout::PackWord(version, layout::SlotState::kValid);
