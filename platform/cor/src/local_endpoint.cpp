@@ -1,6 +1,7 @@
 #include "local_endpoint.h"
 
 #include "gorm/cor/errors.h"
+#include "kvo/crash_point.h"
 #include "log.h"
 
 #include <algorithm>
@@ -107,6 +108,7 @@ LocalEndpoint::~LocalEndpoint() {
     ::unlink(path_.c_str());
     if (!topics_path_.empty()) {
         ::unlink(topics_path_.c_str());
+        KVO_CRASH_POINT("link to topics withdrawn");
     }
     lock_.reset();
     if (directory_.own) {
@@ -123,10 +125,12 @@ void LocalEndpoint::Open() const {
 void LocalEndpoint::PointTo(const std::string& topic_directory) {
     const std::string path = TopicsPath(directory_.path, port_);
     ::unlink(path.c_str());  // of a killed holder of the port
+    KVO_CRASH_POINT("link to topics removed");
     if (::symlink(topic_directory.c_str(), path.c_str()) != 0) {
         throw std::system_error(errno, std::generic_category(), "cannot make " + path);
     }
     topics_path_ = path;
+    KVO_CRASH_POINT("link to topics made");
 }
 
 std::unique_ptr<LocalEndpoint> ServeLocal(const Serving& serving, const Address& address,

@@ -3,6 +3,7 @@
 #include "curve_server.h"
 #include "gorm/cor/process.h"
 #include "gorm/cor/ps/publisher.h"
+#include "kvo/crash_point.h"
 #include "local_endpoint.h"
 #include "log.h"
 #include "runtime.h"
@@ -165,11 +166,13 @@ void Publisher::Impl::ServeTopics() {
     }
     try {
         std::filesystem::create_directory(topic_directory_);
+        KVO_CRASH_POINT("topic directory made");
         const mode_t mode = (topic_access_.mode & 0077) == 0 ? 0700 : 0750;
         if (::chown(topic_directory_.c_str(), static_cast<uid_t>(-1), topic_access_.group) != 0 ||
             ::chmod(topic_directory_.c_str(), mode) != 0) {
             throw std::system_error(errno, std::generic_category(), topic_directory_);
         }
+        KVO_CRASH_POINT("topic directory given its rights");
         TopicRingServer::RemoveAll(topic_directory_);
         local_endpoint_->PointTo(topic_directory_);
         serves_local_ = true;

@@ -51,11 +51,15 @@ struct Files {
 
 // A server that puts a new ring in place meanwhile makes us look again.
 std::optional<Files> OpenFiles(const std::string& directory, std::string_view topic) {
+    if (topic.size() > ring::kMostPathBytes) {
+        return std::nullopt;
+    }
     const std::string path = EventsPath(directory, topic);
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
         try {
             SharedFile events =
                 SharedFile::Open(path, sizeof(ring::EventsFile), SharedFile::Mode::kRead);
+            KVO_CRASH_POINT("ring's events opened");
             const auto& file = events.as<const ring::EventsFile>();
             if (file.magic != ring::kMagic || file.version != ring::kVersion ||
                 file.path_bytes != topic.size() ||
@@ -64,6 +68,7 @@ std::optional<Files> OpenFiles(const std::string& directory, std::string_view to
             }
             SharedFile signal = SharedFile::Open(
                 SignalPath(path, file.nonce), sizeof(ring::SignalFile), SharedFile::Mode::kWrite);
+            KVO_CRASH_POINT("ring's signal opened");
             return Files{std::move(events), std::move(signal)};
         } catch (const std::system_error& error) {
             if (error.code() != std::errc::no_such_file_or_directory) {
@@ -104,6 +109,7 @@ std::unique_ptr<TopicRingServer> TopicRingServer::Make(const std::string& direct
     // The server alone writes it.
     const FileAccess events_access{access.mode & ~static_cast<mode_t>(022), access.group};
     SharedFile events = SharedFile::Create(unnamed_path, sizeof(ring::EventsFile), events_access);
+    KVO_CRASH_POINT("ring's events made");
     try {
         auto& file = events.as<ring::EventsFile>();
         file.magic = ring::kMagic;
@@ -115,12 +121,15 @@ std::unique_ptr<TopicRingServer> TopicRingServer::Make(const std::string& direct
         // relaxed: the rename comes between this and whoever looks.
         file.texts[0].bytes.store(static_cast<std::uint32_t>(counted.size()),
                                   std::memory_order_relaxed);
+        KVO_CRASH_POINT("ring's events filled");
         SharedFile signal = SharedFile::Create(signal_path, sizeof(ring::SignalFile), access);
+        KVO_CRASH_POINT("ring's signal made");
         if (::rename(unnamed_path.c_str(), events_path.c_str()) != 0) {
             const int error = errno;
             ::unlink(signal_path.c_str());
             throw std::system_error(error, std::generic_category(), events_path);
         }
+        KVO_CRASH_POINT("ring in place");
         return std::unique_ptr<TopicRingServer>(
             new TopicRingServer(events_path, signal_path, std::move(events), std::move(signal)));
     } catch (...) {
@@ -132,8 +141,10 @@ std::unique_ptr<TopicRingServer> TopicRingServer::Make(const std::string& direct
 TopicRingServer::~TopicRingServer() {
     // Release: who sees it sees all entries.
     events().closed.store(1, std::memory_order_release);
+    KVO_CRASH_POINT("ring closed");
     signal_.Nudge();
     ::unlink(events_path_.c_str());
+    KVO_CRASH_POINT("ring's events removed");
     ::unlink(signal_path_.c_str());
 }
 
@@ -143,11 +154,12 @@ std::optional<std::uint32_t> TopicRingServer::TextOf(std::string_view sample) {
         const std::uint32_t bytes = text.bytes.load(std::memory_order_relaxed);  // own store
         if (bytes == 0 && !sample.empty() && sample.size() <= sizeof text.text) {
             sample.copy(text.text, sample.size());
+            KVO_CRASH_POINT("event's text copied");
             // relaxed: the entry that names the text is stored with release.
             text.bytes.store(static_cast<std::uint32_t>(sample.size()), std::memory_order_relaxed);
             return number;
         }
-        if (std::string_view(text.text, bytes) == sample) {
+        if (std::string_view(text.text, std::min(bytes, ring::kMostTextBytes)) == sample) {
             return number;
         }
     }
@@ -194,6 +206,7 @@ void TopicRingServer::RemoveAll(const std::string& directory) {
                     SharedFile::Open(path, sizeof(ring::EventsFile), SharedFile::Mode::kWrite);
                 auto& events = file.as<ring::EventsFile>();
                 events.closed.store(1, std::memory_order_release);
+                KVO_CRASH_POINT("dead ring closed");
                 TopicSignal(SharedFile::Open(SignalPath(path, events.nonce),
                                              sizeof(ring::SignalFile), SharedFile::Mode::kWrite))
                     .Nudge();
@@ -205,6 +218,7 @@ void TopicRingServer::RemoveAll(const std::string& directory) {
         if (entry.path().extension() == kEventsSuffix ||
             entry.path().extension() == kSignalSuffix) {
             fs::remove(entry.path(), ignored);
+            KVO_CRASH_POINT("dead ring's file removed");
         }
     }
 }
@@ -279,6 +293,7 @@ std::optional<std::string_view> TopicRingReader::Take() {
         counted_ = count;
         return Text(0);
     }
+    KVO_CRASH_POINT("ring found empty");
     return std::nullopt;
 }
 

@@ -77,7 +77,8 @@ public:
     /// Ends a Sleep(). Any thread.
     void Nudge() { signal_.Nudge(); }
 
-    /// Nothing comes any more that Take() has not given out.
+    /// Nothing comes any more. What came before is given out by Take(): whoever asks here and then
+    /// takes until there is none has all of it.
     bool closed() const;
 
 private:

@@ -42,6 +42,7 @@ std::uint32_t TopicSignal::word() const {
 
 void TopicSignal::Wake() {
     ::syscall(SYS_futex, &shared().word, FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
+    KVO_CRASH_POINT("topic woken");
 }
 
 bool TopicSignal::MarkAsleep(std::uint32_t seen) {
@@ -54,6 +55,7 @@ bool TopicSignal::MarkAsleep(std::uint32_t seen) {
             break;
         }
     }
+    KVO_CRASH_POINT("topic marked");
     return shared().word.load(kOrdered) == seen;
 }
 
@@ -66,6 +68,7 @@ void TopicSignal::Sleep(std::uint32_t seen, std::chrono::milliseconds at_most) {
                            static_cast<long>(at_most.count() % 1000 * 1'000'000)};
     // Whatever ends it: the caller looks again.
     ::syscall(SYS_futex, &shared().word, FUTEX_WAIT, seen, &timeout, nullptr, 0);
+    KVO_CRASH_POINT("topic awake");
 }
 
 }  // namespace gorm::cor::ps

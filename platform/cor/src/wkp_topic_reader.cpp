@@ -96,7 +96,7 @@ private:
     void LeaveRing();
     void FollowRing();
     bool TakeFromRing();
-    bool RingIsOver();
+    bool ServerIsGone();
     void OpenSocket();
     void CloseSocket();
     void LookForRing();
@@ -121,7 +121,9 @@ private:
     std::string ring_directory_;
     std::chrono::steady_clock::time_point ring_checked_;
     std::optional<zmq::socket_t> socket_;
-    std::string position_;                      // of the publisher, as the socket has told
+    // Where the next ring is to be entered: as the socket has told, or empty: at its start, since
+    // it is the successor of what we had. None: there was nothing before.
+    std::optional<std::string> position_;
     std::deque<SampleCodec::Decoded> waiting_;  // not heard yet, oldest first
     FaultLog faults_;
 };
@@ -142,11 +144,12 @@ bool WkpTopicReader::Feed::JoinRing() {
     if (!ring || ring->closed()) {
         return false;
     }
-    if (socket_) {
-        ring->BeginAt(position_);
+    if (position_) {
+        ring->BeginAt(*position_);
     } else {
         ring->BeginNow();
     }
+    position_ = "";
     {
         const std::lock_guard lock(mutex_);
         ring_ = std::make_shared<TopicRingReader>(std::move(*ring));
@@ -183,8 +186,9 @@ void WkpTopicReader::Feed::FollowRing() {
             if (listener() == nullptr) {
                 ring_->SleepThrough(kRingCheck);
             }
-        } else if (!TakeFromRing()) {
-            if (RingIsOver()) {
+        } else if (const bool closed = ring_->closed(); !TakeFromRing()) {
+            // Closed before the look: the look would have found what came last.
+            if (closed || ServerIsGone()) {
                 LeaveRing();
                 return;
             }
@@ -203,11 +207,8 @@ bool WkpTopicReader::Feed::TakeFromRing() {
     return true;
 }
 
-// Closed by its server, or by nobody because that was killed.
-bool WkpTopicReader::Feed::RingIsOver() {
-    if (ring_->closed()) {
-        return true;
-    }
+// A server that was killed has not closed its ring.
+bool WkpTopicReader::Feed::ServerIsGone() {
     const auto now = std::chrono::steady_clock::now();
     if (now - ring_checked_ < kRingCheck) {
         return false;
@@ -218,6 +219,7 @@ bool WkpTopicReader::Feed::RingIsOver() {
 
 void WkpTopicReader::Feed::OpenSocket() {
     socket_ = MakeSubscription(context_, address_, topic_);
+    position_ = "";
     loop_.Watch(*socket_, [feed = shared_from_this()] { feed->TakeFromSocket(); });
     if (address_.PrefersLocal()) {
         LookForRing();
@@ -227,7 +229,6 @@ void WkpTopicReader::Feed::OpenSocket() {
 void WkpTopicReader::Feed::CloseSocket() {
     loop_.Unwatch(*socket_);
     socket_.reset();
-    position_.clear();
 }
 
 void WkpTopicReader::Feed::LookForRing() {
