@@ -1,8 +1,10 @@
 // Searches every interleaving of the wake-ups of a local topic, as
-// platform/cor/src/topic_signal.cpp runs them: readers go to sleep, a writer counts events and
-// wakes, anyone may be killed at any step, and the server nudges after the writer's death. Nobody
-// may sleep through an event. All shared accesses there are sequentially consistent, so
-// interleavings are all there is. Then the same with mistakes, each of which must be found.
+// platform/cor/src/topic_signal.cpp runs them: readers go to sleep, writers count events and wake,
+// anyone may be killed or stopped for ever at any step, and the server nudges after a writer's
+// death. Nobody may sleep through an event that somebody has got through with telling of, whoever
+// else stands still on his way. All shared accesses there are sequentially consistent, or the
+// order between them does not matter, so interleavings are all there is. Then the same with
+// mistakes, each of which must be found.
 #include <algorithm>
 #include <array>
 #include <cstdint>
@@ -20,10 +22,15 @@ enum class Mistake {
     kMarkTakenBack,   // who wakes clears the mark
     kOnlyEqualMark,   // a mark newer than the word before is taken for one that needs no wake-up
     kNoNudge,         // nobody wakes after the death of a writer
+    kWokenNotAsked,   // an older mark is always taken for one that somebody has woken for
+    kWokenTooEarly,   // marks that the word has not passed are noted as woken for, too
+    kWokenBeforeWake  // it is noted before it is done
 };
 
 constexpr unsigned kReaders = 2;
-constexpr std::int8_t kNoMark = -1;  // older than any
+constexpr unsigned kWriters = 2;
+constexpr std::int8_t kNoMark = -1;      // older than any
+constexpr std::int8_t kNeverWoken = -2;  // no mark is that
 
 enum class Step : std::uint8_t {
     kLook,
@@ -42,15 +49,31 @@ struct Reader {
     auto operator<=>(const Reader&) const = default;
 };
 
-enum class WriterStep : std::uint8_t { kAdd, kLoadMark, kTakeBack, kWake, kDone, kDead };
+enum class WriterStep : std::uint8_t {
+    kAdd,
+    kLoadMark,
+    kLoadWoken,
+    kTakeBack,
+    kWake,
+    kNote,
+    kDone,
+    kGone
+};
+struct Writer {
+    WriterStep step = WriterStep::kAdd;
+    std::int8_t before = 0;  // the word as it was found
+    std::int8_t mark = 0;    // as it was found
+    std::uint8_t left = 0;   // events to count
+    auto operator<=>(const Writer&) const = default;
+};
 struct State {
     std::int8_t word = 0;
     std::int8_t mark = kNoMark;
-    WriterStep writer = WriterStep::kAdd;
-    std::int8_t before = 0;  // the word as the writer found it
-    std::uint8_t left = 3;   // events to count
-    bool nudged = false;     // by the server, after the writer's death
-    bool wakes_all = false;  // the server has still to wake
+    std::int8_t woken = kNeverWoken;
+    std::int8_t told = 0;     // the word after the newest event that somebody has told of
+    std::uint8_t deaths = 0;  // of writers that the server has still to nudge for
+    bool wakes_all = false;   // the server has still to wake
+    std::array<Writer, kWriters> writers{Writer{.left = 1}, Writer{.left = 2}};
     std::array<Reader, kReaders> readers;
     auto operator<=>(const State&) const = default;
 };
@@ -66,16 +89,18 @@ public:
             const State state = open_.back();
             open_.pop_back();
             const std::size_t before = steps_;
-            Writer(state);
+            for (unsigned i = 0; i < kWriters; ++i) {
+                Write(state, i);
+            }
             Server(state);
             for (unsigned i = 0; i < kReaders; ++i) {
                 Read(state, i);
             }
             const bool over = steps_ == before;
-            Deaths(state);
+            Ends(state);
             if (over &&
                 std::any_of(state.readers.begin(), state.readers.end(), [&](const Reader& reader) {
-                    return reader.step == Step::kAsleep && reader.seen != state.word;
+                    return reader.step == Step::kAsleep && reader.seen < state.told;
                 })) {
                 return state;
             }
@@ -86,7 +111,8 @@ public:
 
 private:
     bool Is(Mistake mistake) const { return mistake_ == mistake; }
-    void Reach(const State& state) {
+    void Reach(State state) {
+        std::sort(state.readers.begin(), state.readers.end());  // which is which does not matter
         if (visited_.insert(state).second) {
             open_.push_back(state);
         }
@@ -101,43 +127,63 @@ private:
         }
     }
 
-    void Writer(State s) {
-        switch (s.writer) {
+    void Write(State s, unsigned number) {
+        Writer& w = s.writers[number];
+        switch (w.step) {
             case WriterStep::kAdd:
-                if (s.left == 0) {
-                    s.writer = WriterStep::kDone;
+                if (w.left == 0) {
+                    w.step = WriterStep::kDone;
                 } else {
-                    --s.left;
-                    s.before = s.word++;
-                    s.writer = WriterStep::kLoadMark;
+                    --w.left;
+                    w.before = s.word++;
+                    w.step = WriterStep::kLoadMark;
                 }
                 break;
             case WriterStep::kLoadMark:
-                s.writer = s.mark < s.before || (s.mark > s.before && Is(Mistake::kOnlyEqualMark))
-                               ? WriterStep::kAdd
-                           : Is(Mistake::kMarkTakenBack) ? WriterStep::kTakeBack
-                                                         : WriterStep::kWake;
+                w.mark = s.mark;
+                w.step = w.mark > w.before && Is(Mistake::kOnlyEqualMark) ? WriterStep::kAdd
+                         : w.mark >= w.before                             ? BeforeWake()
+                                                                          : WriterStep::kLoadWoken;
+                break;
+            case WriterStep::kLoadWoken:
+                w.step = w.mark == s.woken || Is(Mistake::kWokenNotAsked) ? WriterStep::kAdd
+                                                                          : BeforeWake();
                 break;
             case WriterStep::kTakeBack:
                 s.mark = kNoMark;
-                s.writer = WriterStep::kWake;
+                w.step = WriterStep::kWake;
                 break;
             case WriterStep::kWake:
                 WakeAll(s);
-                s.writer = WriterStep::kAdd;
+                w.step = Is(Mistake::kWokenBeforeWake) ? WriterStep::kAdd : WriterStep::kNote;
+                break;
+            case WriterStep::kNote:
+                if (w.mark <= w.before || Is(Mistake::kWokenTooEarly)) {
+                    s.woken = w.mark;
+                }
+                w.step = Is(Mistake::kWokenBeforeWake) ? WriterStep::kWake : WriterStep::kAdd;
                 break;
             default:
                 return;
         }
+        if (w.step == WriterStep::kAdd || w.step == WriterStep::kDone) {
+            s.told = std::max(s.told, static_cast<std::int8_t>(w.before + 1));
+            w.before = w.mark = 0;
+        }
         Take(s);
+    }
+    WriterStep BeforeWake() const {
+        return Is(Mistake::kMarkTakenBack)     ? WriterStep::kTakeBack
+               : Is(Mistake::kWokenBeforeWake) ? WriterStep::kNote
+                                               : WriterStep::kWake;
     }
     void Server(State s) {
         if (s.wakes_all) {
             WakeAll(s);
             s.wakes_all = false;
-        } else if (s.writer == WriterStep::kDead && !s.nudged && !Is(Mistake::kNoNudge)) {
+        } else if (s.deaths > 0 && !Is(Mistake::kNoNudge)) {
             ++s.word;
-            s.nudged = true;
+            s.deaths = 0;
             s.wakes_all = true;
         } else {
             return;
@@ -181,11 +227,19 @@ private:
         r.found = r.step == Step::kCheck || r.step == Step::kMark ? r.found : std::int8_t{0};
         Take(s);
     }
-    void Deaths(const State& state) {
-        if (state.writer != WriterStep::kDone && state.writer != WriterStep::kDead) {
-            State s = state;
-            s.writer = WriterStep::kDead;
-            Reach(s);
+    void Ends(const State& state) {
+        for (unsigned i = 0; i < kWriters; ++i) {
+            if (const WriterStep step = state.writers[i].step;
+                step == WriterStep::kDone || step == WriterStep::kGone) {
+                continue;
+            }
+            State stopped = state;
+            stopped.writers[i] = {WriterStep::kGone, 0, 0, 0};
+            Reach(stopped);
+            State killed = stopped;
+            killed.deaths += 1;
+            killed.told = killed.word;  // the server tells of it
+            Reach(killed);
         }
         for (unsigned i = 0; i < kReaders; ++i) {
             State s = state;
@@ -209,15 +263,17 @@ int main() {
         return 1;
     }
     std::cout << right.states() << " states, nobody sleeps through an event\n";
-    for (const Mistake mistake :
-         {Mistake::kMarkStored, Mistake::kWordBeforeMark, Mistake::kMarkTakenBack,
-          Mistake::kOnlyEqualMark, Mistake::kNoNudge}) {
+    constexpr std::array kMistakes{Mistake::kMarkStored,    Mistake::kWordBeforeMark,
+                                   Mistake::kMarkTakenBack, Mistake::kOnlyEqualMark,
+                                   Mistake::kNoNudge,       Mistake::kWokenNotAsked,
+                                   Mistake::kWokenTooEarly, Mistake::kWokenBeforeWake};
+    for (const Mistake mistake : kMistakes) {
         if (!Search(mistake).Run()) {
             std::cerr << "kvo-wakeup-model: seeded mistake " << static_cast<int>(mistake)
                       << " is not found\n";
             return 1;
         }
     }
-    std::cout << "5 seeded mistakes found\n";
+    std::cout << kMistakes.size() << " seeded mistakes found\n";
     return 0;
 }

@@ -4,33 +4,27 @@
 #include "kvo/KvoStatisticsClient.h"
 #include "kvo/brokerd/broker.h"
 #include "kvo/crash_point.h"
+#include "processes.h"
 
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <cstdlib>
 #include <filesystem>
 #include <iostream>
 #include <memory>
 #include <random>
-#include <stdexcept>
 #include <string>
-#include <sys/mman.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
-#include <system_error>
 #include <thread>
 #include <unistd.h>
 #include <vector>
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using namespace kvo::stress;
 using namespace std::chrono_literals;
 
 constexpr int kProcesses = 4;
@@ -54,44 +48,15 @@ struct Shared {
 
 Shared* shared = nullptr;
 
+struct Paths {
+    explicit Paths(const std::string& directory)
+        : broker(directory + "/broker"), shared(directory + "/shared") {}
+    const std::string broker;  // a directory
+    const std::string shared;
+};
+
 std::string StreamOf(int number) {
     return "killed/" + std::to_string(number);
-}
-
-void Demand(bool holds, const std::string& otherwise) {
-    if (!holds) {
-        throw std::runtime_error(otherwise);
-    }
-}
-
-template <class Done>
-Clock::duration Await(Clock::duration at_most, const std::string& what, Done done) {
-    const auto begin = Clock::now();
-    while (!done()) {
-        Demand(Clock::now() - begin < at_most, what + " took too long");
-        std::this_thread::sleep_for(5ms);  // how often it is looked at
-    }
-    return Clock::now() - begin;
-}
-
-// A part runs in a process of its own, from before anything of the library was used.
-template <class Part>
-pid_t Start(Part part) {
-    const pid_t child = ::fork();
-    if (child < 0) {
-        throw std::system_error(errno, std::generic_category(), "fork");
-    }
-    if (child == 0) {
-        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-        try {
-            part();
-            std::_Exit(0);
-        } catch (const std::exception& error) {
-            std::cerr << error.what() << std::endl;
-            std::_Exit(1);
-        }
-    }
-    return child;
 }
 
 void ServeUntilKilled(const std::string& directory, std::uint16_t port) {
@@ -154,17 +119,57 @@ void RunClients(const std::string& uri, int process, int streams) {
     }
 }
 
+// Two of each request that clients send when they return, and while all is well.
+std::vector<std::string> Points() {
+    std::vector<std::string> points;
+    for (const char* method : {"SendHeartbeat", "AddPublisher", "NotifyNewData", "AddSubscriber",
+                               "GetNotificationPort", "ReportDataWritten"}) {
+        points.push_back(std::string(method) + " taken");
+        points.push_back(std::string(method) + " done");
+    }
+    return points;
+}
+
 class Test {
 public:
-    Test(int streams, Clock::duration within) : streams_(streams), within_(within) {
-        std::string pattern = "/dev/shm/kvo-broker-kill-XXXXXX";
-        Demand(::mkdtemp(pattern.data()) != nullptr, "no directory " + pattern);
-        directory_ = pattern;
+    Test(const KillOptions& options, int streams, Clock::duration within)
+        : options_(options), streams_(streams), within_(within) {
+        shared = &Share<Shared>(Paths(scratch_.path()).shared);
     }
+    void Run() {
+        Begin();
+        const auto seconds = [](Clock::duration d) {
+            return std::chrono::duration<double>(d).count();
+        };
+        const auto begin = Clock::now();
+        const auto points = Points();
+        for (const std::string& point : points) {
+            KillAt(point);
+        }
+        std::mt19937_64 random(options_.seed);
+        std::uint64_t kills = 0;
+        while (!options_.Over(kills, begin)) {
+            KillAtRandom(random);
+            if (++kills % 20 == 0) {
+                std::cout << kills << " kills, slowest return " << seconds(slowest_) << " s"
+                          << std::endl;
+            }
+        }
+        Freeze();
+        End();
+        std::cout << points.size() << " points, " << kills << " kills, " << streams_
+                  << " publishers and as many subscribers: all back within " << seconds(slowest_)
+                  << " s, nothing missed; nobody lost while the broker stood still for "
+                  << seconds(kFreeze) << " s; nothing left" << std::endl;
+    }
+
+private:
     void Begin() {
         StartBroker("");
         for (int process = 0; process < kProcesses; ++process) {
-            clients_.push_back(Start([&] { RunClients(uri(), process, streams_); }));
+            clients_.push_back(std::make_unique<Process>(Arguments{"clients", scratch_.path(),
+                                                                   uri(), std::to_string(process),
+                                                                   std::to_string(streams_)}));
         }
         Await(kPatience, "registration", [&] {
             return std::all_of(shared->ready.begin(), shared->ready.end(),
@@ -172,43 +177,23 @@ public:
         });
         AwaitAllReading(kPatience);
     }
-    Test(const Test&) = delete;
-    Test& operator=(const Test&) = delete;
-    ~Test() {
-        for (const pid_t process : clients_) {
-            ::kill(process, SIGKILL);
-            ::waitpid(process, nullptr, 0);
-        }
-        if (broker_ != 0) {
-            ::kill(broker_, SIGKILL);
-            ::waitpid(broker_, nullptr, 0);
-        }
-        std::error_code ignored;
-        std::filesystem::remove_all(directory_, ignored);
-    }
-
     void KillAtRandom(std::mt19937_64& random) {
         std::this_thread::sleep_for(std::chrono::milliseconds(random() % 300));  // the moment
-        ::kill(broker_, SIGKILL);
-        ::waitpid(broker_, nullptr, 0);
+        broker_->Kill();
         Return();
     }
     void KillAt(const std::string& point) {
-        ::kill(broker_, SIGKILL);
-        ::waitpid(broker_, nullptr, 0);
+        broker_->Kill();
         StartBroker(point);
-        Await(kPatience, "death at \"" + point + "\"",
-              [&] { return ::waitpid(broker_, nullptr, WNOHANG) == broker_; });
+        Await(kPatience, "death at \"" + point + "\"", [&] { return broker_->HasEnded(); });
         Return();
     }
-    Clock::duration slowest() const { return slowest_; }
 
-    // For longer than a client may be silent: the broker's own pause is charged to nobody. The
-    // last thing that happens to the clients, since no process is forked after it.
+    // For longer than a client may be silent: the broker's own pause is charged to nobody.
     void Freeze() {
-        ::kill(broker_, SIGSTOP);
+        broker_->Signal(SIGSTOP);
         std::this_thread::sleep_for(kFreeze);
-        ::kill(broker_, SIGCONT);
+        broker_->Signal(SIGCONT);
         AwaitAllReading(kPatience);
         kvo::KvoStatisticsClient broker(nullptr, uri());
         Demand(broker.GetRegisteredStreams().size() == static_cast<std::size_t>(streams_),
@@ -222,41 +207,31 @@ public:
     // All clients end orderly, and then the broker: nothing is left.
     void End() {
         shared->stop.store(true);
-        for (const pid_t process : std::exchange(clients_, {})) {
-            int status = 0;
-            Demand(::waitpid(process, &status, 0) == process && status == 0,
-                   "a client process failed");
+        for (const auto& process : clients_) {
+            Demand(process->Await() == 0, "a client process failed");
         }
         Await(kPatience, "removal of the files", [&] { return FilesOfStreams() == 0; });
     }
 
-private:
     static std::string uri() { return "wkp.rr://127.0.0.1:" + std::to_string(shared->port.load()); }
     void StartBroker(const std::string& point) {
         const std::uint16_t port = shared->port.exchange(0);
         shared->point.fill('\0');
         point.copy(shared->point.data(), kPointBytes - 1);
-        broker_ = Start([&] { ServeUntilKilled(directory_, port); });
+        broker_ =
+            std::make_unique<Process>(Arguments{"broker", scratch_.path(), std::to_string(port)});
         // One that dies at once, at its point, never tells its port.
-        Await(kPatience, "start of the broker", [&] {
-            return shared->port.load() != 0 ||
-                   (!point.empty() && ::kill(broker_, 0) == 0 && Died());
-        });
+        Await(kPatience, "start of the broker",
+              [&] { return shared->port.load() != 0 || (!point.empty() && broker_->HasEnded()); });
         if (shared->port.load() == 0) {
             shared->port.store(port);
         }
     }
-    bool Died() const {
-        siginfo_t info{};
-        return ::waitid(P_PID, static_cast<id_t>(broker_), &info, WEXITED | WNOHANG | WNOWAIT) ==
-                   0 &&
-               info.si_pid == broker_;
-    }
     void Return() {
         StartBroker("");
         slowest_ = std::max(slowest_, AwaitAllReading(within_));
-        for (const pid_t process : clients_) {
-            Demand(::waitpid(process, nullptr, WNOHANG) == 0, "a client process has ended");
+        for (const auto& process : clients_) {
+            Demand(!process->HasEnded(), "a client process has ended");
         }
     }
     // Until every subscriber has got samples that were written after now: more than one, since one
@@ -296,30 +271,21 @@ private:
     }
     int FilesOfStreams() const {
         int files = 0;
-        for (const auto& entry : std::filesystem::recursive_directory_iterator(directory_)) {
+        for (const auto& entry :
+             std::filesystem::recursive_directory_iterator(Paths(scratch_.path()).broker)) {
             files += entry.is_regular_file() && entry.path().extension() != ".lock" ? 1 : 0;
         }
         return files;
     }
 
+    const KillOptions options_;
     const int streams_;
     const Clock::duration within_;
-    std::string directory_;
-    pid_t broker_ = 0;
-    std::vector<pid_t> clients_;
+    const Scratch scratch_;
+    std::unique_ptr<Process> broker_;
+    std::vector<std::unique_ptr<Process>> clients_;
     Clock::duration slowest_{};
 };
-
-// Two of each request that clients send when they return, and while all is well.
-std::vector<std::string> Points() {
-    std::vector<std::string> points;
-    for (const char* method : {"SendHeartbeat", "AddPublisher", "NotifyNewData", "AddSubscriber",
-                               "GetNotificationPort", "ReportDataWritten"}) {
-        points.push_back(std::string(method) + " taken");
-        points.push_back(std::string(method) + " done");
-    }
-    return points;
-}
 
 }  // namespace
 
@@ -331,46 +297,29 @@ void kvo::HitCrashPoint(const char* name) {
 }
 
 int main(int argc, char** argv) {
-    CLI::App app("Kills the broker under its clients.");
-    int kills = 200;
+    CLI::App app("Kills the broker under its clients.", "kvo-broker-kill-test");
+    KillOptions options{200};
     int streams = kMostStreams;
     double within_s = 3;
-    std::uint64_t seed = std::random_device()();
-    app.add_option("--kills", kills, "at random moments")->capture_default_str();
     app.add_option("--streams", streams, "each with a publisher and a subscriber")
         ->check(CLI::Range(1, kMostStreams))
         ->capture_default_str();
     app.add_option("--within", within_s, "seconds until all are back")->capture_default_str();
-    app.add_option("--seed", seed, "of the moments");
-    CLI11_PARSE(app, argc, argv);
-    shared = static_cast<Shared*>(
-        ::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
-    const auto seconds = [](Clock::duration d) { return std::chrono::duration<double>(d).count(); };
-    try {
-        std::mt19937_64 random(seed);
-        Test test(streams, std::chrono::duration_cast<Clock::duration>(
-                               std::chrono::duration<double>(within_s)));
-        test.Begin();
-        const auto points = Points();
-        for (const std::string& point : points) {
-            test.KillAt(point);
-        }
-        for (int i = 1; i <= kills; ++i) {
-            test.KillAtRandom(random);
-            if (i % 20 == 0) {
-                std::cout << i << " kills, slowest return " << seconds(test.slowest()) << " s"
-                          << std::endl;
-            }
-        }
-        test.Freeze();
-        test.End();
-        std::cout << points.size() << " points, " << kills << " kills, " << streams
-                  << " publishers and as many subscribers: all back within "
-                  << seconds(test.slowest()) << " s, nothing missed; nobody lost while the broker "
-                  << "stood still for " << seconds(kFreeze) << " s; nothing left" << std::endl;
-        return 0;
-    } catch (const std::exception& error) {
-        std::cerr << "kvo-broker-kill-test, seed " << seed << ": " << error.what() << std::endl;
-        return 1;
-    }
+    const Roles roles{
+        {"broker",
+         [](const Arguments& arguments) {
+             shared = &Share<Shared>(Paths(arguments.at(0)).shared);
+             ServeUntilKilled(Paths(arguments.at(0)).broker,
+                              static_cast<std::uint16_t>(std::stoul(arguments.at(1))));
+         }},
+        {"clients", [](const Arguments& arguments) {
+             shared = &Share<Shared>(Paths(arguments.at(0)).shared);
+             RunClients(arguments.at(1), std::stoi(arguments.at(2)), std::stoi(arguments.at(3)));
+         }}};
+    return Run(argc, argv, app, options, roles, [&] {
+        Test test(
+            options, streams,
+            std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(within_s)));
+        test.Run();
+    });
 }

@@ -66,13 +66,9 @@ void Process::Signal(int number) const {
     }
 }
 
-int Process::Await(int options) {
+int Process::Await() {
     while (!ended_) {
-        const pid_t found = ::waitpid(id_, &status_, options);
-        if (found == id_ || errno != EINTR) {
-            ended_ = found != id_ || !WIFSTOPPED(status_);
-            break;
-        }
+        ended_ = ::waitpid(id_, &status_, 0) == id_ || errno != EINTR;
     }
     return status_;
 }
@@ -80,6 +76,13 @@ int Process::Await(int options) {
 bool Process::HasEnded() {
     ended_ = ended_ || ::waitpid(id_, &status_, WNOHANG) == id_;
     return ended_;
+}
+
+bool Process::Look(int& status) {
+    const bool stopped = !ended_ && ::waitpid(id_, &status_, WNOHANG | WUNTRACED) == id_;
+    ended_ = ended_ || (stopped && !WIFSTOPPED(status_));
+    status = status_;
+    return stopped || ended_;
 }
 
 void Process::Kill() {

@@ -69,10 +69,11 @@ public:
 
     pid_t id() const { return id_; }
     void Signal(int number) const;
-    /// Waits until it has ended or, with WUNTRACED, stopped. @return its status.
-    int Await(int options = 0);
-    /// As Await, without waiting. @return whether it has ended.
+    /// Waits until it has ended. @return its status.
+    int Await();
     bool HasEnded();
+    /// @return whether it has ended, or stopped since the last look; its status then.
+    bool Look(int& status);
     /// Kills it. Throws std::runtime_error when it had ended by itself.
     void Kill();
 

@@ -3,6 +3,7 @@
 #include "kvo/memory/inspection.h"
 #include "kvo/memory/memory_accessor.h"
 #include "kvo/memory/stream_file.h"
+#include "processes.h"
 
 #include <gtest/gtest.h>
 
@@ -13,17 +14,10 @@
 #include <csignal>
 #include <cstdlib>
 #include <deque>
-#include <fcntl.h>
-#include <filesystem>
 #include <memory>
-#include <spawn.h>
-#include <stdexcept>
 #include <string>
-#include <sys/mman.h>
-#include <sys/wait.h>
 #include <thread>
 #include <tuple>
-#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -44,20 +38,11 @@ bool Holds(const kvo::DataSample& sample) {
 
 // What the readers have read, each its own count, in a file that all share.
 using Progress = std::array<std::atomic<std::uint64_t>, kReaders>;
-
-Progress& MapProgress(const std::string& directory) {
-    const std::string path = directory + "/progress";
-    const int file = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    if (file < 0 || ::ftruncate(file, sizeof(Progress)) != 0) {
-        throw std::runtime_error("cannot make " + path);
-    }
-    void* const begin =
-        ::mmap(nullptr, sizeof(Progress), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
-    ::close(file);
-    if (begin == MAP_FAILED) {
-        throw std::runtime_error("cannot map " + path);
-    }
-    return *static_cast<Progress*>(begin);
+Progress& ProgressIn(const std::string& directory) {
+    return kvo::stress::Share<Progress>(directory + "/progress");
+}
+std::string StreamIn(const std::string& directory) {
+    return directory + "/stream";
 }
 
 // A reader process; counts what it has read in `progress` and never returns while all is well.
@@ -86,29 +71,10 @@ void Read(const std::string& path, int accessor_argument, std::atomic<std::uint6
 
 class StalledReaders : public ::testing::TestWithParam<std::tuple<int, int>> {
 protected:
-    StalledReaders() {
-        EXPECT_NE(nullptr, ::mkdtemp(directory_.data()));
-        path_ = directory_ + "/stream";
-        progress_ = &MapProgress(directory_);
-    }
-    ~StalledReaders() override {
-        for (const pid_t reader : readers_) {
-            ::kill(reader, SIGKILL);
-            ::waitpid(reader, nullptr, 0);
-        }
-        ::munmap(progress_, sizeof(Progress));
-        std::filesystem::remove_all(directory_);
-    }
-
     void StartReaders(int accessor_argument) {
         for (int i = 0; i < kReaders; ++i) {
-            std::array<std::string, 4> texts{"/proc/self/exe", directory_,
-                                             std::to_string(accessor_argument), std::to_string(i)};
-            std::array<char*, 5> argv{texts[0].data(), texts[1].data(), texts[2].data(),
-                                      texts[3].data(), nullptr};
-            pid_t reader = -1;
-            ASSERT_EQ(0, ::posix_spawn(&reader, argv[0], nullptr, nullptr, argv.data(), environ));
-            readers_.push_back(reader);
+            readers_.push_back(std::make_unique<kvo::stress::Process>(kvo::stress::Arguments{
+                scratch_.path(), std::to_string(accessor_argument), std::to_string(i)}));
         }
     }
     /// Writes until each of the readers [first, last) has read so many more samples.
@@ -116,7 +82,7 @@ protected:
                                               std::size_t last, std::uint64_t samples) {
         std::array<std::uint64_t, kReaders> goal{};
         for (std::size_t i = first; i < last; ++i) {
-            goal[i] = (*progress_)[i].load() + samples;
+            goal[i] = progress_[i].load() + samples;
         }
         const auto deadline = std::chrono::steady_clock::now() + kDeadline;
         for (std::size_t i = first; i < last;) {
@@ -127,17 +93,17 @@ protected:
                 kPayload, static_cast<unsigned char>(writer.writer_counters().written + 1));
             writer.WriteData(-1, 0, 0, payload.data(), kPayload, nullptr, 0, 1);
             std::this_thread::yield();
-            while (i < last && (*progress_)[i].load() >= goal[i]) {
+            while (i < last && progress_[i].load() >= goal[i]) {
                 ++i;
             }
         }
         return ::testing::AssertionSuccess();
     }
 
-    std::string directory_ = "/dev/shm/kvo-stalled-XXXXXX";
-    std::string path_;
-    Progress* progress_ = nullptr;
-    std::vector<pid_t> readers_;
+    const kvo::stress::Scratch scratch_;
+    const std::string path_ = StreamIn(scratch_.path());
+    Progress& progress_ = ProgressIn(scratch_.path());
+    std::vector<std::unique_ptr<kvo::stress::Process>> readers_;
 };
 
 TEST_P(StalledReaders, CostTheWriterAndTheOthersNothing) {
@@ -157,11 +123,11 @@ TEST_P(StalledReaders, CostTheWriterAndTheOthersNothing) {
     StartReaders(accessor_argument);
     ASSERT_TRUE(WriteUntilRead(writer, 0, kReaders, 20));
     for (std::size_t i = 0; i < kReaders / 2; ++i) {
-        ::kill(readers_[i], SIGSTOP);
+        readers_[i]->Signal(SIGSTOP);
     }
     EXPECT_TRUE(WriteUntilRead(writer, kReaders / 2, kReaders, 500));
     for (std::size_t i = 0; i < kReaders / 2; ++i) {
-        ::kill(readers_[i], SIGCONT);
+        readers_[i]->Signal(SIGCONT);
     }
     // A reader whose samples had changed has ended.
     EXPECT_TRUE(WriteUntilRead(writer, 0, kReaders, 20));
@@ -179,8 +145,9 @@ INSTANTIATE_TEST_SUITE_P(RetainedAndHeld, StalledReaders,
 int main(int argc, char** argv) {
     if (argc == 4) {
         const std::string directory = argv[1];
-        Read(directory + "/stream", std::atoi(argv[2]),
-             MapProgress(directory).at(static_cast<std::size_t>(std::atoi(argv[3]))));
+        kvo::stress::EndWithParent();
+        Read(StreamIn(directory), std::atoi(argv[2]),
+             ProgressIn(directory).at(static_cast<std::size_t>(std::atoi(argv[3]))));
         return 1;
     }
     ::testing::InitGoogleTest(&argc, argv);

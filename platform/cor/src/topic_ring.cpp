@@ -123,6 +123,8 @@ std::unique_ptr<TopicRingServer> TopicRingServer::Make(const std::string& direct
                                   std::memory_order_relaxed);
         KVO_CRASH_POINT("ring's events filled");
         SharedFile signal = SharedFile::Create(signal_path, sizeof(ring::SignalFile), access);
+        // relaxed: as above.
+        signal.as<ring::SignalFile>().woken_at.store(ring::kNeverWoken, std::memory_order_relaxed);
         KVO_CRASH_POINT("ring's signal made");
         if (::rename(unnamed_path.c_str(), events_path.c_str()) != 0) {
             const int error = errno;

@@ -12,19 +12,23 @@
 // a reader has to look at changes the low byte alone and always wakes. It is the futex that readers
 // sleep on.
 //
-// `asleep_at` is the word's value at which somebody went to sleep, the newest such value. Who adds
-// to the word wakes if the value before was that one or an older one, so nobody has to take the
-// mark back (tests/model/wakeup.cpp searches all interleavings):
+// `asleep_at` is the word's value at which somebody went to sleep, the newest such value.
+// `woken_at` is a mark that somebody has got through with waking for. Who adds to the word wakes if
+// the value before was the mark or an older one, or if the mark is not noted as woken for; so
+// nobody has to take the mark back (tests/model/wakeup.cpp searches all interleavings):
 //  * A reader stores its mark and then looks at the word again; a writer adds to the word and then
 //    looks at the mark; all four sequentially consistent. So either the reader sees the new word
 //    and does not sleep, or the writer sees the mark and wakes; between the reader's look and its
 //    sleep the kernel compares the word once more.
 //  * A mark never goes back while the word it names is the present one: marks are exchanged
 //    only for newer ones, or for values that the word has not reached, which nobody honest wrote.
-//  * A reader that is killed leaves a mark that costs one wake-up at most. A writer that is killed
-//    between adding and waking leaves readers asleep; the server learns of the death, adds an event
-//    and wakes whatever the mark says. A stopped writer wakes when it goes on. And readers look
-//    once a second.
+//  * Somebody who is killed or stopped between adding and waking has not noted the mark as woken
+//    for, so the next one to add wakes in his place. A mark is noted after the waking, and only if
+//    the word had passed it before, so that nobody can fall asleep at it any more. A note that
+//    comes late, or never, costs wake-ups that are not needed.
+//  * A reader that is killed leaves a mark that costs one wake-up at most. What a killed writer has
+//    not told of, the server tells of: it learns of the death, adds an event and wakes whatever the
+//    mark says. A stopped writer wakes when it goes on. And readers look once a second.
 namespace gorm::cor::ps::ring {
 
 inline constexpr std::uint32_t kMagic = 0x31544B56;  // "VKT1" in a little-endian dump
@@ -65,8 +69,12 @@ static_assert(sizeof(EventsFile) == 512 + 8 * 512 + 8 * 1024);
 struct SignalFile {
     std::atomic<std::uint32_t> word;
     alignas(64) std::atomic<std::uint32_t> asleep_at;
+    std::atomic<std::uint32_t> woken_at;  // made with a value that is no mark for long
 };
 static_assert(offsetof(SignalFile, asleep_at) == 64);
+static_assert(offsetof(SignalFile, woken_at) == 68);
+
+inline constexpr std::uint32_t kNeverWoken = 0x80000000;
 
 constexpr std::uint32_t Nudged(std::uint32_t word) {
     return (word & ~0xFFU) | ((word + 1) & 0xFFU);

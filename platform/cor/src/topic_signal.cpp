@@ -20,9 +20,11 @@ void TopicSignal::Count() {
     const std::uint32_t before = shared().word.fetch_add(ring::kCounted, kOrdered);
     KVO_CRASH_POINT("event counted");
     // A newer mark than the word was before: somebody who had seen it already has replaced the mark
-    // of whoever still sleeps.
-    if (static_cast<std::int32_t>(shared().asleep_at.load(kOrdered) - before) >= 0) {
-        Wake();
+    // of whoever still sleeps. [woken] Acquire: whoever slept at the mark has been woken.
+    const std::uint32_t mark = shared().asleep_at.load(kOrdered);
+    if (static_cast<std::int32_t>(mark - before) >= 0 ||
+        mark != shared().woken_at.load(std::memory_order_acquire)) {
+        Wake(mark, before);
     }
 }
 
@@ -32,7 +34,7 @@ void TopicSignal::Nudge() {
     while (!word.compare_exchange_weak(before, ring::Nudged(before), kOrdered, kOrdered)) {
     }
     KVO_CRASH_POINT("topic nudged");
-    Wake();
+    Wake(shared().asleep_at.load(kOrdered), before);
 }
 
 std::uint32_t TopicSignal::word() const {
@@ -40,9 +42,13 @@ std::uint32_t TopicSignal::word() const {
     return shared().word.load(std::memory_order_acquire);
 }
 
-void TopicSignal::Wake() {
+void TopicSignal::Wake(std::uint32_t mark, std::uint32_t before) {
     ::syscall(SYS_futex, &shared().word, FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
     KVO_CRASH_POINT("topic woken");
+    if (static_cast<std::int32_t>(mark - before) <= 0) {
+        // [woken] Release: after the waking. Killed before it, the next one wakes once more.
+        shared().woken_at.store(mark, std::memory_order_release);
+    }
 }
 
 bool TopicSignal::MarkAsleep(std::uint32_t seen) {

@@ -28,7 +28,8 @@ public:
 
 private:
     ring::SignalFile& shared() const { return file_.as<ring::SignalFile>(); }
-    void Wake();
+    /// @param mark as found after the word was changed from `before`.
+    void Wake(std::uint32_t mark, std::uint32_t before);
     bool MarkAsleep(std::uint32_t seen);
 
     SharedFile file_;
