@@ -63,3 +63,17 @@ function(kvo_add_test name)
   gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST
     PROPERTIES LABELS ${ARG_LABEL} TIMEOUT ${ARG_TIMEOUT})
 endfunction()
+
+# kvo_repeat_test(name PREFIX prefix LOCAL_TOPICS true|false LABEL label [TIMEOUT seconds]
+#                 FILTER tests)
+# Some tests of a program once more, with brokers that offer local topics, or none.
+function(kvo_repeat_test name)
+  cmake_parse_arguments(ARG "" "PREFIX;LOCAL_TOPICS;LABEL;TIMEOUT;FILTER" "" ${ARGN})
+  if(NOT ARG_TIMEOUT)
+    set(ARG_TIMEOUT 60)
+  endif()
+  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST
+    TEST_PREFIX ${ARG_PREFIX} TEST_FILTER ${ARG_FILTER} TEST_LIST ${name}-${ARG_PREFIX}
+    PROPERTIES LABELS ${ARG_LABEL} TIMEOUT ${ARG_TIMEOUT}
+               ENVIRONMENT KVO_TEST_LOCAL_TOPICS=${ARG_LOCAL_TOPICS})
+endfunction()

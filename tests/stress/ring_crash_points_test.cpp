@@ -36,6 +36,7 @@ namespace fs = std::filesystem;
 constexpr const char* kTopic = "/crash/points";
 constexpr const char* kNews = "news";        // the counted sample
 constexpr const char* kClosing = "closing";  // the last event of a server that is followed
+constexpr const char* kFirst = "first";      // of the other
 constexpr const char* kLast = "last";
 constexpr int kDigits = 5;
 constexpr int kFeeds = 20;
@@ -172,11 +173,13 @@ void BeReader(const std::string& directory) {
     Shared& shared = SharedIn(directory);
     const Subscriber subscriber(shared.port, shared.heard);
     Await(kPatience, "the last event", [&] { return subscriber.Has(kLast); });
-    // One that had been there before has heard the first server to its end.
+    // One that had been there before has heard the first server to its end and the second from its
+    // beginning.
     const auto events = subscriber.events();
-    const auto last = std::find(events.begin(), events.end(), kLast);
-    Demand(!shared.followed || last == events.begin() || *std::prev(last) == kClosing,
-           "the event before the server's end was lost");
+    const auto change = std::find(events.begin(), events.end(), kFirst);
+    Demand(!shared.followed || events.front() == kFirst || events.front() == kLast ||
+               (change != events.end() && *std::prev(change) == kClosing),
+           "events were lost when the server changed");
 }
 
 // ---- The others
@@ -222,6 +225,7 @@ public:
                 shared_.followed = true;
                 server_ = std::make_unique<Server>(directory_, shared_.port);
                 server_->Open();
+                server_->Publish(kFirst);
                 feeds_ = kFeeds;
             }
         } else if (signal == SIGKILL) {

@@ -187,6 +187,7 @@ public:
             if (ring && !ring->closed()) {
                 ring->BeginAt("");  // of another ring: from its start
                 place_ = Place();
+                since_jump_ = 0;
                 exact_ = true;
                 last_digit_ = kDigits - 1;
                 LookAtWritten();
@@ -251,6 +252,10 @@ private:
         Demand(any_digit_ || digit == (last_digit_ + 1) % kDigits,
                "event " + std::string(sample) + " came after " + std::to_string(last_digit_) +
                    ", at " + std::to_string(place_.events()));
+        if (digit != (last_digit_ + 1) % kDigits) {
+            since_jump_ = 0;
+        }
+        ++since_jump_;
         any_digit_ = false;
         last_digit_ = digit;
         place_ = Place(server, place_.events() + 1);
@@ -272,6 +277,9 @@ private:
             Demand(found.packed <= shared_.server.entering.load(),
                    "after an overrun event " + std::to_string(last_digit_) + " came last");
             if (place_.events() != found.events()) {
+                // One may be overwritten just when it is looked at.
+                Demand(since_jump_ >= kRingEvents - 1,
+                       "after an overrun only " + std::to_string(since_jump_) + " events came");
                 own_.overruns.fetch_add(1);
             }
             place_ = found;
@@ -290,6 +298,7 @@ private:
     Place place_;               // what has been taken of the present ring
     bool exact_ = true;         // else after an overrun: events() counts too few
     bool any_digit_ = false;
+    std::uint64_t since_jump_ = 0;  // events after the last digit that did not follow
     std::uint64_t last_digit_ = 0;
 };
 

@@ -2,7 +2,9 @@
 
 #include "gorm/cor/cor.h"
 #include "gorm/cor/rr/packing.h"
+#include "kvo/broker/capabilities.h"
 #include "kvo/broker/notification_sample.h"
+#include "local_topics.h"
 
 #include <algorithm>
 #include <sstream>
@@ -73,7 +75,8 @@ network::uri Loopback(const std::string& scheme, std::uint16_t port, const std::
 
 }  // namespace
 
-ScriptedBroker::ScriptedBroker() : lock_(ProcessLock::ForDirectory(directory_.path())) {
+ScriptedBroker::ScriptedBroker()
+    : local(LocalTopics(false)), lock_(ProcessLock::ForDirectory(directory_.path())) {
     Start();
     const std::lock_guard lock(mutex_);
     for (const char* operation : {"AddPublisher", "RemovePublisher", "AddSubscriber",
@@ -86,9 +89,16 @@ ScriptedBroker::ScriptedBroker() : lock_(ProcessLock::ForDirectory(directory_.pa
     for (const char* operation : {"GetPublisherKey", "GetShmFilePath", "GetExistingShmPath"}) {
         always_[operation] = std::string();
     }
-    for (const char* operation : {"GetStreamStatistics", "ListRegisteredStreams",
-                                  "ListConnectedBrokers", "GetCapabilities"}) {
+    for (const char* operation :
+         {"GetStreamStatistics", "ListRegisteredStreams", "ListConnectedBrokers"}) {
         always_[operation] = Texts();
+    }
+    if (local) {
+        always_["GetCapabilities"] =
+            Texts{kLocalAccountingCapability,
+                  std::string(kLocalTopicsCapability) + " " + std::to_string(notification_port_)};
+    } else {
+        always_["GetCapabilities"] = Failure{"unknown method"};
     }
     always_["GetNotificationPort"] = std::int32_t{notification_port_};
     always_["GetHeartbeatTimeout"] = 10;
@@ -141,8 +151,13 @@ void ScriptedBroker::Start() {
     }
     loop_.Run([this] {  // so that no subscription comes before the callback
         publisher_ = Retry([this] {
+            gorm::cor::Serving serving;
+            if (local) {
+                serving.runtime_directory = "";  // where clients look
+                serving.topic_directory = directory_.path() / "topics";
+            }
             return std::make_unique<gorm::cor::ps::Publisher>(
-                loop_, Loopback("wkp.ps", notification_port_, ""));
+                loop_, Loopback("wkp.ps", notification_port_, ""), serving);
         });
         publisher_->OnSubscription([this](std::string_view path, bool begins) {
             {
@@ -190,19 +205,44 @@ bool ScriptedBroker::WaitForBeats(std::size_t count) const {
     return changed_.wait_for(lock, kDeadline, [&] { return beats_.size() >= count; });
 }
 
-bool ScriptedBroker::Notify(const std::string& stream, std::uint32_t type) {
+namespace {
+
+std::string Encode(const std::string& stream, std::uint32_t type) {
     const auto codec =
         gorm::cor::Cor::FindSample(gorm::cor::CorTypeTraits<NotificationSample>::name,
                                    gorm::cor::CorTypeTraits<NotificationSample>::libraryName);
     const auto sample = std::static_pointer_cast<NotificationSample>(codec->Create());
     sample->set_notification_type(static_cast<NotificationType>(type));
     sample->set_data_stream_identifier(stream);
-    return NotifyBytes(stream, codec->Encode(sample.get(), gorm::cor::ps::InstanceEvent::kUpdated));
+    return codec->Encode(sample.get(), gorm::cor::ps::InstanceEvent::kUpdated);
+}
+
+}  // namespace
+
+void ScriptedBroker::OpenTopic(const std::string& stream) {
+    if (local) {
+        publisher_->OpenLocal("/" + stream, Encode(stream, NEW_DATA));
+    }
+}
+
+void ScriptedBroker::AwaitCapabilities(DataBrokerRegistrationSync& client) const {
+    {
+        std::unique_lock lock(mutex_);
+        changed_.wait_for(lock, kDeadline, [this] { return capabilities_asked_ > 0; });
+    }
+    try {
+        client.GetCapabilities();
+    } catch (const gorm::cor::rr::RemoteError&) {  // there are none
+    }
+}
+
+bool ScriptedBroker::Notify(const std::string& stream, std::uint32_t type) {
+    return NotifyBytes(stream, Encode(stream, type));
 }
 
 bool ScriptedBroker::NotifyBytes(const std::string& stream, const std::string& bytes) {
     const std::string path = "/" + stream;
-    {
+    if (!local) {
         std::unique_lock lock(mutex_);
         if (!changed_.wait_for(lock, kDeadline, [&] { return subscriptions_[path] > 0; })) {
             return false;
@@ -232,8 +272,13 @@ std::string ScriptedBroker::Dispatch(const gorm::cor::rr::Caller&, std::string_v
     if (operation == "SendHeartbeat") {
         beats_.push_back(
             {params.via.array.ptr[0].as<std::string>(), std::chrono::steady_clock::now()});
-    } else if (operation != "GetCapabilities") {
+    } else if (operation == "GetCapabilities") {
+        ++capabilities_asked_;
+    } else {
         calls_.push_back(Describe(method, params));
+    }
+    if (operation == "AddPublisher" || operation == "GetNotificationPort") {
+        OpenTopic(params.via.array.ptr[0].as<std::string>());
     }
     Answer answer = always_[operation];
     if (auto& queue = next_[operation]; !queue.empty()) {

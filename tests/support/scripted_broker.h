@@ -5,6 +5,7 @@
 #include "gorm/cor/rr/server.h"
 #include "gorm/cor/rr/service.h"
 #include "gorm/cor/service_loop.h"
+#include "kvo/broker/data_broker_registration_sync.h"
 #include "kvo/memory/process_lock.h"
 #include "kvo/memory/stream_file.h"
 #include "temp_directory.h"
@@ -24,7 +25,8 @@
 namespace kvo::test {
 
 /// A broker whose every answer the test decides, on the real middleware. Without a script it
-/// accepts everything.
+/// accepts everything and, unless LocalTopics() is chosen for the run, offers nothing beyond the
+/// oldest broker's operations.
 /// Threads: any.
 class ScriptedBroker final : public gorm::cor::rr::Service {
 public:
@@ -42,6 +44,8 @@ public:
     std::string uri() const;  // without a path
     std::string full_uri() const { return uri() + "/broker/Broker1"; }
     std::uint16_t notification_port() const { return notification_port_; }
+    /// Whether publishers tell subscribers by themselves, and count in the stream file.
+    const bool local;
 
     /// Answers every later call of the operation so.
     void Always(const std::string& operation, Answer answer);
@@ -68,8 +72,12 @@ public:
     std::vector<Beat> beats() const;
     bool WaitForBeats(std::size_t count) const;
 
-    /// Sends one notification to the subscribers of the stream; waits for the first of them.
-    /// @return false when nobody subscribed in time.
+    /// Returns when a client has been told what this broker offers and has asked `client`
+    /// something after that, so that it knows.
+    void AwaitCapabilities(DataBrokerRegistrationSync& client) const;
+
+    /// Sends one notification to the subscribers of the stream; waits for the first of them, unless
+    /// it is one that this broker does not see. @return false when nobody subscribed in time.
     bool Notify(const std::string& stream, std::uint32_t type);
     /// As Notify, but an event without a sample in it.
     bool NotifyBytes(const std::string& stream, const std::string& bytes);
@@ -81,6 +89,7 @@ public:
 
 private:
     // On the loop.
+    void OpenTopic(const std::string& stream);
     std::string Dispatch(const gorm::cor::rr::Caller& caller, std::string_view method,
                          const msgpack::object& params) override;
 
@@ -96,7 +105,8 @@ private:
     std::vector<std::string> calls_;
     std::vector<Beat> beats_;
     std::map<std::string, int> subscriptions_;  // by path
-    int silence_ = 0;                           // rises with every Resume
+    int capabilities_asked_ = 0;
+    int silence_ = 0;  // rises with every Resume
     bool stopped_ = true;
 
     std::uint16_t port_ = 0;

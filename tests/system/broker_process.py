@@ -16,6 +16,10 @@ class BrokerProcess:
 
     def __init__(self, program, *options, parent="/dev/shm"):
         self.directory = tempfile.mkdtemp(prefix="kvo-test-", dir=parent)
+        # As tests/support/local_topics.h.
+        local_topics = os.environ.get("KVO_TEST_LOCAL_TOPICS")
+        if local_topics is not None:
+            options = (*options, "--local-topics", local_topics)
         self._command = [program, *options, "--directory", self.directory]
         self.port = 0
         self._start()

@@ -5,6 +5,7 @@
 #include "kvo/broker/notification_sample.h"
 #include "kvo/brokerd/broker.h"
 #include "kvo/memory/memory_accessor.h"
+#include "local_topics.h"
 #include "temp_directory.h"
 
 #include <gmock/gmock.h>
@@ -85,6 +86,7 @@ protected:
         options.port = 0;
         options.directory = (place.path() / "streams").string();
         options.removal_grace = std::chrono::milliseconds(300);
+        options.local_topics = test::LocalTopics(options.local_topics);
         Start();
     }
     void Start() {
@@ -170,7 +172,7 @@ TEST_F(WireTest, ARegistrationIsWhatItsCallerAndNobodyElseHas) {
     EXPECT_EQ("1", client->GetStreamStatistics("s").at(1));
     EXPECT_EQ(1, client->RemoveSubscriber("s", "uuid"));
     EXPECT_EQ("0", client->GetStreamStatistics("s").at(1));
-    EXPECT_THAT(client->GetCapabilities(), ::testing::Contains("local-accounting"));
+    EXPECT_EQ(options.local_topics ? 2U : 0U, client->GetCapabilities().size());
     EXPECT_THAT(client->ListConnectedBrokers(), IsEmpty());
     const std::string key = client->GetPublisherKey("s");
     EXPECT_EQ(32U, key.size());

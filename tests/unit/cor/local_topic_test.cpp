@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <optional>
 #include <string>
 #include <thread>
@@ -214,23 +215,49 @@ TEST_F(LocalTopicTest, NobodySleepsThroughACount) {
     EXPECT_LE(slow, 2);
 }
 
-TEST_F(LocalTopicTest, WhatBelongsToAStrangerIsNotUsed) {
-    if (::geteuid() != 0) {
-        GTEST_SKIP() << "only root can give files away";
-    }
-    constexpr uid_t kStranger = 54321;
+TEST_F(LocalTopicTest, WhatLiesElsewhereOrBelongsToOthersIsNotUsed) {
+    const fs::path topics = place_ + "/topics";
+    const fs::path link = place_ + "/" + std::to_string(publisher_->port()) + ".topics";
+    const fs::path elsewhere = place_ + "/elsewhere";
+    const auto lead = [&](const fs::path& to) {
+        fs::remove(link);
+        fs::create_symlink(to, link);
+    };
+    const struct {
+        const char* name;
+        std::function<void()> change;
+        bool for_root_only = false;
+    } cases[] = {
+        {"nowhere", [&] { lead(elsewhere); }},
+        {"to a device", [&] { lead("/dev/zero"); }},
+        {"to itself", [&] { lead(link); }},
+        {"to what others may write", [&] { fs::permissions(topics, fs::perms(0777)); }},
+        {"a directory instead", [&] { fs::remove(link), fs::create_directory(link); }},
+        {"a file instead", [&] { fs::remove(link), fs::copy_file("/proc/self/exe", link); }},
+        {"another's directory", [&] { EXPECT_EQ(0, ::chown(topics.c_str(), 54321, 54321)); }, true},
+        {"another's link", [&] { EXPECT_EQ(0, ::lchown(link.c_str(), 54321, 54321)); }, true},
+    };
     Open("/a");
-    for (const auto& entry : fs::directory_iterator(place_ + "/topics")) {
-        if (entry.path().extension() == ".events") {
-            EXPECT_EQ(0, ::chown(entry.path().c_str(), kStranger, kStranger));
+    for (const auto& c : cases) {
+        if (c.for_root_only && ::geteuid() != 0) {
+            continue;  // only root can give files away
         }
+        SCOPED_TRACE(c.name);
+        ASSERT_NE(nullptr, Find());
+        c.change();
+        EXPECT_EQ(nullptr, Find());
+        const std::size_t before = sockets_.Await(0).size();
+        auto subscription = Subscribe();
+        sockets_.Await(before + 1);
+        subscription->Listen();
+        Publish("1");
+        EXPECT_THAT(subscription->heard.Await(1), ElementsAre("1"));
+        subscription.reset();
+        sockets_.Await(before + 2);
+        EXPECT_EQ(0, ::chown(topics.c_str(), ::geteuid(), ::getegid()));
+        fs::permissions(topics, fs::perms(0700));
+        lead(topics);
     }
-    EXPECT_EQ(nullptr, Find());
-    auto subscription = Subscribe();
-    sockets_.Await(1);
-    subscription->Listen();
-    Publish("1");
-    EXPECT_THAT(subscription->heard.Await(1), ElementsAre("1"));
 }
 
 }  // namespace

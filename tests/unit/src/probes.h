@@ -35,6 +35,11 @@ public:
         return heartbeat_running() == running;
     }
     TransferState& transfer() { return *this->state; }
+    void AwaitCapabilities(const ScriptedBroker& broker) {
+        transfer().broker_client.Call("GetCapabilities", [&](DataBrokerRegistrationSync& client) {
+            broker.AwaitCapabilities(client);
+        });
+    }
     bool heartbeat_running() {
         return this->state->heartbeat.With(
             [](Heartbeat& h) { return h.heartbeat_running->load(); });

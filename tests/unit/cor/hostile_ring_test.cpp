@@ -1,0 +1,268 @@
+#include "topic_ring.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <array>
+#include <atomic>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <random>
+#include <string>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+// What others may do to the files of a local topic: the worst that comes of it are wake-ups of that
+// topic that are missing or not needed. But for making a file shorter that is mapped already, which
+// no program survives (docs/decisions/0007-local-topics.md). Every mapping lies between pages that
+// can not be touched (tests/fuzz/guarded_mapping.cpp).
+namespace gorm::cor::ps {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+constexpr const char* kNews = "news";  // the counted sample
+constexpr std::chrono::seconds kDeadline{20};
+
+class HostileRingTest : public ::testing::Test {
+protected:
+    HostileRingTest() { EXPECT_NE(nullptr, ::mkdtemp(directory_.data())); }
+    ~HostileRingTest() override { fs::remove_all(directory_); }
+
+    std::unique_ptr<TopicRingServer> Make(const char* topic = "/a") const {
+        return TopicRingServer::Make(directory_, topic, kNews, {});
+    }
+    bool Opens() const {
+        const bool read = TopicRingReader::Open(directory_, "/a").has_value();
+        EXPECT_EQ(read, TopicRingWriter::Open(directory_, "/a") != nullptr);
+        return read;
+    }
+    std::string Events() const { return EventsPath(directory_, "/a"); }
+    std::string Signal() const {
+        for (const auto& entry : fs::directory_iterator(directory_)) {
+            if (entry.path().extension() == ".signal") {
+                return entry.path();
+            }
+        }
+        return {};
+    }
+    template <class T>
+    static T& Map(const std::string& path) {
+        static std::vector<SharedFile> mapped;  // to the end of the process
+        mapped.push_back(SharedFile::Open(path, sizeof(T), SharedFile::Mode::kWrite));
+        return mapped.back().as<T>();
+    }
+    /// Takes all there is, but no more than could be right; the events among it.
+    static std::vector<std::string> TakeAll(TopicRingReader& reader, int most = 5000) {
+        std::vector<std::string> events;
+        for (int i = 0; i < most; ++i) {
+            const auto sample = reader.Take();
+            if (!sample) {
+                break;
+            }
+            EXPECT_LE(sample->size(), ring::kMostTextBytes);
+            if (*sample != kNews) {
+                events.emplace_back(*sample);
+            }
+        }
+        return events;
+    }
+
+    std::string directory_ = "/dev/shm/kvo-ring-test-XXXXXX";
+};
+
+TEST_F(HostileRingTest, FilesThatAreNoRingAreNotOpenedAndGiveWayToOne) {
+    const auto truncate = [](off_t bytes) {
+        return [bytes](const std::string& path) { EXPECT_EQ(0, ::truncate(path.c_str(), bytes)); };
+    };
+    const auto put = [](const std::function<void(const std::string&)>& make) {
+        return [make](const std::string& path) {
+            fs::remove(path);
+            make(path);
+        };
+    };
+    const auto fifo = put([](auto& path) { EXPECT_EQ(0, ::mkfifo(path.c_str(), 0600)); });
+    const auto folder = put([](auto& path) { fs::create_directory(path); });
+    const auto link = put([](auto& path) {
+        fs::copy_file("/proc/self/exe", path + ".behind");  // long enough
+        fs::create_symlink(path + ".behind", path);
+    });
+    const auto stranger = [](const std::string& path) {
+        EXPECT_EQ(0, ::chown(path.c_str(), 54321, 54321));
+    };
+    const auto change = [](std::size_t at, char byte) {
+        return [at, byte](const std::string& path) {
+            std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
+            file.seekp(static_cast<std::streamoff>(at));
+            file.put(byte);
+        };
+    };
+    const struct {
+        const char* name;
+        std::function<void(const std::string&)> damage;
+        bool events;
+    } cases[] = {
+        {"no events", [](auto& path) { fs::remove(path); }, true},
+        {"empty events", truncate(0), true},
+        {"short events", truncate(sizeof(ring::EventsFile) - 1), true},
+        {"another magic", change(0, 'X'), true},
+        {"another version", change(4, 2), true},
+        {"no such signal", change(8, 0), true},
+        {"a longer path", change(16, 3), true},
+        {"a path of 4 GiB", change(19, '\xFF'), true},
+        {"another path", change(21, 'b'), true},
+        {"events that are a pipe", fifo, true},
+        {"events that are a directory", folder, true},
+        {"events behind a link", link, true},
+        {"a stranger's events", stranger, true},
+        {"no signal", [](auto& path) { fs::remove(path); }, false},
+        {"empty signal", truncate(0), false},
+        {"short signal", truncate(sizeof(ring::SignalFile) - 1), false},
+        {"a signal that is a pipe", fifo, false},
+        {"a signal that is a directory", folder, false},
+        {"a signal behind a link", link, false},
+        {"a stranger's signal", stranger, false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        if (std::string(c.name).find("stranger") != std::string::npos && ::geteuid() != 0) {
+            continue;  // only root can give files away
+        }
+        auto server = Make();
+        ASSERT_TRUE(Opens());
+        c.damage(c.events ? Events() : Signal());
+        EXPECT_FALSE(Opens());
+        static_cast<void>(server.release());  // as if it were killed
+        TopicRingServer::RemoveAll(directory_);
+        server = Make();
+        EXPECT_TRUE(Opens());
+        server.reset();
+        fs::remove(Events() + ".behind");
+    }
+    const std::string long_path(ring::kMostPathBytes + 1, '/');
+    EXPECT_THROW(Make(long_path.c_str()), std::exception);
+    EXPECT_FALSE(TopicRingReader::Open(directory_, long_path));
+}
+
+// Both files hold anything, at any time. Every call ends, and another topic's users notice nothing.
+TEST_F(HostileRingTest, RandomWordsHarmNobody) {
+    std::mt19937_64 random(4711);
+    for (int round = 0; round < 40; ++round) {
+        auto server = Make();
+        auto reader = TopicRingReader::Open(directory_, "/a");
+        auto writer = TopicRingWriter::Open(directory_, "/a");
+        ASSERT_TRUE(reader && writer);
+        auto& events =
+            Map<std::array<std::atomic<std::uint32_t>, sizeof(ring::EventsFile) / 4>>(Events());
+        auto& signal =
+            Map<std::array<std::atomic<std::uint32_t>, sizeof(ring::SignalFile) / 4>>(Signal());
+        const auto other = Make("/b");
+        auto witness = TopicRingReader::Open(directory_, "/b");
+        ASSERT_TRUE(witness);
+        witness->BeginNow();
+        std::vector<std::string> published;
+        for (int step = 0; step < 300; ++step) {
+            const auto value = static_cast<std::uint32_t>(random() >> random() % 64);
+            // Rather often what stands at the front, and a text's length.
+            const std::uint64_t place = random();
+            events[place % 3 == 0   ? random() % events.size()
+                   : place % 3 == 1 ? 121 + random() % 8
+                                    : 128 * (1 + random() % 8)] = value;
+            signal[place % 2 == 0 ? 0 : 16 + random() % 2] = value;
+            switch (random() % 8) {
+                case 0:
+                    server->Publish(std::to_string(random() % 9));
+                    break;
+                case 1:
+                    server->Publish(kNews);
+                    server->SetRelayed(place % 2 == 0);
+                    break;
+                case 2:
+                    writer->Count();
+                    static_cast<void>(writer->relayed() || writer->closed());
+                    break;
+                case 3:
+                    reader->BeginAt(std::string(32, "0f"[place % 2]));
+                    break;
+                case 4:
+                    reader->BeginAt(server->Position());
+                    break;
+                case 5:
+                    reader->Sleep(std::chrono::milliseconds(place % 2));
+                    reader->Nudge();
+                    break;
+                default:
+                    static_cast<void>(reader->closed());
+                    TakeAll(*reader, 20);
+            }
+            published.push_back(std::to_string(step % 6));
+            other->Publish(published.back());
+        }
+        EXPECT_EQ(published, TakeAll(*witness));
+        server.reset();
+        TopicRingServer::RemoveAll(directory_);
+    }
+}
+
+// Whoever may count may also store anything where he counts, as fast as he can.
+TEST_F(HostileRingTest, AFloodInTheSignalKeepsNoEventFromAnybody) {
+    constexpr int kEvents = 900;  // no more than the ring holds
+    auto server = Make();
+    auto& signal = Map<ring::SignalFile>(Signal());
+    std::atomic<bool> stop{false};
+    std::thread flood([&] {
+        std::mt19937 random(4711);
+        while (!stop) {
+            signal.word.fetch_add(static_cast<std::uint32_t>(random()));
+            signal.asleep_at.store(static_cast<std::uint32_t>(random()));
+            signal.woken_at.store(signal.asleep_at.load());
+        }
+    });
+    auto reader = TopicRingReader::Open(directory_, "/a");
+    ASSERT_TRUE(reader);
+    reader->BeginNow();
+    std::vector<std::string> published;
+    std::vector<std::string> taken;
+    const auto take = [&](int most) {
+        for (const std::string& event : TakeAll(*reader, most)) {
+            taken.push_back(event);
+        }
+    };
+    for (int i = 0; i < kEvents; ++i) {
+        published.push_back(std::to_string(i % 7));
+        ASSERT_TRUE(server->Publish(published.back()));
+        take(1);
+        reader->Sleep(1ms);
+    }
+    stop = true;
+    flood.join();
+    take(10 * kEvents);
+    EXPECT_EQ(published, taken);
+
+    // And when it has ended all is as before.
+    std::atomic<bool> slept{false};
+    std::thread sleeper([&] {
+        while (reader->Take()) {
+        }
+        slept = true;
+        reader->Sleep(kDeadline);
+    });
+    const auto begin = std::chrono::steady_clock::now();
+    const auto writer = TopicRingWriter::Open(directory_, "/a");
+    while (!slept || signal.asleep_at != signal.word) {
+        std::this_thread::yield();
+    }
+    writer->Count();
+    sleeper.join();
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, kDeadline / 2);
+}
+
+}  // namespace
+}  // namespace gorm::cor::ps
