@@ -4,6 +4,7 @@
 #include "kvo/KvoStatisticsClient.h"
 #include "kvo/brokerd/broker.h"
 #include "kvo/crash_point.h"
+#include "local_topics.h"
 #include "processes.h"
 
 #include <CLI/CLI.hpp>
@@ -66,7 +67,8 @@ void ServeUntilKilled(const std::string& directory, std::uint16_t port) {
     options.spare_slots.budget_bytes = 64 << 10;
     // These two come to a broker that is to be told of each sample.
     const std::string_view point = shared->point.data();
-    options.local_topics = point.find("NotifyNewData") != 0 && point.find("ReportDataWritten") != 0;
+    options.local_topics = kvo::test::LocalTopics(true) && point.find("NotifyNewData") != 0 &&
+                           point.find("ReportDataWritten") != 0;
     const kvo::brokerd::Broker broker(options, nullptr);
     shared->port.store(broker.port());
     for (;;) {

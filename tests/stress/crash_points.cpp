@@ -107,8 +107,8 @@ void Drive(const Play& play) {
             for (const int signal : {SIGKILL, SIGSTOP}) {
                 ++encounters;
                 try {
-                    // In the middle of its life.
-                    Meeting(play, role).Check(role, point, (count + 1) / 2, signal);
+                    // Within its life, and early enough if another one is shorter.
+                    Meeting(play, role).Check(role, point, (count + 2) / 3, signal);
                 } catch (const std::exception& error) {
                     ++failures;
                     std::cerr << role << " with signal " << signal << " at \"" << point

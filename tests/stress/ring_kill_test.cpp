@@ -38,7 +38,7 @@ constexpr const char* kNews = "news";  // the counted sample
 constexpr std::uint64_t kDigits = 7;
 constexpr std::uint64_t kRingEvents = 1024;
 constexpr auto kRingCheck = 1s;    // when a reader looks by itself
-constexpr auto kBound = 300ms;     // within which a running reader is told; wide: machines are busy
+constexpr auto kBound = 500ms;     // within which a running reader is told; wide: machines are busy
 constexpr auto kPatience = 30s;    // for what has no time of its own
 constexpr std::uint32_t kEnd = 1;  // a phase; 0 and other even ones: pause
 

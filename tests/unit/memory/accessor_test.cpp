@@ -1,4 +1,5 @@
 #include "memory_fixture.h"
+#include "peer_process.h"
 
 #include <limits>
 #include <stdexcept>
@@ -259,6 +260,43 @@ TEST_F(AccessorTest, ChangedBytesAreNeverReturned) {
         EXPECT_EQ(reader->reader_counters().checksum_failures, 1U);
         EXPECT_EQ(logger_.Count("sample 1 of stream \"cam/left\" skipped"), by_stream ? 2 : 1);
     }
+}
+
+TEST_F(AccessorTest, NewReaderTakesADeadOnesRowOverWithoutAReaper) {
+    const auto file = Create(1, Spare(0, 2));
+    const auto writer = Writer();
+    Write(*writer, 1, 1);
+    PeerProcess peer({"read", path_, kStream, "1"});
+    ASSERT_EQ(peer.line(), "1 ");
+    peer.Kill();
+    const auto reader = Reader();
+    EXPECT_EQ(TakeAll(*reader), (std::vector<std::uint64_t>{1}));
+    EXPECT_EQ(reader->reader_counters().copied, 0U) << "the row that may pin is its own now";
+    ASSERT_EQ(file->readers().size(), 1U);
+    EXPECT_EQ(file->readers()[0].pins, 1U) << "not the dead one's";
+}
+
+TEST_F(AccessorTest, ForkedChildDoesNothingAndHarmsNothing) {
+    const auto file = Create(2);
+    auto writer = Writer();
+    auto reader = Reader(2);
+    Write(*writer, 1, 2);
+    const DataSample* held = Take(*reader);
+    EXPECT_EQ(ResultInForkedChild([&] {
+                  writer->WriteData(-1, 0, 0, nullptr, 0, nullptr, 0, 0);
+                  reader->NewData();
+                  const bool nothing = Take(*reader) == nullptr &&
+                                       reader->OpenSharedMemory() == -1 &&
+                                       !Accessor()->get_is_initialized();
+                  reader.reset();
+                  writer.reset();
+                  return nothing ? 0 : 1;
+              }),
+              0);
+    EXPECT_EQ(file->readers().at(0).pins, 1U);
+    Write(*writer, 3, 40);
+    EXPECT_TRUE(Holds(*held));
+    EXPECT_EQ(TakeAll(*reader), (std::vector<std::uint64_t>{39, 40}));
 }
 
 }  // namespace

@@ -137,5 +137,19 @@ TEST_F(DamagedFileTest, RandomWordsLeadNoReaderOutOfTheFile) {
     }
 }
 
+TEST_F(DamagedFileTest, ForeignPinsTakeNoMoreSlotsThanThereAreForThem) {
+    const auto file = Create(1, Spare(0, 6));
+    const auto segment = Segment::Open(path_, Segment::Access::kWrite);
+    const auto writer = Writer();
+    ASSERT_EQ(segment->geometry().pinning_rows, 1U);
+    ASSERT_LE(segment->geometry().slot_count, 8U);
+    segment->control().mark = 0xFFFFFFFF;
+    for (std::uint32_t k = 0; k < 6; ++k) {
+        segment->row(0).pins[k] = k % 2 == 0 ? k + 1 : 0xFFFFFFFF;
+    }
+    Write(*writer, 1, 50);
+    EXPECT_EQ(writer->writer_counters().dropped, 0U) << "rows and pins are bounded by construction";
+}
+
 }  // namespace
 }  // namespace kvo::test
