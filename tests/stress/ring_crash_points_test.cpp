@@ -88,7 +88,7 @@ public:
     std::string Encode(const void* sample, ps::InstanceEvent) const override {
         return *static_cast<const std::string*>(sample);
     }
-    std::string Key(const void*) const override { return {}; }
+    std::string_view Key(const void*) const override { return {}; }
 };
 
 /// A subscriber as applications have one.
@@ -103,7 +103,7 @@ public:
                   network::uri("wkp.ps://127.0.0.1:" + std::to_string(port) + kTopic), "wkp.ps"),
               std::make_shared<TextCodec>()),
           registration_(reader_.Listen([this](const ps::SampleCodec::Decoded& event) {
-              const auto& text = *std::static_pointer_cast<std::string>(event.sample);
+              const auto& text = *std::static_pointer_cast<const std::string>(event.sample);
               if (text == kNews) {
                   seen_ = data_.load();
                   ++news_;
@@ -249,9 +249,10 @@ public:
                 reader->BeginNow();
                 while (reader->Take()) {
                 }
+                const std::uint32_t seen = reader->word();
                 topic->Count();
                 const auto begin = Clock::now();
-                reader->Sleep(1s);
+                reader->Sleep(seen, 1s);
                 Demand(reader->Take() == kNews && Clock::now() - begin < kBound,
                        "news do not come while the server stands still");
             }

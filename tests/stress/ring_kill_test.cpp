@@ -201,6 +201,7 @@ public:
 private:
     void ReadToTheEnd(TopicRingReader& ring) {
         for (;;) {
+            const std::uint32_t seen = ring.word();
             const bool closed = ring.closed();
             const Place published(shared_.server.published.load());
             if (const auto sample = ring.Take()) {
@@ -217,7 +218,7 @@ private:
                 return;
             }
             const auto asleep = Clock::now();
-            ring.Sleep(kRingCheck);
+            ring.Sleep(seen, kRingCheck);
             if (Clock::now() - asleep >= kRingCheck) {
                 own_.looks.fetch_add(1);
             }

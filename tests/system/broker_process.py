@@ -14,19 +14,21 @@ PATIENCE_S = 30
 class BrokerProcess:
     ANNOUNCEMENT = "kvo-broker: listening at "
 
-    def __init__(self, program, *options, parent="/dev/shm"):
+    def __init__(self, program, *options, parent="/dev/shm", environment=None):
         self.directory = tempfile.mkdtemp(prefix="kvo-test-", dir=parent)
         # As tests/support/local_topics.h.
         local_topics = os.environ.get("KVO_TEST_LOCAL_TOPICS")
         if local_topics is not None:
             options = (*options, "--local-topics", local_topics)
         self._command = [program, *options, "--directory", self.directory]
+        self._environment = environment
         self.port = 0
         self._start()
 
     def _start(self):
         self._process = subprocess.Popen(
-            [*self._command, "--port", str(self.port)], stdout=subprocess.PIPE)
+            [*self._command, "--port", str(self.port)], stdout=subprocess.PIPE,
+            env=self._environment)
         try:
             line = LineReader(self._process.stdout).next(PATIENCE_S)
             if not line.startswith(self.ANNOUNCEMENT):

@@ -263,7 +263,7 @@ std::string_view TopicRingReader::Text(std::uint32_t number) {
 std::optional<std::string_view> TopicRingReader::Take() {
     // The word before the head: an event that was counted after an entry was made is then given
     // out after that entry, since who saw the word sees the entry as well.
-    looked_at_ = signal_.word();
+    const std::uint32_t word = signal_.word();
     const std::uint64_t head = events().head.load(std::memory_order_acquire);
     if (overrun_) {
         overrun_ = false;
@@ -291,7 +291,7 @@ std::optional<std::string_view> TopicRingReader::Take() {
         ++next_;
         return Text(ring::EntryText(entry));
     }
-    if (const std::uint32_t count = looked_at_ >> 8; count != counted_) {
+    if (const std::uint32_t count = word >> 8; count != counted_) {
         counted_ = count;
         return Text(0);
     }

@@ -70,10 +70,13 @@ public:
     /// that is behind by more than the ring holds goes on with what is left, after a counted one.
     std::optional<std::string_view> Take();
 
-    /// Sleeps until there may be something that the last Take() has not seen.
-    void Sleep(std::chrono::milliseconds at_most) { signal_.Sleep(looked_at_, at_most); }
-    /// Sleeps until anything happens to the topic after now.
-    void SleepThrough(std::chrono::milliseconds at_most) { signal_.Sleep(signal_.word(), at_most); }
+    /// Changes with everything that happens to the topic. To be asked for before the looks, by
+    /// Take() or at anything that Nudge() tells of, that find nothing and lead to Sleep().
+    std::uint32_t word() const { return signal_.word(); }
+    /// Sleeps until something has happened since the word was `seen`.
+    void Sleep(std::uint32_t seen, std::chrono::milliseconds at_most) {
+        signal_.Sleep(seen, at_most);
+    }
     /// Ends a Sleep(). Any thread.
     void Nudge() { signal_.Nudge(); }
 
@@ -89,11 +92,10 @@ private:
 
     SharedFile events_;
     TopicSignal signal_;
-    std::uint64_t next_ = 0;       // entry
-    std::uint32_t counted_ = 0;    // counted events given out, of the word
-    std::uint32_t looked_at_ = 0;  // the word as Take() saw it
-    bool overrun_ = false;         // a counted event is due
-    std::string text_;             // what Take() gave out last
+    std::uint64_t next_ = 0;     // entry
+    std::uint32_t counted_ = 0;  // counted events given out, of the word
+    bool overrun_ = false;       // a counted event is due
+    std::string text_;           // what Take() gave out last
 };
 
 /// Who tells of counted events. Threads: any.

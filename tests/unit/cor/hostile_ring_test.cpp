@@ -201,7 +201,7 @@ TEST_F(HostileRingTest, RandomWordsHarmNobody) {
                     reader->BeginAt(server->Position());
                     break;
                 case 5:
-                    reader->Sleep(std::chrono::milliseconds(place % 2));
+                    reader->Sleep(reader->word(), std::chrono::milliseconds(place % 2));
                     reader->Nudge();
                     break;
                 default:
@@ -244,8 +244,9 @@ TEST_F(HostileRingTest, AFloodInTheSignalKeepsNoEventFromAnybody) {
     for (int i = 0; i < kEvents; ++i) {
         published.push_back(std::to_string(i % 7));
         ASSERT_TRUE(server->Publish(published.back()));
+        const std::uint32_t seen = reader->word();
         take(1);
-        reader->Sleep(1ms);
+        reader->Sleep(seen, 1ms);
     }
     stop = true;
     flood.join();
@@ -255,10 +256,11 @@ TEST_F(HostileRingTest, AFloodInTheSignalKeepsNoEventFromAnybody) {
     // And when it has ended all is as before.
     std::atomic<bool> slept{false};
     std::thread sleeper([&] {
+        const std::uint32_t seen = reader->word();
         while (reader->Take()) {
         }
         slept = true;
-        reader->Sleep(kDeadline);
+        reader->Sleep(seen, kDeadline);
     });
     const auto begin = std::chrono::steady_clock::now();
     const auto writer = TopicRingWriter::Open(directory_, "/a");

@@ -215,6 +215,26 @@ TEST_F(LocalTopicTest, NobodySleepsThroughACount) {
     EXPECT_LE(slow, 2);
 }
 
+// As above: neither who begins to listen nor who ends waits for a look.
+TEST_F(LocalTopicTest, NobodySleepsThroughABeginningOrAnEnd) {
+    constexpr int kRounds = 2000;
+    Open("/a");
+    Publish(kNews);
+    int slow = 0;
+    for (int round = 0; round < kRounds; ++round) {
+        const auto begin = Clock::now();
+        auto subscription = Subscribe();
+        for (int i = round % 50; i > 0; --i) {
+            std::this_thread::yield();
+        }
+        subscription->Listen();
+        EXPECT_THAT(subscription->heard.Await(1), ElementsAre(kNews));
+        subscription.reset();
+        slow += Clock::now() - begin > std::chrono::milliseconds(700) ? 1 : 0;
+    }
+    EXPECT_LE(slow, 2);
+}
+
 TEST_F(LocalTopicTest, WhatLiesElsewhereOrBelongsToOthersIsNotUsed) {
     const fs::path topics = place_ + "/topics";
     const fs::path link = place_ + "/" + std::to_string(publisher_->port()) + ".topics";
