@@ -59,10 +59,15 @@ public:
         }
         std::string answer;
         try {
-            answer = gorm::cor::rr::EncodeResult(
-                call->id.value_or(0),
-                gated_.Dispatch({identity, identity, gorm::cor::LocalPeer{1, 1, 1}}, call->method,
-                                call->params()));
+            // Without remote brokers every result is there at once.
+            gated_
+                .Dispatch({identity, identity, gorm::cor::LocalPeer{1, 1, 1}}, call->method,
+                          call->params())
+                .Then([&](const gorm::cor::rr::Ending<std::string>& outcome) {
+                    const std::uint32_t id = call->id.value_or(0);
+                    answer = outcome.value ? gorm::cor::rr::EncodeResult(id, *outcome.value)
+                                           : gorm::cor::rr::EncodeError(id, outcome.error);
+                });
         } catch (const std::exception& error) {
             answer = gorm::cor::rr::EncodeError(call->id.value_or(0), error.what());
         }

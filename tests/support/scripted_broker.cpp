@@ -225,7 +225,7 @@ StreamFile& ScriptedBroker::CreateStream(const std::string& stream, int max_payl
     return *stream_files_.back();
 }
 
-std::string ScriptedBroker::Dispatch(const gorm::cor::rr::Caller&, std::string_view method,
+gorm::cor::rr::Eventual<std::string> ScriptedBroker::Dispatch(const gorm::cor::rr::Caller&, std::string_view method,
                                      const msgpack::object& params) {
     const std::string operation(method);
     std::unique_lock lock(mutex_);

@@ -81,7 +81,7 @@ public:
 
 private:
     // On the loop.
-    std::string Dispatch(const gorm::cor::rr::Caller& caller, std::string_view method,
+    gorm::cor::rr::Eventual<std::string> Dispatch(const gorm::cor::rr::Caller& caller, std::string_view method,
                          const msgpack::object& params) override;
 
     const TempDirectory directory_;

@@ -73,7 +73,7 @@ public:
     void Stop() { server_.reset(); }
     std::uint16_t port() const { return port_; }
     std::string uri() const { return "wkp.rr://127.0.0.1:" + std::to_string(port_) + "/test/Echo"; }
-    std::string Dispatch(const rr::Caller& caller, std::string_view method,
+    rr::Eventual<std::string> Dispatch(const rr::Caller& caller, std::string_view method,
                          const msgpack::object& params) override;
 
     /// Runs the function on the loop whenever Say is called, before it is answered.

@@ -1,0 +1,13 @@
+#pragma once
+
+#include "kvo/brokerd/federation_engine.h"
+
+#include <string>
+
+namespace kvo::brokerd::dds {
+
+/// Cyclone DDS's configuration for what the broker was told, as XML. Throws std::runtime_error
+/// naming the option that is missing.
+std::string DomainConfiguration(const FederationOptions& options);
+
+}  // namespace kvo::brokerd::dds
