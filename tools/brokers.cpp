@@ -33,9 +33,9 @@ RemoteStream Parse(const std::string& line) {
 }
 
 void PrintJson(const RemoteStream& stream) {
-    static constexpr std::array kNames{"samples",         "payload_bytes", "samples_per_s",
-                                       "bytes_per_s",     "lost_on_the_way", "overtaken",
-                                       "refused",         "deadlines_missed"};
+    static constexpr std::array kNames{"samples",     "payload_bytes",   "samples_per_s",
+                                       "bytes_per_s", "lost_on_the_way", "overtaken",
+                                       "refused",     "deadlines_missed"};
     nlohmann::ordered_json json;
     json["direction"] = stream.direction;
     json["broker"] = stream.broker;

@@ -131,12 +131,12 @@ bool Register(KvoDataSubscriber& subscriber, BrokerProbe& broker, const ToolLog&
             return true;
         }
         if (code < -1) {
-            throw CommandFailure(
-                ExitCode::kRefused,
-                options.remote.empty()
-                    ? DescribeRefusal(broker, options.stream, code, 0, 0)
-                    : "the broker refused stream '" + options.stream + "' of " + options.remote +
-                          " with code " + std::to_string(code) + ReasonOf(broker, options.stream));
+            throw CommandFailure(ExitCode::kRefused,
+                                 options.remote.empty()
+                                     ? DescribeRefusal(broker, options.stream, code, 0, 0)
+                                     : "the broker refused stream '" + options.stream + "' of " +
+                                           options.remote + " with code " + std::to_string(code) +
+                                           ReasonOf(broker, options.stream));
         }
         // The publisher may have gone since it was seen: then it is waited for again.
         if (broker.HasPublisher(options.stream, options.remote)) {

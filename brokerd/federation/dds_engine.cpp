@@ -94,10 +94,9 @@ private:
     // readers have not got yet is kept beyond that: a burst shall not overtake them.
     static Qos QosOf(const RemoteTopic& topic) {
         Qos qos = CommonQos();
-        ::dds_qset_durability_service(qos.get(), 0, DDS_HISTORY_KEEP_LAST,
-                                      static_cast<std::int32_t>(topic.history),
-                                      DDS_LENGTH_UNLIMITED, DDS_LENGTH_UNLIMITED,
-                                      DDS_LENGTH_UNLIMITED);
+        ::dds_qset_durability_service(
+            qos.get(), 0, DDS_HISTORY_KEEP_LAST, static_cast<std::int32_t>(topic.history),
+            DDS_LENGTH_UNLIMITED, DDS_LENGTH_UNLIMITED, DDS_LENGTH_UNLIMITED);
         ::dds_qset_writer_data_lifecycle(qos.get(), false);
         if (topic.deadline_s > 0) {
             ::dds_qset_deadline(qos.get(), DDS_SECS(topic.deadline_s));
@@ -240,8 +239,8 @@ extern "C" __attribute__((visibility("default"))) kvo::brokerd::FederationEngine
 kvo_make_federation_engine(int abi, const kvo::brokerd::FederationOptions& options) {
     if (abi != kvo::brokerd::kFederationAbi) {
         throw std::runtime_error("the module for remote streams is of another version (" +
-                                 std::to_string(kvo::brokerd::kFederationAbi) + ") than the broker (" +
-                                 std::to_string(abi) + ")");
+                                 std::to_string(kvo::brokerd::kFederationAbi) +
+                                 ") than the broker (" + std::to_string(abi) + ")");
     }
     return new kvo::brokerd::dds::Engine(options);
 }

@@ -114,20 +114,19 @@ std::string Security(const FederationOptions& options) {
                     Element("IdentityCA", FileUri(options.identity_ca)) +
                     Element("IdentityCertificate", FileUri(options.identity_certificate)) +
                     Element("PrivateKey", FileUri(options.private_key))) +
-            Element("AccessControl",
-                    library("dds_security_ac", "access_control") +
-                        Element("PermissionsCA", FileUri(options.permissions_ca)) +
-                        Element("Governance", FileUri(options.governance)) +
-                        Element("Permissions", FileUri(options.permissions))) +
+            Element("AccessControl", library("dds_security_ac", "access_control") +
+                                         Element("PermissionsCA", FileUri(options.permissions_ca)) +
+                                         Element("Governance", FileUri(options.governance)) +
+                                         Element("Permissions", FileUri(options.permissions))) +
             Element("Cryptographic", library("dds_security_crypto", "crypto")));
 }
 
 }  // namespace
 
 std::string DomainConfiguration(const FederationOptions& options) {
-    return Element("CycloneDDS",
-                   "<Domain id=\"" + std::to_string(options.domain) + "\">" + General(options) +
-                       Discovery(options) + Internal() + Security(options) + "</Domain>");
+    return Element("CycloneDDS", "<Domain id=\"" + std::to_string(options.domain) + "\">" +
+                                     General(options) + Discovery(options) + Internal() +
+                                     Security(options) + "</Domain>");
 }
 
 }  // namespace kvo::brokerd::dds

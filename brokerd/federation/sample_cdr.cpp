@@ -14,7 +14,8 @@ public:
 
     template <class T>
     bool Read(T& value) {
-        if (!Skip((sizeof value - at_ % sizeof value) % sizeof value) || size_ - at_ < sizeof value) {
+        if (!Skip((sizeof value - at_ % sizeof value) % sizeof value) ||
+            size_ - at_ < sizeof value) {
             return false;
         }
         std::memcpy(&value, begin_ + at_, sizeof value);

@@ -16,9 +16,10 @@
 #include "stream_registry.h"
 #include "topics.h"
 
+#include <climits>
+
 #include <array>
 #include <cerrno>
-#include <climits>
 #include <cstdlib>
 #include <limits>
 #include <optional>

@@ -85,8 +85,7 @@ Federation::Federation(Settings settings, gorm::cor::ServiceLoop& loop, StreamRe
       topics_(topics),
       logger_(logger),
       brokers_(settings_.name, loop) {
-    streams_ =
-        std::make_unique<RemoteStreams>(DrawId(), settings_.name, registry, time, Calls());
+    streams_ = std::make_unique<RemoteStreams>(DrawId(), settings_.name, registry, time, Calls());
 }
 
 Federation::~Federation() {
@@ -115,13 +114,13 @@ RemoteStreams::Calls Federation::Calls() {
     RemoteStreams::Calls calls;
     calls.ask = [this](const std::string& broker, const std::string& stream, bool to_export,
                        std::function<void(const RemoteStreams::Answer&)> answered) {
-        brokers_.Ask(broker, stream, to_export,
-                     [alive = alive_, answered = std::move(answered)](
-                         const RemoteStreams::Answer& answer) {
-                         if (*alive) {
-                             answered(answer);
-                         }
-                     });
+        brokers_.Ask(
+            broker, stream, to_export,
+            [alive = alive_, answered = std::move(answered)](const RemoteStreams::Answer& answer) {
+                if (*alive) {
+                    answered(answer);
+                }
+            });
     };
     calls.start_import = [this](const RemoteStreams::ImportOrder& order) {
         return StartImport(order);
@@ -189,10 +188,10 @@ std::unique_ptr<RemoteTransfer> Federation::StartExport(const RemoteStreams::Exp
                             order.source.latency_ms, order.source.deadline_s,
                             order.source.max_payload_bytes};
     FederationEngine& engine = Engine();
-    auto watch = settings_.topic_directory.empty()
-                     ? nullptr
-                     : gorm::cor::ps::TopicWatch::Open(settings_.topic_directory,
-                                                       "/" + order.stream);
+    auto watch =
+        settings_.topic_directory.empty()
+            ? nullptr
+            : gorm::cor::ps::TopicWatch::Open(settings_.topic_directory, "/" + order.stream);
     return std::make_unique<StreamExport>(
         StreamExport::Order{order.stream, files_.PathOf(order.stream), order.source.epoch, topic},
         engine, std::move(watch), logger_);

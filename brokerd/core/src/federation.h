@@ -31,7 +31,7 @@ std::unique_ptr<FederationEngine> LoadFederationEngine(const FederationOptions& 
 class Federation {
 public:
     struct Settings {
-        std::string name;             // of this broker for others: HOST:PORT
+        std::string name;  // of this broker for others: HOST:PORT
         FederationOptions engine;
         std::string topic_directory;  // of the local topics; empty: there are none
         // Instead of the module, for a program that brings its own. Null: the module.

@@ -43,8 +43,7 @@ Place PlaceOf(const std::string& text) {
         const network::uri uri(text);
         const std::string port(uri.port());
         int number = 0;
-        const auto [end, error] =
-            std::from_chars(port.data(), port.data() + port.size(), number);
+        const auto [end, error] = std::from_chars(port.data(), port.data() + port.size(), number);
         if (uri.scheme() != kScheme) {
             throw refuse("its scheme is another one");
         }
@@ -84,8 +83,8 @@ std::string NumberOf(const std::string& host) {
         std::array<char, NI_MAXHOST> number{};
         bool ipv6 = false;
         if (fault == 0) {
-            ::getnameinfo(list->ai_addr, list->ai_addrlen, number.data(), number.size(), nullptr,
-                          0, NI_NUMERICHOST);
+            ::getnameinfo(list->ai_addr, list->ai_addrlen, number.data(), number.size(), nullptr, 0,
+                          NI_NUMERICHOST);
             ipv6 = list->ai_family == AF_INET6;
             ::freeaddrinfo(list);
         }
@@ -100,8 +99,8 @@ std::string NumberOf(const std::string& host) {
         throw std::runtime_error("the host " + host + " was not found in time");
     }
     if (found->fault != 0) {
-        throw std::runtime_error("the host " + host + " is unknown: " +
-                                 ::gai_strerror(found->fault));
+        throw std::runtime_error("the host " + host +
+                                 " is unknown: " + ::gai_strerror(found->fault));
     }
     return found->number;
 }
@@ -264,9 +263,8 @@ void RemoteBrokers::Ask(const std::string& broker, const std::string& stream, bo
     }
     if (!peer->Add(stream, to_export, answered)) {
         loop_.Post([answered = std::move(answered), broker] {
-            answered({{},
-                      {kUnknownRemoteBroker,
-                       "too many questions wait for the broker " + broker}});
+            answered(
+                {{}, {kUnknownRemoteBroker, "too many questions wait for the broker " + broker}});
         });
     }
 }

@@ -55,8 +55,8 @@ std::string Escaped(const std::string& text) {
     static constexpr char kDigits[] = "0123456789abcdef";
     std::string escaped;
     for (const char c : text) {
-        const bool stays = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
-                           (c >= '0' && c <= '9') || c == '/';
+        const bool stays =
+            (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '/';
         if (stays) {
             escaped += c;
         } else if (c == '_') {
@@ -129,9 +129,8 @@ void RemoteStreams::Look(const std::string& broker, const std::string& stream, D
         const bool local = answer.description.broker == id_;
         const bool there = local ? registry_.IsPublished(stream) : answer.description.published;
         done(there ? Verdict{}
-                   : Verdict{kNoRemoteStream,
-                             "the broker " + broker + " has no publisher of stream " +
-                                 Quoted(stream)},
+                   : Verdict{kNoRemoteStream, "the broker " + broker +
+                                                  " has no publisher of stream " + Quoted(stream)},
              local);
     });
 }
@@ -142,10 +141,9 @@ void RemoteStreams::Ask(const std::string& stream, Import& import) {
     if (import.run == 0) {
         import.run = ++runs_;
     }
-    calls_.ask(import.broker, stream, true,
-               [this, stream, run = import.run](const Answer& answer) {
-                   Answered(stream, run, answer);
-               });
+    calls_.ask(import.broker, stream, true, [this, stream, run = import.run](const Answer& answer) {
+        Answered(stream, run, answer);
+    });
 }
 
 // One that has been there before is asked for as long as it has subscribers.
@@ -183,11 +181,11 @@ void RemoteStreams::Answered(const std::string& stream, std::uint64_t run, const
     Verdict verdict = answer.verdict;
     const bool local = !verdict.refused() && source.broker == id_;
     if (!verdict.refused() && !local) {
-        verdict = source.published && !source.topic.empty()
-                      ? Begin(stream, import, source)
-                      : Verdict{kNoRemoteStream, "the broker " + import.broker +
-                                                     " has no publisher of stream " +
-                                                     Quoted(stream)};
+        verdict =
+            source.published && !source.topic.empty()
+                ? Begin(stream, import, source)
+                : Verdict{kNoRemoteStream, "the broker " + import.broker +
+                                               " has no publisher of stream " + Quoted(stream)};
     }
     if (verdict.refused() || local) {
         Refuse(stream, import, verdict, local);
@@ -200,9 +198,8 @@ void RemoteStreams::Answered(const std::string& stream, std::uint64_t run, const
 
 Verdict RemoteStreams::Begin(const std::string& stream, Import& import,
                              const StreamDescription& source) {
-    if (Verdict verdict =
-            registry_.BeginImport(stream, import.broker, source.max_payload_bytes,
-                                  source.retained_samples, source.checksum);
+    if (Verdict verdict = registry_.BeginImport(stream, import.broker, source.max_payload_bytes,
+                                                source.retained_samples, source.checksum);
         verdict.refused()) {
         return verdict;
     }
@@ -294,7 +291,8 @@ StreamDescription RemoteStreams::Describe(const std::string& stream, const std::
         description.broker = id_;
         return description;
     }
-    if (const auto found = exports_.find(stream); found != exports_.end() || description.published) {
+    if (const auto found = exports_.find(stream);
+        found != exports_.end() || description.published) {
         Export& entry = exports_[stream];
         if (entry.importers.size() >= kMostImporters && entry.importers.count(importer) == 0) {
             throw std::runtime_error("stream " + Quoted(stream) + " is exported to " +
@@ -449,16 +447,14 @@ std::vector<std::string> RemoteStreams::ConnectedBrokers() const {
 
 TransferState RemoteStreams::Imported(const std::string& stream) const {
     const auto found = imports_.find(stream);
-    return found == imports_.end()
-               ? TransferState{}
-               : TotalOf(found->second.before, found->second.transfer.get());
+    return found == imports_.end() ? TransferState{}
+                                   : TotalOf(found->second.before, found->second.transfer.get());
 }
 
 TransferState RemoteStreams::Exported(const std::string& stream) const {
     const auto found = exports_.find(stream);
-    return found == exports_.end()
-               ? TransferState{}
-               : TotalOf(found->second.before, found->second.transfer.get());
+    return found == exports_.end() ? TransferState{}
+                                   : TotalOf(found->second.before, found->second.transfer.get());
 }
 
 std::vector<RemoteStreamState> RemoteStreams::States() const {
@@ -480,8 +476,8 @@ std::vector<RemoteStreamState> RemoteStreams::States() const {
         states.push_back(state);
     };
     for (const auto& [stream, import] : imports_) {
-        add(import.broker, stream, true, import.live,
-            TotalOf(import.before, import.transfer.get()), import.rates);
+        add(import.broker, stream, true, import.live, TotalOf(import.before, import.transfer.get()),
+            import.rates);
         states.back().deadlines_missed = import.deadlines_missed;
     }
     for (const auto& [stream, running] : exports_) {

@@ -116,9 +116,9 @@ private:
         bool linked = false;
         bool asking = false;
         TimePoint asked;
-        TimePoint begun;  // of the transfer
-        std::string complaint;  // logged last, so that it is logged once
-        TransferState before;   // of earlier transfers
+        TimePoint begun;              // of the transfer
+        std::string complaint;        // logged last, so that it is logged once
+        TransferState before;         // of earlier transfers
         std::int32_t deadline_s = 0;  // the shortest of the subscribers'; 0: none
         std::uint64_t deadlines_missed = 0;
         std::uint64_t samples_seen = 0;

@@ -112,11 +112,11 @@ std::int32_t RequestHandler::AddPublisher(const Caller& caller, const std::strin
     if (IsWellFormedName(stream)) {
         claims_.Keep(AskerOf(caller), stream);
     }
-    return Tell(caller, stream,
-                registry_.AddPublisher(caller.identity,
-                                       {stream, max_data_sample_size, number_of_samples,
-                                        compute_checksum, publisher_key, AccountOf(caller.peer),
-                                        latency_ms, deadline_s}));
+    return Tell(
+        caller, stream,
+        registry_.AddPublisher(caller.identity,
+                               {stream, max_data_sample_size, number_of_samples, compute_checksum,
+                                publisher_key, AccountOf(caller.peer), latency_ms, deadline_s}));
 }
 
 std::int32_t RequestHandler::RemovePublisher(const Caller& caller, const std::string& stream) {
@@ -200,10 +200,8 @@ std::vector<std::string> RequestHandler::GetStreamStatistics(const Caller& calle
     }
     const TransferState imported = remote_.Imported(stream);
     const TransferState exported = remote_.Exported(stream);
-    return {std::to_string(statistics->last_write_ms),
-            std::to_string(statistics->subscribers),
-            std::to_string(statistics->samples),
-            std::to_string(statistics->payload_bytes),
+    return {std::to_string(statistics->last_write_ms), std::to_string(statistics->subscribers),
+            std::to_string(statistics->samples), std::to_string(statistics->payload_bytes),
             std::to_string(statistics->dropped + imported.lost_on_the_way + imported.refused),
             statistics->published     ? "1"
             : statistics->remote_live ? "2"
@@ -273,7 +271,8 @@ std::vector<std::string> RequestHandler::DescribeStream(const Caller& caller,
                                                         const std::string& importer) {
     DemandName(stream);
     if (importer.size() > kMaxImporterBytes ||
-        !std::all_of(importer.begin(), importer.end(), [](char c) { return c > ' ' && c <= '~'; })) {
+        !std::all_of(importer.begin(), importer.end(),
+                     [](char c) { return c > ' ' && c <= '~'; })) {
         throw std::runtime_error("this can not be the name of a broker: " + Quoted(importer));
     }
     if (const std::string fault = access_.WhyNot(caller.peer, Right::kSubscribe, stream);

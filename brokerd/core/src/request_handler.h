@@ -56,8 +56,7 @@ public:
     Eventual<std::int32_t> AddSubscriber(const Caller& caller, const std::string& subscriber_uuid,
                                          const std::string& stream,
                                          const std::string& remote_broker_uri,
-                                         std::int32_t latency_ms,
-                                         std::int32_t deadline_s) override;
+                                         std::int32_t latency_ms, std::int32_t deadline_s) override;
     std::int32_t RemoveSubscriber(const Caller& caller, const std::string& stream,
                                   const std::string& subscriber_uuid) override;
     std::string GetPublisherKey(const Caller& caller, const std::string& stream) override;

@@ -128,9 +128,9 @@ Verdict StreamRegistry::AddPublisher(const std::string& identity, const Publicat
 // The publisher of before goes on in its segment: same epoch, same sequence.
 Verdict StreamRegistry::Resume(const std::string& identity, const Publication& publication,
                                Stream& stream) {
-    stream.publisher = Publisher{Client(identity, publication.user, time_.Now()), publication.key,
-                                 DeadWriterOf(*stream.file), publication.latency_ms,
-                                 publication.deadline_s};
+    stream.publisher =
+        Publisher{Client(identity, publication.user, time_.Now()), publication.key,
+                  DeadWriterOf(*stream.file), publication.latency_ms, publication.deadline_s};
     stream.removal_due.reset();
     log_(2, "stream " + Quoted(publication.stream) + ": publisher registered again");
     notify_(publication.stream, PUB_REG);
@@ -394,9 +394,9 @@ Verdict StreamRegistry::BeginImport(const std::string& name, const std::string& 
         if (HasLivingPublisher(name, stream) ||
             (stream.file != nullptr && !stream.file->writer_state().retired &&
              files_.WriterLives(*stream.file))) {
-            return {kStreamInUse,
-                    "stream " + Quoted(name) + " has a publisher of this host, so it can not be " +
-                        "brought from " + broker};
+            return {kStreamInUse, "stream " + Quoted(name) +
+                                      " has a publisher of this host, so it can not be " +
+                                      "brought from " + broker};
         }
     }
     const std::string stream_text = "stream " + Quoted(name) + " of " + broker;
@@ -404,10 +404,10 @@ Verdict StreamRegistry::BeginImport(const std::string& name, const std::string& 
         const StreamGeometry geometry = files_.Plan(sample_bytes, samples);
         if (const std::uint64_t available = files_.AvailableBytes();
             geometry.total_bytes() > available) {
-            return {kNotEnoughMemory,
-                    stream_text + " needs " + std::to_string(geometry.total_bytes()) +
-                        " bytes of shared memory here, " + std::to_string(available) +
-                        " are available"};
+            return {kNotEnoughMemory, stream_text + " needs " +
+                                          std::to_string(geometry.total_bytes()) +
+                                          " bytes of shared memory here, " +
+                                          std::to_string(available) + " are available"};
         }
         std::unique_ptr<StreamFile> none;
         auto& before = known == streams_.end() ? none : known->second.file;
@@ -558,7 +558,8 @@ void StreamRegistry::SuperviseStream(const std::string& name, Stream& stream) {
                 EndPublisher(name, stream, "its heartbeats have ended");
                 break;
         }
-    } else if (stream.file != nullptr && !stream.import && !stream.removal_due && !files_.WriterLives(*stream.file)) {
+    } else if (stream.file != nullptr && !stream.import && !stream.removal_due &&
+               !files_.WriterLives(*stream.file)) {
         // Left by an earlier broker, and its writer never came back.
         stream.file->Retire();
         RemoveFile(name, stream);

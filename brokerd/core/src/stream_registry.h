@@ -49,8 +49,8 @@ public:
         std::int32_t sample_bytes;
         std::int32_t samples;
         bool checksum;
-        std::string key;     // empty: the first registration
-        std::string user{};  // on whose account it goes, for people too
+        std::string key;              // empty: the first registration
+        std::string user{};           // on whose account it goes, for people too
         std::int32_t latency_ms = 0;  // for other hosts; 0 and below: none
         std::int32_t deadline_s = 0;  // for other hosts; 0 and below: none
     };
@@ -146,7 +146,9 @@ private:
         std::unique_ptr<StreamFile> file;
         std::optional<TimePoint> removal_due;
         std::uint64_t last_write_ms = 0;
-        bool unused() const { return !publisher && !import && subscribers.empty() && file == nullptr; }
+        bool unused() const {
+            return !publisher && !import && subscribers.empty() && file == nullptr;
+        }
     };
     using StreamMap = std::map<std::string, Stream>;
 

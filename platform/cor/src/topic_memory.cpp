@@ -9,9 +9,7 @@ namespace {
 
 class RingWatch final : public TopicWatch {
 public:
-    explicit RingWatch(TopicRingReader reader) : reader_(std::move(reader)) {
-        reader_.BeginNow();
-    }
+    explicit RingWatch(TopicRingReader reader) : reader_(std::move(reader)) { reader_.BeginNow(); }
 
     void Look() override {
         while (reader_.Take()) {

@@ -64,7 +64,7 @@ std::string TextOf(const Peer& peer) {
 }  // namespace
 
 rr::Eventual<std::string> EchoServer::Dispatch(const rr::Caller& caller, std::string_view method,
-                                 const msgpack::object& params) {
+                                               const msgpack::object& params) {
     if (method == "WhoAmI") {
         return rr::PackResult(caller.identity);
     }

@@ -74,7 +74,7 @@ public:
     std::uint16_t port() const { return port_; }
     std::string uri() const { return "wkp.rr://127.0.0.1:" + std::to_string(port_) + "/test/Echo"; }
     rr::Eventual<std::string> Dispatch(const rr::Caller& caller, std::string_view method,
-                         const msgpack::object& params) override;
+                                       const msgpack::object& params) override;
 
     /// Runs the function on the loop whenever Say is called, before it is answered.
     void OnSay(std::function<void()> function) {

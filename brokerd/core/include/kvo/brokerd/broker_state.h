@@ -42,9 +42,9 @@ struct RemoteStreamState {
     std::uint64_t payload_bytes = 0;
     double samples_per_s = 0;  // over the last seconds
     double bytes_per_s = 0;
-    std::uint64_t lost_on_the_way = 0;  // import: numbers that never came
-    std::uint64_t overtaken = 0;        // export: overwritten before they were sent
-    std::uint64_t refused = 0;          // export: slow hosts; import: not taken by the file
+    std::uint64_t lost_on_the_way = 0;   // import: numbers that never came
+    std::uint64_t overtaken = 0;         // export: overwritten before they were sent
+    std::uint64_t refused = 0;           // export: slow hosts; import: not taken by the file
     std::uint64_t deadlines_missed = 0;  // import: times that no sample came for a subscriber's
 };
 

@@ -26,9 +26,9 @@ struct RemoteSample {
 
 struct RemoteTopic {
     std::string name;
-    std::uint32_t history = 1;     // samples that who comes late still gets
-    std::int32_t latency_ms = 0;   // what the writer offers; 0 and below: none
-    std::int32_t deadline_s = 0;   // what the writer offers; 0 and below: none
+    std::uint32_t history = 1;    // samples that who comes late still gets
+    std::int32_t latency_ms = 0;  // what the writer offers; 0 and below: none
+    std::int32_t deadline_s = 0;  // what the writer offers; 0 and below: none
     std::uint32_t max_payload_bytes = 0;
 };
 
@@ -64,7 +64,7 @@ public:
 
 /// How the broker reaches others; see docs/configuration.md.
 struct FederationOptions {
-    std::string module;             // empty: the one that was installed with the broker
+    std::string module;  // empty: the one that was installed with the broker
     std::uint32_t domain = 0;
     std::vector<std::string> interfaces;  // names or addresses; empty: the engine chooses
     std::vector<std::string> peers;       // hosts asked directly; empty: multicast finds them

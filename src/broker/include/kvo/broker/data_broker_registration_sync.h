@@ -67,7 +67,8 @@ public:
     /// from now on; empty: who asks only looks.
     virtual std::vector<std::string> DescribeStream(const std::string& stream,
                                                     const std::string& importer) = 0;
-    /// The streams that come from other brokers and go to them, one in each text (docs/protocol.md).
+    /// The streams that come from other brokers and go to them, one in each text
+    /// (docs/protocol.md).
     virtual std::vector<std::string> ListRemoteStreams() = 0;
 };
 
