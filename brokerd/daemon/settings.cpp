@@ -292,6 +292,12 @@ std::vector<Setting> MakeSettings() {
             "federation-module",
             "Module that moves samples between hosts; empty: the one installed with the broker",
             false, [](auto& c) -> auto& { return c.broker.federation.module; }),
+        List(
+            "export-streams",
+            "Streams that are exported whenever they are published, such as /camera/*; others are "
+            "when a broker asks",
+            false, [](auto& c) -> auto& { return c.broker.exported_streams; },
+            [](const std::string&) {}),
         Number(
             "dds-domain", "DDS domain of remote streams", false,
             [](auto& c) -> auto& { return c.broker.federation.domain; }, 0, 230),

@@ -20,6 +20,7 @@ from lines import LineReader
 
 BROKER_PROGRAM = sys.argv.pop()
 KVO_PROGRAM = sys.argv.pop()
+FOREIGN_READER = sys.argv.pop()
 NOTHING_THERE = 3
 REFUSED = 5
 KIB = 1 << 10
@@ -47,7 +48,7 @@ class RemoteStreams(unittest.TestCase):
         command = self.hosts.command(number, "env", f"KVO_RUNTIME_DIRECTORY={runtime}",
                                      BROKER_PROGRAM, "--address", "0.0.0.0",
                                      "--allow-plaintext", "true",
-                                     "--access-rules", "allow publish * to local",
+                                     "--access-rules", "allow publish * to anyone",
                                      "--access-rules", "allow subscribe * to anyone",
                                      "--broker-name", f"host{number}:5000", *options)
         broker = FixedBroker(command)
@@ -144,6 +145,8 @@ class EverySample(RemoteStreams):
             self.assertEqual(reader.stdout.read(), b"")
             self.assertEqual(reader.wait(timeout=PATIENCE_S), 0)
         feeder.join()
+        code, output, _ = self.answer(1, "stat", stream, "--json")
+        self.assertEqual((code, json.loads(output)["exported"]), (0, str(count)))
         exports = self.remote_streams(1)
         self.assertEqual([(e["overtaken"], e["refused"]) for e in exports], [(0, 0)] * 2)
 
@@ -178,7 +181,7 @@ class Flow:
             pass
 
     def subscribe(self, number=2):
-        self.subscriber = self.test.kvo(number, "-v", "sub", "s", "--remote", self.test.uri(1),
+        self.subscriber = self.test.kvo(number, "sub", "-v", "s", "--remote", self.test.uri(1),
                                         "--lines", "--timeout", str(PATIENCE_S))
         self.lines = LineReader(self.subscriber.stdout)
         self.notes = LineReader(self.subscriber.stderr)
@@ -328,6 +331,37 @@ class SlowHosts(RemoteStreams):
                 flow.next(3)
         finally:
             self.brokers[3].signal(signal.SIGCONT)
+
+
+class ForeignReaders(RemoteStreams):
+    HOSTS = 2
+
+    def test_a_program_that_has_the_idl_file_alone(self):
+        """The export is an interface for others too: topic, type and QoS as docs/remote.md."""
+        self.brokers[1].stop()
+        self.start_broker(1, "--export-streams", "/cam/*")
+        count = 500
+        publisher = self.kvo(1, "pub", "/cam/left-1", "--lines", "--rate", "500", "--samples", "16")
+        reader = subprocess.Popen(
+            self.hosts.command(2, FOREIGN_READER, "kvo/host1_3a5000//cam/left_2d1", str(count)),
+            stdout=subprocess.PIPE)
+        self.addCleanup(reader.stdout.close)
+        self.addCleanup(reader.kill)
+
+        def feed():
+            try:
+                for number in range(100 * count):
+                    publisher.stdin.write(b"line %d\n" % number)
+                    publisher.stdin.flush()
+            except (BrokenPipeError, ValueError, OSError):
+                pass
+
+        threading.Thread(target=feed, daemon=True).start()
+        self.assertEqual(reader.wait(timeout=PATIENCE_S), 0)
+        received = reader.stdout.read()
+        first = int(received.split(b"line ")[1])
+        self.assertEqual(received,
+                         b"".join(b"line %d" % (first + i) for i in range(count)))
 
 
 if __name__ == "__main__":

@@ -265,6 +265,7 @@ void Broker::Impl::Start(const BrokerOptions& options) {
     registry_->Adopt(files_->Sweep([this](const std::string& text) { Log(3, text); }));
     federation_ = std::make_unique<Federation>(
         Federation::Settings{NameOf(options, notification_port_), options.federation,
+                             options.exported_streams,
                              publisher_->serves_local() ? serving.topic_directory : "",
                              options.make_federation_engine},
         loop_, *registry_, *files_, *time_, *topics_, logger_);

@@ -1,10 +1,12 @@
 #include "federation.h"
 
+#include "access.h"
 #include "gorm/cor/ps/topic_memory.h"
 #include "kvo/KvoLogger.h"
 #include "stream_export.h"
 #include "stream_import.h"
 
+#include <algorithm>
 #include <atomic>
 #include <dlfcn.h>
 #include <random>
@@ -130,6 +132,11 @@ RemoteStreams::Calls Federation::Calls() {
     };
     calls.end = [this](std::unique_ptr<RemoteTransfer> transfer) {
         reaper_->Take(std::move(transfer));
+    };
+    calls.always_exported = [this](const std::string& stream) {
+        return std::any_of(
+            settings_.exported.begin(), settings_.exported.end(),
+            [&stream](const std::string& pattern) { return IsLike(stream, pattern); });
     };
     calls.log = [this](int level, const std::string& text) {
         KvoLogger::WriteToLogger(logger_, level, text);

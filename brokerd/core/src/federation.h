@@ -15,6 +15,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace kvo {
 class KvoLogger;
@@ -33,7 +34,8 @@ public:
     struct Settings {
         std::string name;  // of this broker for others: HOST:PORT
         FederationOptions engine;
-        std::string topic_directory;  // of the local topics; empty: there are none
+        std::vector<std::string> exported;  // patterns of streams that are always exported
+        std::string topic_directory;        // of the local topics; empty: there are none
         // Instead of the module, for a program that brings its own. Null: the module.
         std::function<std::unique_ptr<FederationEngine>(const FederationOptions&)> load;
     };

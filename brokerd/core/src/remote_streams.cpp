@@ -332,6 +332,9 @@ std::string RemoteStreams::Start(const std::string& stream, Export& entry) {
 }
 
 void RemoteStreams::PublisherChanged(const std::string& stream) {
+    if (calls_.always_exported(stream) && registry_.Describe(stream).published) {
+        exports_[stream].always = true;
+    }
     if (const auto found = exports_.find(stream); found != exports_.end()) {
         if (const std::string fault = Start(stream, found->second); !fault.empty()) {
             calls_.log(4, "stream " + Quoted(stream) + " can not be exported: " + fault);
@@ -403,7 +406,11 @@ void RemoteStreams::Tick() {
         std::erase_if(running.importers, [&](const auto& importer) {
             return now - importer.second > kExportPatience;
         });
-        if (running.importers.empty()) {
+        if (running.always && running.importers.empty() && running.transfer == nullptr) {
+            entry = exports_.erase(entry);
+            continue;
+        }
+        if (running.importers.empty() && !running.always) {
             Retire(running.transfer, running.before);
             calls_.log(2, "stream " + Quoted(entry->first) + ": not exported any more");
             entry = exports_.erase(entry);
@@ -483,6 +490,10 @@ std::vector<RemoteStreamState> RemoteStreams::States() const {
     for (const auto& [stream, running] : exports_) {
         for (const auto& [importer, asked] : running.importers) {
             add(importer, stream, false, running.transfer != nullptr,
+                TotalOf(running.before, running.transfer.get()), running.rates);
+        }
+        if (running.importers.empty()) {
+            add("anybody", stream, false, running.transfer != nullptr,
                 TotalOf(running.before, running.transfer.get()), running.rates);
         }
     }

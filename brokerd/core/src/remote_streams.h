@@ -51,6 +51,8 @@ public:
         /// Destroys it without anybody waiting.
         std::function<void(std::unique_ptr<RemoteTransfer>)> end;
         std::function<void(int level, const std::string& text)> log;
+        /// Whether a stream is exported as long as it has a publisher, though nobody asks.
+        std::function<bool(const std::string& stream)> always_exported;
     };
     /// @param id unlike that of any other broker. @param name under which others find the topics
     /// of this one.
@@ -127,6 +129,7 @@ private:
     };
     struct Export {
         std::map<std::string, TimePoint> importers;  // when they asked last
+        bool always = false;
         std::unique_ptr<RemoteTransfer> transfer;
         std::uint64_t epoch = 0;  // of the transfer
         TransferState before;

@@ -51,6 +51,9 @@ protected:
         };
         calls.start_export = [this](const RemoteStreams::ExportOrder&) { return Start(0); };
         calls.end = [](std::unique_ptr<RemoteTransfer> transfer) { transfer.reset(); };
+        calls.always_exported = [this](const std::string& stream) {
+            return stream == always_exported;
+        };
         calls.log = [this](int, const std::string& text) { log += text + "\n"; };
         remote = std::make_unique<RemoteStreams>("id of here", "here:5000", *registry, time, calls);
     }
@@ -118,6 +121,7 @@ protected:
     std::string reason;
     bool was_local = false;
     std::string engine_fault;
+    std::string always_exported;
     int running = 0;  // transfers
     ScriptedTransfer* last = nullptr;
     std::uint64_t last_run = 0;
@@ -331,6 +335,23 @@ TEST_F(RemoteStreamsTest, AnExportRunsWhileThereIsAPublisherAndSomebodyAsks) {
     }
     EXPECT_EQ(0, running);
     EXPECT_THAT(remote->ConnectedBrokers(), IsEmpty());
+}
+
+TEST_F(RemoteStreamsTest, AnExportThatIsAlwaysWantedNeedsNobodyToAsk) {
+    always_exported = "s";
+    ASSERT_EQ(kRegistered, Add('a', "s"));
+    remote->PublisherChanged("s");
+    EXPECT_EQ(1, running);
+    for (int i = 0; i < 12; ++i) {
+        PassSecond();
+    }
+    EXPECT_EQ(1, running);
+    EXPECT_THAT(remote->ConnectedBrokers(), IsEmpty());
+    registry->RemovePublisher(IdentityOf('a'), "s", StreamRegistry::Whose::kOwn);
+    remote->PublisherChanged("s");
+    remote->Tick();
+    EXPECT_EQ(0, running);
+    EXPECT_THAT(remote->States(), IsEmpty());
 }
 
 }  // namespace

@@ -84,6 +84,10 @@ rr::Eventual<std::string> EchoServer::Dispatch(const rr::Caller& caller, std::st
     if (text == "who") {
         return rr::PackResult(TextOf(caller.peer));
     }
+    if (text == "later") {
+        later_.emplace_back();
+        return later_.back();
+    }
     if (text == "refuse") {
         throw Error("refused by the server");
     }

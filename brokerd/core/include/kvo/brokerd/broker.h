@@ -57,6 +57,9 @@ struct BrokerOptions {
     // What other brokers call this one, and its exported topics; unlike for any two that work
     // together. Empty: the host's name and the port.
     std::string name;
+    // Streams that are exported whenever they have a publisher, with * as in access rules; others
+    // are when another broker asks.
+    std::vector<std::string> exported_streams;
     FederationOptions federation;
     // For a program that brings its own engine instead of the module.
     std::function<std::unique_ptr<FederationEngine>(const FederationOptions&)>
