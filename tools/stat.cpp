@@ -121,8 +121,8 @@ ExitCode Show(const StatOptions& options, const CommonOptions& common) {
         throw CommandFailure(ExitCode::kFailure, "the statistics of stream '" + options.stream +
                                                      "' could not be had from " + broker.uri());
     }
-    const Causes causes = CausesOf(broker.Ask([&](DataBrokerRegistrationSync& client) {
-        return client.GetStreamStatistics(options.stream);
+    const Causes causes = CausesOf(broker.Ask([&](DataBrokerRegistrationSync& direct) {
+        return direct.GetStreamStatistics(options.stream);
     }));
     if (options.json) {
         PrintJson(options.stream, statistics, causes);

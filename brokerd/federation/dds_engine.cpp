@@ -10,11 +10,14 @@
 #include <cstdlib>
 #include <dds/dds.h>
 #include <dds/ddsi/ddsi_serdata.h>
+#include <dlfcn.h>
+#include <filesystem>
 #include <memory>
 #include <mutex>
 #include <set>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 #include <utility>
 
 namespace kvo::brokerd::dds {
@@ -202,11 +205,28 @@ private:
     const Entity waitset_;
 };
 
+// Where the engine's security plugins lie: beside its library, or in a folder named after that, as
+// Debian has it. Empty: neither.
+std::string PluginDirectory() {
+    Dl_info library{};
+    if (::dladdr(reinterpret_cast<const void*>(&::dds_create_domain), &library) == 0) {
+        return {};
+    }
+    const std::filesystem::path file = library.dli_fname;
+    for (const auto& directory : {file.parent_path() / "libddsc0debian", file.parent_path()}) {
+        std::error_code ignored;
+        if (std::filesystem::exists(directory / "libdds_security_auth.so", ignored)) {
+            return directory.string();
+        }
+    }
+    return {};
+}
+
 class Engine final : public FederationEngine {
 public:
     explicit Engine(const FederationOptions& options) {
         // What the operator's environment says goes before, piece by piece.
-        std::string configuration = DomainConfiguration(options);
+        std::string configuration = DomainConfiguration(options, PluginDirectory());
         if (const char* const more = std::getenv("CYCLONEDDS_URI"); more != nullptr) {
             configuration += std::string(",") + more;
         }

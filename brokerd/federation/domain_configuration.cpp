@@ -81,7 +81,7 @@ std::string FileUri(const std::string& path) {
     return Escaped(path.find(':') == std::string::npos ? "file:" + path : path);
 }
 
-std::string Security(const FederationOptions& options) {
+std::string Security(const FederationOptions& options, const std::string& plugins) {
     const std::array<std::pair<const char*, const std::string&>, 6> files{{
         {"dds-identity-ca", options.identity_ca},
         {"dds-identity-certificate", options.identity_certificate},
@@ -103,9 +103,11 @@ std::string Security(const FederationOptions& options) {
                                      " is missing");
         }
     }
-    const auto library = [](const char* path, const char* function) {
-        return std::string("<Library path=\"") + path + "\" initFunction=\"init_" + function +
-               "\" finalizeFunction=\"finalize_" + function + "\"/>";
+    const auto library = [&plugins](const std::string& name, const char* function) {
+        return "<Library path=\"" +
+               Escaped(plugins.empty() ? name : plugins + "/lib" + name + ".so") +
+               "\" initFunction=\"init_" + function + "\" finalizeFunction=\"finalize_" + function +
+               "\"/>";
     };
     return Element(
         "Security",
@@ -123,10 +125,10 @@ std::string Security(const FederationOptions& options) {
 
 }  // namespace
 
-std::string DomainConfiguration(const FederationOptions& options) {
+std::string DomainConfiguration(const FederationOptions& options, const std::string& plugins) {
     return Element("CycloneDDS", "<Domain id=\"" + std::to_string(options.domain) + "\">" +
                                      General(options) + Discovery(options) + Internal() +
-                                     Security(options) + "</Domain>");
+                                     Security(options, plugins) + "</Domain>");
 }
 
 }  // namespace kvo::brokerd::dds

@@ -8,6 +8,7 @@ namespace kvo::brokerd::dds {
 
 /// Cyclone DDS's configuration for what the broker was told, as XML. Throws std::runtime_error
 /// naming the option that is missing.
-std::string DomainConfiguration(const FederationOptions& options);
+/// @param plugins directory of the engine's security plugins; empty: the loader finds them.
+std::string DomainConfiguration(const FederationOptions& options, const std::string& plugins);
 
 }  // namespace kvo::brokerd::dds

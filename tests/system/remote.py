@@ -140,7 +140,7 @@ class EverySample(RemoteStreams):
             thread.start()
         for thread in checkers:
             thread.join()
-        self.assertEqual(wrong, [])
+        self.assertEqual(wrong, [], [self.remote_streams(number) for number in (1, 2, 3)])
         for reader in readers:
             self.assertEqual(reader.stdout.read(), b"")
             self.assertEqual(reader.wait(timeout=PATIENCE_S), 0)
@@ -151,10 +151,11 @@ class EverySample(RemoteStreams):
         self.assertEqual([(e["overtaken"], e["refused"]) for e in exports], [(0, 0)] * 2)
 
     def test_small_and_frequent(self):
-        self.pass_through("small", 4 * KIB, 1000, 3000, 512)
+        self.pass_through("small", 4 * KIB, 1000, 3000, 3000)
 
     def test_large(self):
-        self.pass_through("large", 4 * MIB, 30, 60, 8)
+        # As many as are sent are kept: how fast this machine can read pipes is no matter.
+        self.pass_through("large", 4 * MIB, 30, 45, 48)
 
 
 class Flow:
