@@ -43,6 +43,7 @@ struct Options {
     std::optional<std::size_t> subscribers;
     int seconds = 300;
     bool quick = false;
+    bool tcp = false;
     std::string broker;
     std::string json;
 };
@@ -276,7 +277,8 @@ bool Measure(const Options& options, std::size_t subscribers) {
     double wall_s = 0;
     std::size_t failures = 0;
     {
-        Fleet fleet(broker.endpoint(), options.publishers, subscribers);
+        Fleet fleet(options.tcp ? broker.endpoint() : broker.local_endpoint(), options.publishers,
+                    subscribers);
         result.AddTimes("connection", fleet.Connect());
         result.AddTimes("registration", fleet.Register());
         std::cout << clients << " clients are registered" << std::endl;
@@ -324,6 +326,8 @@ int main(int argc, char** argv) {
         ->check(CLI::Range(1, 1'000'000))
         ->capture_default_str();
     app.add_flag("--quick", options.quick, "20 publishers, 80 subscribers and 10 s");
+    app.add_flag("--tcp", options.tcp,
+                 "Connect by TCP; default: by Unix socket, as clients of one host do");
     app.add_option("--broker", options.broker, "The broker; default: kvo-broker beside this");
     app.add_option("--json", options.json, "Also write the figures to this file");
     CLI11_PARSE(app, argc, argv);

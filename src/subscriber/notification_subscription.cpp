@@ -13,6 +13,8 @@ namespace {
 namespace ps = gorm::cor::ps;
 
 constexpr auto kBusyPoll = std::chrono::milliseconds(100);
+// Made once: it is needed for every sample.
+const std::string kNewDataReceived = "KvoDataSubscriber: NEW_DATA notification received";
 
 std::shared_ptr<KvoMemoryAccessor> AccessorOf(SubscriberState& subscriber) {
     return subscriber.registration.With(
@@ -33,7 +35,7 @@ void Handle(SubscriberState& subscriber, NotificationType type) {
     const auto accessor = AccessorOf(subscriber);
     switch (type) {
         case NEW_DATA:
-            transfer.Log(1, "KvoDataSubscriber: NEW_DATA notification received");
+            transfer.Log(1, kNewDataReceived);
             if (accessor != nullptr) {
                 accessor->NewData();
             }

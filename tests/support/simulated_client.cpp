@@ -92,7 +92,13 @@ BrokerProcess::BrokerProcess(const std::string& program, const std::vector<std::
 }
 
 void BrokerProcess::Start(const std::string& program, const std::vector<std::string>& options) {
-    std::vector<std::string> words{program, "--port", "0", "--directory", directory_};
+    std::vector<std::string> words{program,
+                                   "--port",
+                                   "0",
+                                   "--directory",
+                                   streams(),
+                                   "--runtime-directory",
+                                   directory_ + "/run"};
     words.insert(words.end(), options.begin(), options.end());
     std::vector<char*> arguments;
     for (std::string& word : words) {
@@ -119,6 +125,8 @@ void BrokerProcess::Start(const std::string& program, const std::vector<std::str
         throw std::runtime_error(program + " did not start to listen");
     }
     endpoint_ = "tcp:" + line.substr(uri + scheme.size());
+    const std::string port = endpoint_.substr(endpoint_.rfind(':') + 1);
+    local_endpoint_ = "ipc://" + directory_ + "/run/" + port.substr(0, port.find('/')) + ".sock";
 }
 
 BrokerProcess::~BrokerProcess() {
@@ -149,7 +157,7 @@ Footprint BrokerProcess::Look() const {
         static_cast<double>(::sysconf(_SC_CLK_TCK));
     footprint.threads = std::stoul(values.at(17));
     footprint.descriptors = EntriesOf(process + "/fd");
-    footprint.files = EntriesOf(directory_);
+    footprint.files = EntriesOf(streams());
     return footprint;
 }
 
@@ -160,8 +168,8 @@ void BrokerProcess::Stop() {
     if (status != 0) {
         throw std::runtime_error(FateOf(status));
     }
-    if (fs::exists(directory_)) {
-        throw std::runtime_error("the broker has left " + std::to_string(EntriesOf(directory_)) +
+    if (fs::exists(streams())) {
+        throw std::runtime_error("the broker has left " + std::to_string(EntriesOf(streams())) +
                                  " files in its directory");
     }
 }

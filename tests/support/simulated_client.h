@@ -44,7 +44,10 @@ public:
     /// Kills it where Stop() was not called, and removes its directory.
     ~BrokerProcess();
 
+    /// Its TCP port, where anybody may call.
     const std::string& endpoint() const { return endpoint_; }
+    /// Its Unix socket, which clients of its host prefer.
+    const std::string& local_endpoint() const { return local_endpoint_; }
     /// Throws std::runtime_error when the broker has ended.
     Footprint Look() const;
     /// Ends it orderly. Throws std::runtime_error when it fails or leaves files behind.
@@ -53,9 +56,11 @@ public:
 private:
     BrokerProcess();
     void Start(const std::string& program, const std::vector<std::string>& options);
+    std::string streams() const { return directory_ + "/streams"; }
 
     std::string directory_;
     std::string endpoint_;
+    std::string local_endpoint_;
     pid_t pid_ = -1;
 };
 

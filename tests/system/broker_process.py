@@ -14,15 +14,17 @@ PATIENCE_S = 30
 class BrokerProcess:
     ANNOUNCEMENT = "kvo-broker: listening at "
 
-    def __init__(self, program, *options, parent="/dev/shm"):
+    def __init__(self, program, *options, parent="/dev/shm", environment=None):
         self.directory = tempfile.mkdtemp(prefix="kvo-test-", dir=parent)
         self._command = [program, *options, "--directory", self.directory]
+        self._environment = environment
         self.port = 0
         self._start()
 
     def _start(self):
         self._process = subprocess.Popen(
-            [*self._command, "--port", str(self.port)], stdout=subprocess.PIPE)
+            [*self._command, "--port", str(self.port)], stdout=subprocess.PIPE,
+            env=self._environment)
         try:
             line = LineReader(self._process.stdout).next(PATIENCE_S)
             if not line.startswith(self.ANNOUNCEMENT):

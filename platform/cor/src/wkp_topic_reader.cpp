@@ -95,13 +95,14 @@ private:
     bool JoinRing();
     void LeaveRing();
     void FollowRing();
-    bool TakeFromRing();
+    bool TakeFromRing(Slot& current);
     bool RingIsOver();
     void OpenSocket();
     void CloseSocket();
     void LookForRing();
     void TakeFromSocket();
-    void Keep(std::string_view sample);
+    const SampleCodec::Decoded* Decode(std::string_view sample);
+    void Keep(const SampleCodec::Decoded& event);
 
     zmq::context_t& context_;
     const Address address_;
@@ -123,6 +124,8 @@ private:
     std::optional<zmq::socket_t> socket_;
     std::string position_;                      // of the publisher, as the socket has told
     std::deque<SampleCodec::Decoded> waiting_;  // not heard yet, oldest first
+    std::string decoded_text_;                  // what was decoded last
+    SampleCodec::Decoded decoded_;              // of it
     FaultLog faults_;
 };
 
@@ -178,12 +181,12 @@ void WkpTopicReader::Feed::FollowRing() {
             loop_.Post([feed = shared_from_this()] { feed->FollowRing(); });
             return;
         }
-        if (listener() == nullptr || !waiting_.empty()) {
+        const std::shared_ptr<Slot> current = listener();
+        if (current == nullptr) {
+            ring_->SleepThrough(kRingCheck);
+        } else if (!waiting_.empty()) {
             Deliver();
-            if (listener() == nullptr) {
-                ring_->SleepThrough(kRingCheck);
-            }
-        } else if (!TakeFromRing()) {
+        } else if (!TakeFromRing(*current)) {
             if (RingIsOver()) {
                 LeaveRing();
                 return;
@@ -193,13 +196,16 @@ void WkpTopicReader::Feed::FollowRing() {
     }
 }
 
-bool WkpTopicReader::Feed::TakeFromRing() {
+// Nothing is waiting.
+bool WkpTopicReader::Feed::TakeFromRing(Slot& current) {
     const auto sample = ring_->Take();
     if (!sample) {
         return false;
     }
-    Keep(*sample);
-    Deliver();
+    const SampleCodec::Decoded* const event = Decode(*sample);
+    if (event != nullptr && !current.Run(*event)) {
+        Keep(*event);
+    }
     return true;
 }
 
@@ -253,31 +259,40 @@ void WkpTopicReader::Feed::TakeFromSocket() {
         if (frames.size() > 2) {
             position_ = View(frames[2]);
         }
-        if (frames.size() > 1) {
-            Keep(View(frames[1]));
-        } else {
+        if (frames.size() < 2) {
             faults_.Count("", "it has no sample");
+        } else if (const auto* const event = Decode(View(frames[1]))) {
+            Keep(*event);
         }
     }
     Deliver();
 }
 
-void WkpTopicReader::Feed::Keep(std::string_view sample) {
-    SampleCodec::Decoded event;
+// Valid until the next call. Null: it is no sample. Most events of a topic say the same, which is
+// decoded once.
+const SampleCodec::Decoded* WkpTopicReader::Feed::Decode(std::string_view sample) {
+    if (decoded_.sample != nullptr && sample == decoded_text_) {
+        return &decoded_;
+    }
+    decoded_text_ = sample;
     try {
-        event = codec_->Decode(sample);
+        decoded_ = codec_->Decode(sample);
     } catch (const std::exception&) {
-        event.sample = nullptr;
+        decoded_.sample = nullptr;
     }
-    if (event.sample == nullptr) {
+    if (decoded_.sample == nullptr) {
         faults_.Count("", "it is no sample");
-        return;
+        return nullptr;
     }
+    return &decoded_;
+}
+
+void WkpTopicReader::Feed::Keep(const SampleCodec::Decoded& event) {
     if (waiting_.size() >= static_cast<std::size_t>(kSampleQueue)) {
         waiting_.pop_front();
         faults_.Count("", "nobody listens, and newer ones came");
     }
-    waiting_.push_back(std::move(event));
+    waiting_.push_back(event);
 }
 
 void WkpTopicReader::Feed::Deliver() {

@@ -69,7 +69,7 @@ public:
         return std::string(buffer.data(), buffer.size());
     }
 
-    std::string Key(const void* sample) const override {
+    std::string_view Key(const void* sample) const override {
         return static_cast<const Notification*>(sample)->get_data_stream_identifier();
     }
 };

@@ -45,7 +45,7 @@ public:
     std::string Encode(const void* sample, ps::InstanceEvent) const override {
         return static_cast<const Word*>(sample)->text;
     }
-    std::string Key(const void* sample) const override {
+    std::string_view Key(const void* sample) const override {
         return static_cast<const Word*>(sample)->text;
     }
 };

@@ -39,8 +39,8 @@ public:
     /// Calls the listener for each event that the filter lets pass. What it throws is logged.
     [[nodiscard]] rr::ListenerRegistration AddDataListener(Listener listener,
                                                            DataEventFilter<T> filter) {
-        std::string key =
-            filter.mode == FilterMode::kInstance ? codec_->Key(filter.instance.get()) : "";
+        std::string key(filter.mode == FilterMode::kInstance ? codec_->Key(filter.instance.get())
+                                                             : "");
         return reader_->Listen([this, codec = codec_, key = std::move(key),
                                 filter = std::move(filter),
                                 listener = std::move(listener)](const SampleCodec::Decoded& event) {
@@ -51,8 +51,8 @@ public:
                 codec->Key(event.sample.get()) != key) {
                 return;
             }
-            listener(*this,
-                     DataEvent<T>(std::static_pointer_cast<T>(event.sample), event.instance_event));
+            listener(*this, DataEvent<T>(std::static_pointer_cast<const T>(event.sample),
+                                         event.instance_event));
         });
     }
 
