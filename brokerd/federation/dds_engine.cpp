@@ -94,7 +94,9 @@ public:
 
 private:
     // Who comes late gets the samples that readers of the publisher's host would find too. What
-    // readers have not got yet is kept beyond that: a burst shall not overtake them.
+    // readers have not got yet is kept beyond that: a burst shall not overtake them. No latency
+    // budget: with one the engine sends by a queue of its own, and whoever asks for less than is
+    // offered gets nothing. Sent at once is the best offer.
     static Qos QosOf(const RemoteTopic& topic) {
         Qos qos = CommonQos();
         ::dds_qset_durability_service(
@@ -103,9 +105,6 @@ private:
         ::dds_qset_writer_data_lifecycle(qos.get(), false);
         if (topic.deadline_s > 0) {
             ::dds_qset_deadline(qos.get(), DDS_SECS(topic.deadline_s));
-        }
-        if (topic.latency_ms > 0) {
-            ::dds_qset_latency_budget(qos.get(), DDS_MSECS(topic.latency_ms));
         }
         return qos;
     }

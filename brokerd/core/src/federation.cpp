@@ -154,7 +154,7 @@ FederationEngine& Federation::Engine() {
 }
 
 std::unique_ptr<RemoteTransfer> Federation::StartImport(const RemoteStreams::ImportOrder& order) {
-    const RemoteTopic topic{order.source.topic, order.source.retained_samples, 0, 0,
+    const RemoteTopic topic{order.source.topic, order.source.retained_samples, 0,
                             order.source.max_payload_bytes};
     const std::string& stream = order.stream;
     // Null: subscribers hear of new data through the loop alone.
@@ -192,8 +192,7 @@ std::unique_ptr<RemoteTransfer> Federation::StartImport(const RemoteStreams::Imp
 
 std::unique_ptr<RemoteTransfer> Federation::StartExport(const RemoteStreams::ExportOrder& order) {
     const RemoteTopic topic{streams_->TopicOf(order.stream), order.source.retained_samples,
-                            order.source.latency_ms, order.source.deadline_s,
-                            order.source.max_payload_bytes};
+                            order.source.deadline_s, order.source.max_payload_bytes};
     FederationEngine& engine = Engine();
     auto watch =
         settings_.topic_directory.empty()

@@ -30,7 +30,6 @@ int main(int argc, char **argv) {
     dds_qset_reliability(qos, DDS_RELIABILITY_RELIABLE, DDS_SECS(1));
     dds_qset_durability(qos, DDS_DURABILITY_TRANSIENT_LOCAL);
     dds_qset_history(qos, DDS_HISTORY_KEEP_ALL, DDS_LENGTH_UNLIMITED);
-    dds_qset_latency_budget(qos, DDS_INFINITY);
     const dds_entity_t reader =
         checked(dds_create_reader(participant, topic, qos, NULL), "reader");
     dds_delete_qos(qos);

@@ -34,7 +34,6 @@ protected:
         topic.name = "kvo/test/" + name;
         topic.history = history;
         topic.max_payload_bytes = bytes;
-        topic.latency_ms = 250;
         topic.deadline_s = 10;
         return topic;
     }

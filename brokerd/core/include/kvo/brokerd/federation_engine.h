@@ -27,7 +27,6 @@ struct RemoteSample {
 struct RemoteTopic {
     std::string name;
     std::uint32_t history = 1;    // samples that who comes late still gets
-    std::int32_t latency_ms = 0;  // what the writer offers; 0 and below: none
     std::int32_t deadline_s = 0;  // what the writer offers; 0 and below: none
     std::uint32_t max_payload_bytes = 0;
 };
