@@ -83,9 +83,15 @@ std::string NumberOf(const std::string& host) {
         std::array<char, NI_MAXHOST> number{};
         bool ipv6 = false;
         if (fault == 0) {
-            ::getnameinfo(list->ai_addr, list->ai_addrlen, number.data(), number.size(), nullptr, 0,
-                          NI_NUMERICHOST);
-            ipv6 = list->ai_family == AF_INET6;
+            // Brokers listen at IPv4 addresses, unless they have been told another one.
+            const addrinfo* chosen = list;
+            while (chosen != nullptr && chosen->ai_family != AF_INET) {
+                chosen = chosen->ai_next;
+            }
+            chosen = chosen != nullptr ? chosen : list;
+            ::getnameinfo(chosen->ai_addr, chosen->ai_addrlen, number.data(), number.size(),
+                          nullptr, 0, NI_NUMERICHOST);
+            ipv6 = chosen->ai_family == AF_INET6;
             ::freeaddrinfo(list);
         }
         const std::lock_guard lock(found->mutex);

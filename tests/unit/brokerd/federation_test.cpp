@@ -335,6 +335,8 @@ TEST_P(FederationTest, RefusalsNameWhatIsInTheWay) {
     expect(there->uri(), kNoRemoteStream, "has no publisher of stream");
     const auto publisher = Publish(there->uri());
     EXPECT_TRUE(client->HasRemotePublisher(there->uri(), "s"));
+    EXPECT_TRUE(client->HasRemotePublisher(
+        "wkp.rr://localhost:" + std::to_string(there->port()) + "/broker/Broker1", "s"));
     here.reset();
     here = Start("here", false);
     const auto without = ClientOf(here->uri());
