@@ -11,6 +11,10 @@ find_package(prometheus-cpp REQUIRED COMPONENTS core)
 find_package(PkgConfig REQUIRED)
 pkg_check_modules(HTTPLIB REQUIRED IMPORTED_TARGET cpp-httplib)
 pkg_check_modules(SYSTEMD IMPORTED_TARGET libsystemd)  # without it nobody is notified
+find_package(CycloneDDS QUIET)  # without it there is no module for remote streams
+if(CycloneDDS_FOUND)
+  enable_language(C)  # its types are generated C
+endif()
 find_path(XXHASH_INCLUDE_DIR xxhash.h REQUIRED)
 
 # The uri package itself where it is installed, else our adapter behind the same names.

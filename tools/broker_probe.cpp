@@ -16,7 +16,8 @@ namespace kvo::tools {
 namespace {
 
 constexpr std::string_view kBrokerPath = "/broker/Broker1";
-constexpr std::chrono::seconds kPatience{2};
+// A broker that has to ask another one answers within two seconds.
+constexpr std::chrono::seconds kPatience{3};
 
 std::string Unreachable(const std::string& uri) {
     return "no broker answers at " + uri +
@@ -56,9 +57,11 @@ BrokerProbe::BrokerProbe(const std::string& broker_uri) : uri_(broker_uri) {
     Ask([](DataBrokerRegistrationSync& client) { return client.GetHeartbeatPeriod(); });
 }
 
-bool BrokerProbe::HasPublisher(const std::string& stream) {
-    return Ask(
-        [&](DataBrokerRegistrationSync& client) { return client.HasLocalPublisher(stream); });
+bool BrokerProbe::HasPublisher(const std::string& stream, const std::string& remote_broker) {
+    return Ask([&](DataBrokerRegistrationSync& client) {
+        return remote_broker.empty() ? client.HasLocalPublisher(stream)
+                                     : client.HasRemotePublisher(remote_broker, stream);
+    });
 }
 
 void BrokerProbe::RethrowAsFailure() const {
@@ -72,8 +75,6 @@ void BrokerProbe::RethrowAsFailure() const {
     }
 }
 
-namespace {
-
 // Older brokers do not know the question.
 std::string ReasonOf(BrokerProbe& broker, const std::string& stream) {
     std::string reason;
@@ -84,8 +85,6 @@ std::string ReasonOf(BrokerProbe& broker, const std::string& stream) {
     }
     return reason.empty() ? "; see the broker's log" : ": " + reason;
 }
-
-}  // namespace
 
 std::string DescribeRefusal(BrokerProbe& broker, const std::string& stream, int code,
                             int max_sample_bytes, int samples) {

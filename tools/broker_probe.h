@@ -13,7 +13,7 @@ namespace kvo::tools {
 /// Threads: any.
 class BrokerProbe {
 public:
-    /// Connects and asks, waiting 2 s. Throws CommandFailure: kUsage for a text that names no
+    /// Connects and asks, waiting 3 s. Throws CommandFailure: kUsage for a text that names no
     /// broker, kBrokerUnreachable when nobody answers there.
     explicit BrokerProbe(const std::string& broker_uri);
 
@@ -28,7 +28,8 @@ public:
         }
     }
 
-    bool HasPublisher(const std::string& stream);
+    /// @param remote_broker empty: a publisher of the broker's own host.
+    bool HasPublisher(const std::string& stream, const std::string& remote_broker = {});
 
     const std::string& uri() const { return uri_; }  // as given
 
@@ -38,6 +39,9 @@ private:
     const std::string uri_;
     std::unique_ptr<DataBrokerRegistrationSync> client_;
 };
+
+/// Why the broker last refused us the stream, with what goes before it in a sentence.
+std::string ReasonOf(BrokerProbe& broker, const std::string& stream);
 
 /// Why the broker refused a registration and what helps, in one sentence.
 std::string DescribeRefusal(BrokerProbe& broker, const std::string& stream, int code,

@@ -13,6 +13,9 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
 
 namespace kvo::tools {
 namespace {
@@ -50,7 +53,23 @@ std::string LastWrite(std::int64_t timestamp_ns) {
     return text.str();
 }
 
-void PrintTable(const std::string& stream, const StreamStatistics& statistics) {
+// What a broker tells beyond the statistics of the library: name and value.
+using Causes = std::vector<std::pair<std::string, std::string>>;
+
+Causes CausesOf(const std::vector<std::string>& elements) {
+    constexpr std::size_t kStatistics = 7;
+    Causes causes;
+    for (std::size_t i = kStatistics; i < elements.size(); ++i) {
+        const std::size_t at = elements[i].find('=');
+        if (at != std::string::npos && at + 1 < elements[i].size()) {
+            causes.emplace_back(elements[i].substr(0, at), elements[i].substr(at + 1));
+        }
+    }
+    return causes;
+}
+
+void PrintTable(const std::string& stream, const StreamStatistics& statistics,
+                const Causes& causes) {
     std::cout << "stream           " << stream << '\n'
               << "publisher        " << PublisherState(statistics.int_value_2) << '\n'
               << "subscribers      " << statistics.int_value_1 << '\n'
@@ -59,9 +78,13 @@ void PrintTable(const std::string& stream, const StreamStatistics& statistics) {
               << "dropped or lost  " << statistics.count_value_3 << '\n'
               << "last write       " << LastWrite(statistics.timestamp_ns) << '\n'
               << "stream file      " << statistics.text_value << '\n';
+    for (const auto& [name, value] : causes) {
+        std::cout << std::left << std::setw(16) << name << ' ' << value << '\n';
+    }
 }
 
-void PrintJson(const std::string& stream, const StreamStatistics& statistics) {
+void PrintJson(const std::string& stream, const StreamStatistics& statistics,
+               const Causes& causes) {
     nlohmann::ordered_json json;
     json["stream"] = stream;
     json["publisher"] = PublisherState(statistics.int_value_2);
@@ -71,6 +94,9 @@ void PrintJson(const std::string& stream, const StreamStatistics& statistics) {
     json["dropped_or_lost"] = statistics.count_value_3;
     json["last_write_ms"] = statistics.timestamp_ns / 1'000'000;
     json["stream_file"] = statistics.text_value;
+    for (const auto& [name, value] : causes) {
+        json[name] = value;
+    }
     std::cout << json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) << '\n';
 }
 
@@ -79,7 +105,11 @@ ExitCode Show(const StatOptions& options, const CommonOptions& common) {
     BrokerProbe broker(common.broker);
     const auto streams = broker.Ask(
         [](DataBrokerRegistrationSync& client) { return client.ListRegisteredStreams(); });
-    if (std::find(streams.begin(), streams.end(), options.stream) == streams.end()) {
+    // A stream of another host is not registered here, but taken.
+    if (std::find(streams.begin(), streams.end(), options.stream) == streams.end() &&
+        broker.Ask([&](DataBrokerRegistrationSync& client) {
+            return client.IsStreamIdFree(options.stream);
+        })) {
         throw CommandFailure(ExitCode::kNothingThere, "no stream '" + options.stream + "' at " +
                                                           broker.uri() +
                                                           "; kvo ls tells what is there");
@@ -91,10 +121,13 @@ ExitCode Show(const StatOptions& options, const CommonOptions& common) {
         throw CommandFailure(ExitCode::kFailure, "the statistics of stream '" + options.stream +
                                                      "' could not be had from " + broker.uri());
     }
+    const Causes causes = CausesOf(broker.Ask([&](DataBrokerRegistrationSync& direct) {
+        return direct.GetStreamStatistics(options.stream);
+    }));
     if (options.json) {
-        PrintJson(options.stream, statistics);
+        PrintJson(options.stream, statistics, causes);
     } else {
-        PrintTable(options.stream, statistics);
+        PrintTable(options.stream, statistics, causes);
     }
     return ExitCode::kSuccess;
 }

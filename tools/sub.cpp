@@ -28,6 +28,7 @@ constexpr std::chrono::seconds kStatsPeriod{1};
 
 struct SubOptions {
     std::string stream;
+    std::string remote;  // URI of the broker of the stream's host; empty: it is this one
     std::string output;
     std::uint64_t count = 0;  // 0: no end
     double timeout_s = 0;     // 0: none
@@ -99,8 +100,13 @@ private:
 
 void AwaitStream(BrokerProbe& broker, const SubOptions& options, StopSignal::Deadline deadline,
                  StopSignal& stop) {
-    while (!stop.requested() && !broker.HasPublisher(options.stream)) {
+    while (!stop.requested() && !broker.HasPublisher(options.stream, options.remote)) {
         if (!deadline || Clock::now() >= *deadline) {
+            if (!options.remote.empty()) {
+                throw CommandFailure(ExitCode::kNothingThere,
+                                     "stream '" + options.stream + "' can not be had from " +
+                                         options.remote + ReasonOf(broker, options.stream));
+            }
             throw CommandFailure(ExitCode::kNothingThere,
                                  "no publisher has stream '" + options.stream + "' at " +
                                      broker.uri() +
@@ -119,16 +125,21 @@ bool Register(KvoDataSubscriber& subscriber, BrokerProbe& broker, const ToolLog&
         if (stop.requested()) {
             return false;
         }
-        const int code = subscriber.RegisterSubscriber(broker.uri(), options.stream, "", 1);
+        const int code =
+            subscriber.RegisterSubscriber(broker.uri(), options.stream, options.remote, 1);
         if (code == 1) {
             return true;
         }
         if (code < -1) {
             throw CommandFailure(ExitCode::kRefused,
-                                 DescribeRefusal(broker, options.stream, code, 0, 0));
+                                 options.remote.empty()
+                                     ? DescribeRefusal(broker, options.stream, code, 0, 0)
+                                     : "the broker refused stream '" + options.stream + "' of " +
+                                           options.remote + " with code " + std::to_string(code) +
+                                           ReasonOf(broker, options.stream));
         }
         // The publisher may have gone since it was seen: then it is waited for again.
-        if (broker.HasPublisher(options.stream)) {
+        if (broker.HasPublisher(options.stream, options.remote)) {
             throw CommandFailure(ExitCode::kFailure, "subscribing to stream '" + options.stream +
                                                          "'" + log.WhyFailed());
         }
@@ -254,6 +265,9 @@ void AddSub(CLI::App& app, Action& action) {
     CLI::App* sub =
         app.add_subcommand("sub", "Write the payloads of a stream to standard output or a file");
     sub->add_option("STREAM", options->stream, "Name of the stream")->required();
+    sub->add_option("--remote", options->remote,
+                    "URI of the broker of the host where the stream is published; default: the "
+                    "stream is of this host");
     sub->add_option("-o,--output", options->output, "File to write; default: standard output");
     sub->add_option("-n,--count", options->count, "End after so many samples")
         ->check(CLI::PositiveNumber);

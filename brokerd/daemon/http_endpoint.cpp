@@ -18,6 +18,8 @@ constexpr std::size_t kMaxQuestionBytes = 4096;
 json ToJson(const StreamState& stream) {
     return {{"name", stream.name},
             {"published", stream.published},
+            {"remote_broker", stream.remote_broker},
+            {"remote_live", stream.remote_live},
             {"subscribers", stream.subscribers},
             {"samples", stream.samples},
             {"payload_bytes", stream.payload_bytes},
@@ -43,6 +45,21 @@ json ToJson(const BrokerEvent& event) {
             {"kind", event.kind},
             {"stream", event.stream},
             {"text", event.text}};
+}
+
+json ToJson(const RemoteStreamState& state) {
+    return {{"broker", state.broker},
+            {"stream", state.stream},
+            {"direction", state.import ? "import" : "export"},
+            {"live", state.live},
+            {"samples", state.samples},
+            {"payload_bytes", state.payload_bytes},
+            {"samples_per_s", state.samples_per_s},
+            {"bytes_per_s", state.bytes_per_s},
+            {"lost_on_the_way", state.lost_on_the_way},
+            {"overtaken", state.overtaken},
+            {"refused", state.refused},
+            {"deadlines_missed", state.deadlines_missed}};
 }
 
 template <class T>
@@ -118,8 +135,8 @@ private:
         server_.Get("/api/v1/events", [this](const httplib::Request&, httplib::Response& r) {
             Answer(r, {{"events", ListOf(broker_.State().events)}});
         });
-        server_.Get("/api/v1/brokers", [](const httplib::Request&, httplib::Response& r) {
-            Answer(r, {{"brokers", json::array()}});
+        server_.Get("/api/v1/brokers", [this](const httplib::Request&, httplib::Response& r) {
+            Answer(r, {{"brokers", ListOf(broker_.State().remote_streams)}});
         });
         server_.set_error_handler([](const httplib::Request&, httplib::Response& response) {
             if (response.body.empty()) {

@@ -283,6 +283,52 @@ std::vector<Setting> MakeSettings() {
             "user-memory",
             "Most shared memory of the streams that one user or key publishes; 0: no limit", true,
             [](auto& c) -> auto& { return c.broker.user_memory_bytes; }),
+        Text(
+            "broker-name",
+            "What other brokers call this one, and its exported topics; empty: the host's name and "
+            "the port",
+            false, [](auto& c) -> auto& { return c.broker.name; }),
+        Text(
+            "federation-module",
+            "Module that moves samples between hosts; empty: the one installed with the broker",
+            false, [](auto& c) -> auto& { return c.broker.federation.module; }),
+        List(
+            "export-streams",
+            "Streams that are exported whenever they are published, such as /camera/*; others are "
+            "when a broker asks",
+            false, [](auto& c) -> auto& { return c.broker.exported_streams; },
+            [](const std::string&) {}),
+        Number(
+            "dds-domain", "DDS domain of remote streams", false,
+            [](auto& c) -> auto& { return c.broker.federation.domain; }, 0, 230),
+        List(
+            "dds-interfaces",
+            "Network interfaces for samples, by name or address; none: the engine chooses", false,
+            [](auto& c) -> auto& { return c.broker.federation.interfaces; },
+            [](const std::string&) {}),
+        List(
+            "dds-peers",
+            "Hosts of other brokers, for networks without multicast; none: multicast finds them",
+            false, [](auto& c) -> auto& { return c.broker.federation.peers; },
+            [](const std::string&) {}),
+        Text(
+            "dds-identity-ca", "DDS security: certificate of the authority for identities", false,
+            [](auto& c) -> auto& { return c.broker.federation.identity_ca; }),
+        Text(
+            "dds-identity-certificate", "DDS security: this broker's certificate", false,
+            [](auto& c) -> auto& { return c.broker.federation.identity_certificate; }),
+        Text(
+            "dds-private-key", "DDS security: this broker's private key", false,
+            [](auto& c) -> auto& { return c.broker.federation.private_key; }),
+        Text(
+            "dds-permissions-ca", "DDS security: certificate of the authority for permissions",
+            false, [](auto& c) -> auto& { return c.broker.federation.permissions_ca; }),
+        Text(
+            "dds-governance", "DDS security: signed governance document", false,
+            [](auto& c) -> auto& { return c.broker.federation.governance; }),
+        Text(
+            "dds-permissions", "DDS security: signed permissions document", false,
+            [](auto& c) -> auto& { return c.broker.federation.permissions; }),
         Choice("log-level", "debug, info, warning or error", true,
                [](auto& c) -> auto& { return c.log_level; }, {"debug", "info", "warning", "error"}),
         Text(

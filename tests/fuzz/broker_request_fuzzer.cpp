@@ -4,6 +4,7 @@
 #include "event_log.h"
 #include "gated_service.h"
 #include "kvo/broker/data_broker_registration_handler.h"
+#include "remote_streams.h"
 #include "request_handler.h"
 #include "stream_registry.h"
 #include "wire.h"
@@ -50,7 +51,10 @@ class Parts {
 public:
     explicit Parts(Place& place)
         : files_(place.directory->path(), kBudgetBytes, Spare(), place.directory->processes()) {}
-    ~Parts() { registry_.Drain(); }
+    ~Parts() {
+        remote_.EndAll();
+        registry_.Drain();
+    }
 
     void Take(const std::string& identity, std::string_view message) {
         const auto call = gorm::cor::rr::DecodeCall(message);
@@ -59,10 +63,15 @@ public:
         }
         std::string answer;
         try {
-            answer = gorm::cor::rr::EncodeResult(
-                call->id.value_or(0),
-                gated_.Dispatch({identity, identity, gorm::cor::LocalPeer{1, 1, 1}}, call->method,
-                                call->params()));
+            // Without remote brokers every result is there at once.
+            gated_
+                .Dispatch({identity, identity, gorm::cor::LocalPeer{1, 1, 1}}, call->method,
+                          call->params())
+                .Then([&](const gorm::cor::rr::Ending<std::string>& outcome) {
+                    const std::uint32_t id = call->id.value_or(0);
+                    answer = outcome.value ? gorm::cor::rr::EncodeResult(id, *outcome.value)
+                                           : gorm::cor::rr::EncodeError(id, outcome.error);
+                });
         } catch (const std::exception& error) {
             answer = gorm::cor::rr::EncodeError(call->id.value_or(0), error.what());
         }
@@ -77,6 +86,7 @@ public:
         time_.Tick();
         registry_.Supervise();
         registry_.ReapSome();
+        remote_.Tick();
     }
 
 private:
@@ -103,8 +113,33 @@ private:
                          accounts_,
                          0,
                          nullptr};
+    // Another broker that answers at once: it has the streams with an even number of letters.
+    class NoTransfer final : public RemoteTransfer {
+        TransferState State() const override { return {}; }
+    };
+    static void AskNobody(const std::string& broker, const std::string& stream, bool,
+                          const std::function<void(const RemoteStreams::Answer&)>& answered) {
+        RemoteStreams::Answer answer;
+        if (broker.size() % 2 == 0) {
+            answer.verdict = {kUnknownRemoteBroker, "nobody is there"};
+        }
+        answer.description = {"there", stream.size() % 2 == 0, broker.size(), 64, 4, false, 0, 0, 0,
+                              "topic"};
+        answered(answer);
+    }
+    RemoteStreams remote_{
+        "here",
+        "here:5000",
+        registry_,
+        time_,
+        {AskNobody,
+         [](const RemoteStreams::ImportOrder&) { return std::make_unique<NoTransfer>(); },
+         [](const RemoteStreams::ExportOrder&) { return std::make_unique<NoTransfer>(); },
+         [](std::unique_ptr<RemoteTransfer>) {}, [](int, const std::string&) {},
+         [](const std::string&) { return false; }}};
     RequestHandler handler_{registry_,
                             files_,
+                            remote_,
                             access_,
                             events_,
                             [](int, const std::string&) {},

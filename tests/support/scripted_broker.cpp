@@ -265,8 +265,9 @@ StreamFile& ScriptedBroker::CreateStream(const std::string& stream, int max_payl
     return *stream_files_.back();
 }
 
-std::string ScriptedBroker::Dispatch(const gorm::cor::rr::Caller&, std::string_view method,
-                                     const msgpack::object& params) {
+gorm::cor::rr::Eventual<std::string> ScriptedBroker::Dispatch(const gorm::cor::rr::Caller&,
+                                                              std::string_view method,
+                                                              const msgpack::object& params) {
     const std::string operation(method);
     std::unique_lock lock(mutex_);
     if (operation == "SendHeartbeat") {

@@ -90,8 +90,9 @@ public:
 private:
     // On the loop.
     void OpenTopic(const std::string& stream);
-    std::string Dispatch(const gorm::cor::rr::Caller& caller, std::string_view method,
-                         const msgpack::object& params) override;
+    gorm::cor::rr::Eventual<std::string> Dispatch(const gorm::cor::rr::Caller& caller,
+                                                  std::string_view method,
+                                                  const msgpack::object& params) override;
 
     const TempDirectory directory_;
     const std::shared_ptr<ProcessLock> lock_;

@@ -13,17 +13,11 @@ Verdict Admission::OfPublisher(const std::string& stream, bool known, std::size_
     return OfStream(stream, known, streams);
 }
 
-Verdict Admission::OfSubscriber(const std::string& stream, const std::string& uuid,
-                                const std::string& remote_broker, bool known,
+Verdict Admission::OfSubscriber(const std::string& stream, const std::string& uuid, bool known,
                                 std::size_t streams) const {
     if (!IsWellFormedName(stream) || !IsWellFormedName(uuid)) {
         return {kIllFormedName,
                 Quoted(stream) + " cannot name a stream, or " + Quoted(uuid) + " a subscriber"};
-    }
-    if (!remote_broker.empty()) {
-        return {kUnknownRemoteBroker, "stream " + Quoted(stream) + " of the remote broker " +
-                                          Quoted(remote_broker) +
-                                          ": this broker works with no other one"};
     }
     return OfStream(stream, known, streams);
 }

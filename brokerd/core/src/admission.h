@@ -16,8 +16,8 @@ public:
 
     /// @param known whether the broker keeps the stream already. @param streams how many it keeps.
     Verdict OfPublisher(const std::string& stream, bool known, std::size_t streams) const;
-    Verdict OfSubscriber(const std::string& stream, const std::string& uuid,
-                         const std::string& remote_broker, bool known, std::size_t streams) const;
+    Verdict OfSubscriber(const std::string& stream, const std::string& uuid, bool known,
+                         std::size_t streams) const;
 
     void set_max_streams(std::uint32_t max_streams) { max_streams_ = max_streams; }
     /// From now on nobody.

@@ -3,6 +3,7 @@
 #include "access.h"
 #include "broker_directory.h"
 #include "event_log.h"
+#include "federation.h"
 #include "gated_service.h"
 #include "gorm/cor/curve.h"
 #include "gorm/cor/process.h"
@@ -15,6 +16,9 @@
 #include "stream_registry.h"
 #include "topics.h"
 
+#include <climits>
+
+#include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <limits>
@@ -131,6 +135,7 @@ private:
     std::unique_ptr<gorm::cor::ps::Publisher> publisher_;
     std::unique_ptr<Topics> topics_;
     std::unique_ptr<StreamRegistry> registry_;
+    std::unique_ptr<Federation> federation_;
     EventLog events_;
     std::uint64_t notifications_ = 0;
     std::unique_ptr<RequestGate> gate_;
@@ -169,6 +174,19 @@ std::vector<AccessRule> RulesOf(const BrokerOptions& options) {
     return rules;
 }
 
+// What other brokers call this one, and its topics. A port that is drawn is known too late.
+std::string NameOf(const BrokerOptions& options, std::uint16_t notification_port) {
+    if (!options.name.empty()) {
+        return options.name;
+    }
+    std::array<char, HOST_NAME_MAX + 1> host{};
+    if (::gethostname(host.data(), host.size() - 1) != 0) {
+        throw std::system_error(errno, std::generic_category(), "asking for the host's name");
+    }
+    return std::string(host.data()) + ":" +
+           std::to_string(options.port != 0 ? options.port : notification_port);
+}
+
 RequestGate::Limits LimitsOf(const BrokerOptions& options) {
     return {options.request_rate, options.request_burst};
 }
@@ -192,6 +210,7 @@ Broker::Impl::Impl(const BrokerOptions& options, KvoLogger* logger) : logger_(lo
             processes_->Refresh();
             registry_->Supervise();
             registry_->ReapSome();
+            federation_->Tick();
             gate_->ForgetIdle(std::chrono::steady_clock::now());
             if (++ticks_ % kTicksToTopics == 0) {
                 topics_->CloseUnless(
@@ -244,11 +263,17 @@ void Broker::Impl::Start(const BrokerOptions& options) {
         }
     });
     registry_->Adopt(files_->Sweep([this](const std::string& text) { Log(3, text); }));
+    federation_ = std::make_unique<Federation>(
+        Federation::Settings{NameOf(options, notification_port_), options.federation,
+                             options.exported_streams,
+                             publisher_->serves_local() ? serving.topic_directory : "",
+                             options.make_federation_engine},
+        loop_, *registry_, *files_, *time_, *topics_, logger_);
     access_ = std::make_unique<Access>(
         RulesOf(options), accounts_, ::geteuid(),
         [this](const std::string& key) { return curve_ == nullptr ? "" : curve_->NameOf(key); });
     handler_ = std::make_unique<RequestHandler>(
-        *registry_, *files_, *access_, events_,
+        *registry_, *files_, federation_->streams(), *access_, events_,
         [this](int level, const std::string& text) { Log(level, text); },
         RequestHandler::TopicCalls{[this](const std::string& stream) { OpenTopic(stream); },
                                    [this](const std::string& stream) { topics_->Relay(stream); }},
@@ -297,6 +322,14 @@ void Broker::Impl::Notify(const std::string& stream, NotificationType type) {
         events_.Add(kind, stream);
     }
     topics_->Publish(stream, type);
+    if (federation_ == nullptr) {
+        return;
+    }
+    if (type == NEW_DATA) {
+        federation_->streams().NewData(stream);
+    } else if (type == PUB_REG || type == PUB_UNREG) {
+        federation_->streams().PublisherChanged(stream);
+    }
 }
 
 void Broker::Impl::Lost(const gorm::cor::rr::Caller& caller) {
@@ -341,6 +374,7 @@ BrokerState Broker::Impl::State() {
         state.memory_budget_bytes = files_->budget_bytes();
         state.streams = registry_->Streams();
         state.clients = registry_->Clients();
+        state.remote_streams = federation_->streams().States();
         state.events = events_.Newest();
     });
     return state;
@@ -367,11 +401,15 @@ void Broker::Impl::Reconfigure(const BrokerOptions& options) {
 }
 
 void Broker::Impl::Drain() {
-    loop_.Run([this] { registry_->Drain(); });
+    loop_.Run([this] {
+        federation_->streams().EndAll();
+        registry_->Drain();
+    });
 }
 
 void Broker::Impl::Stop() {
     server_.reset();
+    federation_.reset();
     if (registry_ != nullptr) {
         registry_->Leave();
     }

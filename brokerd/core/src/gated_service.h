@@ -18,14 +18,15 @@ public:
     GatedService(gorm::cor::rr::Service& service, RequestGate& gate, Clock clock)
         : service_(service), gate_(gate), clock_(std::move(clock)) {}
 
-    std::string Dispatch(const gorm::cor::rr::Caller& caller, std::string_view method,
-                         const msgpack::object& params) override {
+    gorm::cor::rr::Eventual<std::string> Dispatch(const gorm::cor::rr::Caller& caller,
+                                                  std::string_view method,
+                                                  const msgpack::object& params) override {
         if (method != "SendHeartbeat" && method != "NotifyNewData" && method != "RelayNewData" &&
             method != "ReportDataWritten") {
             gate_.Admit(caller.connection, clock_());
         }
         KVO_CRASH_POINT((std::string(method) + " taken").c_str());
-        std::string answer = service_.Dispatch(caller, method, params);
+        auto answer = service_.Dispatch(caller, method, params);
         KVO_CRASH_POINT((std::string(method) + " done").c_str());
         return answer;
     }

@@ -1,11 +1,29 @@
 #include "request_handler.h"
 
+#include "remote_brokers.h"
 #include "stream_name.h"
 
+#include <algorithm>
+#include <cstddef>
 #include <stdexcept>
 
 namespace kvo::brokerd {
 namespace {
+
+constexpr std::size_t kMaxImporterBytes = 300;
+
+// The other broker and the stream have no spaces in them.
+std::string EncodeRemoteStream(const RemoteStreamState& state) {
+    std::string line = state.import ? "import" : "export";
+    line += ' ' + state.broker + ' ' + state.stream + (state.live ? " live" : " lost");
+    for (const std::uint64_t number :
+         {state.samples, state.payload_bytes, static_cast<std::uint64_t>(state.samples_per_s),
+          static_cast<std::uint64_t>(state.bytes_per_s), state.lost_on_the_way, state.overtaken,
+          state.refused, state.deadlines_missed}) {
+        line += ' ' + std::to_string(number);
+    }
+    return line;
+}
 
 void DemandName(const std::string& stream) {
     if (!IsWellFormedName(stream)) {
@@ -83,9 +101,8 @@ void RequestHandler::SendHeartbeat(const Caller& caller, const std::string& clie
     registry_.Beat(caller.identity, client_id);
 }
 
-// Latency and deadline matter to remote subscribers only.
 std::int32_t RequestHandler::AddPublisher(const Caller& caller, const std::string& stream,
-                                          std::int32_t /*latency_ms*/, std::int32_t /*deadline_s*/,
+                                          std::int32_t latency_ms, std::int32_t deadline_s,
                                           std::int32_t max_data_sample_size,
                                           std::int32_t number_of_samples, bool compute_checksum,
                                           const std::string& publisher_key) {
@@ -95,10 +112,11 @@ std::int32_t RequestHandler::AddPublisher(const Caller& caller, const std::strin
     if (IsWellFormedName(stream)) {
         claims_.Keep(AskerOf(caller), stream);
     }
-    return Tell(caller, stream,
-                registry_.AddPublisher(caller.identity,
-                                       {stream, max_data_sample_size, number_of_samples,
-                                        compute_checksum, publisher_key, AccountOf(caller.peer)}));
+    return Tell(
+        caller, stream,
+        registry_.AddPublisher(caller.identity,
+                               {stream, max_data_sample_size, number_of_samples, compute_checksum,
+                                publisher_key, AccountOf(caller.peer), latency_ms, deadline_s}));
 }
 
 std::int32_t RequestHandler::RemovePublisher(const Caller& caller, const std::string& stream) {
@@ -117,20 +135,44 @@ void RequestHandler::RelayNewData(const Caller& caller, const std::string& strea
     }
 }
 
-std::int32_t RequestHandler::AddSubscriber(const Caller& caller, const std::string& subscriber_uuid,
-                                           const std::string& stream,
-                                           const std::string& remote_broker_uri,
-                                           std::int32_t /*latency_ms*/,
-                                           std::int32_t /*deadline_s*/) {
-    if (const std::string fault = WhyNot(caller, Right::kSubscribe, stream); !fault.empty()) {
-        return Tell(caller, stream, {kNoRight, fault});
-    }
-    const Verdict verdict = registry_.AddSubscriber(caller.identity, subscriber_uuid, stream,
-                                                    remote_broker_uri, AccountOf(caller.peer));
+std::int32_t RequestHandler::Subscribe(const Caller& caller, const std::string& uuid,
+                                       const std::string& stream) {
+    const Verdict verdict =
+        registry_.AddSubscriber(caller.identity, uuid, stream, AccountOf(caller.peer));
     if (!verdict.refused()) {
         topics_.open(stream);  // before the answer, after which he looks for it
     }
     return Tell(caller, stream, verdict);
+}
+
+// A subscriber's latency can not be watched: the clocks of two hosts differ.
+RequestHandler::Eventual<std::int32_t> RequestHandler::AddSubscriber(
+    const Caller& caller, const std::string& subscriber_uuid, const std::string& stream,
+    const std::string& remote_broker_uri, std::int32_t /*latency_ms*/, std::int32_t deadline_s) {
+    if (const std::string fault = WhyNot(caller, Right::kSubscribe, stream); !fault.empty()) {
+        return Tell(caller, stream, {kNoRight, fault});
+    }
+    if (remote_broker_uri.empty()) {
+        return Subscribe(caller, subscriber_uuid, stream);
+    }
+    if (const Verdict verdict = registry_.CheckSubscriber(caller.identity, subscriber_uuid, stream,
+                                                          AccountOf(caller.peer));
+        verdict.refused()) {
+        return Tell(caller, stream, verdict);
+    }
+    std::string broker;
+    try {
+        broker = CompleteBrokerUri(remote_broker_uri);
+    } catch (const std::exception& error) {
+        return Tell(caller, stream, {kUnknownRemoteBroker, error.what()});
+    }
+    Eventual<std::int32_t> answer;
+    remote_.Bring(broker, stream, deadline_s,
+                  [this, caller, subscriber_uuid, stream, answer](const Verdict& verdict, bool) {
+                      answer.Give(verdict.refused() ? Tell(caller, stream, verdict)
+                                                    : Subscribe(caller, subscriber_uuid, stream));
+                  });
+    return answer;
 }
 
 std::int32_t RequestHandler::RemoveSubscriber(const Caller& caller, const std::string& stream,
@@ -156,13 +198,22 @@ std::vector<std::string> RequestHandler::GetStreamStatistics(const Caller& calle
     if (!statistics) {
         throw std::runtime_error("no stream " + Quoted(stream));
     }
-    return {std::to_string(statistics->last_write_ms),
-            std::to_string(statistics->subscribers),
-            std::to_string(statistics->samples),
-            std::to_string(statistics->payload_bytes),
-            std::to_string(statistics->dropped),
-            statistics->published ? "1" : "0",
-            statistics->path};
+    const TransferState imported = remote_.Imported(stream);
+    const TransferState exported = remote_.Exported(stream);
+    return {std::to_string(statistics->last_write_ms), std::to_string(statistics->subscribers),
+            std::to_string(statistics->samples), std::to_string(statistics->payload_bytes),
+            std::to_string(statistics->dropped + imported.lost_on_the_way + imported.refused),
+            statistics->published     ? "1"
+            : statistics->remote_live ? "2"
+                                      : "0",
+            statistics->path,
+            // Beyond what every broker tells: what did not arrive, by cause.
+            "remote-broker=" + statistics->remote_broker,
+            "lost-on-the-way=" + std::to_string(imported.lost_on_the_way),
+            "not-taken=" + std::to_string(imported.refused),
+            "exported=" + std::to_string(exported.samples),
+            "export-overtaken=" + std::to_string(exported.overtaken),
+            "export-held-up=" + std::to_string(exported.refused)};
 }
 
 std::int32_t RequestHandler::GetHeartbeatPeriod(const Caller& /*caller*/) {
@@ -183,17 +234,61 @@ std::string RequestHandler::GetExistingShmPath(const Caller& caller, const std::
 }
 
 bool RequestHandler::IsStreamIdFree(const Caller& /*caller*/, const std::string& stream) {
-    return !registry_.IsPublished(stream);
+    return !registry_.IsTaken(stream);
 }
 
 bool RequestHandler::HasLocalPublisher(const Caller& /*caller*/, const std::string& stream) {
     return registry_.IsPublished(stream);
 }
 
-bool RequestHandler::HasRemotePublisher(const Caller& /*caller*/,
-                                        const std::string& /*remote_broker_uri*/,
-                                        const std::string& /*stream*/) {
-    return false;
+RequestHandler::Eventual<bool> RequestHandler::HasRemotePublisher(
+    const Caller& caller, const std::string& remote_broker_uri, const std::string& stream) {
+    DemandName(stream);
+    if (const std::string fault = access_.WhyNot(caller.peer, Right::kSubscribe, stream);
+        !fault.empty()) {
+        reasons_.Keep(AskerOf(caller), stream, fault);
+        return false;
+    }
+    std::string broker;
+    try {
+        broker = CompleteBrokerUri(remote_broker_uri);
+    } catch (const std::exception& error) {
+        reasons_.Keep(AskerOf(caller), stream, error.what());
+        return false;
+    }
+    Eventual<bool> answer;
+    remote_.Look(broker, stream, [this, caller, stream, answer](const Verdict& verdict, bool) {
+        if (verdict.refused()) {
+            reasons_.Keep(AskerOf(caller), stream, verdict.reason);
+        }
+        answer.Give(!verdict.refused());
+    });
+    return answer;
+}
+
+std::vector<std::string> RequestHandler::DescribeStream(const Caller& caller,
+                                                        const std::string& stream,
+                                                        const std::string& importer) {
+    DemandName(stream);
+    if (importer.size() > kMaxImporterBytes ||
+        !std::all_of(importer.begin(), importer.end(),
+                     [](char c) { return c > ' ' && c <= '~'; })) {
+        throw std::runtime_error("this can not be the name of a broker: " + Quoted(importer));
+    }
+    if (const std::string fault = access_.WhyNot(caller.peer, Right::kSubscribe, stream);
+        !fault.empty()) {
+        Record(caller, stream, "", fault);
+        throw std::runtime_error(fault);
+    }
+    return EncodeDescription(remote_.Describe(stream, importer));
+}
+
+std::vector<std::string> RequestHandler::ListRemoteStreams(const Caller& /*caller*/) {
+    std::vector<std::string> lines;
+    for (const RemoteStreamState& state : remote_.States()) {
+        lines.push_back(EncodeRemoteStream(state));
+    }
+    return lines;
 }
 
 void RequestHandler::ReportDataWritten(const Caller& caller, const std::string& stream,
@@ -212,7 +307,7 @@ std::vector<std::string> RequestHandler::ListRegisteredStreams(const Caller& /*c
 }
 
 std::vector<std::string> RequestHandler::ListConnectedBrokers(const Caller& /*caller*/) {
-    return {};
+    return remote_.ConnectedBrokers();
 }
 
 std::vector<std::string> RequestHandler::GetCapabilities(const Caller& /*caller*/) {

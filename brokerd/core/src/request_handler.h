@@ -5,6 +5,7 @@
 #include "kvo/broker/data_broker_registration_handler.h"
 #include "publisher_claims.h"
 #include "refusals.h"
+#include "remote_streams.h"
 #include "stream_registry.h"
 
 #include <functional>
@@ -29,10 +30,12 @@ public:
         std::function<void(const std::string& stream)> relay;  // NEW_DATA for those at sockets
     };
     using Log = std::function<void(int level, const std::string& text)>;
-    RequestHandler(StreamRegistry& registry, StreamFiles& files, const Access& access,
-                   EventLog& events, Log log, TopicCalls topics, const Answers& answers)
+    RequestHandler(StreamRegistry& registry, StreamFiles& files, RemoteStreams& remote,
+                   const Access& access, EventLog& events, Log log, TopicCalls topics,
+                   const Answers& answers)
         : registry_(registry),
           files_(files),
+          remote_(remote),
           access_(access),
           events_(events),
           log_(std::move(log)),
@@ -50,9 +53,10 @@ public:
     std::int32_t RemovePublisher(const Caller& caller, const std::string& stream) override;
     void NotifyNewData(const Caller& caller, const std::string& stream) override;
     void RelayNewData(const Caller& caller, const std::string& stream) override;
-    std::int32_t AddSubscriber(const Caller& caller, const std::string& subscriber_uuid,
-                               const std::string& stream, const std::string& remote_broker_uri,
-                               std::int32_t latency_ms, std::int32_t deadline_s) override;
+    Eventual<std::int32_t> AddSubscriber(const Caller& caller, const std::string& subscriber_uuid,
+                                         const std::string& stream,
+                                         const std::string& remote_broker_uri,
+                                         std::int32_t latency_ms, std::int32_t deadline_s) override;
     std::int32_t RemoveSubscriber(const Caller& caller, const std::string& stream,
                                   const std::string& subscriber_uuid) override;
     std::string GetPublisherKey(const Caller& caller, const std::string& stream) override;
@@ -65,8 +69,8 @@ public:
     std::string GetExistingShmPath(const Caller& caller, const std::string& stream) override;
     bool IsStreamIdFree(const Caller& caller, const std::string& stream) override;
     bool HasLocalPublisher(const Caller& caller, const std::string& stream) override;
-    bool HasRemotePublisher(const Caller& caller, const std::string& remote_broker_uri,
-                            const std::string& stream) override;
+    Eventual<bool> HasRemotePublisher(const Caller& caller, const std::string& remote_broker_uri,
+                                      const std::string& stream) override;
     void ReportDataWritten(const Caller& caller, const std::string& stream,
                            std::int32_t payload_size, std::int64_t written_ms) override;
     std::int32_t GetMaxBufferSize(const Caller& caller, std::int32_t max_data_sample_size) override;
@@ -74,6 +78,9 @@ public:
     std::vector<std::string> ListConnectedBrokers(const Caller& caller) override;
     std::vector<std::string> GetCapabilities(const Caller& caller) override;
     std::string GetRefusalReason(const Caller& caller, const std::string& stream) override;
+    std::vector<std::string> DescribeStream(const Caller& caller, const std::string& stream,
+                                            const std::string& importer) override;
+    std::vector<std::string> ListRemoteStreams(const Caller& caller) override;
 
 private:
     /// Empty: the caller may, or the name is no stream's and is refused as such.
@@ -85,10 +92,13 @@ private:
     std::int32_t End(const Caller& caller, const std::string& stream, Remove remove);
     void Record(const Caller& caller, const std::string& stream, const std::string& code,
                 const std::string& reason);
+    std::int32_t Subscribe(const Caller& caller, const std::string& uuid,
+                           const std::string& stream);
     std::int32_t Tell(const Caller& caller, const std::string& stream, const Verdict& verdict);
 
     StreamRegistry& registry_;
     StreamFiles& files_;
+    RemoteStreams& remote_;
     const Access& access_;
     EventLog& events_;
     const Log log_;

@@ -100,6 +100,10 @@ Verdict StreamRegistry::AddPublisher(const std::string& identity, const Publicat
     }
     if (known != streams_.end()) {
         Stream& stream = known->second;
+        if (stream.import) {
+            return {kStreamInUse,
+                    "stream " + Quoted(name) + " is brought here from " + stream.import->broker};
+        }
         if (KnowsKey(stream, publication.key)) {
             const bool same_shape =
                 stream.file != nullptr && !stream.file->writer_state().retired &&
@@ -124,8 +128,9 @@ Verdict StreamRegistry::AddPublisher(const std::string& identity, const Publicat
 // The publisher of before goes on in its segment: same epoch, same sequence.
 Verdict StreamRegistry::Resume(const std::string& identity, const Publication& publication,
                                Stream& stream) {
-    stream.publisher = Publisher{Client(identity, publication.user, time_.Now()), publication.key,
-                                 DeadWriterOf(*stream.file)};
+    stream.publisher =
+        Publisher{Client(identity, publication.user, time_.Now()), publication.key,
+                  DeadWriterOf(*stream.file), publication.latency_ms, publication.deadline_s};
     stream.removal_due.reset();
     log_(2, "stream " + Quoted(publication.stream) + ": publisher registered again");
     notify_(publication.stream, PUB_REG);
@@ -163,7 +168,11 @@ Verdict StreamRegistry::Begin(const std::string& identity, const Publication& pu
         }
         throw;
     }
-    stream.publisher = Publisher{Client(identity, publication.user, time_.Now()), key, {}};
+    stream.publisher = Publisher{Client(identity, publication.user, time_.Now()),
+                                 key,
+                                 {},
+                                 publication.latency_ms,
+                                 publication.deadline_s};
     stream.removal_due.reset();
     log_(2, stream_text + ": publisher registered, " + std::to_string(publication.samples) +
                 " samples of " + std::to_string(publication.sample_bytes) + " bytes");
@@ -231,15 +240,19 @@ Verdict StreamRegistry::RemovePublisher(const std::string& identity, const std::
     return {};
 }
 
-Verdict StreamRegistry::AddSubscriber(const std::string& identity, const std::string& uuid,
-                                      const std::string& name, const std::string& remote_broker,
-                                      const std::string& user) {
-    if (Verdict verdict = admission_.OfSubscriber(name, uuid, remote_broker,
-                                                  streams_.count(name) != 0, streams_.size());
+Verdict StreamRegistry::CheckSubscriber(const std::string& identity, const std::string& uuid,
+                                        const std::string& name, const std::string& user) const {
+    if (Verdict verdict =
+            admission_.OfSubscriber(name, uuid, streams_.count(name) != 0, streams_.size());
         verdict.refused()) {
         return verdict;
     }
-    if (Verdict verdict = QuotaOf(identity, user, name, 0); verdict.refused()) {
+    return QuotaOf(identity, user, name, 0);
+}
+
+Verdict StreamRegistry::AddSubscriber(const std::string& identity, const std::string& uuid,
+                                      const std::string& name, const std::string& user) {
+    if (Verdict verdict = CheckSubscriber(identity, uuid, name, user); verdict.refused()) {
         return verdict;
     }
     streams_[name].subscribers.insert_or_assign(uuid, Client(identity, user, time_.Now()));
@@ -344,6 +357,114 @@ bool StreamRegistry::IsPublished(const std::string& name) {
     return found != streams_.end() && HasLivingPublisher(name, found->second);
 }
 
+bool StreamRegistry::IsTaken(const std::string& name) {
+    const auto found = streams_.find(name);
+    return found != streams_.end() &&
+           (found->second.import || HasLivingPublisher(name, found->second));
+}
+
+StreamDescription StreamRegistry::Describe(const std::string& name) {
+    StreamDescription description;
+    const auto found = streams_.find(name);
+    if (found == streams_.end() || !HasLivingPublisher(name, found->second)) {
+        return description;
+    }
+    const Stream& stream = found->second;
+    const StreamGeometry& geometry = stream.file->geometry();
+    description.published = true;
+    description.epoch = stream.file->epoch();
+    description.max_payload_bytes = geometry.max_payload_bytes;
+    description.retained_samples = geometry.retained_samples;
+    description.checksum = stream.file->asks_for_checksums();
+    description.latency_ms = stream.publisher->latency_ms;
+    description.deadline_s = stream.publisher->deadline_s;
+    return description;
+}
+
+Verdict StreamRegistry::BeginImport(const std::string& name, const std::string& broker,
+                                    std::uint32_t sample_bytes, std::uint32_t samples,
+                                    bool checksum) {
+    const auto known = streams_.find(name);
+    if (Verdict verdict = admission_.OfPublisher(name, known != streams_.end(), streams_.size());
+        verdict.refused()) {
+        return verdict;
+    }
+    if (known != streams_.end() && !known->second.import) {
+        Stream& stream = known->second;
+        if (HasLivingPublisher(name, stream) ||
+            (stream.file != nullptr && !stream.file->writer_state().retired &&
+             files_.WriterLives(*stream.file))) {
+            return {kStreamInUse, "stream " + Quoted(name) +
+                                      " has a publisher of this host, so it can not be " +
+                                      "brought from " + broker};
+        }
+    }
+    const std::string stream_text = "stream " + Quoted(name) + " of " + broker;
+    try {
+        const StreamGeometry geometry = files_.Plan(sample_bytes, samples);
+        if (const std::uint64_t available = files_.AvailableBytes();
+            geometry.total_bytes() > available) {
+            return {kNotEnoughMemory, stream_text + " needs " +
+                                          std::to_string(geometry.total_bytes()) +
+                                          " bytes of shared memory here, " +
+                                          std::to_string(available) + " are available"};
+        }
+        std::unique_ptr<StreamFile> none;
+        auto& before = known == streams_.end() ? none : known->second.file;
+        auto file = files_.Create(name, geometry, DrawPublisherKey(), checksum, before);
+        streams_[name].file = std::move(file);
+    } catch (const std::invalid_argument& error) {
+        return {kIllFormedGeometry, stream_text + ": " + error.what()};
+    } catch (const std::system_error& error) {
+        return {kNotEnoughMemory, stream_text + ": " + error.what()};
+    }
+    Stream& stream = streams_[name];
+    stream.import = Import{broker, true};
+    stream.removal_due.reset();
+    log_(2, stream_text + ": brought here from now on");
+    notify_(name, PUB_REG);
+    return {};
+}
+
+void StreamRegistry::ImportLost(const std::string& name, const std::string& why) {
+    Import& import = *streams_.at(name).import;
+    if (std::exchange(import.live, false)) {
+        log_(3, "stream " + Quoted(name) + " of " + import.broker + " is out of reach: " + why);
+        notify_(name, PUB_UNREG);
+    }
+}
+
+void StreamRegistry::ImportBack(const std::string& name) {
+    Stream& stream = streams_.at(name);
+    if (!std::exchange(stream.import->live, true)) {
+        log_(2, "stream " + Quoted(name) + " of " + stream.import->broker + " is back");
+        notify_(name, PUB_REG);
+        if (HoldsSample(*stream.file)) {
+            notify_(name, NEW_DATA);
+        }
+    }
+}
+
+void StreamRegistry::EndImport(const std::string& name) {
+    const auto found = streams_.find(name);
+    if (found == streams_.end()) {
+        return;
+    }
+    if (std::exchange(found->second.import->live, false)) {
+        notify_(name, PUB_UNREG);
+    }
+    found->second.import.reset();
+    RemoveFile(name, found->second);
+    if (found->second.unused()) {
+        streams_.erase(found);
+    }
+}
+
+std::size_t StreamRegistry::Subscribers(const std::string& name) const {
+    const auto found = streams_.find(name);
+    return found == streams_.end() ? 0 : found->second.subscribers.size();
+}
+
 std::vector<std::string> StreamRegistry::Published() {
     std::vector<std::string> names;
     for (auto& [name, stream] : streams_) {
@@ -358,6 +479,10 @@ StreamState StreamRegistry::StateOf(const std::string& name, const Stream& strea
     StreamState state;
     state.name = name;
     state.published = stream.publisher.has_value();
+    if (stream.import) {
+        state.remote_broker = stream.import->broker;
+        state.remote_live = stream.import->live;
+    }
     state.subscribers = stream.subscribers.size();
     state.last_write_ms = stream.last_write_ms;
     state.path = files_.PathOf(name);
@@ -433,7 +558,8 @@ void StreamRegistry::SuperviseStream(const std::string& name, Stream& stream) {
                 EndPublisher(name, stream, "its heartbeats have ended");
                 break;
         }
-    } else if (stream.file != nullptr && !stream.removal_due && !files_.WriterLives(*stream.file)) {
+    } else if (stream.file != nullptr && !stream.import && !stream.removal_due &&
+               !files_.WriterLives(*stream.file)) {
         // Left by an earlier broker, and its writer never came back.
         stream.file->Retire();
         RemoveFile(name, stream);
@@ -482,6 +608,7 @@ void StreamRegistry::Drain() {
         if (stream.publisher) {
             EndPublisher(name, stream, "the broker is being drained");
         }
+        stream.import.reset();
         if (stream.file != nullptr) {
             stream.file->Retire();
             RemoveFile(name, stream);

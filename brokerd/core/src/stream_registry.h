@@ -2,6 +2,7 @@
 
 #include "admission.h"
 #include "kvo/broker/notification_sample.h"
+#include "kvo/broker/stream_description.h"
 #include "kvo/brokerd/broker_state.h"
 #include "liveness.h"
 #include "quota.h"
@@ -48,21 +49,40 @@ public:
         std::int32_t sample_bytes;
         std::int32_t samples;
         bool checksum;
-        std::string key;     // empty: the first registration
-        std::string user{};  // on whose account it goes, for people too
+        std::string key;              // empty: the first registration
+        std::string user{};           // on whose account it goes, for people too
+        std::int32_t latency_ms = 0;  // for other hosts; 0 and below: none
+        std::int32_t deadline_s = 0;  // for other hosts; 0 and below: none
     };
     Verdict AddPublisher(const std::string& identity, const Publication& publication);
     /// Whose registrations a caller may end.
     enum class Whose { kOwn, kAnybodys };
     /// -1: the stream has no publisher, or not the caller.
     Verdict RemovePublisher(const std::string& identity, const std::string& stream, Whose whose);
-    /// @param remote_broker empty: the stream is of this host.
+    /// Whether a subscriber with these names could be added.
+    Verdict CheckSubscriber(const std::string& identity, const std::string& uuid,
+                            const std::string& stream, const std::string& user = {}) const;
     Verdict AddSubscriber(const std::string& identity, const std::string& uuid,
-                          const std::string& stream, const std::string& remote_broker,
-                          const std::string& user = {});
+                          const std::string& stream, const std::string& user = {});
     /// -1: there is no such subscriber, or it is of another process.
     Verdict RemoveSubscriber(const std::string& identity, const std::string& stream,
                              const std::string& uuid, Whose whose);
+
+    /// The stream is brought from another broker from now on, or its next segment is: makes its
+    /// file. Its subscribers are told of a publisher.
+    Verdict BeginImport(const std::string& stream, const std::string& broker,
+                        std::uint32_t sample_bytes, std::uint32_t samples, bool checksum);
+    /// The publisher of an imported stream is out of reach; the file stays.
+    void ImportLost(const std::string& stream, const std::string& why);
+    /// It is back, with the same segment.
+    void ImportBack(const std::string& stream);
+    /// The import is over, and its file goes. For a stream that is imported.
+    void EndImport(const std::string& stream);
+    std::size_t Subscribers(const std::string& stream) const;
+
+    /// What there is to say to other brokers about a stream of this host that has a living
+    /// publisher; the names of broker and topic are not filled in. Not published: it has none.
+    StreamDescription Describe(const std::string& stream);
 
     /// @param id stream of a publisher, uuid of a subscriber. Throws std::runtime_error naming the
     /// id when the caller has registered nothing under it.
@@ -84,6 +104,8 @@ public:
     /// Throws std::runtime_error when the caller does not publish the stream.
     std::string KeyFor(const std::string& identity, const std::string& stream) const;
     bool IsPublished(const std::string& stream);
+    /// Whether nobody can publish it now: it has a living publisher, or is imported.
+    bool IsTaken(const std::string& stream);
     std::vector<std::string> Published();
     /// None: the stream is unknown.
     std::optional<StreamState> StateOf(const std::string& stream) const;
@@ -109,15 +131,24 @@ private:
         Client client;
         std::string key;
         ProcessTag dead_writer;  // who held the file's writer role at the registration, if dead
+        std::int32_t latency_ms = 0;
+        std::int32_t deadline_s = 0;
+    };
+    struct Import {
+        std::string broker;
+        bool live = false;
     };
     using SubscriberMap = std::map<std::string, Client>;  // by uuid
     struct Stream {
         std::optional<Publisher> publisher;
+        std::optional<Import> import;  // instead of a publisher
         SubscriberMap subscribers;
         std::unique_ptr<StreamFile> file;
         std::optional<TimePoint> removal_due;
         std::uint64_t last_write_ms = 0;
-        bool unused() const { return !publisher && subscribers.empty() && file == nullptr; }
+        bool unused() const {
+            return !publisher && !import && subscribers.empty() && file == nullptr;
+        }
     };
     using StreamMap = std::map<std::string, Stream>;
 

@@ -199,12 +199,21 @@ void Router::Handle(std::vector<zmq::message_t>& frames) {
     if (link != nullptr) {
         Introduce(*link, caller);
     }
-    const std::string answer =
+    const Eventual<std::string> answer =
         link != nullptr && link->refused ? user_.TooMany(*call) : user_.Answer(caller, path, *call);
     if (!call->id) {
         return;
     }
-    // A peer that has gone or takes no answers loses them; the loop waits for nobody.
+    answer.Then([router = std::weak_ptr(self_), peer,
+                 at = std::string(path)](const Ending<std::string>& outcome) {
+        if (const auto self = router.lock(); self != nullptr && outcome.value) {
+            (*self)->Send(peer, at, *outcome.value);
+        }
+    });
+}
+
+// A peer that has gone or takes no answers loses them; the loop waits for nobody.
+void Router::Send(const std::string& peer, const std::string& path, const std::string& answer) {
     if (socket_.send(zmq::buffer(peer), zmq::send_flags::dontwait | zmq::send_flags::sndmore) &&
         socket_.send(zmq::buffer(path), zmq::send_flags::dontwait | zmq::send_flags::sndmore)) {
         socket_.send(zmq::buffer(answer), zmq::send_flags::dontwait);

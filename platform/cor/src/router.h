@@ -27,7 +27,8 @@ public:
     virtual bool Begins(const Caller& caller) = 0;
     /// A connection that has begun is gone.
     virtual void Ended(const Caller& caller) = 0;
-    virtual std::string Answer(const Caller& caller, std::string_view path, const Call& call) = 0;
+    virtual Eventual<std::string> Answer(const Caller& caller, std::string_view path,
+                                         const Call& call) = 0;
     virtual std::string TooMany(const Call& call) const = 0;
 };
 
@@ -70,6 +71,7 @@ private:
     void Introduce(Link& link, const Caller& caller);
     void End(int descriptor);
     void TellRefused(const Link& link);
+    void Send(const std::string& peer, const std::string& path, const std::string& answer);
 
     PollLoop& loop_;
     const Settings settings_;
@@ -80,6 +82,8 @@ private:
     std::string endpoint_;
     std::map<int, Link> links_;              // by descriptor
     const char* handshake_fault_ = nullptr;  // told before the end of its connection
+    // Answers that come later look whether we are still there.
+    const std::shared_ptr<Router*> self_ = std::make_shared<Router*>(this);
 };
 
 }  // namespace gorm::cor::rr

@@ -31,7 +31,8 @@ public:
 
     bool Begins(const Caller& caller) override;
     void Ended(const Caller& caller) override;
-    std::string Answer(const Caller& caller, std::string_view path, const Call& call) override;
+    Eventual<std::string> Answer(const Caller& caller, std::string_view path,
+                                 const Call& call) override;
     std::string TooMany(const Call& call) const override;
 
 private:
@@ -114,20 +115,36 @@ std::string Server::Impl::TooMany(const Call& call) const {
         "there are already " + std::to_string(options_.max_connections) + " connections");
 }
 
-std::string Server::Impl::Answer(const Caller& caller, std::string_view path, const Call& call) {
+namespace {
+
+std::string EncodeOutcome(std::uint32_t id, const Ending<std::string>& outcome) {
+    if (!outcome.value) {
+        return EncodeError(id, outcome.error);
+    }
+    std::string answer = EncodeResult(id, *outcome.value);
+    if (answer.size() > kMaxReplyBytes) {
+        // Sent, it would cost the client its link.
+        return EncodeError(id, "the answer has " + std::to_string(answer.size()) +
+                                   " bytes, at most " + std::to_string(kMaxReplyBytes) +
+                                   " can be sent");
+    }
+    return answer;
+}
+
+}  // namespace
+
+Eventual<std::string> Server::Impl::Answer(const Caller& caller, std::string_view path,
+                                           const Call& call) {
     const std::uint32_t id = call.id.value_or(0);
     try {
         if (path != path_) {
             return EncodeError(id, "nothing is served at the path of the request");
         }
-        std::string answer =
-            EncodeResult(id, service_.Dispatch(caller, call.method, call.params()));
-        if (answer.size() > kMaxReplyBytes) {
-            // Sent, it would cost the client its link.
-            return EncodeError(id, "the answer has " + std::to_string(answer.size()) +
-                                       " bytes, at most " + std::to_string(kMaxReplyBytes) +
-                                       " can be sent");
-        }
+        Eventual<std::string> answer;
+        service_.Dispatch(caller, call.method, call.params())
+            .Then([answer, id](const Ending<std::string>& outcome) {
+                answer.Give(EncodeOutcome(id, outcome));
+            });
         return answer;
     } catch (const std::exception& error) {
         return EncodeError(id, error.what());

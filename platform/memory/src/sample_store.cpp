@@ -20,7 +20,8 @@ DataSample* SampleStore::HandOut() {
     sample.sample_tag_ = content.sample_tag;
     sample.topic_id_ = content.topic_id;
     sample.timestamp_ms_ = content.timestamp_ms;
-    sample.sequence_number_ = place.taken.sequence_number;
+    sample.sequence_number_ =
+        content.source_sequence != 0 ? content.source_sequence : place.taken.sequence_number;
     sample.checksum_state_ = place.taken.checksum_state;
     if (places_.size() <= kept_) {
         places_.push_back(std::make_unique<Place>());

@@ -165,6 +165,7 @@ void SampleWriter::Fill(std::uint32_t slot, const SampleInput& sample) const {
         checksum ? ChecksumOf(bytes, sample.payload_bytes, sample.metadata_bytes) : 0, kRelaxed);
     header.flags.store(checksum ? layout::kSlotHasChecksum : 0, kRelaxed);
     header.next_slot.store(LikelyNextSlot(), kRelaxed);
+    header.source_sequence.store(sample.source_sequence, kRelaxed);
 }
 
 // While a sample is written: where the one after it goes, unless a reader holds that slot. It is

@@ -20,6 +20,7 @@ struct SampleInput {
     std::int32_t topic_id = 0;
     std::uint64_t timestamp_ms = 0;
     bool checksum = false;
+    std::uint64_t source_sequence = 0;  // 0: the sample is of this host
 };
 
 /// The one writer of a segment, as long as it lives.

@@ -24,6 +24,7 @@ void LoadContent(const Segment& segment, std::uint32_t slot, SlotContent& conten
     content.checksum = header.checksum.load(relaxed);
     content.has_checksum = (header.flags.load(relaxed) & layout::kSlotHasChecksum) != 0;
     content.next_slot = header.next_slot.load(relaxed);
+    content.source_sequence = header.source_sequence.load(relaxed);
 }
 
 std::uint64_t LoadIndex(const Segment& segment, std::uint64_t version) {

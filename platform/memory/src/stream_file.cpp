@@ -147,6 +147,7 @@ public:
     std::uint64_t epoch() const override { return segment_->epoch(); }
     const StreamGeometry& geometry() const override { return segment_->geometry(); }
     const KeyDigest& key_digest() const override { return segment_->key_digest(); }
+    bool asks_for_checksums() const override { return segment_->asks_for_checksums(); }
 
     WriterState writer_state() const override;
     std::vector<ReaderState> readers() const override;

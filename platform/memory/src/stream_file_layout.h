@@ -147,10 +147,12 @@ struct SlotHeader {
     // The slot, plus 1, that the next version will probably be in; 0: not known yet. A hint: who
     // follows it compares that slot's word.
     std::atomic<std::uint32_t> next_slot;
-    std::uint32_t room[2];  // 0
+    // In a stream brought from another host: the number that the sample has there. 0: the version.
+    std::atomic<std::uint64_t> source_sequence;
 };
 static_assert(sizeof(SlotHeader) == 64);
 static_assert(offsetof(SlotHeader, monotonic_ns) == 32);
+static_assert(offsetof(SlotHeader, source_sequence) == 56);
 static_assert(offsetof(SlotHeader, flags) == 48);
 
 // Page 0 of T. Creator writes all but the mark.

@@ -129,6 +129,13 @@ public:
     std::string GetRefusalReason(const std::string& stream) override {
         return Request<std::string>("GetRefusalReason", stream);
     }
+    std::vector<std::string> DescribeStream(const std::string& stream,
+                                            const std::string& importer) override {
+        return Request<std::vector<std::string>>("DescribeStream", stream, importer);
+    }
+    std::vector<std::string> ListRemoteStreams() override {
+        return Request<std::vector<std::string>>("ListRemoteStreams");
+    }
 
 private:
     template <class Result, class... Arguments>

@@ -12,6 +12,13 @@ namespace {
 using gorm::cor::rr::Caller;
 using Handler = DataBrokerRegistrationHandler;
 
+using Packed = gorm::cor::rr::Eventual<std::string>;
+
+template <class T>
+constexpr bool kComesLater = false;
+template <class T>
+constexpr bool kComesLater<gorm::cor::rr::Eventual<T>> = true;
+
 // How one operation is called, with the types of its parameters and its result.
 template <auto Operation>
 struct Decoded;
@@ -19,15 +26,19 @@ struct Decoded;
 template <class Result, class... Parameters,
           Result (Handler::*Operation)(const Caller&, Parameters...)>
 struct Decoded<Operation> {
-    static std::string Run(Handler& handler, const Caller& caller, std::string_view method,
-                           const msgpack::object& params) {
+    static Packed Run(Handler& handler, const Caller& caller, std::string_view method,
+                      const msgpack::object& params) {
         const auto arguments =
             gorm::cor::rr::UnpackParams<std::decay_t<Parameters>...>(method, params);
         return std::apply(
-            [&](const auto&... argument) {
+            [&](const auto&... argument) -> Packed {
                 if constexpr (std::is_void_v<Result>) {
                     (handler.*Operation)(caller, argument...);
                     return gorm::cor::rr::PackNil();
+                } else if constexpr (kComesLater<Result>) {
+                    return (handler.*Operation)(caller, argument...).Map([](const auto& result) {
+                        return gorm::cor::rr::PackResult(result);
+                    });
                 } else {
                     return gorm::cor::rr::PackResult((handler.*Operation)(caller, argument...));
                 }
@@ -36,7 +47,7 @@ struct Decoded<Operation> {
     }
 };
 
-using Run = std::string (*)(Handler&, const Caller&, std::string_view, const msgpack::object&);
+using Run = Packed (*)(Handler&, const Caller&, std::string_view, const msgpack::object&);
 
 const std::unordered_map<std::string_view, Run>& Operations() {
     static const std::unordered_map<std::string_view, Run> operations = {
@@ -63,6 +74,8 @@ const std::unordered_map<std::string_view, Run>& Operations() {
         {"ListConnectedBrokers", Decoded<&Handler::ListConnectedBrokers>::Run},
         {"GetCapabilities", Decoded<&Handler::GetCapabilities>::Run},
         {"GetRefusalReason", Decoded<&Handler::GetRefusalReason>::Run},
+        {"DescribeStream", Decoded<&Handler::DescribeStream>::Run},
+        {"ListRemoteStreams", Decoded<&Handler::ListRemoteStreams>::Run},
     };
     return operations;
 }
@@ -71,8 +84,8 @@ class DataBrokerRegistrationService final : public gorm::cor::rr::Service {
 public:
     explicit DataBrokerRegistrationService(Handler& handler) : handler_(handler) {}
 
-    std::string Dispatch(const Caller& caller, std::string_view method,
-                         const msgpack::object& params) override {
+    Packed Dispatch(const Caller& caller, std::string_view method,
+                    const msgpack::object& params) override {
         const auto operation = Operations().find(method);
         if (operation == Operations().end()) {
             // A foreign name may be long and is not printed as it is.

@@ -41,14 +41,11 @@ TEST_F(StreamRegistryTest, RefusalsHaveTheirCodeTheirReasonAndNoConsequence) {
         EXPECT_THAT(verdict.reason, HasSubstr(refused.reason));
     }
     EXPECT_EQ(files_before, place.Content().size());
-    const Verdict remote = registry->AddSubscriber("", "uuid", "taken", "wkp.rr://elsewhere:5000");
-    EXPECT_EQ(kUnknownRemoteBroker, remote.code);
-    EXPECT_THAT(remote.reason, HasSubstr("wkp.rr://elsewhere:5000"));
     EXPECT_EQ(0U, registry->StateOf("taken")->subscribers);
-    EXPECT_EQ(kRegistered, registry->AddSubscriber("", "uuid", "second", "").code);
-    EXPECT_EQ(kRegistered, registry->AddSubscriber("", "uuid", "third", "").code);
+    EXPECT_EQ(kRegistered, registry->AddSubscriber("", "uuid", "second").code);
+    EXPECT_EQ(kRegistered, registry->AddSubscriber("", "uuid", "third").code);
     EXPECT_EQ(kLimitReached, Add('b', "fourth"));
-    EXPECT_EQ(kLimitReached, registry->AddSubscriber("", "uuid", "fourth", "").code);
+    EXPECT_EQ(kLimitReached, registry->AddSubscriber("", "uuid", "fourth").code);
     EXPECT_THAT(registry->Published(), ElementsAre("taken"));
 }
 
@@ -61,12 +58,12 @@ TEST_F(StreamRegistryTest, NobodyGetsMoreThanTheShareOfAProcessOrAUser) {
     settings.per_client = {2, 0};
     registry->set_settings(settings);
     ASSERT_EQ(kRegistered, publish('a', "1", "u").code);
-    ASSERT_EQ(kRegistered, registry->AddSubscriber(IdentityOf('a'), "uuid", "2", "", "u").code);
-    EXPECT_EQ(kRegistered, registry->AddSubscriber(IdentityOf('a'), "more", "1", "", "u").code);
+    ASSERT_EQ(kRegistered, registry->AddSubscriber(IdentityOf('a'), "uuid", "2", "u").code);
+    EXPECT_EQ(kRegistered, registry->AddSubscriber(IdentityOf('a'), "more", "1", "u").code);
     const Verdict third = publish('a', "3", "u");
     EXPECT_EQ(kLimitReached, third.code);
     EXPECT_THAT(third.reason, HasSubstr("asks for 1 more streams and uses 2, at most 2"));
-    EXPECT_EQ(kLimitReached, registry->AddSubscriber(IdentityOf('a'), "uuid", "3", "", "u").code);
+    EXPECT_EQ(kLimitReached, registry->AddSubscriber(IdentityOf('a'), "uuid", "3", "u").code);
     EXPECT_EQ(kRegistered, publish('b', "3", "u").code);
     EXPECT_EQ(kRegistered, Add('a', "1", KeyOf('a', "1"), 128)) << "the same stream anew";
 
@@ -84,7 +81,7 @@ TEST_F(StreamRegistryTest, NobodyGetsMoreThanTheShareOfAProcessOrAUser) {
     settings.per_user = {0, bytes};
     registry->set_settings(settings);
     EXPECT_EQ(kLimitReached, publish('e', "6", "other").code);
-    EXPECT_EQ(kRegistered, registry->AddSubscriber(IdentityOf('e'), "u5", "6", "", "other").code);
+    EXPECT_EQ(kRegistered, registry->AddSubscriber(IdentityOf('e'), "u5", "6", "other").code);
 }
 
 TEST_F(StreamRegistryTest, TheKeyKeepsTheSegmentAndAnotherShapeMakesANewOne) {
@@ -171,7 +168,7 @@ TEST_F(StreamRegistryTest, ASuccessorCancelsTheRemoval) {
 
 TEST_F(StreamRegistryTest, SilenceEndsARegistrationButNotTheBrokersOwnPauses) {
     ASSERT_EQ(kRegistered, Add('a', "s"));
-    ASSERT_EQ(kRegistered, registry->AddSubscriber(IdentityOf('b'), "uuid", "s", "").code);
+    ASSERT_EQ(kRegistered, registry->AddSubscriber(IdentityOf('b'), "uuid", "s").code);
     now += std::chrono::hours(1);  // the broker was stopped
     time.Tick();
     registry->Supervise();
@@ -193,7 +190,7 @@ TEST_F(StreamRegistryTest, AStalledClientIsShownAndKept) {
     processes.tags[IdentityOf('a')] = {1, 1};
     processes.tags[IdentityOf('b')] = {2, 2};
     ASSERT_EQ(kRegistered, Add('a', "s"));
-    ASSERT_EQ(kRegistered, registry->AddSubscriber(IdentityOf('b'), "uuid", "s", "").code);
+    ASSERT_EQ(kRegistered, registry->AddSubscriber(IdentityOf('b'), "uuid", "s").code);
     const auto stalled = [this] {
         std::vector<std::string> ids;
         for (const ClientState& client : registry->Clients()) {
@@ -239,7 +236,7 @@ TEST_F(StreamRegistryTest, DrainingEndsAllAndLetsNobodyIn) {
     EXPECT_THAT(TakeEvents(), ElementsAre(Pair("s", PUB_UNREG), Pair("s", SHM_DEL)));
     EXPECT_FALSE(std::filesystem::exists(path));
     EXPECT_EQ(kLimitReached, Add('a', "s"));
-    EXPECT_EQ(kLimitReached, registry->AddSubscriber("", "uuid", "s", "").code);
+    EXPECT_EQ(kLimitReached, registry->AddSubscriber("", "uuid", "s").code);
     EXPECT_TRUE(registry->draining());
 }
 

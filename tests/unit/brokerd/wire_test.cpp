@@ -159,7 +159,7 @@ TEST_F(WireTest, ARegistrationIsWhatItsCallerAndNobodyElseHas) {
     ASSERT_EQ(kRegistered, Publish("s"));
     EXPECT_EQ(kRegistered, client->AddSubscriber("uuid", "s", "", 250, 10));
     EXPECT_EQ(kUnknownRemoteBroker,
-              client->AddSubscriber("other", "s", "wkp.rr://elsewhere:5000", 250, 10));
+              client->AddSubscriber("other", "s", "wkp.rr://127.0.0.1:1", 250, 10));
     EXPECT_EQ("", ErrorOf([&] {
                   client->SendHeartbeat("s");
                   client->SendHeartbeat("uuid");

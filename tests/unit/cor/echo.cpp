@@ -63,8 +63,8 @@ std::string TextOf(const Peer& peer) {
 
 }  // namespace
 
-std::string EchoServer::Dispatch(const rr::Caller& caller, std::string_view method,
-                                 const msgpack::object& params) {
+rr::Eventual<std::string> EchoServer::Dispatch(const rr::Caller& caller, std::string_view method,
+                                               const msgpack::object& params) {
     if (method == "WhoAmI") {
         return rr::PackResult(caller.identity);
     }
@@ -83,6 +83,10 @@ std::string EchoServer::Dispatch(const rr::Caller& caller, std::string_view meth
     }
     if (text == "who") {
         return rr::PackResult(TextOf(caller.peer));
+    }
+    if (text == "later") {
+        later_.emplace_back();
+        return later_.back();
     }
     if (text == "refuse") {
         throw Error("refused by the server");

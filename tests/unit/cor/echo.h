@@ -1,6 +1,7 @@
 #pragma once
 
 #include "gorm/cor/cor.h"
+#include "gorm/cor/rr/packing.h"
 #include "gorm/cor/rr/server.h"
 #include "gorm/cor/service_loop.h"
 
@@ -10,6 +11,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace gorm::cor::test {
@@ -73,12 +75,31 @@ public:
     void Stop() { server_.reset(); }
     std::uint16_t port() const { return port_; }
     std::string uri() const { return "wkp.rr://127.0.0.1:" + std::to_string(port_) + "/test/Echo"; }
-    std::string Dispatch(const rr::Caller& caller, std::string_view method,
-                         const msgpack::object& params) override;
+    rr::Eventual<std::string> Dispatch(const rr::Caller& caller, std::string_view method,
+                                       const msgpack::object& params) override;
 
     /// Runs the function on the loop whenever Say is called, before it is answered.
     void OnSay(std::function<void()> function) {
         loop_.Run([&] { on_say_ = std::move(function); });
+    }
+
+    /// How many have said "later" and wait.
+    std::size_t later() {
+        std::size_t count = 0;
+        loop_.Run([&] { count = later_.size(); });
+        return count;
+    }
+    /// Answers those that have said "later"; @return how many.
+    std::size_t AnswerLater(const std::string& answer) {
+        std::size_t count = 0;
+        loop_.Run([&] {
+            for (const auto& result : std::exchange(later_, {})) {
+                answer.empty() ? result.Fail("it was not to be")
+                               : result.Give(rr::PackResult(answer));
+                ++count;
+            }
+        });
+        return count;
     }
 
     void OnDisconnect(std::function<void(const rr::Caller&)> function) {
@@ -101,7 +122,8 @@ public:
 private:
     const int max_pending_answers_;
     const std::size_t max_connections_;
-    int long_calls_ = 0;            // on the loop only
+    int long_calls_ = 0;                            // on the loop only
+    std::vector<rr::Eventual<std::string>> later_;  // on the loop only
     std::function<void()> on_say_;  // on the loop only, which is therefore destroyed first
     ServiceLoop loop_;
     std::uint16_t port_ = 0;

@@ -49,6 +49,29 @@ TEST(RequestReply, ManyThreadsAndClientsGetTheirOwnAnswers) {
               clients[0]->CallAs("WhoAmI", rr::PackParams()));
 }
 
+TEST(RequestReply, AnAnswerThatComesLaterKeepsNobodyElseWaiting) {
+    EchoServer server;
+    const auto client = MakeClient(server.uri());
+    for (const std::string answer : {"at last", ""}) {
+        auto late = std::async(std::launch::async, [&] {
+            return TextOf<Error>([&] { throw Error(client->Say("later")); });
+        });
+        while (server.AnswerLater(answer) == 0) {
+            EXPECT_EQ("now", client->Say("now"));
+        }
+        EXPECT_THAT(late.get(), HasSubstr(answer.empty() ? "it was not to be" : answer));
+    }
+    auto lost = std::async(std::launch::async, [&] {
+        return TextOf<rr::ConnectionLost>([&] { client->Say("later"); });
+    });
+    while (server.later() == 0) {
+        EXPECT_EQ("now", client->Say("now"));
+    }
+    server.Stop();
+    EXPECT_THAT(lost.get(), HasSubstr("Say"));
+    EXPECT_EQ(1U, server.AnswerLater("too late")) << "which goes to nobody";
+}
+
 TEST(RequestReply, EveryWrongRequestIsAnsweredWithItsReason) {
     EchoServer server;
     const auto client = MakeClient(server.uri());

@@ -1,10 +1,12 @@
 #pragma once
 
 #include "kvo/brokerd/broker_state.h"
+#include "kvo/brokerd/federation_engine.h"
 #include "kvo/memory/stream_file.h"
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -52,6 +54,16 @@ struct BrokerOptions {
     std::uint64_t user_memory_bytes = 0;
     SpareSlots spare_slots;
     FileAccess file_access;
+    // What other brokers call this one, and its exported topics; unlike for any two that work
+    // together. Empty: the host's name and the port.
+    std::string name;
+    // Streams that are exported whenever they have a publisher, with * as in access rules; others
+    // are when another broker asks.
+    std::vector<std::string> exported_streams;
+    FederationOptions federation;
+    // For a program that brings its own engine instead of the module.
+    std::function<std::unique_ptr<FederationEngine>(const FederationOptions&)>
+        make_federation_engine;
 };
 
 /// Throws std::invalid_argument saying why the text is no rule for BrokerOptions::access_rules.

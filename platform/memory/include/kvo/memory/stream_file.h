@@ -104,6 +104,7 @@ public:
     virtual std::uint64_t epoch() const = 0;
     virtual const StreamGeometry& geometry() const = 0;
     virtual const KeyDigest& key_digest() const = 0;
+    virtual bool asks_for_checksums() const = 0;
 
     virtual WriterState writer_state() const = 0;
     virtual std::vector<ReaderState> readers() const = 0;

@@ -16,6 +16,7 @@ enum BrokerResult : std::int32_t {
     kLimitReached = -12,
     kUnknownRemoteBroker = -13,
     kNoRight = -14,
+    kNoRemoteStream = -15,
 };
 
 }  // namespace kvo

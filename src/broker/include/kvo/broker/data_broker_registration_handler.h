@@ -1,5 +1,6 @@
 #pragma once
 
+#include "gorm/cor/rr/eventual.h"
 #include "gorm/cor/rr/service.h"
 #include "kvo/broker_interface_export.h"
 
@@ -12,9 +13,12 @@ namespace kvo {
 
 /// The broker's side of DataBrokerRegistrationSync: the same operations in the same order, each
 /// with the caller. What a handler throws reaches the caller as the text of an error response.
+/// Where another broker may have to be asked first, the answer may come later.
 class KVO_BROKER_INTERFACE_EXPORT DataBrokerRegistrationHandler {
 public:
     using Caller = gorm::cor::rr::Caller;
+    template <class T>
+    using Eventual = gorm::cor::rr::Eventual<T>;
 
     virtual ~DataBrokerRegistrationHandler();
 
@@ -27,10 +31,11 @@ public:
     virtual std::int32_t RemovePublisher(const Caller&, const std::string& stream) = 0;
     virtual void NotifyNewData(const Caller&, const std::string& stream) = 0;
     virtual void RelayNewData(const Caller&, const std::string& stream) = 0;
-    virtual std::int32_t AddSubscriber(const Caller&, const std::string& subscriber_uuid,
-                                       const std::string& stream,
-                                       const std::string& remote_broker_uri,
-                                       std::int32_t latency_ms, std::int32_t deadline_s) = 0;
+    virtual Eventual<std::int32_t> AddSubscriber(const Caller&, const std::string& subscriber_uuid,
+                                                 const std::string& stream,
+                                                 const std::string& remote_broker_uri,
+                                                 std::int32_t latency_ms,
+                                                 std::int32_t deadline_s) = 0;
     virtual std::int32_t RemoveSubscriber(const Caller&, const std::string& stream,
                                           const std::string& subscriber_uuid) = 0;
     virtual std::string GetPublisherKey(const Caller&, const std::string& stream) = 0;
@@ -43,8 +48,8 @@ public:
     virtual std::string GetExistingShmPath(const Caller&, const std::string& stream) = 0;
     virtual bool IsStreamIdFree(const Caller&, const std::string& stream) = 0;
     virtual bool HasLocalPublisher(const Caller&, const std::string& stream) = 0;
-    virtual bool HasRemotePublisher(const Caller&, const std::string& remote_broker_uri,
-                                    const std::string& stream) = 0;
+    virtual Eventual<bool> HasRemotePublisher(const Caller&, const std::string& remote_broker_uri,
+                                              const std::string& stream) = 0;
     virtual void ReportDataWritten(const Caller&, const std::string& stream,
                                    std::int32_t payload_size, std::int64_t written_ms) = 0;
     virtual std::int32_t GetMaxBufferSize(const Caller&, std::int32_t max_data_sample_size) = 0;
@@ -52,6 +57,9 @@ public:
     virtual std::vector<std::string> ListConnectedBrokers(const Caller&) = 0;
     virtual std::vector<std::string> GetCapabilities(const Caller&) = 0;
     virtual std::string GetRefusalReason(const Caller&, const std::string& stream) = 0;
+    virtual std::vector<std::string> DescribeStream(const Caller&, const std::string& stream,
+                                                    const std::string& importer) = 0;
+    virtual std::vector<std::string> ListRemoteStreams(const Caller&) = 0;
 };
 
 /// The service that decodes calls and runs them on the handler, which must outlive it.

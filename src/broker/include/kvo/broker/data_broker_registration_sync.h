@@ -62,6 +62,14 @@ public:
     /// Why this broker last refused the caller's process the stream, in a sentence with the values;
     /// empty: it did not. Brokers that do not know the question answer with an error.
     virtual std::string GetRefusalReason(const std::string& stream) = 0;
+    /// What another broker needs to bring the stream to its host: a StreamDescription as texts.
+    /// @param importer the asking broker, which wants the stream to be exported for some seconds
+    /// from now on; empty: who asks only looks.
+    virtual std::vector<std::string> DescribeStream(const std::string& stream,
+                                                    const std::string& importer) = 0;
+    /// The streams that come from other brokers and go to them, one in each text
+    /// (docs/protocol.md).
+    virtual std::vector<std::string> ListRemoteStreams() = 0;
 };
 
 }  // namespace kvo

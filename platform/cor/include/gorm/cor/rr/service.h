@@ -3,6 +3,7 @@
 #include "gorm/cor/errors.h"
 #include "gorm/cor/export.h"
 #include "gorm/cor/peer.h"
+#include "gorm/cor/rr/eventual.h"
 
 #include <msgpack.hpp>
 
@@ -23,10 +24,11 @@ class GORM_COR_EXPORT Service {
 public:
     virtual ~Service();
 
-    /// Runs on the loop of the server. @return the packed result. What it throws (any
-    /// std::exception) goes to the caller as the text of an error response.
-    virtual std::string Dispatch(const Caller& caller, std::string_view method,
-                                 const msgpack::object& params) = 0;
+    /// Runs on the loop of the server. @return the packed result, which may come later, also after
+    /// the server has gone. What is thrown (any std::exception) goes to the caller as the text of
+    /// an error response.
+    virtual Eventual<std::string> Dispatch(const Caller& caller, std::string_view method,
+                                           const msgpack::object& params) = 0;
 };
 
 }  // namespace gorm::cor::rr

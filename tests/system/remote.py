@@ -1,0 +1,369 @@
+"""Streams between hosts: namespaces of their own, a broker on each, publishers and subscribers by
+the command line. Fails where namespaces can not be made, unless told to skip."""
+
+import json
+import os
+import random
+import shutil
+import signal
+import struct
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+import unittest
+
+from broker_process import PATIENCE_S, BrokerProcess
+from hosts import Hosts
+from lines import LineReader
+
+BROKER_PROGRAM = sys.argv.pop()
+KVO_PROGRAM = sys.argv.pop()
+FOREIGN_READER = sys.argv.pop()
+NOTHING_THERE = 3
+REFUSED = 5
+KIB = 1 << 10
+MIB = 1 << 20
+RECOVERY_S = 5  # from the return of what was missing to the next sample
+
+if os.environ.get("KVO_TEST_WITHOUT_NAMESPACES") == "1":
+    sys.exit(77)
+
+
+class RemoteStreams(unittest.TestCase):
+    HOSTS = 3
+
+    def setUp(self):
+        self.hosts = Hosts(self.HOSTS)
+        self.addCleanup(self.hosts.close)
+        self.place = tempfile.mkdtemp(prefix="kvo-test-")
+        self.addCleanup(shutil.rmtree, self.place)
+        self.brokers = {number: self.start_broker(number)
+                        for number in range(1, self.HOSTS + 1)}
+
+    def start_broker(self, number, *options):
+        runtime = os.path.join(self.place, str(number))
+        os.makedirs(runtime, exist_ok=True)
+        command = self.hosts.command(number, "env", f"KVO_RUNTIME_DIRECTORY={runtime}",
+                                     BROKER_PROGRAM, "--address", "0.0.0.0",
+                                     "--allow-plaintext", "true",
+                                     "--access-rules", "allow publish * to anyone",
+                                     "--access-rules", "allow subscribe * to anyone",
+                                     "--broker-name", f"host{number}:5000", *options)
+        broker = FixedBroker(command)
+        self.addCleanup(broker.stop)
+        return broker
+
+    def uri(self, number):
+        return f"wkp.rr://{self.hosts.address(number)}:5000"
+
+    def kvo(self, number, *arguments, **settings):
+        process = subprocess.Popen(
+            self.hosts.command(number, "env",
+                               f"KVO_RUNTIME_DIRECTORY={os.path.join(self.place, str(number))}",
+                               "KVO_BROKER=wkp.rr://127.0.0.1:5000", KVO_PROGRAM, *arguments),
+            stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE, **settings)
+        self.addCleanup(self.end, process)
+        return process
+
+    @staticmethod
+    def end(process):
+        process.kill()
+        for stream in (process.stdin, process.stdout, process.stderr):
+            try:
+                stream.close()
+            except (BrokenPipeError, ValueError):
+                pass
+        process.wait()
+
+    def answer(self, number, *arguments):
+        """What a command says that ends by itself: code, output, errors."""
+        process = self.kvo(number, *arguments)
+        output, errors = process.communicate(timeout=PATIENCE_S)
+        return process.returncode, output.decode(), errors.decode()
+
+    def remote_streams(self, number):
+        return [json.loads(line) for line in
+                self.answer(number, "brokers", "--json")[1].splitlines()]
+
+    def await_state(self, what, condition):
+        end = time.monotonic() + PATIENCE_S
+        while not condition():
+            self.assertLess(time.monotonic(), end, f"in vain: {what}")
+
+
+class FixedBroker(BrokerProcess):
+    """On a host of its own, so at the port where its clients expect it."""
+
+    def __init__(self, command):
+        super().__init__(command[0], *command[1:])
+
+    def _start(self):
+        self.port = 5000
+        super()._start()
+
+    def signal(self, number):
+        self._process.send_signal(number)
+
+
+class EverySample(RemoteStreams):
+    """Once, in order, byte for byte, at two other hosts."""
+
+    def pass_through(self, stream, sample_bytes, rate, count, samples):
+        base = random.Random(sample_bytes).randbytes(sample_bytes - 8)
+        publisher = self.kvo(1, "pub", stream, "--chunk", str(sample_bytes), "--rate", str(rate),
+                             "--samples", str(samples))
+        readers = [self.kvo(number, "sub", stream, "--remote", self.uri(1), "--count", str(count),
+                            "--timeout", str(PATIENCE_S)) for number in (2, 3)]
+        self.await_state("two imports",
+                         lambda: [state["live"] for state in self.remote_streams(1)] == [True] * 2)
+
+        def feed():
+            for number in range(count):
+                publisher.stdin.write(struct.pack("<Q", number) + base)
+            publisher.stdin.flush()
+
+        feeder = threading.Thread(target=feed)
+        feeder.start()
+        wrong = []
+
+        def check(reader):
+            for number in range(count):
+                sample = reader.stdout.read(sample_bytes)
+                if sample != struct.pack("<Q", number) + base:
+                    wrong.append((number, len(sample), sample[:8]))
+                    return
+
+        checkers = [threading.Thread(target=check, args=(reader,)) for reader in readers]
+        for thread in checkers:
+            thread.start()
+        for thread in checkers:
+            thread.join()
+        self.assertEqual(wrong, [], [self.remote_streams(number) for number in (1, 2, 3)])
+        for reader in readers:
+            self.assertEqual(reader.stdout.read(), b"")
+            self.assertEqual(reader.wait(timeout=PATIENCE_S), 0)
+        feeder.join()
+        code, output, _ = self.answer(1, "stat", stream, "--json")
+        self.assertEqual((code, json.loads(output)["exported"]), (0, str(count)))
+        exports = self.remote_streams(1)
+        self.assertEqual([(e["overtaken"], e["refused"]) for e in exports], [(0, 0)] * 2)
+
+    def test_small_and_frequent(self):
+        self.pass_through("small", 4 * KIB, 1000, 3000, 3000)
+
+    def test_large(self):
+        # As many as are sent are kept: how fast this machine can read pipes is no matter.
+        self.pass_through("large", 4 * MIB, 30, 45, 48)
+
+
+class Flow:
+    """Numbered lines from a publisher on host 1, heard on host 2."""
+
+    def __init__(self, test):
+        self.test = test
+        self.number = 0
+        self.publisher = None
+        self.lines = None
+        self.subscriber = None
+
+    def publish(self):
+        self.publisher = self.test.kvo(1, "pub", "s", "--lines", "--max-size", "100", "--rate",
+                                       "200", "--samples", "16")
+        threading.Thread(target=self._feed, args=(self.publisher,), daemon=True).start()
+
+    def _feed(self, publisher):
+        try:
+            while True:
+                self.number += 1
+                publisher.stdin.write(b"%d\n" % self.number)
+        except (BrokenPipeError, ValueError, OSError):
+            pass
+
+    def subscribe(self, number=2):
+        self.subscriber = self.test.kvo(number, "sub", "-v", "s", "--remote", self.test.uri(1),
+                                        "--lines", "--timeout", str(PATIENCE_S))
+        self.lines = LineReader(self.subscriber.stdout)
+        self.notes = LineReader(self.subscriber.stderr)
+
+    def await_note(self, text):
+        end = time.monotonic() + PATIENCE_S
+        while text not in self.notes.next(max(end - time.monotonic(), 0.01)):
+            pass
+
+    def skip_waiting(self):
+        """Takes what has come so far. @return the last of it."""
+        last = None
+        try:
+            while True:
+                last = int(self.lines.next(0.3))
+        except AssertionError:
+            return last
+
+    def next(self, seconds):
+        return int(self.lines.next(seconds))
+
+    def check_goes_on(self, count=50):
+        """No number twice and none out of order."""
+        last = self.next(PATIENCE_S)
+        for _ in range(count):
+            number = self.next(PATIENCE_S)
+            self.test.assertGreater(number, last)
+            last = number
+        return last
+
+
+class Faults(RemoteStreams):
+    HOSTS = 2
+
+    def setUp(self):
+        super().setUp()
+        self.flow = Flow(self)
+        self.flow.publish()
+        self.flow.subscribe()
+        self.flow.check_goes_on()
+
+    def await_return(self):
+        started = time.monotonic()
+        self.flow.await_note("PUB_REG notification received")
+        self.flow.next(RECOVERY_S)
+        self.assertLess(time.monotonic() - started, RECOVERY_S)
+        self.flow.check_goes_on()
+
+    def await_loss(self):
+        self.flow.await_note("PUB_UNREG notification received")
+        self.flow.skip_waiting()
+
+    def test_a_publisher_that_is_killed_and_comes_back(self):
+        self.flow.publisher.kill()
+        self.await_loss()
+        self.flow.publish()
+        self.await_return()
+
+    def test_the_broker_of_the_publisher_is_killed_and_comes_back(self):
+        self.brokers[1].kill()
+        self.await_loss()
+        self.brokers[1].start_again()
+        self.await_return()
+
+    def test_the_broker_of_the_publisher_stands_still_and_goes_on(self):
+        self.brokers[1].signal(signal.SIGSTOP)
+        self.await_loss()
+        self.brokers[1].signal(signal.SIGCONT)
+        self.await_return()
+
+    def test_the_own_broker_is_killed_and_comes_back(self):
+        self.brokers[2].kill()
+        self.flow.skip_waiting()
+        self.brokers[2].start_again()
+        self.flow.await_note("proceeding")
+        self.flow.check_goes_on()
+
+    def test_the_network_is_cut_and_comes_back(self):
+        self.hosts.set_link(2, False)
+        self.await_loss()
+        self.hosts.set_link(2, True)
+        self.await_return()
+
+    def test_a_network_that_loses_and_delays(self):
+        if not self.hosts.impair(1, "loss", "5%", "delay", "50ms"):
+            self.skipTest("this kernel has no netem")
+        last = self.flow.check_goes_on(200)
+        self.assertGreater(last, 200)
+
+
+class Refusals(RemoteStreams):
+    HOSTS = 2
+
+    def refusal(self, remote):
+        code, output, errors = self.answer(2, "sub", "s", "--remote", remote, "--count", "1")
+        self.assertEqual(output, "")
+        return code, errors
+
+    def test_each_has_its_reason(self):
+        for remote, why in ((self.uri(1), "has no publisher of stream"),
+                            ("wkp.rr://10.99.0.1:4999", "no broker answers at"),
+                            ("wkp.rr://10.99.0.77:5000", "no broker answers at"),
+                            ("wkp.rr://no-such-host.invalid:5000", "no-such-host.invalid"),
+                            ("wkp.rr://10.99.0.1", "no port")):
+            with self.subTest(remote=remote):
+                started = time.monotonic()
+                code, errors = self.refusal(remote)
+                self.assertIn(why, errors)
+                self.assertEqual(code, NOTHING_THERE)
+                self.assertLess(time.monotonic() - started, PATIENCE_S / 2)
+
+    def test_a_stream_too_large_for_this_host(self):
+        self.brokers[2].stop()
+        self.start_broker(2, "--memory-budget", "8MiB")
+        publisher = self.kvo(1, "pub", "s", "--chunk", str(MIB))
+        self.await_state("the stream",
+                         lambda: "s\n" in self.answer(1, "ls")[1])
+        code, errors = self.refusal(self.uri(1))
+        self.assertEqual(code, REFUSED)
+        self.assertIn("bytes of shared memory here", errors)
+        self.assertIsNone(publisher.poll())
+
+    def test_the_own_broker_gives_its_own_stream(self):
+        publisher = self.kvo(1, "pub", "s", "--lines", "--wait-subscribers", "1")
+        publisher.stdin.write(b"hello\n")
+        publisher.stdin.flush()
+        self.await_state("the stream", lambda: "s\n" in self.answer(1, "ls")[1])
+        code, output, errors = self.answer(1, "sub", "s", "--remote", self.uri(1), "--lines",
+                                           "--count", "1", "--timeout", str(PATIENCE_S))
+        self.assertEqual((code, output), (0, "hello\n"), errors)
+        self.assertEqual(self.remote_streams(1), [])
+
+
+class SlowHosts(RemoteStreams):
+    def test_a_frozen_host_holds_nobody_up(self):
+        flow = Flow(self)
+        flow.publish()
+        flow.subscribe(2)
+        other = self.kvo(3, "sub", "s", "--remote", self.uri(1), "--lines", "--timeout",
+                         str(PATIENCE_S))
+        LineReader(other.stdout).next(PATIENCE_S)
+        flow.check_goes_on()
+        self.brokers[3].signal(signal.SIGSTOP)
+        try:
+            # Three seconds of samples, without a gap of more than what a host's lease allows.
+            for _ in range(600):
+                flow.next(3)
+        finally:
+            self.brokers[3].signal(signal.SIGCONT)
+
+
+class ForeignReaders(RemoteStreams):
+    HOSTS = 2
+
+    def test_a_program_that_has_the_idl_file_alone(self):
+        """The export is an interface for others too: topic, type and QoS as docs/remote.md."""
+        self.brokers[1].stop()
+        self.start_broker(1, "--export-streams", "/cam/*")
+        count = 500
+        publisher = self.kvo(1, "pub", "/cam/left-1", "--lines", "--rate", "500", "--samples", "16")
+        reader = subprocess.Popen(
+            self.hosts.command(2, FOREIGN_READER, "kvo/host1_3a5000//cam/left_2d1", str(count)),
+            stdout=subprocess.PIPE)
+        self.addCleanup(reader.stdout.close)
+        self.addCleanup(reader.kill)
+
+        def feed():
+            try:
+                for number in range(100 * count):
+                    publisher.stdin.write(b"line %d\n" % number)
+                    publisher.stdin.flush()
+            except (BrokenPipeError, ValueError, OSError):
+                pass
+
+        threading.Thread(target=feed, daemon=True).start()
+        self.assertEqual(reader.wait(timeout=PATIENCE_S), 0)
+        received = reader.stdout.read()
+        first = int(received.split(b"line ")[1])
+        self.assertEqual(received,
+                         b"".join(b"line %d" % (first + i) for i in range(count)))
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)
