@@ -2,6 +2,7 @@
 
 #include "topic_ring.h"
 
+#include <cstdint>
 #include <utility>
 
 namespace gorm::cor::ps {
@@ -12,15 +13,17 @@ public:
     explicit RingWatch(TopicRingReader reader) : reader_(std::move(reader)) { reader_.BeginNow(); }
 
     void Look() override {
+        seen_ = reader_.word();  // before the looks
         while (reader_.Take()) {
         }
     }
-    void Sleep(std::chrono::milliseconds at_most) override { reader_.Sleep(at_most); }
+    void Sleep(std::chrono::milliseconds at_most) override { reader_.Sleep(seen_, at_most); }
     void Wake() override { reader_.Nudge(); }
     bool closed() const override { return reader_.closed(); }
 
 private:
     TopicRingReader reader_;
+    std::uint32_t seen_ = 0;
 };
 
 }  // namespace
