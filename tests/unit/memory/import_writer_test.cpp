@@ -70,7 +70,7 @@ TEST_F(ImportWriterTest, WhatDoesNotFitIsNotWritten) {
     EXPECT_EQ(0U, file->writer_state().newest_sequence);
     file->Retire();
     EXPECT_FALSE(Import(writer, 1));
-    EXPECT_THROW(ImportWriter(path_), std::runtime_error) << "a stream has one writer";
+    EXPECT_THROW(ImportWriter{path_}, std::runtime_error) << "a stream has one writer";
 }
 
 }  // namespace
