@@ -25,6 +25,7 @@ NOTHING_THERE = 3
 REFUSED = 5
 KIB = 1 << 10
 MIB = 1 << 20
+ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 RECOVERY_S = 5  # from the return of what was missing to the next sample
 
 if os.environ.get("KVO_TEST_WITHOUT_NAMESPACES") == "1":
@@ -34,22 +35,32 @@ if os.environ.get("KVO_TEST_WITHOUT_NAMESPACES") == "1":
 class RemoteStreams(unittest.TestCase):
     HOSTS = 3
 
+    # How brokers treat each other: everybody in this network is trusted.
+    OPEN = ("--allow-plaintext", "true", "--access-rules", "allow publish * to anyone",
+            "--access-rules", "allow subscribe * to anyone")
+
     def setUp(self):
         self.hosts = Hosts(self.HOSTS)
         self.addCleanup(self.hosts.close)
         self.place = tempfile.mkdtemp(prefix="kvo-test-")
         self.addCleanup(shutil.rmtree, self.place)
+        self.prepare()
         self.brokers = {number: self.start_broker(number)
                         for number in range(1, self.HOSTS + 1)}
+
+    def prepare(self):
+        """Before the brokers start."""
+
+    def trust(self, number):
+        """Environment and options of a broker."""
+        return (), self.OPEN
 
     def start_broker(self, number, *options):
         runtime = os.path.join(self.place, str(number))
         os.makedirs(runtime, exist_ok=True)
+        environment, trust = self.trust(number)
         command = self.hosts.command(number, "env", f"KVO_RUNTIME_DIRECTORY={runtime}",
-                                     BROKER_PROGRAM, "--address", "0.0.0.0",
-                                     "--allow-plaintext", "true",
-                                     "--access-rules", "allow publish * to anyone",
-                                     "--access-rules", "allow subscribe * to anyone",
+                                     *environment, BROKER_PROGRAM, "--address", "0.0.0.0", *trust,
                                      "--broker-name", f"host{number}:5000", *options)
         broker = FixedBroker(command)
         self.addCleanup(broker.stop)
@@ -314,6 +325,55 @@ class Refusals(RemoteStreams):
                                            "--count", "1", "--timeout", str(PATIENCE_S))
         self.assertEqual((code, output), (0, "hello\n"), errors)
         self.assertEqual(self.remote_streams(1), [])
+
+
+class Secured(RemoteStreams):
+    """Keys for the requests, certificates for the samples; host 3 has neither."""
+
+    def prepare(self):
+        self.keys = {}
+        for number in (1, 2):
+            self.keys[number] = subprocess.run(
+                [KVO_PROGRAM, "keys", os.path.join(self.place, f"{number}.key")], check=True,
+                stdout=subprocess.PIPE).stdout.decode().strip()
+        with open(os.path.join(self.place, "allowed"), "w", encoding="utf-8") as file:
+            file.write(f"broker-2 {self.keys[2]}\n")
+        with open(os.path.join(self.place, "properties"), "w", encoding="utf-8") as file:
+            file.write(f"secret-key-file = {self.place}/2.key\n"
+                       f"server-key@{self.hosts.address(1)} = {self.keys[1]}\n")
+        subprocess.run([os.path.join(ROOT, "scripts", "make-dds-certificates"),
+                        os.path.join(self.place, "dds"), "host1", "host2"], check=True,
+                       stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+
+    def trust(self, number):
+        if number == 3:
+            return (), self.OPEN
+        dds = os.path.join(self.place, "dds")
+        options = ("--dds-identity-ca", f"{dds}/ca.pem", "--dds-permissions-ca", f"{dds}/ca.pem",
+                   "--dds-governance", f"{dds}/governance.p7s",
+                   "--dds-identity-certificate", f"{dds}/host{number}.pem",
+                   "--dds-private-key", f"{dds}/host{number}.key",
+                   "--dds-permissions", f"{dds}/host{number}.p7s")
+        if number == 1:
+            return (), (*options, "--secret-key-file", f"{self.place}/1.key",
+                        "--allowed-keys-file", f"{self.place}/allowed")
+        return ((f"KVO_MIDDLEWARE_PROPERTIES={self.place}/properties",),
+                (*options, "--allow-plaintext", "true"))
+
+    def test_samples_go_to_who_has_keys_and_to_nobody_else(self):
+        flow = Flow(self)
+        flow.publish()
+        flow.subscribe(2)
+        flow.check_goes_on()
+        code, output, errors = self.answer(3, "sub", "s", "--remote", self.uri(1), "--count", "1")
+        self.assertEqual((code, output), (NOTHING_THERE, ""))
+        self.assertIn("no broker answers at", errors)
+        reader = subprocess.Popen(self.hosts.command(3, FOREIGN_READER, "kvo/host1_3a5000/s", "1"),
+                                  stdout=subprocess.DEVNULL)
+        self.addCleanup(reader.wait)
+        self.addCleanup(reader.kill)
+        flow.check_goes_on(600)
+        self.assertIsNone(reader.poll(), "who has no certificate has got a sample")
 
 
 class SlowHosts(RemoteStreams):
