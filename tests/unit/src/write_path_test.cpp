@@ -78,6 +78,10 @@ public:
     std::vector<std::string> ListConnectedBrokers() override { return {}; }
     std::vector<std::string> GetCapabilities() override { return {}; }
     std::string GetRefusalReason(const std::string&) override { return {}; }
+    std::vector<std::string> DescribeStream(const std::string&, const std::string&) override {
+        return {};
+    }
+    std::vector<std::string> ListRemoteStreams() override { return {}; }
 
 private:
     int& reports_;
