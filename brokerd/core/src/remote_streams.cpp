@@ -452,16 +452,20 @@ std::vector<std::string> RemoteStreams::ConnectedBrokers() const {
     return {brokers.begin(), brokers.end()};
 }
 
-TransferState RemoteStreams::Imported(const std::string& stream) const {
+std::optional<TransferState> RemoteStreams::Imported(const std::string& stream) const {
     const auto found = imports_.find(stream);
-    return found == imports_.end() ? TransferState{}
-                                   : TotalOf(found->second.before, found->second.transfer.get());
+    if (found == imports_.end()) {
+        return std::nullopt;
+    }
+    return TotalOf(found->second.before, found->second.transfer.get());
 }
 
-TransferState RemoteStreams::Exported(const std::string& stream) const {
+std::optional<TransferState> RemoteStreams::Exported(const std::string& stream) const {
     const auto found = exports_.find(stream);
-    return found == exports_.end() ? TransferState{}
-                                   : TotalOf(found->second.before, found->second.transfer.get());
+    if (found == exports_.end()) {
+        return std::nullopt;
+    }
+    return TotalOf(found->second.before, found->second.transfer.get());
 }
 
 std::vector<RemoteStreamState> RemoteStreams::States() const {

@@ -11,6 +11,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -95,9 +96,9 @@ public:
     /// Brokers with a live import or a running export.
     std::vector<std::string> ConnectedBrokers() const;
     std::vector<RemoteStreamState> States() const;
-    /// What has come and gone since import or export began; zeros: there is none.
-    TransferState Imported(const std::string& stream) const;
-    TransferState Exported(const std::string& stream) const;
+    /// What has come and gone since import or export began; none: there is no import or export.
+    std::optional<TransferState> Imported(const std::string& stream) const;
+    std::optional<TransferState> Exported(const std::string& stream) const;
 
 private:
     struct Rates {

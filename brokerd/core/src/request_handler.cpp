@@ -198,22 +198,30 @@ std::vector<std::string> RequestHandler::GetStreamStatistics(const Caller& calle
     if (!statistics) {
         throw std::runtime_error("no stream " + Quoted(stream));
     }
-    const TransferState imported = remote_.Imported(stream);
-    const TransferState exported = remote_.Exported(stream);
-    return {std::to_string(statistics->last_write_ms), std::to_string(statistics->subscribers),
-            std::to_string(statistics->samples), std::to_string(statistics->payload_bytes),
-            std::to_string(statistics->dropped + imported.lost_on_the_way + imported.refused),
-            statistics->published     ? "1"
-            : statistics->remote_live ? "2"
-                                      : "0",
-            statistics->path,
-            // Beyond what every broker tells: what did not arrive, by cause.
-            "remote-broker=" + statistics->remote_broker,
-            "lost-on-the-way=" + std::to_string(imported.lost_on_the_way),
-            "not-taken=" + std::to_string(imported.refused),
-            "exported=" + std::to_string(exported.samples),
-            "export-overtaken=" + std::to_string(exported.overtaken),
-            "export-held-up=" + std::to_string(exported.refused)};
+    const auto imported = remote_.Imported(stream);
+    std::vector<std::string> elements{
+        std::to_string(statistics->last_write_ms),
+        std::to_string(statistics->subscribers),
+        std::to_string(statistics->samples),
+        std::to_string(statistics->payload_bytes),
+        std::to_string(statistics->dropped +
+                       (imported ? imported->lost_on_the_way + imported->refused : 0)),
+        statistics->published     ? "1"
+        : statistics->remote_live ? "2"
+                                  : "0",
+        statistics->path};
+    // Of streams that come from other hosts or go there also what did not arrive, by cause.
+    if (imported) {
+        elements.push_back("remote-broker=" + statistics->remote_broker);
+        elements.push_back("lost-on-the-way=" + std::to_string(imported->lost_on_the_way));
+        elements.push_back("not-taken=" + std::to_string(imported->refused));
+    }
+    if (const auto exported = remote_.Exported(stream)) {
+        elements.push_back("exported=" + std::to_string(exported->samples));
+        elements.push_back("export-overtaken=" + std::to_string(exported->overtaken));
+        elements.push_back("export-held-up=" + std::to_string(exported->refused));
+    }
+    return elements;
 }
 
 std::int32_t RequestHandler::GetHeartbeatPeriod(const Caller& /*caller*/) {
