@@ -255,7 +255,7 @@ TEST_F(RemoteStreamsTest, ANewSegmentThereIsANewOneHere) {
     EXPECT_THAT(TakeEvents(), ElementsAre(Pair("s", PUB_REG)));
     EXPECT_LT(epoch, EpochOf("s"));
     EXPECT_EQ(1, running);
-    EXPECT_EQ(3U, remote->Imported("s").lost_on_the_way) << "counts go on";
+    EXPECT_EQ(3U, remote->Imported("s").value().lost_on_the_way) << "counts go on";
     remote->Linked("s", first_run, false);
     EXPECT_THAT(TakeEvents(), IsEmpty()) << "what the old one says late does not count";
 
