@@ -94,7 +94,7 @@ void RemoteStreams::Bring(const std::string& broker, const std::string& stream,
     }
     if (found == imports_.end() && registry_.IsPublished(stream)) {
         // Whether it is asked for under another name of this broker is found out by asking.
-        Look(broker, stream, [this, stream, broker, done](const Verdict& verdict, bool local) {
+        Look(broker, stream, [stream, broker, done](const Verdict& verdict, bool local) {
             done(local || verdict.refused()
                      ? verdict
                      : Verdict{kStreamInUse, "stream " + Quoted(stream) +

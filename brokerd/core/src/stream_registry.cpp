@@ -401,7 +401,9 @@ Verdict StreamRegistry::BeginImport(const std::string& name, const std::string& 
     }
     const std::string stream_text = "stream " + Quoted(name) + " of " + broker;
     try {
-        const StreamGeometry geometry = files_.Plan(sample_bytes, samples);
+        // What is too large for the type comes out negative, and is refused as that.
+        const StreamGeometry geometry = files_.Plan(static_cast<std::int32_t>(sample_bytes),
+                                                    static_cast<std::int32_t>(samples));
         if (const std::uint64_t available = files_.AvailableBytes();
             geometry.total_bytes() > available) {
             return {kNotEnoughMemory, stream_text + " needs " +
