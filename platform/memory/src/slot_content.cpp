@@ -24,7 +24,9 @@ void LoadContent(const Segment& segment, std::uint32_t slot, SlotContent& conten
     content.checksum = header.checksum.load(relaxed);
     content.has_checksum = (header.flags.load(relaxed) & layout::kSlotHasChecksum) != 0;
     content.next_slot = header.next_slot.load(relaxed);
-    content.source_sequence = header.source_sequence.load(relaxed);
+    const std::uint64_t source_sequence = header.source_sequence.load(relaxed);
+    // It was a version elsewhere; anything else is no number of a sample.
+    content.source_sequence = source_sequence <= layout::kMaxVersion ? source_sequence : 0;
 }
 
 std::uint64_t LoadIndex(const Segment& segment, std::uint64_t version) {
