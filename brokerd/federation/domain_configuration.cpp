@@ -69,9 +69,9 @@ std::string Discovery(const FederationOptions& options) {
 }
 
 std::string Internal() {
-    // What may be under way before a writer waits for its readers: some samples of many MiB.
-    // What a socket's buffer had no room for is asked for again soon: the engine's own 100 ms for
-    // each time make seconds of a large sample.
+    // NackDelay, AckDelay: what a socket's buffer had no room for is asked for again soon; the
+    // engine's own 100 ms for each time make seconds of a large sample. Watermarks: what may be
+    // under way before a writer waits for its readers, some samples of many MiB.
     return Element("Internal", Element("NackDelay", "10ms") + Element("AckDelay", "1ms") +
                                    Element("Watermarks", Element("WhcHigh", "16MB") +
                                                              Element("WhcHighInit", "1MB") +

@@ -1,3 +1,4 @@
+#include "temp_directory.h"
 #include "topic_ring.h"
 
 #include <gmock/gmock.h>
@@ -22,7 +23,7 @@
 // What others may do to the files of a local topic: the worst that comes of it are wake-ups of that
 // topic that are missing or not needed. But for making a file shorter that is mapped already, which
 // no program survives (docs/decisions/0007-local-topics.md). Every mapping lies between pages that
-// can not be touched (tests/fuzz/guarded_mapping.cpp).
+// can not be touched (tests/fuzz/guarded_mapping.cpp), but under the sanitizers.
 namespace gorm::cor::ps {
 namespace {
 
@@ -34,9 +35,6 @@ constexpr std::chrono::seconds kDeadline{20};
 
 class HostileRingTest : public ::testing::Test {
 protected:
-    HostileRingTest() { EXPECT_NE(nullptr, ::mkdtemp(directory_.data())); }
-    ~HostileRingTest() override { fs::remove_all(directory_); }
-
     std::unique_ptr<TopicRingServer> Make(const char* topic = "/a") const {
         return TopicRingServer::Make(directory_, topic, kNews, {});
     }
@@ -81,7 +79,8 @@ protected:
         return events;
     }
 
-    std::string directory_ = "/dev/shm/kvo-ring-test-XXXXXX";
+    const kvo::test::TempDirectory temp_;
+    const std::string directory_ = temp_.path();
 };
 
 TEST_F(HostileRingTest, FilesThatAreNoRingAreNotOpenedAndGiveWayToOne) {
