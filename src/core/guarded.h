@@ -1,5 +1,7 @@
 #pragma once
 
+#include "kvo/memory/light_mutex.h"
+
 #include <mutex>
 #include <utility>
 
@@ -26,7 +28,7 @@ public:
     }
 
 private:
-    mutable std::mutex mutex_;
+    mutable LightMutex mutex_;
     T value_{};
 };
 

@@ -11,35 +11,29 @@ thread_local const LoggerGate* inside = nullptr;
 }  // namespace
 
 void LoggerGate::Open(KvoLogger* logger) {
-    const std::lock_guard lock(mutex_);
     logger_ = logger;
 }
 
 void LoggerGate::Close() {
-    std::unique_lock lock(mutex_);
     logger_ = nullptr;
     const int own = inside == this ? 1 : 0;
-    writer_left_.wait(lock, [&] { return writers_ == own; });
+    for (int writers = writers_; writers != own; writers = writers_) {
+        writers_.wait(writers);
+    }
 }
 
 void LoggerGate::Write(int level, const std::string& message) {
-    KvoLogger* logger = nullptr;
-    {
-        const std::lock_guard lock(mutex_);
-        if (logger_ == nullptr) {
-            return;
-        }
-        logger = logger_;
-        ++writers_;
+    ++writers_;
+    if (KvoLogger* const logger = logger_; logger != nullptr) {
+        const LoggerGate* const outer = std::exchange(inside, this);
+        WriteToLogger(logger, level, message);  // does not throw
+        inside = outer;
     }
-    const LoggerGate* const outer = std::exchange(inside, this);
-    WriteToLogger(logger, level, message);  // does not throw
-    inside = outer;
-    {
-        const std::lock_guard lock(mutex_);
-        --writers_;
+    --writers_;
+    // Open: nobody waits. Closed after this look: Close() sees that we have left.
+    if (logger_ == nullptr) {
+        writers_.notify_all();
     }
-    writer_left_.notify_all();
 }
 
 }  // namespace kvo

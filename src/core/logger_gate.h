@@ -2,8 +2,7 @@
 
 #include "kvo/KvoLogger.h"
 
-#include <condition_variable>
-#include <mutex>
+#include <atomic>
 #include <string>
 
 namespace kvo {
@@ -23,10 +22,11 @@ protected:
     void Write(int level, const std::string& message) override;
 
 private:
-    std::mutex mutex_;
-    std::condition_variable writer_left_;
-    KvoLogger* logger_ = nullptr;  // null: closed
-    int writers_ = 0;
+    // All accesses are sequentially consistent: a writer announces itself before it looks for the
+    // logger, and Close() takes the logger away before it looks for writers, so that one of them
+    // sees the other.
+    std::atomic<KvoLogger*> logger_{nullptr};  // null: closed
+    std::atomic<int> writers_{0};              // that may be in the logger
 };
 
 }  // namespace kvo

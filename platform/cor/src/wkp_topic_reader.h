@@ -6,6 +6,7 @@
 
 #include <zmq.hpp>
 
+#include <chrono>
 #include <memory>
 
 namespace gorm::cor::ps {
@@ -14,7 +15,8 @@ namespace gorm::cor::ps {
 class WkpTopicReader final : public TopicReader {
 public:
     /// Subscribes at once; throws Error.
-    WkpTopicReader(zmq::context_t& context, const Address& address,
+    /// @param spin how long the delivery thread looks for the next local event before it sleeps.
+    WkpTopicReader(zmq::context_t& context, const Address& address, std::chrono::microseconds spin,
                    std::shared_ptr<const SampleCodec> codec);
     ~WkpTopicReader() override;
 

@@ -1,7 +1,7 @@
 #pragma once
 
+#include "kvo/memory/light_mutex.h"
 #include "kvo/memory/memory_accessor.h"
-#include "light_mutex.h"
 #include "sample_reader.h"
 #include "sample_store.h"
 
@@ -72,7 +72,7 @@ private:
     void SignalUnread();
     bool ClaimSignal(std::uint64_t& last);
     void Log(int level, const std::string& message);
-    void LogDamaged();
+    [[gnu::cold]] void LogDamaged();
 
     // With mutex_ held:
     bool HasPlace() const { return current_ && place_.set && place_.epoch == current_epoch(); }

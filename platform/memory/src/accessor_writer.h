@@ -1,7 +1,7 @@
 #pragma once
 
+#include "kvo/memory/light_mutex.h"
 #include "kvo/memory/memory_accessor.h"
-#include "light_mutex.h"
 #include "sample_writer.h"
 
 #include <atomic>

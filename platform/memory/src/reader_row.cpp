@@ -107,13 +107,13 @@ ReaderRow::PinOutcome ReaderRow::Pin(std::uint32_t slot, std::uint64_t version, 
     while (free < usable_pins_ && (used_ >> free & 1U) != 0) {
         ++free;
     }
-    if (free >= usable_pins_) {
+    if (free >= usable_pins_) [[unlikely]] {
         return PinOutcome::kNoRoom;
     }
     const auto& word = segment_->slot(slot).word;
     const std::uint64_t valid = layout::PackWord(version, layout::SlotState::kValid);
     // [slot-ready] Acquire: header and payload of this version are visible.
-    if (word.load(std::memory_order_acquire) != valid) {
+    if (word.load(std::memory_order_acquire) != valid) [[unlikely]] {
         return PinOutcome::kMissed;
     }
     // [pin-or-closed] Both sequentially consistent, with the writer's store of the round and its
@@ -122,8 +122,8 @@ ReaderRow::PinOutcome ReaderRow::Pin(std::uint32_t slot, std::uint64_t version, 
     row_.pins[free].store(slot + 1, std::memory_order_seq_cst);
     KVO_CRASH_POINT("pin stored");
     segment_->words().scan_round.load(std::memory_order_seq_cst);
-    if (word.load(std::memory_order_acquire) != valid) {      // [slot-closed]
-        row_.pins[free].store(0, std::memory_order_release);  // [unpin]
+    if (word.load(std::memory_order_acquire) != valid) [[unlikely]] {  // [slot-closed]
+        row_.pins[free].store(0, std::memory_order_release);           // [unpin]
         return PinOutcome::kMissed;
     }
     KVO_CRASH_POINT("pin held");

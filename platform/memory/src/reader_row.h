@@ -38,7 +38,7 @@ public:
                                                  std::shared_ptr<ProcessLock> lock);
     ReaderRow(const ReaderRow&) = delete;
     ReaderRow& operator=(const ReaderRow&) = delete;
-    ~ReaderRow();
+    [[gnu::cold]] ~ReaderRow();
 
     /// Keeps version's content in the slot from being overwritten until Unpin(pin).
     PinOutcome Pin(std::uint32_t slot, std::uint64_t version, int& pin);

@@ -95,12 +95,13 @@ bool SampleReader::TakeNext(std::uint64_t max_age_ns, std::uint64_t& next, Reade
     }
     int overtakings = 0;
     while (next <= known_newest_) {
-        if (const std::uint64_t oldest = OldestRetained(known_newest_); next < oldest) {
+        if (const std::uint64_t oldest = OldestRetained(known_newest_); next < oldest)
+            [[unlikely]] {
             counters.lost += oldest - next;
             next = oldest;
         }
         taken.pin = {};
-        if (!Read(next, taken)) {
+        if (!Read(next, taken)) [[unlikely]] {
             LookForNewest();
             if (next >= OldestRetained(known_newest_)) {  // its place in the index was given on
                 ++counters.lost;
@@ -112,9 +113,9 @@ bool SampleReader::TakeNext(std::uint64_t max_age_ns, std::uint64_t& next, Reade
             continue;
         }
         taken.sequence_number = next++;
-        if (TooOld(taken.content, now_ns, max_age_ns)) {
+        if (TooOld(taken.content, now_ns, max_age_ns)) [[unlikely]] {
             ++counters.stale;
-        } else if (!Intact(taken)) {
+        } else if (!Intact(taken)) [[unlikely]] {
             ++counters.checksum_failures;
             damaged.push_back(taken.sequence_number);
         } else {
@@ -129,7 +130,7 @@ bool SampleReader::TakeNext(std::uint64_t max_age_ns, std::uint64_t& next, Reade
 }
 
 bool SampleReader::Read(std::uint64_t version, TakenSample& taken) const {
-    if (row_ != nullptr && Pin(version, taken)) {
+    if (row_ != nullptr && Pin(version, taken)) [[likely]] {
         return true;
     }
     const auto slot = FindSlot(*segment_, version);
@@ -187,7 +188,7 @@ void SampleReader::Follow(const TakenSample& taken) {
 bool SampleReader::Intact(TakenSample& taken) const {
     const SlotContent& content = taken.content;
     const bool checked = content.has_checksum || segment_->asks_for_checksums();
-    if (content.damaged || (checked && !content.has_checksum)) {
+    if (content.damaged || (checked && !content.has_checksum)) [[unlikely]] {
         return false;
     }
     taken.checksum_state = checked ? ChecksumState::kVerified : ChecksumState::kNone;

@@ -6,7 +6,12 @@ namespace kvo {
 
 SampleStore::SampleStore(int accessor_argument)
     : kept_(static_cast<std::size_t>(std::max(accessor_argument, 1))) {
+    AddPlace();
+}
+
+void SampleStore::AddPlace() {
     places_.push_back(std::make_unique<Place>());
+    spare_ = places_.size() - 1;
 }
 
 DataSample* SampleStore::HandOut() {
@@ -24,8 +29,7 @@ DataSample* SampleStore::HandOut() {
         content.source_sequence != 0 ? content.source_sequence : place.taken.sequence_number;
     sample.checksum_state_ = place.taken.checksum_state;
     if (places_.size() <= kept_) {
-        places_.push_back(std::make_unique<Place>());
-        spare_ = places_.size() - 1;
+        AddPlace();
     } else {
         spare_ = spare_ + 1 == places_.size() ? 0 : spare_ + 1;
         spare().pin = {};

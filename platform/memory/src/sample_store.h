@@ -23,6 +23,8 @@ public:
     DataSample* HandOut();
 
 private:
+    [[gnu::cold]] void AddPlace();
+
     struct Place {
         TakenSample taken;
         DataSample sample;

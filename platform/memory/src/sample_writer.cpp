@@ -5,6 +5,7 @@
 #include "kvo/crash_point.h"
 #include "slot_content.h"
 #include "tags.h"
+#include "uncached_copy.h"
 
 #include <algorithm>
 #include <atomic>
@@ -17,6 +18,15 @@ namespace {
 
 constexpr auto kRelaxed = std::memory_order_relaxed;
 
+// Slots of this size in turn have left the caches when the writer comes back to the first one.
+constexpr std::uint64_t kUncachedBytes = 16U << 20;
+// A copy of this many bytes takes long enough for its way through memory to matter.
+constexpr std::uint32_t kBulkBytes = 512U << 10;
+
+std::uint64_t BytesInTurn(const StreamGeometry& geometry) {
+    return (std::uint64_t{geometry.retained_samples} + geometry.close_batch) * geometry.slot_stride;
+}
+
 // Tells writers of one process apart.
 std::uint16_t NextInstance() {
     static std::atomic<std::uint16_t> last{0};
@@ -26,7 +36,9 @@ std::uint16_t NextInstance() {
 }  // namespace
 
 SampleWriter::SampleWriter(std::shared_ptr<Segment> segment, std::shared_ptr<ProcessLock> lock)
-    : segment_(std::move(segment)), lock_(std::move(lock)) {
+    : segment_(std::move(segment)),
+      lock_(std::move(lock)),
+      slots_leave_caches_(BytesInTurn(segment_->geometry()) >= kUncachedBytes) {
     const StreamGeometry& geometry = segment_->geometry();
     ring_.resize(geometry.retained_samples);
     stale_.reserve(geometry.slot_count);
@@ -138,6 +150,7 @@ SampleWriter::Outcome SampleWriter::Write(const SampleInput& sample) {
     newest_ = added.version;
     AddToRing(added);
     payload_bytes_ += sample.payload_bytes;
+    last_write_ms_ = sample.timestamp_ms;
     counters.written.store(newest_, kRelaxed);  // versions count from 1 without gaps
     counters.payload_bytes.store(payload_bytes_, kRelaxed);
     counters.last_write_ms.store(sample.timestamp_ms, kRelaxed);
@@ -147,9 +160,7 @@ SampleWriter::Outcome SampleWriter::Write(const SampleInput& sample) {
 // relaxed: the slot's word, stored by the caller before and after, says what these belong to.
 void SampleWriter::Fill(std::uint32_t slot, const SampleInput& sample) const {
     unsigned char* bytes = segment_->payload(slot);
-    if (sample.payload_bytes > 0) {
-        std::memcpy(bytes, sample.payload, sample.payload_bytes);
-    }
+    CopyPayload(bytes, sample);
     if (sample.metadata_bytes > 0) {
         std::memcpy(bytes + sample.payload_bytes, sample.metadata, sample.metadata_bytes);
     }
@@ -166,6 +177,16 @@ void SampleWriter::Fill(std::uint32_t slot, const SampleInput& sample) const {
     header.flags.store(checksum ? layout::kSlotHasChecksum : 0, kRelaxed);
     header.next_slot.store(LikelyNextSlot(), kRelaxed);
     header.source_sequence.store(sample.source_sequence, kRelaxed);
+}
+
+void SampleWriter::CopyPayload(unsigned char* to, const SampleInput& sample) const {
+    // After a pause the caches belong to others.
+    const bool uncached = slots_leave_caches_ || sample.timestamp_ms != last_write_ms_;
+    if (sample.payload_bytes >= kBulkBytes && uncached) {
+        CopyUncached(to, sample.payload, sample.payload_bytes);
+    } else if (sample.payload_bytes > 0) {
+        std::memcpy(to, sample.payload, sample.payload_bytes);
+    }
 }
 
 // While a sample is written: where the one after it goes, unless a reader holds that slot. It is

@@ -63,14 +63,17 @@ private:
     void Refill();
     void ScanPins();
     void Fill(std::uint32_t slot, const SampleInput& sample) const;
+    void CopyPayload(unsigned char* to, const SampleInput& sample) const;
     std::uint32_t LikelyNextSlot() const;
     void AddToRing(const Written& sample);
 
     const std::shared_ptr<Segment> segment_;
     const std::shared_ptr<ProcessLock> lock_;  // the role is ours for as long as we are joined
+    const bool slots_leave_caches_;            // between two writes of the same one
     std::uint64_t role_ = 0;
 
-    std::uint64_t newest_ = 0;      // version
+    std::uint64_t newest_ = 0;  // version
+    std::uint64_t last_write_ms_ = 0;
     std::uint64_t scan_round_ = 0;  // scans begun, by all writers of the segment
     std::vector<Written> ring_;     // N places; oldest at ring_next_ once it is full
     std::size_t ring_used_ = 0;

@@ -76,12 +76,12 @@ protected:
                 {nullptr, ps::FilterMode::kAll, {ps::InstanceEvent::kUpdated}});
         }
     };
-    std::unique_ptr<Subscription> Subscribe() {
+    std::unique_ptr<Subscription> Subscribe(const Properties& properties = {}) {
         auto subscription = std::make_unique<Subscription>();
         const std::string text = "wkp.ps://127.0.0.1:" + std::to_string(publisher_->port()) + "/a";
         const network::uri uri(text);
         subscription->subscriber =
-            loadCorForUri(text, {}).getCor(uri).CreateSubscriber<Word>(uri, {});
+            loadCorForUri(text, {}).getCor(uri).CreateSubscriber<Word>(uri, properties);
         return subscription;
     }
 
@@ -197,8 +197,8 @@ TEST_F(LocalTopicTest, NobodySleepsThroughACount) {
     ASSERT_NE(nullptr, topic);
     std::atomic<int> heard{0};
     std::vector<std::unique_ptr<Subscription>> subscriptions;
-    for (int i = 0; i < 3; ++i) {
-        subscriptions.push_back(Subscribe());
+    for (const char* spin_us : {"0", "20", "1000"}) {
+        subscriptions.push_back(Subscribe({{"local-spin-us", spin_us}}));
         subscriptions.back()->Listen([&](const std::string&) { heard.fetch_add(1); });
     }
     int slow = 0;

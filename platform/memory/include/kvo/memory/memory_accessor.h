@@ -1,11 +1,13 @@
 #pragma once
 
 #include "kvo/memory/data_sample.h"
+#include "kvo/memory/light_mutex.h"
 #include "kvo/memory_export.h"
 
 #include <boost/signals2/signal.hpp>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -32,7 +34,10 @@ struct KVO_MEMORY_EXPORT IsolatingCombiner {
     void Report(const char* what) const;
 };
 
-using DataAvailable = boost::signals2::signal<void(), IsolatingCombiner>;
+/// Like any signal of its kind, but for the mutex: it is raised for every sample.
+using DataAvailable =
+    boost::signals2::signal<void(), IsolatingCombiner, int, std::less<int>, boost::function<void()>,
+                            boost::function<void(const boost::signals2::connection&)>, LightMutex>;
 
 /// What a reader did not get, by cause. Samples of all epochs since the accessor was made.
 struct ReaderCounters {

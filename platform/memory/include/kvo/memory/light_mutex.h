@@ -1,5 +1,7 @@
 #pragma once
 
+#include "kvo/memory_export.h"
+
 #include <atomic>
 
 namespace kvo {
@@ -8,33 +10,36 @@ namespace kvo {
 /// is one exchange each. What it guards takes so little time that the bookkeeping of std::mutex
 /// would be a sixth of it. Who finds it taken sleeps in the kernel.
 /// Threads: any. Not recursive, not between processes.
-class LightMutex {
+class KVO_MEMORY_EXPORT LightMutex {
 public:
-    void lock() {
+    LightMutex() = default;
+    LightMutex(const LightMutex&) = delete;
+    LightMutex& operator=(const LightMutex&) = delete;
+
+    bool try_lock() {
         int found = kFree;
         // Acquire: pairs with the release in unlock(); what the last holder did is visible.
-        if (!state_.compare_exchange_strong(found, kTaken, std::memory_order_acquire,
-                                            std::memory_order_relaxed)) {
+        return state_.compare_exchange_strong(found, kTaken, std::memory_order_acquire,
+                                              std::memory_order_relaxed);
+    }
+    void lock() {
+        if (!try_lock()) {
             LockWhenFree();
         }
     }
     void unlock() {
-        // Release: see lock(). Whoever waits has left its mark before it slept, so that either
+        // Release: see try_lock(). Whoever waits has left its mark before it slept, so that either
         // this exchange finds the mark or the waiter's own exchange finds the mutex free.
         if (state_.exchange(kFree, std::memory_order_release) == kAwaited) {
-            state_.notify_one();
+            WakeOne();
         }
     }
 
 private:
     enum : int { kFree, kTaken, kAwaited };
 
-    // Others may wait as well, so it is left as awaited; at worst one is woken for nothing.
-    __attribute__((noinline)) void LockWhenFree() {
-        while (state_.exchange(kAwaited, std::memory_order_acquire) != kFree) {
-            state_.wait(kAwaited, std::memory_order_relaxed);
-        }
-    }
+    void LockWhenFree();
+    void WakeOne();
 
     std::atomic<int> state_{kFree};
 };
