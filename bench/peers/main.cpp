@@ -9,7 +9,9 @@
 #include <cctype>
 #include <exception>
 #include <iostream>
+#include <iterator>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace {
@@ -38,31 +40,47 @@ std::vector<System> Chosen(const std::vector<std::string>& names) {
     return systems;
 }
 
-void MeasureOnce(const std::vector<System>& systems, const Effort& effort, Report& report) {
-    for (const std::size_t bytes : {std::size_t{64}, std::size_t{4096}, kMiB}) {
+// What is measured, and with samples of which sizes.
+struct Choice {
+    std::vector<std::string> metrics{"latency", "rate", "processor", "fan-out"};
+    std::vector<std::size_t> bytes{64, 4096, kMiB};
+
+    bool Has(std::string_view metric) const {
+        return std::ranges::find(metrics, metric) != metrics.end();
+    }
+};
+
+void MeasureOnce(const std::vector<System>& systems, const Choice& choice, const Effort& effort,
+                 Report& report) {
+    std::vector<System> blocking;
+    std::ranges::copy_if(systems, std::back_inserter(blocking),
+                         [](const System& system) { return !system.polled; });
+    for (const std::size_t bytes : choice.bytes) {
         MeasureCopy(bytes, report);
-        for (const System& system : systems) {
-            if (!system.polled) {
+        if (choice.Has("latency")) {
+            for (const System& system : blocking) {
                 MeasureLatency(system, bytes, effort, report);
             }
         }
-        for (const System& system : systems) {
-            MeasureRate(system, bytes, BuffersFor(bytes), effort, report);
+        if (choice.Has("rate")) {
+            for (const System& system : systems) {
+                MeasureRate(system, bytes, BuffersFor(bytes), effort, report);
+            }
+        }
+        if (choice.Has("rate") && bytes == kMiB) {
+            for (const System& system : blocking) {
+                MeasureRate(system, kMiB, 2, effort, report);
+            }
         }
     }
-    for (const System& system : systems) {
-        if (!system.polled) {
-            MeasureRate(system, kMiB, 2, effort, report);
-        }
-    }
-    for (const System& system : systems) {
-        if (!system.polled) {
+    if (choice.Has("processor")) {
+        for (const System& system : blocking) {
             MeasureProcessorTime(system, effort, report);
         }
     }
-    for (const std::size_t readers : {1, 4, 16, 64}) {
-        for (const System& system : systems) {
-            if (!system.polled) {
+    if (choice.Has("fan-out")) {
+        for (const std::size_t readers : {1, 4, 16, 64}) {
+            for (const System& system : blocking) {
                 MeasureFanOut(system, readers, effort, report);
             }
         }
@@ -76,12 +94,21 @@ int main(int argc, char** argv) {
     int runs = 5;
     bool quick = false;
     std::vector<std::string> only;
+    Choice choice;
     std::string json;
     app.add_option("--runs", runs, "times that everything is measured, in turn")
         ->check(CLI::Range(1, 1000))
         ->capture_default_str();
     app.add_flag("--quick", quick, "one run unless --runs is given, each measurement shorter");
     app.add_option("--only", only, "these systems, separated by commas")->delimiter(',');
+    app.add_option("--metrics", choice.metrics, "these metrics, separated by commas")
+        ->delimiter(',')
+        ->check(CLI::IsMember(choice.metrics))
+        ->capture_default_str();
+    app.add_option("--bytes", choice.bytes, "sizes of the samples, separated by commas")
+        ->delimiter(',')
+        ->check(CLI::Range(std::size_t{16}, std::size_t{64} << 20))
+        ->capture_default_str();
     app.add_option("--json", json, "also write the figures to this file");
     CLI11_PARSE(app, argc, argv);
     // What this system's middleware has to say, for the processes that are forked too.
@@ -98,7 +125,7 @@ int main(int argc, char** argv) {
         }
         Report report;
         for (int run = 0; run < runs; ++run) {
-            MeasureOnce(systems, effort, report);
+            MeasureOnce(systems, choice, effort, report);
         }
         report.Print();
         if (!json.empty()) {
