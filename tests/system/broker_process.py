@@ -39,6 +39,10 @@ class BrokerProcess:
         self.uri = line[len(self.ANNOUNCEMENT):]
         self.port = int(self.uri.rsplit(":", 1)[1])
 
+    @property
+    def pid(self):
+        return self._process.pid
+
     def files(self):
         return sorted(name for _, _, names in os.walk(self.directory) for name in names)
 

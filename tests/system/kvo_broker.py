@@ -30,13 +30,20 @@ class KvoBroker(unittest.TestCase):
         other = BrokerProcess(BROKER_PROGRAM)
         self.addCleanup(other.stop)
         with socket.create_server(("127.0.0.1", 0)) as taken, \
-                tempfile.TemporaryDirectory(prefix="kvo-test-", dir="/dev/shm") as directory:
+                tempfile.TemporaryDirectory(prefix="kvo-test-", dir="/dev/shm") as directory, \
+                tempfile.TemporaryDirectory(prefix="kvo-test-", dir="/dev/shm") as public:
             port = str(taken.getsockname()[1])
+            os.chmod(public, 0o777)
             own = ("--directory", directory)
             table = (
                 (1, ("--port", port, *own), (port, "in use")),
                 (1, ("--port", "0", "--notification-port", port, *own), (port, "in use")),
-                (1, ("--port", "0", "--directory", other.directory), (other.directory,)),
+                (1, ("--port", "0", "--directory", other.directory),
+                 (other.directory, f"process {other.pid}")),
+                (1, ("--port", str(other.port), *own),
+                 (f"process {other.pid}", other.directory)),
+                (1, ("--port", "0", "--http-port", port, *own), (f"127.0.0.1:{port}",)),
+                (1, ("--port", "0", "--directory", public), (public, "everybody")),
                 (1, ("--port", "0", "--directory", "/nonexistent/place"),
                  ("/nonexistent/place", "No such file")),
                 (1, ("--port", "0", "--address", "no.such.address.invalid", *own),
@@ -53,8 +60,8 @@ class KvoBroker(unittest.TestCase):
                     self.assertEqual(output, "")
                     for part in parts:
                         self.assertIn(part, diagnostics)
-                    self.assertEqual(os.listdir(directory) if os.path.isdir(directory) else [], [])
-
+                    for place in (directory, public):
+                        self.assertEqual(os.listdir(place) if os.path.isdir(place) else [], [])
 
     def test_signals_reload_and_drain(self):
         with tempfile.TemporaryDirectory(prefix="kvo-test-", dir="/dev/shm") as place:
