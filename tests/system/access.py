@@ -11,7 +11,7 @@ import unittest
 
 import zmq
 
-from broker_process import PATIENCE_S
+from broker_process import PATIENCE_S, start_program
 from lines import LineReader
 from wire_client import WireClient
 
@@ -81,18 +81,10 @@ class Access(unittest.TestCase):
     def start(self, user, program, *arguments):
         number = USERS[user]
         groups = f"{number},{CAMERA}" if user != "carol" else str(number)
-        process = subprocess.Popen(
-            ["setpriv", f"--reuid={number}", f"--regid={number}", f"--groups={groups}",
-             os.path.join(self.programs, "bin", os.path.basename(program)), *arguments],
-            stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-            env=self.environment)
-        self.addCleanup(self.end, process)
-        return process
-
-    @staticmethod
-    def end(process):
-        process.kill()
-        process.communicate()
+        return start_program(
+            self, "setpriv", f"--reuid={number}", f"--regid={number}", f"--groups={groups}",
+            os.path.join(self.programs, "bin", os.path.basename(program)), *arguments,
+            environment=self.environment)
 
     def configure(self, *rules):
         with open(self.configuration, "w", encoding="utf-8") as file:

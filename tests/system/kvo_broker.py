@@ -8,7 +8,7 @@ import sys
 import tempfile
 import unittest
 
-from broker_process import PATIENCE_S, BrokerProcess
+from broker_process import PATIENCE_S, BrokerProcess, start_program
 from lines import LineReader
 
 BROKER_PROGRAM = sys.argv.pop()
@@ -74,11 +74,8 @@ class KvoBroker(unittest.TestCase):
             write("port = 0\nmax-streams = 5\n")
             self.assertEqual(self.run_broker("--config", path, "--check-config"),
                              (0, f"{path}: good\n", ""))
-            broker = subprocess.Popen(
-                [BROKER_PROGRAM, "--config", path, "--directory", os.path.join(place, "streams")],
-                stdout=subprocess.PIPE, stderr=subprocess.PIPE)
-            self.addCleanup(broker.communicate)
-            self.addCleanup(broker.kill)
+            broker = start_program(self, BROKER_PROGRAM, "--config", path, "--directory",
+                                   os.path.join(place, "streams"), environment=None)
             log = LineReader(broker.stderr)
             log.await_text("listening at", PATIENCE_S)
             LineReader(broker.stdout).next(PATIENCE_S)

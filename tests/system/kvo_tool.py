@@ -4,13 +4,12 @@ import json
 import os
 import signal
 import socket
-import subprocess
 import sys
 import tempfile
 import time
 import unittest
 
-from broker_process import PATIENCE_S, BrokerProcess
+from broker_process import PATIENCE_S, BrokerProcess, start_program
 from lines import LineReader
 
 BROKER_PROGRAM = sys.argv.pop()
@@ -34,23 +33,9 @@ class KvoTool(unittest.TestCase):
         if code != 0 or left:
             raise AssertionError(f"the broker ended with {code} and left {left}")
 
-    def start(self, *arguments, broker=None, **options):
+    def start(self, *arguments, broker=None):
         environment = dict(os.environ, KVO_BROKER=broker or self.broker.uri)
-        process = subprocess.Popen([KVO_PROGRAM, *arguments], env=environment,
-                                   stdin=options.pop("stdin", subprocess.PIPE),
-                                   stdout=options.pop("stdout", subprocess.PIPE),
-                                   stderr=subprocess.PIPE, **options)
-        self.addCleanup(self.end, process)
-        return process
-
-    @staticmethod
-    def end(process):
-        if process.poll() is None:
-            process.kill()
-        process.wait()
-        for stream in (process.stdin, process.stdout, process.stderr):
-            if stream is not None:
-                stream.close()
+        return start_program(self, KVO_PROGRAM, *arguments, environment=environment)
 
     def run_kvo(self, *arguments, broker=None, data=b""):
         process = self.start(*arguments, broker=broker)
