@@ -37,20 +37,11 @@ public:
     Account Of(std::uint32_t, std::uint32_t group) override { return {{}, {{group, {}}}}; }
 };
 
-// The directory of all inputs; the registry is each input's own.
-class Place {
-public:
-    Place() {
-        std::string pattern = "/dev/shm/kvo-fuzz-XXXXXX";
-        directory = std::make_unique<BrokerDirectory>(::mkdtemp(pattern.data()));
-    }
-    std::unique_ptr<BrokerDirectory> directory;
-};
-
 class Parts {
 public:
-    explicit Parts(Place& place)
-        : files_(place.directory->path(), kBudgetBytes, Spare(), place.directory->processes()) {}
+    /// @param directory of all inputs; the registry is each input's own.
+    explicit Parts(BrokerDirectory& directory)
+        : files_(directory.path(), kBudgetBytes, Spare(), directory.processes()) {}
     ~Parts() {
         remote_.EndAll();
         registry_.Drain();
@@ -154,8 +145,9 @@ private:
 }  // namespace kvo::brokerd
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    static kvo::brokerd::Place place;
-    kvo::brokerd::Parts parts(place);
+    static std::string pattern = "/dev/shm/kvo-fuzz-XXXXXX";
+    static kvo::brokerd::BrokerDirectory directory(::mkdtemp(pattern.data()));
+    kvo::brokerd::Parts parts(directory);
     std::string_view rest(reinterpret_cast<const char*>(data), size);
     for (int i = 0; i < kvo::brokerd::kMostMessages && rest.size() >= 2; ++i) {
         const auto caller = static_cast<unsigned char>(rest[0]);

@@ -3,9 +3,8 @@
 // word of which file is overwritten with what.
 #include "geometry.h"
 #include "kvo/memory/inspection.h"
-#include "kvo/memory/memory_accessor.h"
 #include "kvo/memory/process_lock.h"
-#include "kvo/memory/stream_file.h"
+#include "sample_stream.h"
 #include "segment.h"
 
 #include <algorithm>
@@ -66,27 +65,21 @@ public:
         std::string pattern = "/dev/shm/kvo-fuzz-XXXXXX";
         directory_ = ::mkdtemp(pattern.data());
         data_path_ = directory_ + "/stream";
-        kvo::StreamFile::Creation creation;
-        creation.path = data_path_;
-        creation.stream = kStream;
-        kvo::SpareSlots spare;
-        spare.budget_bytes = 16 << 10;
-        creation.geometry = kvo::PlanGeometry(kPayloadBytes, 4, spare);
-        creation.epoch = 1;
-        const auto file = kvo::StreamFile::Create(creation);
+        const auto file = kvo::test::CreateStream(data_path_, kStream, kPayloadBytes, 4,
+                                                  kvo::test::Spare(16 << 10));
+        const kvo::StreamGeometry geometry = file->geometry();
         control_path_ = file->control_path();
         {
-            kvo::KvoMemoryAccessor writer(data_path_, kStream, nullptr, 0, 1);
-            writer.SetSizeConstraints(kPayloadBytes, kvo::kMaxMetadataBytes);
+            const auto writer = kvo::test::OpenWriter(data_path_, kStream, kPayloadBytes);
             const Bytes payload(kPayloadBytes, 7);
             for (int i = 0; i < 6; ++i) {
-                writer.WriteData(-1, 0, i, payload.data(), kPayloadBytes, nullptr, 0, 1);
+                writer->WriteData(-1, 0, i, payload.data(), kPayloadBytes, nullptr, 0, 1);
             }
         }
         data_ = ReadFile(data_path_);
         control_ = ReadFile(control_path_);
-        const kvo::FileOffsets offsets = kvo::OffsetsOf(creation.geometry);
-        const auto slots = creation.geometry.slot_count;
+        const kvo::FileOffsets offsets = kvo::OffsetsOf(geometry);
+        const auto slots = geometry.slot_count;
         regions_ = {{
             {true, 0, sizeof(layout::DataHeader)},
             {true, layout::kWordsOffset, sizeof(layout::SharedWords)},
@@ -191,12 +184,12 @@ public:
                 }
                 break;
             case 5:
-                reader_ = Accessor();
+                reader_ =
+                    std::make_unique<kvo::KvoMemoryAccessor>(files_.path(), kStream, nullptr, 0, 2);
                 reader_->StartReading();
                 break;
             case 6:
-                writer_ = Accessor();
-                writer_->SetSizeConstraints(kPayloadBytes, kvo::kMaxMetadataBytes);
+                writer_ = kvo::test::OpenWriter(files_.path(), kStream, kPayloadBytes);
                 break;
             case 7:
                 OpenAsBroker();
@@ -232,10 +225,6 @@ public:
 
 private:
     bool nobody() const { return !reader_ && !writer_ && !broker_; }
-
-    std::unique_ptr<kvo::KvoMemoryAccessor> Accessor() const {
-        return std::make_unique<kvo::KvoMemoryAccessor>(files_.path(), kStream, nullptr, 0, 2);
-    }
 
     void OpenAsBroker() {
         try {

@@ -33,63 +33,40 @@ constexpr unsigned kTso = 2;
 constexpr unsigned kPso = 4;
 constexpr unsigned kAll = kSc | kTso | kPso;
 
-Configuration Small() {
-    return {.retained = 1, .rows = 1, .batch = 2, .samples = 3, .readers = 1, .reads = 2};
-}
-Configuration Copying() {
-    Configuration c = Small();
-    c.copies = true;
-    return c;
-}
-Configuration Competing() {
-    Configuration c = Small();
-    c.readers = 2;
-    return c;
-}
-Configuration TwoRows() {
-    return {.retained = 1, .rows = 2, .batch = 2, .samples = 2, .readers = 2, .reads = 1};
-}
-Configuration TakenOver() {
-    Configuration c = Small();
-    c.reads = 1;
-    c.writer_crashes = true;
-    return c;
-}
-Configuration Reaped() {
+constexpr Configuration kSmall{
+    .retained = 1, .rows = 1, .batch = 2, .samples = 3, .readers = 1, .reads = 2};
+constexpr Configuration kCopying{.samples = 3, .reads = 2, .copies = true};
+constexpr Configuration kCompeting{.samples = 3, .readers = 2, .reads = 2};
+constexpr Configuration kTwoRows{.rows = 2, .samples = 2, .readers = 2};
+constexpr Configuration kTakenOver{.samples = 3, .writer_crashes = true};
+constexpr Configuration kReaped{.samples = 2, .readers = 2, .reader_crashes = 1, .reapers = 1};
+constexpr Configuration EverybodyCrashes(unsigned readers) {
     return {.samples = 2,
-            .readers = 2,
-            .reads = 1,
+            .readers = readers,
+            .copies = true,
             .reader_crashes = 1,
+            .writer_crashes = true,
             .reapers = 1,
-            .reaper_crashes = 0};
-}
-Configuration EverybodyCrashes(unsigned readers) {
-    Configuration c{.samples = 2, .readers = readers};
-    c.copies = true;
-    c.reader_crashes = 1;
-    c.writer_crashes = true;
-    c.reapers = 1;
-    c.reaper_crashes = 1;
-    return c;
+            .reaper_crashes = 1};
 }
 
 std::vector<Case> Cases() {
-    Configuration two_retained = Competing();
+    Configuration two_retained = kCompeting;
     two_retained.retained = 2;
-    Configuration writer_too = Reaped();
+    Configuration writer_too = kReaped;
     writer_too.reapers = 0;
     writer_too.writer_crashes = true;
-    Configuration two_reapers = Reaped();
+    Configuration two_reapers = kReaped;
     two_reapers.reapers = 2;
     two_reapers.reaper_crashes = 1;
     return {
-        {"one reader, two samples each", Small(), kAll, kAll},
-        {"one reader that also copies", Copying(), kAll, kAll},
-        {"two readers, one row", Competing(), kAll, kAll},
+        {"one reader, two samples each", kSmall, kAll, kAll},
+        {"one reader that also copies", kCopying, kAll, kAll},
+        {"two readers, one row", kCompeting, kAll, kAll},
         {"two readers, one row, two samples retained", two_retained, kAll, kAll},
-        {"two readers, two rows", TwoRows(), kAll, kAll},
-        {"one reader, the writer is replaced", TakenOver(), kAll, kAll},
-        {"two readers that crash and return, a reaper", Reaped(), kAll, kSc | kTso},
+        {"two readers, two rows", kTwoRows, kAll, kAll},
+        {"one reader, the writer is replaced", kTakenOver, kAll, kAll},
+        {"two readers that crash and return, a reaper", kReaped, kAll, kSc | kTso},
         {"two readers and the writer crash", writer_too, kAll, kSc | kTso},
         {"one reader, everybody crashes", EverybodyCrashes(1), kAll, kAll},
         {"two readers, two reapers, all crash", two_reapers, kAll, kSc},
@@ -106,27 +83,27 @@ struct Seed {
 
 std::vector<Seed> Seeds() {
     return {
-        {"pin not awaited", Mistake::kPinNotSequential, Small(), kTso | kPso},
-        {"round not awaited", Mistake::kRoundNotSequential, Small(), kTso | kPso},
-        {"closed relaxed", Mistake::kClosedRelaxed, Small(), kPso},
-        {"no second look", Mistake::kNoSecondLook, Small(), kAll},
-        {"copy without second look", Mistake::kCopyWithoutSecondLook, Copying(), kAll},
-        {"mark loaded before closing", Mistake::kMarkLoadedBeforeClosing, Small(), kAll},
-        {"scan before closing", Mistake::kScanBeforeClosing, Small(), kAll},
-        {"mark raised after the pin", Mistake::kMarkRaisedAfterPin, Small(), kAll},
-        {"mark raised by a store", Mistake::kMarkRaisedByStore, TwoRows(), kAll},
-        {"stock left valid", Mistake::kStockLeftValid, Small(), kAll},
-        {"successor trusts the stock", Mistake::kSuccessorTrustsStock, TakenOver(), kAll},
-        {"owner cleared before the pin", Mistake::kOwnerClearedBeforePin, Competing(), kAll},
-        {"owner cleared relaxed", Mistake::kOwnerClearedRelaxed, Competing(), kPso},
-        {"valid relaxed", Mistake::kValidRelaxed, Small(), kPso},
-        {"payload not after writing", Mistake::kPayloadNotAfterWriting, Copying(), kPso},
-        {"row claimed by a store", Mistake::kClaimByStore, Competing(), kAll},
-        {"living reader reaped", Mistake::kLiveReaderReaped, Competing(), kAll},
-        {"reapers without taking over", Mistake::kReapersPlainStores, Reaped(), kAll},
-        {"reaper stops at the mark", Mistake::kReaperStopsAtMark, Reaped(), kAll},
-        {"one slot short", Mistake::kSlotShort, Small(), kAll},
-        {"one of the newest closed", Mistake::kNewestClosed, Small(), kAll},
+        {"pin not awaited", Mistake::kPinNotSequential, kSmall, kTso | kPso},
+        {"round not awaited", Mistake::kRoundNotSequential, kSmall, kTso | kPso},
+        {"closed relaxed", Mistake::kClosedRelaxed, kSmall, kPso},
+        {"no second look", Mistake::kNoSecondLook, kSmall, kAll},
+        {"copy without second look", Mistake::kCopyWithoutSecondLook, kCopying, kAll},
+        {"mark loaded before closing", Mistake::kMarkLoadedBeforeClosing, kSmall, kAll},
+        {"scan before closing", Mistake::kScanBeforeClosing, kSmall, kAll},
+        {"mark raised after the pin", Mistake::kMarkRaisedAfterPin, kSmall, kAll},
+        {"mark raised by a store", Mistake::kMarkRaisedByStore, kTwoRows, kAll},
+        {"stock left valid", Mistake::kStockLeftValid, kSmall, kAll},
+        {"successor trusts the stock", Mistake::kSuccessorTrustsStock, kTakenOver, kAll},
+        {"owner cleared before the pin", Mistake::kOwnerClearedBeforePin, kCompeting, kAll},
+        {"owner cleared relaxed", Mistake::kOwnerClearedRelaxed, kCompeting, kPso},
+        {"valid relaxed", Mistake::kValidRelaxed, kSmall, kPso},
+        {"payload not after writing", Mistake::kPayloadNotAfterWriting, kCopying, kPso},
+        {"row claimed by a store", Mistake::kClaimByStore, kCompeting, kAll},
+        {"living reader reaped", Mistake::kLiveReaderReaped, kCompeting, kAll},
+        {"reapers without taking over", Mistake::kReapersPlainStores, kReaped, kAll},
+        {"reaper stops at the mark", Mistake::kReaperStopsAtMark, kReaped, kAll},
+        {"one slot short", Mistake::kSlotShort, kSmall, kAll},
+        {"one of the newest closed", Mistake::kNewestClosed, kSmall, kAll},
     };
 }
 

@@ -49,13 +49,12 @@ struct Shared {
 
 Shared* shared = nullptr;
 
-struct Paths {
-    explicit Paths(const std::string& directory)
-        : broker(directory + "/broker"), shared(directory + "/shared") {}
-    const std::string broker;  // a directory
-    const std::string shared;
-};
-
+Shared& SharedIn(const std::string& directory) {
+    return Share<Shared>(directory + "/shared");
+}
+std::string BrokersPlace(const std::string& directory) {
+    return directory + "/broker";
+}
 std::string StreamOf(int number) {
     return "killed/" + std::to_string(number);
 }
@@ -136,7 +135,7 @@ class Test {
 public:
     Test(const KillOptions& options, int streams, Clock::duration within)
         : options_(options), streams_(streams), within_(within) {
-        shared = &Share<Shared>(Paths(scratch_.path()).shared);
+        shared = &SharedIn(scratch_.path());
     }
     void Run() {
         Begin();
@@ -251,20 +250,7 @@ private:
             }
             return number == streams_;
         };
-        Clock::duration duration{};
-        try {
-            duration = Await(at_most, "a new sample everywhere", all_read);
-        } catch (const std::exception& error) {
-            const auto place = static_cast<std::size_t>(number);
-            kvo::KvoStatisticsClient broker(nullptr, uri());
-            const auto state = broker.GetStatistics(StreamOf(number));
-            throw std::runtime_error(std::string(error.what()) + ": stream " + StreamOf(number) +
-                                     " had read " + std::to_string(before[place]) + ", then " +
-                                     std::to_string(shared->read[place].load()) +
-                                     "; the broker knows " + std::to_string(state.count_value_1) +
-                                     " samples, publisher " + std::to_string(state.int_value_2) +
-                                     ", subscribers " + std::to_string(state.int_value_1));
-        }
+        const Clock::duration duration = Await(at_most, "a new sample everywhere", all_read);
         for (number = 0; number < streams_; ++number) {
             Demand(!shared->gap[static_cast<std::size_t>(number)].load(),
                    "samples of stream " + StreamOf(number) + " were missed");
@@ -274,7 +260,7 @@ private:
     int FilesOfStreams() const {
         int files = 0;
         for (const auto& entry :
-             std::filesystem::recursive_directory_iterator(Paths(scratch_.path()).broker)) {
+             std::filesystem::recursive_directory_iterator(BrokersPlace(scratch_.path()))) {
             files += entry.is_regular_file() && entry.path().extension() != ".lock" ? 1 : 0;
         }
         return files;
@@ -283,7 +269,7 @@ private:
     const KillOptions options_;
     const int streams_;
     const Clock::duration within_;
-    const Scratch scratch_;
+    const kvo::test::TempDirectory scratch_;
     std::unique_ptr<Process> broker_;
     std::vector<std::unique_ptr<Process>> clients_;
     Clock::duration slowest_{};
@@ -310,12 +296,12 @@ int main(int argc, char** argv) {
     const Roles roles{
         {"broker",
          [](const Arguments& arguments) {
-             shared = &Share<Shared>(Paths(arguments.at(0)).shared);
-             ServeUntilKilled(Paths(arguments.at(0)).broker,
+             shared = &SharedIn(arguments.at(0));
+             ServeUntilKilled(BrokersPlace(arguments.at(0)),
                               static_cast<std::uint16_t>(std::stoul(arguments.at(1))));
          }},
         {"clients", [](const Arguments& arguments) {
-             shared = &Share<Shared>(Paths(arguments.at(0)).shared);
+             shared = &SharedIn(arguments.at(0));
              RunClients(arguments.at(1), std::stoi(arguments.at(2)), std::stoi(arguments.at(3)));
          }}};
     return Run(argc, argv, app, options, roles, [&] {

@@ -2,7 +2,6 @@
 
 #include "kvo/crash_point.h"
 
-#include <cerrno>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -91,7 +90,7 @@ private:
         });
     }
 
-    const Scratch scratch_;
+    const kvo::test::TempDirectory scratch_;
     std::unique_ptr<Encounter> encounter_;
     std::unique_ptr<Process> process_;
     int status_ = 0;

@@ -3,8 +3,7 @@
 #include "crash_points.h"
 
 #include "kvo/memory/inspection.h"
-#include "kvo/memory/memory_accessor.h"
-#include "kvo/memory/stream_file.h"
+#include "sample_stream.h"
 
 #include <algorithm>
 #include <csignal>
@@ -36,9 +35,7 @@ std::unique_ptr<KvoMemoryAccessor> Open(const std::string& path) {
 }
 
 std::unique_ptr<KvoMemoryAccessor> OpenWriter(const std::string& path) {
-    auto writer = Open(path);
-    writer->SetSizeConstraints(kPayload, kvo::kMaxMetadataBytes);
-    return writer;
+    return kvo::test::OpenWriter(path, kStream, kPayload);
 }
 
 // Continues the numbers of the segment, so that a sample's bytes tell its number.
@@ -50,31 +47,21 @@ void Write(KvoMemoryAccessor& writer, int samples) {
     Demand(writer.writer_counters().dropped == 0, "the writer found no slot");
 }
 
+// One row may pin: a second reader copies.
 std::unique_ptr<StreamFile> Create(const std::string& path, std::uint64_t epoch) {
-    StreamFile::Creation creation;
-    creation.path = path;
-    creation.stream = kStream;
-    kvo::SpareSlots spare;
-    spare.budget_bytes = 0;  // one row may pin: a second reader copies
-    creation.geometry = kvo::PlanGeometry(kPayload, kRetained, spare);
-    creation.epoch = epoch;
-    return StreamFile::Create(creation);
+    return kvo::test::CreateStream(path, kStream, kPayload, kRetained, kvo::test::Spare(0), epoch);
 }
 
 // Takes what is there and looks at every byte; the sequence numbers.
 std::vector<std::uint64_t> TakeAll(KvoMemoryAccessor& reader) {
     std::vector<std::uint64_t> numbers;
-    for (;;) {
-        kvo::DataSample* sample = nullptr;
-        reader.get_data_packet(nullptr, nullptr, nullptr, nullptr, nullptr, &sample);
-        if (sample == nullptr) {
-            return numbers;
-        }
+    while (const kvo::DataSample* const sample = kvo::test::Take(reader)) {
         numbers.push_back(sample->sequence_number());
         const auto content = ContentOf(sample->sequence_number());
         Demand(std::equal(content.begin(), content.end(), sample->payload()),
                "sample " + std::to_string(sample->sequence_number()) + " is not whole");
     }
+    return numbers;
 }
 
 void DemandNewest(const std::string& path, std::uint64_t newest) {

@@ -1,9 +1,8 @@
 // Writer and readers of one stream, killed, stopped and restarted at random moments. Every sample
 // that a reader gets must be whole and in its place, and every gap accounted for.
 #include "kvo/memory/inspection.h"
-#include "kvo/memory/memory_accessor.h"
-#include "kvo/memory/stream_file.h"
 #include "processes.h"
+#include "sample_stream.h"
 
 #include <CLI/CLI.hpp>
 #include <xxhash.h>
@@ -31,12 +30,12 @@ constexpr int kMaxPayload = 2048;
 constexpr int kRetained = 8;
 constexpr const char* kStream = "kill/test";
 
-struct Paths {
-    explicit Paths(const std::string& directory)
-        : stream(directory + "/stream"), totals(directory + "/totals") {}
-    const std::string stream;
-    const std::string totals;
-};
+std::string StreamIn(const std::string& directory) {
+    return directory + "/stream";
+}
+std::string TotalsIn(const std::string& directory) {
+    return directory + "/totals";
+}
 
 // What the processes tell of themselves. relaxed: only sums.
 struct Totals {
@@ -58,8 +57,8 @@ std::uint64_t DigestOf(const unsigned char* payload, std::size_t bytes) {
 }
 
 void Write(const std::string& path, Totals& totals) {
-    KvoMemoryAccessor writer(path, kStream, nullptr, 0, 1);
-    writer.SetSizeConstraints(kMaxPayload, kvo::kMaxMetadataBytes);
+    const auto opened = kvo::test::OpenWriter(path, kStream, kMaxPayload);
+    KvoMemoryAccessor& writer = *opened;
     Demand(writer.get_is_initialized(), "the writer's role was refused");
     const std::uint64_t epoch = kvo::InspectStreamFile(path).epoch;
     std::mt19937_64 random(static_cast<std::uint64_t>(::getpid()));
@@ -108,7 +107,7 @@ public:
     void Run() {
         for (;;) {
             accessor_.NewData();  // looks for a successor of a segment that was given up
-            while (const kvo::DataSample* const sample = Take()) {
+            while (const kvo::DataSample* const sample = kvo::test::TakeRetained(accessor_)) {
                 // The one before is still held: neither may change.
                 const char* fault = FaultOf(*sample);
                 if (fault == nullptr && held_ != nullptr) {
@@ -126,17 +125,6 @@ public:
     }
 
 private:
-    const kvo::DataSample* Take() {
-        std::string stream;
-        unsigned int samples = 1;
-        int tag = 0;
-        long sequence = 0;
-        unsigned long timestamp = 0;
-        kvo::DataSample* sample = nullptr;
-        accessor_.get_data_packet(&stream, &samples, &tag, &sequence, &timestamp, &sample);
-        return sample;
-    }
-
     const char* FaultOfPlace(const kvo::DataSample& sample) {
         Head head;
         std::memcpy(&head, sample.payload(), sizeof head);
@@ -175,19 +163,14 @@ private:
 class Keeper {
 public:
     explicit Keeper(const std::string& directory)
-        : path_(Paths(directory).stream), lock_(kvo::ProcessLock::ForDirectory(directory)) {
+        : path_(StreamIn(directory)), lock_(kvo::ProcessLock::ForDirectory(directory)) {
         lock_->Join();
         MakeSegment();
     }
     void MakeSegment() {
-        StreamFile::Creation creation;
-        creation.path = path_;
-        creation.stream = kStream;
-        kvo::SpareSlots spare;
-        spare.budget_bytes = 64 << 10;  // some rows may pin, the others copy
-        creation.geometry = kvo::PlanGeometry(kMaxPayload, kRetained, spare);
-        creation.epoch = ++epoch_;
-        auto file = StreamFile::Create(creation);
+        // Some rows may pin, the others copy.
+        auto file = kvo::test::CreateStream(path_, kStream, kMaxPayload, kRetained,
+                                            kvo::test::Spare(64 << 10), ++epoch_);
         if (file_ != nullptr) {
             file_->Retire();
         }
@@ -219,7 +202,7 @@ public:
     KillLoop(const KillOptions& options, const std::string& directory)
         : options_(options),
           directory_(directory),
-          totals_(Share<Totals>(Paths(directory).totals)),
+          totals_(Share<Totals>(TotalsIn(directory))),
           keeper_(directory),
           random_(options.seed) {
         for (std::size_t i = 0; i <= kReaders; ++i) {
@@ -303,19 +286,18 @@ int main(int argc, char** argv) {
     CLI::App app("Kills, stops and restarts the writer and the readers of a stream.",
                  "kvo-kill-test");
     KillOptions options{100'000};
-    const Roles roles{{"writer",
-                       [](const Arguments& arguments) {
-                           const Paths paths(arguments.at(0));
-                           Write(paths.stream, Share<Totals>(paths.totals));
-                       }},
-                      {"reader", [](const Arguments& arguments) {
-                           const Paths paths(arguments.at(0));
-                           Reader(paths.stream, Share<Totals>(paths.totals)).Run();
-                       }}};
+    const Roles roles{
+        {"writer",
+         [](const Arguments& arguments) {
+             Write(StreamIn(arguments.at(0)), Share<Totals>(TotalsIn(arguments.at(0))));
+         }},
+        {"reader", [](const Arguments& arguments) {
+             Reader(StreamIn(arguments.at(0)), Share<Totals>(TotalsIn(arguments.at(0)))).Run();
+         }}};
     return Run(argc, argv, app, options, roles, [&] {
-        const Scratch scratch;
+        const kvo::test::TempDirectory scratch;
         KillLoop(options, scratch.path()).Run();
-        std::filesystem::remove(Paths(scratch.path()).totals);
+        std::filesystem::remove(TotalsIn(scratch.path()));
         for (const auto& left : std::filesystem::directory_iterator(scratch.path())) {
             Demand(false, "left behind: " + left.path().string());
         }

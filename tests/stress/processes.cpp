@@ -25,15 +25,6 @@ void Demand(bool holds, const std::string& otherwise) {
     }
 }
 
-Scratch::Scratch() {
-    Demand(::mkdtemp(path_.data()) != nullptr, "cannot make " + path_);
-}
-
-Scratch::~Scratch() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-}
-
 void* MapShared(const std::string& path, std::size_t bytes) {
     const int file = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     Demand(file >= 0 && ::ftruncate(file, static_cast<off_t>(bytes)) == 0, "cannot make " + path);

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "temp_directory.h"
+
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -36,19 +38,6 @@ Clock::duration Await(Clock::duration at_most, const std::string& what, Done don
     }
     return Clock::now() - begin;
 }
-
-/// A directory of its own in shared memory, gone with the object.
-class Scratch {
-public:
-    Scratch();
-    Scratch(const Scratch&) = delete;
-    Scratch& operator=(const Scratch&) = delete;
-    ~Scratch();
-    const std::string& path() const { return path_; }
-
-private:
-    std::string path_ = "/dev/shm/kvo-stress-XXXXXX";
-};
 
 /// Maps the file, which is made when it is missing, until the process ends.
 void* MapShared(const std::string& path, std::size_t bytes);

@@ -1,9 +1,8 @@
 // Few retained samples and readers that hold many: half of them are stopped while they do. The
 // writer finds a slot for every sample, the others read on, and what is held does not change.
 #include "kvo/memory/inspection.h"
-#include "kvo/memory/memory_accessor.h"
-#include "kvo/memory/stream_file.h"
 #include "processes.h"
+#include "sample_stream.h"
 
 #include <gtest/gtest.h>
 
@@ -51,8 +50,7 @@ void Read(const std::string& path, int accessor_argument, std::atomic<std::uint6
     reader.StartReading();
     std::deque<const kvo::DataSample*> held;
     for (;;) {
-        kvo::DataSample* sample = nullptr;
-        reader.get_data_packet(nullptr, nullptr, nullptr, nullptr, nullptr, &sample);
+        const kvo::DataSample* const sample = kvo::test::Take(reader);
         if (sample == nullptr) {
             std::this_thread::yield();
             continue;
@@ -71,12 +69,6 @@ void Read(const std::string& path, int accessor_argument, std::atomic<std::uint6
 
 class StalledReaders : public ::testing::TestWithParam<std::tuple<int, int>> {
 protected:
-    void StartReaders(int accessor_argument) {
-        for (int i = 0; i < kReaders; ++i) {
-            readers_.push_back(std::make_unique<kvo::stress::Process>(kvo::stress::Arguments{
-                scratch_.path(), std::to_string(accessor_argument), std::to_string(i)}));
-        }
-    }
     /// Writes until each of the readers [first, last) has read so many more samples.
     ::testing::AssertionResult WriteUntilRead(KvoMemoryAccessor& writer, std::size_t first,
                                               std::size_t last, std::uint64_t samples) {
@@ -100,7 +92,7 @@ protected:
         return ::testing::AssertionSuccess();
     }
 
-    const kvo::stress::Scratch scratch_;
+    const kvo::test::TempDirectory scratch_;
     const std::string path_ = StreamIn(scratch_.path());
     Progress& progress_ = ProgressIn(scratch_.path());
     std::vector<std::unique_ptr<kvo::stress::Process>> readers_;
@@ -108,19 +100,15 @@ protected:
 
 TEST_P(StalledReaders, CostTheWriterAndTheOthersNothing) {
     const auto [retained, accessor_argument] = GetParam();
-    kvo::StreamFile::Creation creation;
-    creation.path = path_;
-    creation.stream = kStream;
-    kvo::SpareSlots spare;
-    spare.budget_bytes = 64 << 10;
-    creation.geometry = kvo::PlanGeometry(kPayload, retained, spare);
-    creation.epoch = 1;
-    const auto file = kvo::StreamFile::Create(creation);
-    KvoMemoryAccessor writer(path_, kStream, nullptr, 0, 1);
-    writer.SetSizeConstraints(kPayload, kvo::kMaxMetadataBytes);
+    const auto file =
+        kvo::test::CreateStream(path_, kStream, kPayload, retained, kvo::test::Spare(64 << 10));
+    const auto opened = kvo::test::OpenWriter(path_, kStream, kPayload);
+    KvoMemoryAccessor& writer = *opened;
     ASSERT_TRUE(writer.get_is_initialized());
-
-    StartReaders(accessor_argument);
+    for (int i = 0; i < kReaders; ++i) {
+        readers_.push_back(std::make_unique<kvo::stress::Process>(kvo::stress::Arguments{
+            scratch_.path(), std::to_string(accessor_argument), std::to_string(i)}));
+    }
     ASSERT_TRUE(WriteUntilRead(writer, 0, kReaders, 20));
     for (std::size_t i = 0; i < kReaders / 2; ++i) {
         readers_[i]->Signal(SIGSTOP);

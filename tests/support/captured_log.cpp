@@ -13,10 +13,11 @@ std::vector<LogLine> CapturedLog::lines() const {
     return lines_;
 }
 
-std::size_t CapturedLog::Count(const std::string& text) const {
+std::size_t CapturedLog::Count(const std::string& part) const {
     const std::lock_guard lock(mutex_);
     return static_cast<std::size_t>(std::count_if(
-        lines_.begin(), lines_.end(), [&](const LogLine& line) { return line.text == text; }));
+        lines_.begin(), lines_.end(),
+        [&](const LogLine& line) { return line.text.find(part) != std::string::npos; }));
 }
 
 void CapturedLog::Clear() {

@@ -29,7 +29,8 @@ public:
     KvoLogger* kvo_logger() { return this; }
 
     std::vector<LogLine> lines() const;
-    std::size_t Count(const std::string& text) const;
+    /// How many lines hold the text.
+    std::size_t Count(const std::string& part) const;
     void Clear();
 
     /// Waits until the exact line has been written `times` times. @return whether it was.

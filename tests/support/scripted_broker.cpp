@@ -5,6 +5,7 @@
 #include "kvo/broker/capabilities.h"
 #include "kvo/broker/notification_sample.h"
 #include "local_topics.h"
+#include "sample_stream.h"
 
 #include <algorithm>
 #include <sstream>
@@ -254,13 +255,9 @@ bool ScriptedBroker::NotifyBytes(const std::string& stream, const std::string& b
 
 StreamFile& ScriptedBroker::CreateStream(const std::string& stream, int max_payload_bytes,
                                          int retained_samples) {
-    StreamFile::Creation creation;
-    creation.path = directory_.path() / ("stream-" + std::to_string(stream_files_.size()));
-    creation.stream = stream;
-    creation.geometry = PlanGeometry(max_payload_bytes, retained_samples, SpareSlots{});
-    creation.epoch = stream_files_.size() + 1;
-    stream_files_.push_back(StreamFile::Create(creation));
-    stream_path_ = creation.path;
+    stream_path_ = directory_.path() / ("stream-" + std::to_string(stream_files_.size()));
+    stream_files_.push_back(test::CreateStream(stream_path_, stream, max_payload_bytes,
+                                               retained_samples, {}, stream_files_.size() + 1));
     Always("GetShmFilePath", stream_path_);
     return *stream_files_.back();
 }

@@ -144,8 +144,7 @@ BrokerProcess::~BrokerProcess() {
 Footprint BrokerProcess::Look() const {
     const std::string process = "/proc/" + std::to_string(pid_);
     const std::string status = ContentOf(process + "/status");
-    // Behind the name, which may contain anything: state, ten others, user and system ticks, four
-    // others, threads.
+    // Behind the name, which may contain anything: state, ten others, user and system ticks.
     const std::string stat = ContentOf(process + "/stat");
     std::istringstream fields(stat.substr(stat.rfind(')') + 1));
     const std::vector<std::string> values(std::istream_iterator<std::string>(fields), {});
@@ -155,9 +154,6 @@ Footprint BrokerProcess::Look() const {
     footprint.cpu_seconds =
         static_cast<double>(std::stoull(values.at(11)) + std::stoull(values.at(12))) /
         static_cast<double>(::sysconf(_SC_CLK_TCK));
-    footprint.threads = std::stoul(values.at(17));
-    footprint.descriptors = EntriesOf(process + "/fd");
-    footprint.files = EntriesOf(streams());
     return footprint;
 }
 
@@ -208,17 +204,13 @@ std::uint32_t SimulatedClient::AskPacked(std::string_view method, const std::str
     packer.pack_array(4).pack(0).pack(++last_id_).pack(method);
     const std::array<std::string, 2> frames{
         std::string(kBrokerPath), std::string(buffer.data(), buffer.size()).append(params)};
-    Send(frames);
-    return last_id_;
-}
-
-void SimulatedClient::Send(std::span<const std::string> frames) {
     for (std::size_t i = 0; i < frames.size(); ++i) {
         const auto more = i + 1 < frames.size() ? zmq::send_flags::sndmore : zmq::send_flags::none;
         if (!socket_.send(zmq::buffer(frames[i]), more)) {
             throw std::runtime_error("the broker takes no requests");
         }
     }
+    return last_id_;
 }
 
 std::optional<Answer> SimulatedClient::Take() {
@@ -247,34 +239,6 @@ std::optional<Answer> SimulatedClient::Take() {
     } catch (const msgpack::type_error&) {
     }
     throw std::runtime_error("an answer is no response");
-}
-
-std::optional<Answer> SimulatedClient::Await(std::uint32_t id, std::chrono::milliseconds at_most) {
-    const auto deadline = Clock::now() + at_most;
-    for (;;) {
-        while (std::optional<Answer> answer = Take()) {
-            if (answer->id == id) {
-                return answer;
-            }
-        }
-        zmq::pollitem_t item{socket_.handle(), 0, ZMQ_POLLIN, 0};
-        if (zmq::poll(&item, 1, std::chrono::milliseconds(MillisecondsUntil(deadline))) == 0) {
-            return std::nullopt;
-        }
-    }
-}
-
-Answer SimulatedClient::AwaitResult(std::string_view method, std::uint32_t id) {
-    std::optional<Answer> answer = Await(id);
-    if (!answer || !answer->error.empty()) {
-        throw std::runtime_error(std::string(method) + ": " +
-                                 (answer ? answer->error : "no answer"));
-    }
-    return std::move(*answer);
-}
-
-std::runtime_error SimulatedClient::WrongType(std::string_view method) {
-    return std::runtime_error(std::string(method) + ": the result is of another type");
 }
 
 void AllowDescriptors(std::size_t count) {

@@ -7,7 +7,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
-#include <span>
 #include <string>
 #include <string_view>
 #include <sys/types.h>
@@ -27,9 +26,6 @@ struct Footprint {
     double cpu_seconds = 0;  // user and system, since its start
     std::uint64_t rss_bytes = 0;
     std::uint64_t shared_bytes = 0;  // of these in mapped stream files
-    std::size_t descriptors = 0;
-    std::size_t threads = 0;
-    std::size_t files = 0;  // in its directory
 };
 
 /// A kvo-broker on free ports with a directory of its own. It ends with this process at the latest.
@@ -100,39 +96,14 @@ public:
     std::uint32_t Ask(std::string_view method, const A&... arguments) {
         return AskPacked(method, PackParams(arguments...));
     }
-    /// Sends any frames; throws as Ask does.
-    void Send(std::span<const std::string> frames);
-
     /// Takes the next answer without waiting. Throws std::runtime_error when it is no response.
     std::optional<Answer> Take();
-    /// Waits for one answer and drops all before it.
-    std::optional<Answer> Await(std::uint32_t id, std::chrono::milliseconds at_most = kPatience);
-
-    /// Asks and waits. Throws std::runtime_error naming the method when no answer comes, an error
-    /// or a result of another type.
-    template <class T, class... A>
-    T Call(std::string_view method, const A&... arguments) {
-        const Answer answer = AwaitResult(method, Ask(method, arguments...));
-        try {
-            return answer.result().as<T>();
-        } catch (const msgpack::type_error&) {
-            throw WrongType(method);
-        }
-    }
-    /// Asks for what has no result; throws as Call does.
-    template <class... A>
-    void Do(std::string_view method, const A&... arguments) {
-        AwaitResult(method, Ask(method, arguments...));
-    }
-
     /// Becomes readable when something may be to take; a look by Take() clears it, and so may a
     /// sending.
     int descriptor() const { return socket_.get(zmq::sockopt::fd); }
 
 private:
     std::uint32_t AskPacked(std::string_view method, const std::string& params);
-    Answer AwaitResult(std::string_view method, std::uint32_t id);
-    static std::runtime_error WrongType(std::string_view method);
 
     zmq::socket_t socket_;
     std::uint32_t last_id_ = 0;

@@ -1,5 +1,6 @@
 #include "temp_directory.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <system_error>
@@ -24,6 +25,7 @@ std::vector<std::string> TempDirectory::Content() const {
     for (const auto& entry : std::filesystem::recursive_directory_iterator(path_)) {
         names.push_back(entry.path().lexically_relative(path_).string());
     }
+    std::sort(names.begin(), names.end());
     return names;
 }
 

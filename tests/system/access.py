@@ -9,11 +9,11 @@ import sys
 import tempfile
 import unittest
 
-import msgpack
 import zmq
 
-from broker_process import PATIENCE_S
+from broker_process import PATIENCE_S, start_program
 from lines import LineReader
+from wire_client import WireClient
 
 IN_NAMESPACE = "KVO_TEST_IN_MOUNT_NAMESPACE"
 SKIPPED = 77  # ctest's SKIP_RETURN_CODE
@@ -81,18 +81,10 @@ class Access(unittest.TestCase):
     def start(self, user, program, *arguments):
         number = USERS[user]
         groups = f"{number},{CAMERA}" if user != "carol" else str(number)
-        process = subprocess.Popen(
-            ["setpriv", f"--reuid={number}", f"--regid={number}", f"--groups={groups}",
-             os.path.join(self.programs, "bin", os.path.basename(program)), *arguments],
-            stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-            env=self.environment)
-        self.addCleanup(self.end, process)
-        return process
-
-    @staticmethod
-    def end(process):
-        process.kill()
-        process.communicate()
+        return start_program(
+            self, "setpriv", f"--reuid={number}", f"--regid={number}", f"--groups={groups}",
+            os.path.join(self.programs, "bin", os.path.basename(program)), *arguments,
+            environment=self.environment)
 
     def configure(self, *rules):
         with open(self.configuration, "w", encoding="utf-8") as file:
@@ -155,12 +147,10 @@ class Access(unittest.TestCase):
         self.environment["KVO_RUNTIME_DIRECTORY"] = self.keys_directory
 
     def ask_as_root(self, method, *params):
-        with zmq.Context() as context, context.socket(zmq.DEALER) as client:
-            client.linger = 0
-            client.rcvtimeo = PATIENCE_S * 1000
-            client.connect(f"ipc://{self.runtime}/{self.port}.sock")
-            client.send_multipart([b"/broker/Broker1", msgpack.packb([0, 1, method, params])])
-            return msgpack.unpackb(client.recv_multipart()[1])[2:]
+        with zmq.Context() as context:
+            client = WireClient(context, f"ipc://{self.runtime}/{self.port}.sock")
+            with client.socket:
+                return client.call(method, *params)
 
     def test_users_of_a_group_share_streams_and_others_learn_why_they_do_not(self):
         self.start_broker("allow publish /camera/* to user:alice",
@@ -173,13 +163,13 @@ class Access(unittest.TestCase):
         carol = self.subscriber("carol", "/camera/a")
         self.assert_ends(carol, FAILURE, "Permission denied", "/of-the-broker", "group camera")
 
-        self.assertEqual(self.ask_as_root("RemovePublisher", "/camera/a"), [None, -1])
+        self.assertEqual(self.ask_as_root("RemovePublisher", "/camera/a"), -1)
         self.rules_change("allow publish /camera/* to user:bob",
                           "allow subscribe * to group:camera", "allow admin /camera/* to user:0")
         self.assert_ends(self.publisher("alice", "/camera/b"), REFUSED, "user alice (4001)")
         self.send_through("bob", "alice", "/camera/b")
         self.assertIsNone(alice.poll())
-        self.assertEqual(self.ask_as_root("RemovePublisher", "/camera/a"), [None, 1])
+        self.assertEqual(self.ask_as_root("RemovePublisher", "/camera/a"), 1)
         self.log.await_text("by an administrator", PATIENCE_S)
 
     def test_over_tcp_only_keys_that_are_allowed_get_in(self):

@@ -11,6 +11,22 @@ from lines import LineReader
 PATIENCE_S = 30
 
 
+def start_program(test, *command, environment):
+    """A process with pipes that ends with the test at the latest."""
+    process = subprocess.Popen(command, env=environment, stdin=subprocess.PIPE,
+                               stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+
+    def end():
+        if process.poll() is None:
+            process.kill()
+        process.wait()
+        for stream in (process.stdin, process.stdout, process.stderr):
+            stream.close()
+
+    test.addCleanup(end)
+    return process
+
+
 class BrokerProcess:
     ANNOUNCEMENT = "kvo-broker: listening at "
 
@@ -38,6 +54,10 @@ class BrokerProcess:
             raise
         self.uri = line[len(self.ANNOUNCEMENT):]
         self.port = int(self.uri.rsplit(":", 1)[1])
+
+    @property
+    def pid(self):
+        return self._process.pid
 
     def files(self):
         return sorted(name for _, _, names in os.walk(self.directory) for name in names)

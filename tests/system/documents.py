@@ -6,10 +6,10 @@ import re
 import sys
 import unittest
 
-import msgpack
 import zmq
 
-from broker_process import PATIENCE_S, BrokerProcess
+from broker_process import BrokerProcess
+from wire_client import RemoteError, WireClient
 
 BROKER_PROGRAM = sys.argv.pop()
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
@@ -24,16 +24,14 @@ class Documents(unittest.TestCase):
         self.addCleanup(self.broker.stop)
         context = zmq.Context()
         self.addCleanup(context.destroy, linger=0)
-        self.socket = context.socket(zmq.DEALER)
-        self.addCleanup(self.socket.close, linger=0)
-        self.socket.rcvtimeo = PATIENCE_S * 1000
-        self.socket.connect(f"tcp://127.0.0.1:{self.broker.port}")
+        self.client = WireClient(context, f"tcp://127.0.0.1:{self.broker.port}")
+        self.addCleanup(self.client.socket.close)
 
     def call(self, method, params):
-        self.socket.send_multipart([b"/broker/Broker1",
-                                    msgpack.packb([0, 1, method, params])])
-        _, _, error, result = msgpack.unpackb(self.socket.recv_multipart()[1])
-        return error, result
+        try:
+            return None, self.client.call(method, *params)
+        except RemoteError as error:
+            return str(error), None
 
     def test_every_operation_has_the_parameters_of_the_table(self):
         operations = OPERATION.findall(PROTOCOL)
@@ -61,9 +59,9 @@ class Documents(unittest.TestCase):
             frames = {"<": [], ">": []}
             for line in block.splitlines():
                 frames[line[0]].append(bytes.fromhex(line[2:]))
-            self.socket.send_multipart(frames[">"])
+            self.client.send_raw(*frames[">"])
             if frames["<"]:
-                self.assertEqual(self.socket.recv_multipart(), frames["<"])
+                self.assertEqual(self.client.socket.recv_multipart(), frames["<"])
             exchanges += 1
         self.assertEqual(exchanges, 3)
 

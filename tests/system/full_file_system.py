@@ -8,7 +8,7 @@ import sys
 import tempfile
 import unittest
 
-from broker_process import PATIENCE_S, BrokerProcess
+from broker_process import PATIENCE_S, BrokerProcess, start_program
 
 IN_NAMESPACE = "KVO_TEST_IN_MOUNT_NAMESPACE"
 MIB = 1 << 20
@@ -37,16 +37,8 @@ class FullFileSystem(unittest.TestCase):
         self.addCleanup(self.broker.stop)
 
     def kvo(self, *arguments):
-        process = subprocess.Popen([KVO_PROGRAM, *arguments], stdin=subprocess.PIPE,
-                                   stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                                   env=dict(os.environ, KVO_BROKER=self.broker.uri))
-        self.addCleanup(self.end, process)
-        return process
-
-    @staticmethod
-    def end(process):
-        process.kill()
-        process.communicate()
+        return start_program(self, KVO_PROGRAM, *arguments,
+                             environment=dict(os.environ, KVO_BROKER=self.broker.uri))
 
     def publisher(self, stream):
         return self.kvo("pub", stream, "--lines", "--max-size", "1000", "--pace",
@@ -101,10 +93,8 @@ class FullFileSystem(unittest.TestCase):
     def registered(self, stream, publisher):
         """Waits until the publisher has its stream or has ended."""
         while publisher.poll() is None:
-            listing = subprocess.run([KVO_PROGRAM, "ls"], stdout=subprocess.PIPE, check=True,
-                                     timeout=PATIENCE_S,
-                                     env=dict(os.environ, KVO_BROKER=self.broker.uri))
-            if stream in listing.stdout.decode().split("\n"):
+            listing, _ = self.kvo("ls").communicate(timeout=PATIENCE_S)
+            if stream in listing.decode().split("\n"):
                 return True
         return False
 

@@ -8,7 +8,7 @@ import sys
 import tempfile
 import unittest
 
-from broker_process import PATIENCE_S, BrokerProcess
+from broker_process import PATIENCE_S, BrokerProcess, start_program
 from lines import LineReader
 
 BROKER_PROGRAM = sys.argv.pop()
@@ -30,13 +30,20 @@ class KvoBroker(unittest.TestCase):
         other = BrokerProcess(BROKER_PROGRAM)
         self.addCleanup(other.stop)
         with socket.create_server(("127.0.0.1", 0)) as taken, \
-                tempfile.TemporaryDirectory(prefix="kvo-test-", dir="/dev/shm") as directory:
+                tempfile.TemporaryDirectory(prefix="kvo-test-", dir="/dev/shm") as directory, \
+                tempfile.TemporaryDirectory(prefix="kvo-test-", dir="/dev/shm") as public:
             port = str(taken.getsockname()[1])
+            os.chmod(public, 0o777)
             own = ("--directory", directory)
             table = (
                 (1, ("--port", port, *own), (port, "in use")),
                 (1, ("--port", "0", "--notification-port", port, *own), (port, "in use")),
-                (1, ("--port", "0", "--directory", other.directory), (other.directory,)),
+                (1, ("--port", "0", "--directory", other.directory),
+                 (other.directory, f"process {other.pid}")),
+                (1, ("--port", str(other.port), *own),
+                 (f"process {other.pid}", other.directory)),
+                (1, ("--port", "0", "--http-port", port, *own), (f"127.0.0.1:{port}",)),
+                (1, ("--port", "0", "--directory", public), (public, "everybody")),
                 (1, ("--port", "0", "--directory", "/nonexistent/place"),
                  ("/nonexistent/place", "No such file")),
                 (1, ("--port", "0", "--address", "no.such.address.invalid", *own),
@@ -53,8 +60,8 @@ class KvoBroker(unittest.TestCase):
                     self.assertEqual(output, "")
                     for part in parts:
                         self.assertIn(part, diagnostics)
-                    self.assertEqual(os.listdir(directory) if os.path.isdir(directory) else [], [])
-
+                    for place in (directory, public):
+                        self.assertEqual(os.listdir(place) if os.path.isdir(place) else [], [])
 
     def test_signals_reload_and_drain(self):
         with tempfile.TemporaryDirectory(prefix="kvo-test-", dir="/dev/shm") as place:
@@ -67,11 +74,8 @@ class KvoBroker(unittest.TestCase):
             write("port = 0\nmax-streams = 5\n")
             self.assertEqual(self.run_broker("--config", path, "--check-config"),
                              (0, f"{path}: good\n", ""))
-            broker = subprocess.Popen(
-                [BROKER_PROGRAM, "--config", path, "--directory", os.path.join(place, "streams")],
-                stdout=subprocess.PIPE, stderr=subprocess.PIPE)
-            self.addCleanup(broker.communicate)
-            self.addCleanup(broker.kill)
+            broker = start_program(self, BROKER_PROGRAM, "--config", path, "--directory",
+                                   os.path.join(place, "streams"), environment=None)
             log = LineReader(broker.stderr)
             log.await_text("listening at", PATIENCE_S)
             LineReader(broker.stdout).next(PATIENCE_S)

@@ -4,13 +4,12 @@ import json
 import os
 import signal
 import socket
-import subprocess
 import sys
 import tempfile
 import time
 import unittest
 
-from broker_process import PATIENCE_S, BrokerProcess
+from broker_process import PATIENCE_S, BrokerProcess, start_program
 from lines import LineReader
 
 BROKER_PROGRAM = sys.argv.pop()
@@ -34,23 +33,9 @@ class KvoTool(unittest.TestCase):
         if code != 0 or left:
             raise AssertionError(f"the broker ended with {code} and left {left}")
 
-    def start(self, *arguments, broker=None, **options):
+    def start(self, *arguments, broker=None):
         environment = dict(os.environ, KVO_BROKER=broker or self.broker.uri)
-        process = subprocess.Popen([KVO_PROGRAM, *arguments], env=environment,
-                                   stdin=options.pop("stdin", subprocess.PIPE),
-                                   stdout=options.pop("stdout", subprocess.PIPE),
-                                   stderr=subprocess.PIPE, **options)
-        self.addCleanup(self.end, process)
-        return process
-
-    @staticmethod
-    def end(process):
-        if process.poll() is None:
-            process.kill()
-        process.wait()
-        for stream in (process.stdin, process.stdout, process.stderr):
-            if stream is not None:
-                stream.close()
+        return start_program(self, KVO_PROGRAM, *arguments, environment=environment)
 
     def run_kvo(self, *arguments, broker=None, data=b""):
         process = self.start(*arguments, broker=broker)
@@ -176,21 +161,6 @@ class KvoTool(unittest.TestCase):
         publisher.stdin.close()
         self.assertEqual(publisher.wait(PATIENCE_S), 0)
 
-    def test_a_signal_ends_either_side_cleanly(self):
-        for signal_number in (signal.SIGINT, signal.SIGTERM):
-            with self.subTest(signal=signal_number):
-                stream = f"signal-{int(signal_number)}"
-                publisher = self.start_publisher(stream)
-                subscriber = self.start("sub", stream, "--lines")
-                publisher.stdin.write(b"x\n")
-                publisher.stdin.flush()
-                self.assertEqual(subscriber.stdout.readline(), b"x\n")
-                subscriber.send_signal(signal_number)
-                self.assertEqual(subscriber.wait(PATIENCE_S), 0)
-                publisher.send_signal(signal_number)
-                self.assertEqual(publisher.wait(PATIENCE_S), 0)
-                self.assertNotIn(stream, self.run_kvo("ls")[1].decode())
-
     def test_a_reader_that_leaves_the_pipe_ends_the_subscriber_quietly(self):
         publisher = self.start_publisher("pipe")
         subscriber = self.start("sub", "pipe", "--lines")
@@ -209,21 +179,6 @@ class KvoTool(unittest.TestCase):
         subscriber.send_signal(signal.SIGTERM)
         self.assertEqual(subscriber.wait(PATIENCE_S), 0)
         publisher.send_signal(signal.SIGTERM)
-        self.assertEqual(publisher.wait(PATIENCE_S), 0)
-
-    def test_telemetry_is_json_with_this_hosts_counters(self):
-        publisher = self.start("pub", "host", "--telemetry", "--interval", "0.05", "--count", "3",
-                               "--wait-subscribers", "1", "--pace")
-        code, output, diagnostics = self.run_kvo("sub", "host", "--lines", "--count", "3",
-                                                 "--timeout", str(PATIENCE_S))
-        self.assertEqual(code, 0, diagnostics)
-        readings = [json.loads(line) for line in output.splitlines()]
-        self.assertEqual(len(readings), 3)
-        times = [reading["time_ms"] for reading in readings]
-        self.assertEqual(times, sorted(set(times)))
-        with open("/proc/meminfo", encoding="ascii") as meminfo:
-            total = int(meminfo.readline().split()[1]) * 1024
-        self.assertEqual({reading["memory_total_bytes"] for reading in readings}, {total})
         self.assertEqual(publisher.wait(PATIENCE_S), 0)
 
     def test_stream_files_are_shown_and_checked_without_a_broker(self):

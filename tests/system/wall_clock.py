@@ -5,16 +5,14 @@ import glob
 import json
 import os
 import signal
-import subprocess
 import sys
 import tempfile
 import time
 import unittest
 
-from broker_process import BrokerProcess
+from broker_process import PATIENCE_S, BrokerProcess, start_program
 from lines import LineReader
 
-PATIENCE_S = 30
 HEARTBEAT_TIMEOUT_S = 3
 HOUR_S = 3600
 
@@ -40,12 +38,8 @@ class WallClock(unittest.TestCase):
         os.pwrite(self.offset.fileno(), f"{offset_s:+08d}\n".encode(), 0)
 
     def start(self, broker, *arguments):
-        process = subprocess.Popen([KVO_PROGRAM, *arguments, "--broker", broker.uri, "--verbose"],
-                                   env=self.environment, stdout=subprocess.PIPE,
-                                   stderr=subprocess.PIPE)
-        self.addCleanup(process.communicate)
-        self.addCleanup(process.kill)
-        return process
+        return start_program(self, KVO_PROGRAM, *arguments, "--broker", broker.uri, "--verbose",
+                             environment=self.environment)
 
     def test_an_hour_forward_and_back_ends_nothing(self):
         broker = BrokerProcess(BROKER_PROGRAM, "--heartbeat-timeout", str(HEARTBEAT_TIMEOUT_S),

@@ -25,21 +25,19 @@ def expect_line(process, expected):
 
 def drive(broker, peer, payload_bytes, samples):
     stream = f"road/{payload_bytes}"
-    progress = f"{broker.directory}-progress-{payload_bytes}"
     processes = []
 
-    def start(role, number):
+    def start(role):
         process = subprocess.Popen(
-            [peer, role, broker.uri, stream, progress, str(number), str(samples),
-             str(payload_bytes)],
+            [peer, role, broker.uri, stream, str(samples), str(payload_bytes)],
             stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
         processes.append(process)
         expect_line(process, "registered")
         return process
 
     try:
-        publisher = start("publisher", SUBSCRIBERS)
-        subscribers = [start("subscriber", number) for number in range(SUBSCRIBERS)]
+        publisher = start("publisher")
+        subscribers = [start("subscriber") for _ in range(SUBSCRIBERS)]
         begin = time.monotonic()
         publisher.stdin.write("go\n")
         publisher.stdin.flush()
@@ -57,7 +55,6 @@ def drive(broker, peer, payload_bytes, samples):
             process.wait()
             process.stdin.close()
             process.stdout.close()
-        pathlib.Path(progress).unlink(missing_ok=True)
 
 
 def main(broker_program, peer, quick):

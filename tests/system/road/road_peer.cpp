@@ -1,12 +1,13 @@
 // One end of the road: a publisher or a subscriber of numbered samples whose every byte is known.
-//   kvo-road-peer publisher BROKER_URI STREAM PROGRESS_FILE SUBSCRIBERS SAMPLES BYTES
-//   kvo-road-peer subscriber BROKER_URI STREAM PROGRESS_FILE NUMBER SAMPLES BYTES
+//   kvo-road-peer publisher|subscriber BROKER_URI STREAM SAMPLES BYTES
 #include "kvo/KvoDataTransferFactory.h"
+#include "kvo/KvoStatisticsClient.h"
 #include "kvo/memory/data_sample.h"
-#include "progress.h"
+#include "kvo/memory/stream_file.h"
 
 #include <log4cplus/log4cplus.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <future>
@@ -17,8 +18,6 @@
 
 namespace {
 
-using kvo::test::Progress;
-
 constexpr int kTopicId = 4711;
 constexpr std::uint64_t kRetained = 256;
 constexpr std::chrono::minutes kDeadline{10};
@@ -26,8 +25,6 @@ constexpr std::chrono::minutes kDeadline{10};
 struct Arguments {
     std::string broker;
     std::string stream;
-    std::string progress_file;
-    unsigned subscribers_or_number;
     std::uint64_t samples;
     std::size_t bytes;
 };
@@ -65,7 +62,6 @@ private:
 };
 
 int Publish(const Arguments& arguments, const log4cplus::Logger& logger) {
-    const Progress progress(arguments.progress_file);
     const Pattern pattern(arguments.bytes);
     auto publisher = kvo::KvoDataTransferFactory::CreatePublisher(logger);
     publisher->SetBufferSize(pattern.bytes(), kRetained);
@@ -74,15 +70,23 @@ int Publish(const Arguments& arguments, const log4cplus::Logger& logger) {
         return 1;
     }
     std::cout << "registered" << std::endl;
+    const auto file = kvo::StreamFile::Open(kvo::KvoStatisticsClient(nullptr, arguments.broker)
+                                                .GetStatistics(arguments.stream)
+                                                .text_value);
     const auto deadline = std::chrono::steady_clock::now() + kDeadline;
+    std::uint64_t taken_by_all = 0;
+    // Keeps to the pace of the slowest. Whoever has left has all, or tells that he has not.
     const auto wait_for = [&](std::uint64_t taken) {
-        while (progress.Slowest(arguments.subscribers_or_number) < taken) {
-            if (std::chrono::steady_clock::now() > deadline) {
-                return false;
+        while (taken_by_all < taken && std::chrono::steady_clock::now() < deadline) {
+            taken_by_all = arguments.samples;
+            for (const kvo::ReaderState& reader : file->readers()) {
+                // 0: it has not begun yet.
+                const std::uint64_t next = std::max<std::uint64_t>(reader.next_sequence, 1);
+                taken_by_all = std::min(taken_by_all, next - 1);
             }
-            std::this_thread::sleep_for(std::chrono::microseconds(50));
+            std::this_thread::sleep_for(std::chrono::microseconds(taken_by_all < taken ? 50 : 0));
         }
-        return true;
+        return taken_by_all >= taken;
     };
     // Nobody has a place before the subscribers are registered; they say so on standard output.
     std::string go;
@@ -127,7 +131,6 @@ std::string FaultOf(const kvo::DataSample& sample, std::uint64_t number, const P
 }
 
 int Subscribe(const Arguments& arguments, const log4cplus::Logger& logger) {
-    Progress progress(arguments.progress_file);
     const Pattern pattern(arguments.bytes);
     auto subscriber = kvo::KvoDataTransferFactory::CreateSubscriber(logger);
     if (subscriber->RegisterSubscriber(arguments.broker, arguments.stream, "", 1) != 1) {
@@ -149,7 +152,6 @@ int Subscribe(const Arguments& arguments, const log4cplus::Logger& logger) {
             end.set_value("sample " + std::to_string(number) + " came with " + fault);
             return;
         }
-        progress.Set(arguments.subscribers_or_number, number);
         if (number == arguments.samples) {
             ended = true;
             end.set_value("");
@@ -168,20 +170,15 @@ int Subscribe(const Arguments& arguments, const log4cplus::Logger& logger) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 8) {
-        std::cerr << "kvo-road-peer: seven arguments expected\n";
+    if (argc != 6) {
+        std::cerr << "kvo-road-peer: five arguments expected\n";
         return 2;
     }
     const log4cplus::Initializer logging;
     log4cplus::BasicConfigurator::doConfigure(log4cplus::Logger::getDefaultHierarchy(), true);
     auto logger = log4cplus::Logger::getRoot();
     logger.setLogLevel(log4cplus::WARN_LOG_LEVEL);
-    const Arguments arguments{argv[2],
-                              argv[3],
-                              argv[4],
-                              static_cast<unsigned>(std::stoul(argv[5])),
-                              std::stoull(argv[6]),
-                              std::stoull(argv[7])};
+    const Arguments arguments{argv[2], argv[3], std::stoull(argv[4]), std::stoull(argv[5])};
     return argv[1] == std::string("publisher") ? Publish(arguments, logger)
                                                : Subscribe(arguments, logger);
 }

@@ -121,19 +121,6 @@ TEST_F(AccessTest, TheFirstRuleThatMatchesDecidesAndNoneRefuses) {
     }
 }
 
-TEST_F(AccessTest, ARefusalNamesPeerRightStreamAndRule) {
-    const std::vector<std::string> rules{"deny publish /x to group:camera"};
-    EXPECT_EQ(
-        "user alice (1001) has no right to publish \"/x\": the rule "
-        "\"deny publish /x to group:camera\"",
-        WhyNot(rules, kAlice, Right::kPublish, "/x"));
-    EXPECT_THAT(
-        WhyNot(rules, kNameless, Right::kSubscribe, "/x"),
-        AllOf(HasSubstr("user 1003 has"), HasSubstr("subscribe to \"/x\""), HasSubstr("no rule")));
-    EXPECT_THAT(WhyNot(rules, kHolder, Right::kAdmin, "/x"), HasSubstr("key viewer (" + kKey));
-    EXPECT_THAT(WhyNot(rules, kLoopback, Right::kPublish, "/x"), HasSubstr("of this host"));
-}
-
 TEST_F(AccessTest, StarsMatchAnyRunOfCharactersAndNothingElseDoes) {
     const struct {
         const char* pattern;

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "broker_directory.h"
-#include "kvo/memory/memory_accessor.h"
+#include "sample_stream.h"
 #include "stream_registry.h"
 #include "temp_directory.h"
 
@@ -78,10 +78,7 @@ protected:
         return registry->KeyFor(IdentityOf(process), stream);
     }
     std::unique_ptr<KvoMemoryAccessor> WriterOf(const std::string& stream) {
-        auto accessor =
-            std::make_unique<KvoMemoryAccessor>(files->PathOf(stream), stream, nullptr, 0, 1);
-        accessor->SetSizeConstraints(64, kMaxMetadataBytes);
-        return accessor;
+        return test::OpenWriter(files->PathOf(stream), stream, 64);
     }
     std::uint64_t EpochOf(const std::string& stream) {
         return StreamFile::Open(files->PathOf(stream))->epoch();

@@ -31,6 +31,8 @@ TEST_F(StreamRegistryTest, RefusalsHaveTheirCodeTheirReasonAndNoConsequence) {
         {"two words", 0, 0, kIllFormedName, "two words"},
         {"zero", 0, 4, kIllFormedGeometry, "0"},
         {"negative", 64, -7, kIllFormedGeometry, "-7"},
+        {"many", 64, 2'147'483'647, kIllFormedGeometry, "2147483647"},
+        {"huge", 2'147'483'647, 1'000'000, kNotEnoughMemory, "bytes of shared memory"},
         {"taken", 64, 4, kStreamInUse, "taken"},
         {"large", 1 << 20, 100, kNotEnoughMemory, "bytes of shared memory"},
     };
@@ -129,7 +131,7 @@ TEST_F(StreamRegistryTest, APublisherKilledBeforeItWasLookedForIsToldOfAtOnceToo
     publish(IdentityOf('a'), "known");
     publish("", "anonymous");  // judged by its heartbeats alone
     const auto writer_of = [this](const std::string& stream) {
-        return std::vector<std::string>{"write", files->PathOf(stream), stream, "1", "64"};
+        return "write " + files->PathOf(stream) + " " + stream + " 1 64";
     };
     test::PeerProcess known(writer_of("known"));
     test::PeerProcess anonymous(writer_of("anonymous"));

@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <string>
 #include <sys/stat.h>
@@ -20,21 +19,16 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::Not;
 
-namespace fs = std::filesystem;
-
 constexpr std::chrono::milliseconds kImpatient{600};
 
 /// A server with keys, and the files of clients that have some.
 class CurveTest : public ::testing::Test {
 protected:
     CurveTest() {
-        EXPECT_NE(nullptr, ::mkdtemp(place_.data()));
         WriteCurveKeys(PathOf("allowed"), allowed_);
         WriteCurveKeys(PathOf("unknown"), DrawCurveKeys());
     }
-    ~CurveTest() override { fs::remove_all(place_); }
-
-    std::string PathOf(const std::string& name) const { return place_ + "/" + name; }
+    std::string PathOf(const std::string& name) const { return place_.path() / name; }
     Serving Secured() const {
         Serving serving;
         serving.curve = curve_;
@@ -43,15 +37,10 @@ protected:
     Properties With(const std::string& file, const std::string& server_key) const {
         return {{"secret-key-file", PathOf(file)}, {"server-key", server_key}};
     }
-    static std::unique_ptr<Echo> Client(const std::string& uri, const Properties& properties,
-                                        std::chrono::milliseconds reply_time = kDeadline) {
-        return loadCorForUri(uri, {}).getClient<Echo>(
-            network::uri(uri), {std::make_shared<rr::qos::ReplyTime>(reply_time)}, properties);
-    }
     /// Why a request did not get through.
     static std::string WhyNot(const std::string& uri, const Properties& properties) {
         try {
-            Client(uri, properties, kImpatient)->Say("who");
+            MakeClient(uri, kImpatient, properties)->Say("who");
         } catch (const rr::ReplyTimeout& error) {
             return error.what();
         }
@@ -66,7 +55,7 @@ protected:
         return {};
     }
 
-    std::string place_ = "/tmp/kvo-test-XXXXXX";
+    const kvo::test::TempDirectory place_;
     const CurveKeys server_ = DrawCurveKeys();
     const CurveKeys allowed_ = DrawCurveKeys();
     const std::shared_ptr<CurveServer> curve_ =
@@ -76,7 +65,7 @@ protected:
 TEST_F(CurveTest, OnlyAnAllowedKeyGetsInAndEverybodyElseLearnsWhyNot) {
     EchoServer server(Secured());
     EXPECT_EQ("key " + allowed_.public_key,
-              Client(server.uri(), With("allowed", server_.public_key))->Say("who"));
+              MakeClient(server.uri(), kDeadline, With("allowed", server_.public_key))->Say("who"));
     const std::string wrong = DrawCurveKeys().public_key;
     EXPECT_THAT(WhyNot(server.uri(), With("unknown", server_.public_key)),
                 AllOf(HasSubstr("does not allow the public key"),
@@ -89,18 +78,18 @@ TEST_F(CurveTest, OnlyAnAllowedKeyGetsInAndEverybodyElseLearnsWhyNot) {
     EXPECT_THAT(WhyNot(open.uri(), With("allowed", server_.public_key)),
                 HasSubstr("does not use CURVE"));
     const std::string host = "server-key@127.0.0.1";
-    EXPECT_EQ("key " + allowed_.public_key,
-              Client(server.uri(), {{"secret-key-file", PathOf("allowed")},
-                                    {"server-key", wrong},
-                                    {host, server_.public_key}})
-                  ->Say("who"));
+    EXPECT_EQ("key " + allowed_.public_key, MakeClient(server.uri(), kDeadline,
+                                                       {{"secret-key-file", PathOf("allowed")},
+                                                        {"server-key", wrong},
+                                                        {host, server_.public_key}})
+                                                ->Say("who"));
 }
 
 TEST_F(CurveTest, AKeyThatIsAllowedLaterGetsInByItselfAndOneThatIsNotAnyMoreStaysOut) {
     EchoServer server(Secured());
     const CurveKeys later = DrawCurveKeys();
     WriteCurveKeys(PathOf("later"), later);
-    const auto client = Client(server.uri(), With("later", server_.public_key));
+    const auto client = MakeClient(server.uri(), kDeadline, With("later", server_.public_key));
     auto connected = client->Connect();
     EXPECT_THAT(WhyNot(server.uri(), With("later", server_.public_key)), HasSubstr("not allow"));
     curve_->SetAllowed({{later.public_key, "later"}});
@@ -117,41 +106,17 @@ TEST_F(CurveTest, NotificationsAskForTheSameKeys) {
     publisher.OnSubscription([&](std::string_view path, bool begins) {
         subscriptions.Add((begins ? "+" : "-") + std::string(path));
     });
-    const auto subscribe = [&](const std::string& path, const Properties& properties) {
-        const network::uri uri("wkp.ps://127.0.0.1:" + std::to_string(publisher.port()) + path);
-        return loadCorForUri(uri.string(), {}).getCor(uri).CreateSubscriber<Word>(uri, properties);
-    };
-    const auto unknown = subscribe("/unknown", With("unknown", server_.public_key));
-    const auto none = subscribe("/none", {});
-    const auto allowed = subscribe("/allowed", With("allowed", server_.public_key));
+    const auto unknown =
+        Subscribe(publisher.port(), "/unknown", With("unknown", server_.public_key));
+    const auto none = Subscribe(publisher.port(), "/none");
+    const auto allowed =
+        Subscribe(publisher.port(), "/allowed", With("allowed", server_.public_key));
     EXPECT_THAT(subscriptions.Await(1), ElementsAre("+/allowed"));
     Heard heard;
-    const auto listening = allowed->AddDataListener(
-        [&heard](auto&, const ps::DataEvent<Word>& event) { heard.Add(event.getData()->text); },
-        {nullptr, ps::FilterMode::kAll, {ps::InstanceEvent::kUpdated}});
+    const auto listening = Listen(*allowed, heard);
     loop.Run([&] { publisher.Publish("/allowed", "news"); });
     EXPECT_THAT(heard.Await(1), ElementsAre("news"));
     EXPECT_THAT(subscriptions.Await(1), ElementsAre("+/allowed"));
-}
-
-TEST_F(CurveTest, TheUnixSocketAsksForNoKey) {
-    ASSERT_EQ(0, ::setenv("KVO_RUNTIME_DIRECTORY", place_.c_str(), 1));
-    Serving serving = Secured();
-    serving.runtime_directory = place_;
-    EchoServer server(serving);
-    EXPECT_THAT(Client(server.uri(), {})->Say("who"), HasSubstr("local"));
-    {
-        ServiceLoop loop;
-        Heard subscriptions;
-        ps::Publisher publisher(loop, network::uri("wkp.ps://127.0.0.1:0/"), serving);
-        publisher.OnSubscription(
-            [&](std::string_view path, bool) { subscriptions.Add(std::string(path)); });
-        const network::uri uri("wkp.ps://127.0.0.1:" + std::to_string(publisher.port()) + "/a");
-        const auto local =
-            loadCorForUri(uri.string(), {}).getCor(uri).CreateSubscriber<Word>(uri, {});
-        EXPECT_THAT(subscriptions.Await(1), ElementsAre("/a"));
-    }
-    ::unsetenv("KVO_RUNTIME_DIRECTORY");
 }
 
 TEST_F(CurveTest, PropertiesComeFromAFileThatTheEnvironmentNames) {
@@ -160,9 +125,10 @@ TEST_F(CurveTest, PropertiesComeFromAFileThatTheEnvironmentNames) {
     std::ofstream(file) << "# of the test\n\nsecret-key-file = " << PathOf("allowed")
                         << "\nserver-key=" << server_.public_key << "\n";
     ASSERT_EQ(0, ::setenv("KVO_MIDDLEWARE_PROPERTIES", file.c_str(), 1));
-    EXPECT_THAT(Client(server.uri(), {})->Say("who"), HasSubstr("key"));
+    EXPECT_THAT(MakeClient(server.uri(), kDeadline, {})->Say("who"), HasSubstr("key"));
     std::ofstream(file) << "colour\n";
-    EXPECT_THAT(FaultOf([&] { Client(server.uri(), {}); }), HasSubstr(file + ", line 1"));
+    EXPECT_THAT(FaultOf([&] { MakeClient(server.uri(), kDeadline, {}); }),
+                HasSubstr(file + ", line 1"));
     ::unsetenv("KVO_MIDDLEWARE_PROPERTIES");
     for (const auto& [properties, fault] :
          {std::pair<Properties, std::string>{{{"colour", "red"}}, "colour"},
@@ -171,8 +137,9 @@ TEST_F(CurveTest, PropertiesComeFromAFileThatTheEnvironmentNames) {
           {{{"local-spin-us", "5us"}}, "5us"},
           {{{"server-key", server_.public_key}}, "secret-key-file"},
           {With("missing", server_.public_key), "missing"}}) {
-        EXPECT_THAT(FaultOf([&, &wrong = properties] { Client(server.uri(), wrong); }),
-                    HasSubstr(fault));
+        EXPECT_THAT(
+            FaultOf([&, &wrong = properties] { MakeClient(server.uri(), kDeadline, wrong); }),
+            HasSubstr(fault));
     }
 }
 

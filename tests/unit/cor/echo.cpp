@@ -97,9 +97,22 @@ rr::Eventual<std::string> EchoServer::Dispatch(const rr::Caller& caller, std::st
     return rr::PackResult(text);
 }
 
-std::unique_ptr<Echo> MakeClient(const std::string& uri, std::chrono::milliseconds reply_time) {
+std::unique_ptr<Echo> MakeClient(const std::string& uri, std::chrono::milliseconds reply_time,
+                                 const Properties& properties) {
     return loadCorForUri(uri, {}).getClient<Echo>(
-        network::uri(uri), {std::make_shared<rr::qos::ReplyTime>(reply_time)}, {});
+        network::uri(uri), {std::make_shared<rr::qos::ReplyTime>(reply_time)}, properties);
+}
+
+std::unique_ptr<ps::Subscriber<Word>> Subscribe(std::uint16_t port, const std::string& path,
+                                                const Properties& properties) {
+    const network::uri uri("wkp.ps://127.0.0.1:" + std::to_string(port) + path);
+    return loadCorForUri(uri.string(), {}).getCor(uri).CreateSubscriber<Word>(uri, properties);
+}
+
+rr::ListenerRegistration Listen(ps::Subscriber<Word>& subscriber, Heard& heard) {
+    return subscriber.AddDataListener(
+        [&heard](auto&, const ps::DataEvent<Word>& event) { heard.Add(event.getData()->text); },
+        {nullptr, ps::FilterMode::kAll, {ps::InstanceEvent::kUpdated}});
 }
 
 }  // namespace gorm::cor::test

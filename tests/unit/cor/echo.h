@@ -4,9 +4,11 @@
 #include "gorm/cor/rr/packing.h"
 #include "gorm/cor/rr/server.h"
 #include "gorm/cor/service_loop.h"
+#include "temp_directory.h"
 
 #include <chrono>
 #include <condition_variable>
+#include <cstdlib>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -131,7 +133,23 @@ private:
 };
 
 std::unique_ptr<Echo> MakeClient(const std::string& uri,
-                                 std::chrono::milliseconds reply_time = kDeadline);
+                                 std::chrono::milliseconds reply_time = kDeadline,
+                                 const Properties& properties = {});
+
+/// @param path the topic, at a publisher of this host.
+std::unique_ptr<ps::Subscriber<Word>> Subscribe(std::uint16_t port, const std::string& path,
+                                                const Properties& properties = {});
+
+/// Adds what comes to what was heard.
+rr::ListenerRegistration Listen(ps::Subscriber<Word>& subscriber, Heard& heard);
+
+/// A runtime directory of its own, which this process's clients look into.
+class RuntimeDirectory : public kvo::test::TempDirectory {
+public:
+    RuntimeDirectory() { ::setenv("KVO_RUNTIME_DIRECTORY", path().c_str(), 1); }
+    ~RuntimeDirectory() { ::unsetenv("KVO_RUNTIME_DIRECTORY"); }
+    std::string PathOf(const std::string& name) const { return path() / name; }
+};
 
 }  // namespace gorm::cor::test
 

@@ -1,20 +1,16 @@
 #include "echo.h"
 #include "gorm/cor/rr/packing.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <zmq.hpp>
 
 #include <future>
-#include <string_view>
 
-// The bytes on the wire, against peers that know nothing of our code.
+// The bytes on the wire, against a server that knows nothing of our code;
+// tests/system/python_client.py is the client that does not.
 namespace gorm::cor::test {
 namespace {
 
-using ::testing::ElementsAre;
-using ::testing::EndsWith;
-using ::testing::StartsWith;
 using Frames = std::vector<std::string>;
 using namespace std::string_literals;
 
@@ -38,40 +34,11 @@ Frames Receive(zmq::socket_t& socket) {
     return frames;
 }
 
-zmq::socket_t MakeSocket(zmq::context_t& context, zmq::socket_type type) {
-    zmq::socket_t socket(context, type);
-    socket.set(zmq::sockopt::rcvtimeo, 20'000);
-    socket.set(zmq::sockopt::linger, 0);
-    return socket;
-}
-
-TEST(Wire, AClientWithoutIdentityIsServed) {
-    EchoServer server;
-    zmq::context_t context;
-    auto client = MakeSocket(context, zmq::socket_type::dealer);
-    client.connect("tcp://127.0.0.1:" + std::to_string(server.port()));
-    const std::string path = "/test/Echo";
-
-    Send(client, {path, "\x94\x00\x07\xa3Say\x91\xa2hi"s});
-    EXPECT_THAT(Receive(client), ElementsAre(path, "\x94\x01\x07\xc0\xa2hi"s));
-    Send(client, {path, "\x94\x00\x01\xa6WhoAmI\x90"s});
-    EXPECT_THAT(Receive(client), ElementsAre(path, "\x94\x01\x01\xc0\xa0"s));
-
-    // Nothing answers a notification, nor an id that no number of 32 bits is.
-    Send(client, {path, "\x93\x02\xa4Tell\x91\xa2hi"s});
-    EXPECT_THAT(server.told.Await(1), ElementsAre("hi"));
-    Send(client, {path, "\x94\x00\xcf\0\0\0\1\0\0\0\0\xa3Say\x91\xa2no"s});
-    Send(client, {"/test/Other", "\x94\x00\xce\xff\xff\xff\xff\xa3Say\x91\xa2hi"s});
-    const Frames error = Receive(client);
-    ASSERT_EQ(2U, error.size());
-    EXPECT_EQ("/test/Other", error[0]);
-    EXPECT_THAT(error[1], StartsWith("\x94\x01\xce\xff\xff\xff\xff\xd9"s));
-    EXPECT_THAT(error[1], EndsWith("\xc0"));
-}
-
 TEST(Wire, AClientTakesOnlyTheReplyToItsRequest) {
     zmq::context_t context;
-    auto server = MakeSocket(context, zmq::socket_type::router);
+    zmq::socket_t server(context, zmq::socket_type::router);
+    server.set(zmq::sockopt::rcvtimeo, 20'000);
+    server.set(zmq::sockopt::linger, 0);
     server.bind("tcp://127.0.0.1:*");
     const auto client =
         MakeClient("wkp.rr" + server.get(zmq::sockopt::last_endpoint).substr(3) + "/p");

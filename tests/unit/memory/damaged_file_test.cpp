@@ -1,11 +1,8 @@
 #include "geometry.h"
 #include "memory_fixture.h"
-#include "sample_reader.h"
 #include "segment.h"
 
-#include <cstring>
 #include <functional>
-#include <random>
 #include <stdexcept>
 #include <unistd.h>
 
@@ -94,47 +91,6 @@ TEST_F(DamagedFileTest, FilesThatAreNoPairAreRefused) {
     std::filesystem::remove(path_);
     std::filesystem::create_directory(path_);
     EXPECT_NE(Refusal(), "");
-}
-
-// Everything behind the header is random: whatever comes out, nothing is read outside the slots
-// and every call ends.
-TEST_F(DamagedFileTest, RandomWordsLeadNoReaderOutOfTheFile) {
-    std::mt19937_64 random(4711);
-    for (int round = 0; round < 300; ++round) {
-        const auto file = Create(6);
-        const auto segment = Segment::Open(path_, Segment::Access::kWrite);
-        const auto& geometry = segment->geometry();
-        const std::uint64_t newest = round % 3 == 0 ? random() : random() % 1000 + 1;
-        for (std::uint64_t i = 0; i <= segment->index_mask(); ++i) {
-            const std::uint64_t version = newest - i;
-            const auto slot = static_cast<std::uint32_t>(random() % (geometry.slot_count + 2));
-            segment->index(version) = layout::PackIndex(version, slot);
-            if (slot < geometry.slot_count) {
-                layout::SlotHeader& header = segment->slot(slot);
-                header.word = layout::PackWord(version, layout::SlotState::kValid);
-                header.payload_bytes = static_cast<std::uint32_t>(random() >> random() % 64);
-                header.metadata_bytes = static_cast<std::uint32_t>(random() >> random() % 64);
-                header.flags = static_cast<std::uint32_t>(random());
-                header.monotonic_ns = random();
-                header.next_slot = static_cast<std::uint32_t>(random() >> random() % 64);
-            }
-        }
-        segment->words().head = newest;
-        segment->words().scan_round = random();
-        segment->control().mark = static_cast<std::uint32_t>(random());
-        const auto reader = Reader(2, 1000);
-        unsigned sum = 0;
-        for (int i = 0; i < 20; ++i) {
-            if (const DataSample* sample = Take(*reader)) {
-                ASSERT_LE(sample->payload_size(), kPayload);
-                ASSERT_LE(sample->metadata_size(), 1500);
-                for (int at = 0; at < sample->payload_size(); ++at) {
-                    sum += sample->payload()[at];
-                }
-            }
-        }
-        EXPECT_EQ(sum, 0U) << "payloads were never written";
-    }
 }
 
 TEST_F(DamagedFileTest, ForeignPinsTakeNoMoreSlotsThanThereAreForThem) {

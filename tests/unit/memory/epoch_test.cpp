@@ -17,7 +17,7 @@ TEST_F(EpochTest, RetiredSegmentTakesNoSamples) {
     EXPECT_EQ(writer->writer_counters().written, 2U);
     EXPECT_EQ(writer->writer_counters().discarded, 3U);
     EXPECT_EQ(file->writer_state().discarded, 3U);
-    EXPECT_EQ(logger_.Count("discarded"), 1);
+    EXPECT_EQ(logger_.Count("discarded"), 1U);
     EXPECT_EQ(TakeAll(*reader), (Numbers{1, 2}));
 }
 

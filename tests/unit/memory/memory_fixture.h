@@ -1,18 +1,14 @@
 #pragma once
 
-#include "kvo/KvoLogger.h"
-#include "kvo/memory/memory_accessor.h"
-#include "kvo/memory/stream_file.h"
+#include "captured_log.h"
+#include "sample_stream.h"
+#include "temp_directory.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <memory>
-#include <mutex>
-#include <optional>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace kvo::test {
@@ -21,27 +17,6 @@ using Bytes = std::vector<unsigned char>;
 
 inline constexpr char kStream[] = "cam/left";
 inline constexpr int kPayload = 256;  // bytes
-
-/// Keeps what is logged.
-class RecordingLogger : public KvoLogger {
-public:
-    int Count(const std::string& part) const {
-        const std::lock_guard lock(mutex_);
-        return static_cast<int>(std::count_if(
-            lines_.begin(), lines_.end(),
-            [&](const std::string& line) { return line.find(part) != std::string::npos; }));
-    }
-
-protected:
-    void Write(int, const std::string& message) override {
-        const std::lock_guard lock(mutex_);
-        lines_.push_back(message);
-    }
-
-private:
-    mutable std::mutex mutex_;
-    std::vector<std::string> lines_;
-};
 
 /// The content of sample n: differs in every byte from that of its neighbours.
 inline Bytes ContentOf(std::uint64_t n) {
@@ -61,31 +36,12 @@ inline bool Holds(const DataSample& sample) {
 /// A directory of its own and one stream in it.
 class MemoryTest : public ::testing::Test {
 protected:
-    MemoryTest() {
-        std::string pattern = "/dev/shm/kvo-memory-test-XXXXXX";
-        directory_ = ::mkdtemp(pattern.data());
-        path_ = directory_ + "/stream";
-    }
-    ~MemoryTest() override {
-        std::error_code ignored;
-        std::filesystem::remove_all(directory_, ignored);
-    }
-
     static SpareSlots Spare(std::uint64_t bytes = 64 << 10, std::uint32_t pins = 2) {
-        SpareSlots spare;
-        spare.budget_bytes = bytes;
-        spare.pins_per_row = pins;
-        return spare;
+        return test::Spare(bytes, pins);
     }
-    std::unique_ptr<StreamFile> Create(std::int64_t retained, SpareSlots spare = Spare(),
+    std::unique_ptr<StreamFile> Create(std::int64_t retained, const SpareSlots& spare = Spare(),
                                        std::uint64_t epoch = 1, bool checksum = false) const {
-        StreamFile::Creation creation;
-        creation.path = path_;
-        creation.stream = kStream;
-        creation.geometry = PlanGeometry(kPayload, retained, spare);
-        creation.epoch = epoch;
-        creation.checksum = checksum;
-        return StreamFile::Create(creation);
+        return CreateStream(path_, kStream, kPayload, retained, spare, epoch, checksum);
     }
     std::unique_ptr<KvoMemoryAccessor> Accessor(int accessor_argument = 1,
                                                 unsigned long max_age_ms = 0) {
@@ -93,9 +49,7 @@ protected:
                                                    accessor_argument);
     }
     std::unique_ptr<KvoMemoryAccessor> Writer() {
-        auto writer = Accessor(10);
-        writer->SetSizeConstraints(kPayload, kMaxMetadataBytes);
-        return writer;
+        return OpenWriter(path_, kStream, kPayload, &logger_);
     }
     std::unique_ptr<KvoMemoryAccessor> Reader(int accessor_argument = 1,
                                               unsigned long max_age_ms = 0) {
@@ -110,16 +64,7 @@ protected:
             writer.WriteData(-1, 5, static_cast<int>(n), bytes.data(), kPayload, nullptr, 0, n);
         }
     }
-    static DataSample* Take(KvoMemoryAccessor& reader) {
-        std::string stream;
-        unsigned int samples = 1;
-        int tag = 0;
-        long sequence = 0;
-        unsigned long timestamp = 0;
-        DataSample* sample = nullptr;
-        reader.get_data_packet(&stream, &samples, &tag, &sequence, &timestamp, &sample);
-        return sample;
-    }
+    static DataSample* Take(KvoMemoryAccessor& reader) { return TakeRetained(reader); }
     /// Takes all there is; the sequence numbers.
     static std::vector<std::uint64_t> TakeAll(KvoMemoryAccessor& reader) {
         std::vector<std::uint64_t> numbers;
@@ -129,18 +74,10 @@ protected:
         }
         return numbers;
     }
-    std::vector<std::string> Files() const {
-        std::vector<std::string> names;
-        for (const auto& entry : std::filesystem::directory_iterator(directory_)) {
-            names.push_back(entry.path().filename().string());
-        }
-        std::sort(names.begin(), names.end());
-        return names;
-    }
-
-    std::string directory_;
-    std::string path_;
-    RecordingLogger logger_;
+    const TempDirectory place_;
+    const std::string directory_ = place_.path();
+    const std::string path_ = directory_ + "/stream";
+    CapturedLog logger_;
 };
 
 }  // namespace kvo::test

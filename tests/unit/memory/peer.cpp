@@ -1,50 +1,44 @@
-// Another process at the same stream, for tests that kill one. Does what its arguments say,
-// prints one line and waits to be killed or for the end of its input.
-#include "kvo/memory/memory_accessor.h"
-#include "kvo/memory/process_lock.h"
+// Another process at the same stream, for tests that kill one: "join DIRECTORY", "read PATH STREAM
+// SAMPLES" or "write PATH STREAM SAMPLES PAYLOAD". Prints its id and what came of it in one line
+// and waits to be killed.
+#include "sample_stream.h"
 
+#include <csignal>
 #include <cstdlib>
 #include <iostream>
 #include <memory>
 #include <string>
+#include <sys/prctl.h>
+#include <unistd.h>
 #include <vector>
 
-namespace {
-
-void Take(kvo::KvoMemoryAccessor& reader) {
-    kvo::DataSample* sample = nullptr;
-    reader.get_data_packet(nullptr, nullptr, nullptr, nullptr, nullptr, &sample);
-    std::cout << (sample != nullptr ? sample->sequence_number() : 0) << ' ';
-}
-
-}  // namespace
-
 int main(int count, char** values) {
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     const std::vector<std::string> arguments(values + 1, values + count);
     std::shared_ptr<kvo::ProcessLock> lock;
     std::unique_ptr<kvo::KvoMemoryAccessor> accessor;
+    std::cout << ::getpid() << ' ';
     if (arguments.at(0) == "join") {
         lock = kvo::ProcessLock::ForDirectory(arguments.at(1));
         const kvo::ProcessTag tag = lock->Join();
         std::cout << tag.number << ' ' << tag.nonce;
-    } else {
+    } else if (arguments.at(0) == "read") {
         const int samples = std::atoi(arguments.at(3).c_str());
         accessor = std::make_unique<kvo::KvoMemoryAccessor>(arguments.at(1), arguments.at(2),
                                                             nullptr, 0, samples);
-        if (arguments.at(0) == "read") {
-            accessor->StartReading();
-            for (int i = 0; i < samples; ++i) {
-                Take(*accessor);
-            }
-        } else {
-            accessor->SetSizeConstraints(std::atoi(arguments.at(4).c_str()), 1500);
-            for (int i = 0; i < samples; ++i) {
-                accessor->WriteData(-1, 0, 0, nullptr, 0, nullptr, 0, 0);
-            }
-            std::cout << accessor->writer_counters().written;
+        accessor->StartReading();
+        for (int i = 0; i < samples; ++i) {
+            const kvo::DataSample* const sample = kvo::test::Take(*accessor);
+            std::cout << (sample != nullptr ? sample->sequence_number() : 0) << ' ';
+        }
+    } else {
+        accessor = kvo::test::OpenWriter(arguments.at(1), arguments.at(2),
+                                         std::atoi(arguments.at(4).c_str()));
+        for (int i = std::atoi(arguments.at(3).c_str()); i > 0; --i) {
+            accessor->WriteData(-1, 0, 0, nullptr, 0, nullptr, 0, 0);
         }
     }
     std::cout << std::endl;
-    std::cin.get();
+    ::pause();
     return 0;
 }

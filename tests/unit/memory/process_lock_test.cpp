@@ -4,6 +4,7 @@
 #include "peer_process.h"
 
 #include <sstream>
+
 namespace kvo::test {
 namespace {
 
@@ -39,13 +40,13 @@ TEST_F(ProcessLockTest, AProcessHoldsOneByteForAllItsUsers) {
     second.reset();
     EXPECT_FALSE(onlooker->Lives(tag));
     EXPECT_TRUE(onlooker->RemoveIfUnused());
-    EXPECT_TRUE(Files().empty());
+    EXPECT_TRUE(place_.Content().empty());
     EXPECT_TRUE(onlooker->Lives(onlooker->Join())) << "joining makes the file anew";
 }
 
 TEST_F(ProcessLockTest, APeerLivesUntilItIsKilled) {
     const auto lock = ProcessLock::ForDirectory(directory_);
-    PeerProcess peer({"join", directory_});
+    PeerProcess peer("join " + directory_);
     const ProcessTag tag = TagOf(peer);
     const auto low = static_cast<std::uint32_t>(tag.nonce);
     ASSERT_NE(tag.number, 0);
@@ -85,7 +86,7 @@ TEST_F(ProcessLockTest, AForkedChildIsNobodyAndTakesNothingFromItsParent) {
                   return refused && !alive ? 0 : 1;
               }),
               0);
-    PeerProcess peer({"join", directory_});
+    PeerProcess peer("join " + directory_);
     EXPECT_NE(TagOf(peer).number, tag.number) << "our byte is still ours";
 }
 

@@ -1,5 +1,5 @@
-#include "kvo/memory/memory_accessor.h"
 #include "probes.h"
+#include "sample_stream.h"
 
 #include <gtest/gtest.h>
 
@@ -84,8 +84,7 @@ TEST_F(LifetimeTest, DestroyedRightAfterARegistrationItsThreadsEnd) {
 
 TEST_F(LifetimeTest, ASlotMayDestroyItsOwnSubscriber) {
     CapturedLog log;
-    KvoMemoryAccessor writer(broker_.stream_path(), "cam", log.kvo_logger(), 0, 10);
-    writer.SetSizeConstraints(64, 1500);
+    const auto writer = OpenWriter(broker_.stream_path(), "cam", 64, log.kvo_logger());
     auto subscriber = MakeSubscriber(log);
     std::promise<void> destroyed;
     int calls = 0;
@@ -95,7 +94,7 @@ TEST_F(LifetimeTest, ASlotMayDestroyItsOwnSubscriber) {
         destroyed.set_value();
     });
     for (int tag = 1; tag <= 3; ++tag) {
-        writer.WriteData(-1, 0, tag, nullptr, 0, nullptr, 0, 1);
+        writer->WriteData(-1, 0, tag, nullptr, 0, nullptr, 0, 1);
     }
     ASSERT_TRUE(broker_.Notify("cam", 0));
     ASSERT_EQ(destroyed.get_future().wait_for(kDeadline), std::future_status::ready);
@@ -110,9 +109,8 @@ TEST_F(LifetimeTest, ASecondRegistrationReplacesTheFirst) {
     subscriber->connect([&] { ++first; });
     ASSERT_EQ(subscriber->RegisterSubscriber(broker_.uri(), "cam", "", 1), 1);
     subscriber->connect([&] { ++second; });
-    KvoMemoryAccessor writer(broker_.stream_path(), "cam", log.kvo_logger(), 0, 10);
-    writer.SetSizeConstraints(64, 1500);
-    writer.WriteData(-1, 0, 1, nullptr, 0, nullptr, 0, 1);
+    const auto writer = OpenWriter(broker_.stream_path(), "cam", 64, log.kvo_logger());
+    writer->WriteData(-1, 0, 1, nullptr, 0, nullptr, 0, 1);
     const LogLine stopped{1, "KvoDataSubscriber: Notification subscription stopped"};
     ASSERT_TRUE(log.WaitFor(stopped));
     ASSERT_TRUE(NotifyUntil(broker_, "cam", 2, log,

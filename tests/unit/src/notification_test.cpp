@@ -1,5 +1,5 @@
-#include "kvo/memory/memory_accessor.h"
 #include "probes.h"
+#include "sample_stream.h"
 
 #include <gtest/gtest.h>
 
@@ -23,17 +23,10 @@ protected:
     NotificationTest() {
         broker_.CreateStream("cam");
         broker_.Always("GetHeartbeatPeriod", 0);  // no lines of a heartbeat among ours
-        writer_ = MakeWriter();
+        writer_ = OpenWriter(broker_.stream_path(), "cam", 64, log_.kvo_logger());
         EXPECT_EQ(subscriber_.RegisterSubscriber(broker_.uri(), "cam", "", 1), 1);
         EXPECT_TRUE(log_.WaitFor({1, "KvoDataSubscriber: Notification subscription started..."}));
         log_.Clear();
-    }
-    std::unique_ptr<KvoMemoryAccessor> MakeWriter() {
-        auto writer = std::make_unique<KvoMemoryAccessor>(broker_.stream_path(), "cam",
-                                                          log_.kvo_logger(), 0, 10);
-        writer->SetSizeConstraints(64, 1500);
-        EXPECT_TRUE(writer->get_is_initialized());
-        return writer;
     }
     void Write(int sample_tag) {
         const unsigned char payload[] = {1, 2, 3};
@@ -76,24 +69,6 @@ TEST_F(NotificationTest, EachTypeIsLoggedWithItsLevel) {
     }
 }
 
-TEST_F(NotificationTest, TheSlotRunsOnceForEachNewSample) {
-    std::vector<int> tags;  // the delivery thread's, read after a round trip
-    const auto connection = subscriber_.connect([&] { tags.push_back(ReadTag()); });
-    Write(1);
-    Write(2);
-    Notify(kNewData);
-    Notify(kNewData);  // nothing new
-    Write(3);
-    Notify(kNewData);
-    EXPECT_EQ(tags, std::vector<int>({1, 2, 3}));
-    connection.disconnect();
-    Write(4);
-    Notify(kNewData);
-    EXPECT_EQ(tags.size(), 3U);
-    EXPECT_EQ(ReadTag(), 4);
-    EXPECT_EQ(ReadTag(), -1);
-}
-
 TEST_F(NotificationTest, TheMemoryFollowsThePublishersLife) {
     Write(1);
     Notify(kPubUnreg);
@@ -105,13 +80,6 @@ TEST_F(NotificationTest, TheMemoryFollowsThePublishersLife) {
     EXPECT_EQ(ReadTag(), 2);
     Write(3);
     EXPECT_EQ(ReadTag(), 3);
-}
-
-TEST_F(NotificationTest, AFailedReopenChangesNothing) {
-    Write(1);
-    std::filesystem::remove(broker_.stream_path());
-    Notify(kPubReg);
-    EXPECT_EQ(ReadTag(), 1);
 }
 
 TEST_F(NotificationTest, AnEventWithoutASampleIsDroppedSilently) {

@@ -75,13 +75,6 @@ TEST_F(ToolParts, ALineThatIsTooLongIsNamedByItsNumber) {
     }
 }
 
-TEST_F(ToolParts, ChunksAreFullButForTheLast) {
-    ChunkSource source(InputStream(Write("chunks", "abcdefgh")), 3);
-    EXPECT_EQ(AllOf(source, stop_), (std::vector<std::string>{"abc", "def", "gh"}));
-    ChunkSource exact(InputStream(Write("chunks", "abcdef")), 3);
-    EXPECT_EQ(AllOf(exact, stop_), (std::vector<std::string>{"abc", "def"}));
-}
-
 TEST_F(ToolParts, TelemetryRatesComeFromTwoReadings) {
     Telemetry telemetry(directory_.path().string());
     const std::chrono::system_clock::time_point now{seconds(1'700'000'000)};
