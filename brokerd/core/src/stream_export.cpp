@@ -94,7 +94,7 @@ void StreamExport::Send() {
             samples_.fetch_add(1, kRelaxed);
             bytes_.fetch_add(remote.payload_bytes, kRelaxed);
         } else {
-            refused_.fetch_add(1, kRelaxed);
+            held_up_.fetch_add(1, kRelaxed);
         }
         if (stopping_.load(kRelaxed) && std::chrono::steady_clock::now() - begun > kFarewell) {
             break;
@@ -109,7 +109,7 @@ TransferState StreamExport::State() const {
     state.samples = samples_.load(kRelaxed);
     state.payload_bytes = bytes_.load(kRelaxed);
     state.overtaken = overtaken_.load(kRelaxed);
-    state.refused = refused_.load(kRelaxed);
+    state.held_up = held_up_.load(kRelaxed);
     state.readers = writer_->readers();
     state.connected = state.readers > 0;
     return state;
