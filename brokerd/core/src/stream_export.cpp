@@ -77,6 +77,9 @@ void StreamExport::Send() {
     for (;;) {
         DataSample* sample = nullptr;
         accessor_->get_data_packet(nullptr, nullptr, nullptr, nullptr, nullptr, &sample);
+        // Each time, since where a slow host holds the export up there is always a next sample.
+        const ReaderCounters counters = accessor_->reader_counters();
+        overtaken_.store(counters.lost + counters.checksum_failures, kRelaxed);
         if (sample == nullptr) {
             break;
         }
@@ -100,8 +103,6 @@ void StreamExport::Send() {
             break;
         }
     }
-    const ReaderCounters counters = accessor_->reader_counters();
-    overtaken_.store(counters.lost + counters.checksum_failures, kRelaxed);
 }
 
 TransferState StreamExport::State() const {
