@@ -18,8 +18,8 @@ struct RemoteStream {
     std::string broker;
     std::string stream;
     std::string state;
-    // samples, payload bytes, samples/s, bytes/s, lost on the way, overtaken, refused, deadlines
-    std::array<std::uint64_t, 8> numbers{};
+    // As the names of PrintJson().
+    std::array<std::uint64_t, 9> numbers{};
 };
 
 RemoteStream Parse(const std::string& line) {
@@ -34,8 +34,8 @@ RemoteStream Parse(const std::string& line) {
 
 void PrintJson(const RemoteStream& stream) {
     static constexpr std::array kNames{"samples",     "payload_bytes",   "samples_per_s",
-                                       "bytes_per_s", "lost_on_the_way", "overtaken",
-                                       "refused",     "deadlines_missed"};
+                                       "bytes_per_s", "lost_on_the_way", "not_taken",
+                                       "overtaken",   "held_up",         "deadlines_missed"};
     nlohmann::ordered_json json;
     json["direction"] = stream.direction;
     json["broker"] = stream.broker;
@@ -48,17 +48,17 @@ void PrintJson(const RemoteStream& stream) {
 }
 
 void Print(const RemoteStream& stream) {
-    const auto& [samples, bytes, samples_per_s, bytes_per_s, lost, overtaken, refused, deadlines] =
-        stream.numbers;
+    const auto& [samples, bytes, samples_per_s, bytes_per_s, lost, not_taken, overtaken, held_up,
+                 deadlines] = stream.numbers;
     const bool import = stream.direction == "import";
     std::cout << stream.broker << (import ? " -> here   " : " <- here   ") << stream.stream << "   "
               << stream.state << ", " << samples << " samples, " << bytes << " bytes, "
               << samples_per_s << " samples/s, " << bytes_per_s << " bytes/s";
     if (import) {
-        std::cout << "; lost on the way " << lost << ", not taken " << refused
+        std::cout << "; lost on the way " << lost << ", not taken " << not_taken
                   << ", deadlines missed " << deadlines << '\n';
     } else {
-        std::cout << "; overwritten before they were sent " << overtaken << ", held up " << refused
+        std::cout << "; overwritten before they were sent " << overtaken << ", held up " << held_up
                   << '\n';
     }
 }

@@ -57,8 +57,9 @@ json ToJson(const RemoteStreamState& state) {
             {"samples_per_s", state.samples_per_s},
             {"bytes_per_s", state.bytes_per_s},
             {"lost_on_the_way", state.lost_on_the_way},
+            {"not_taken", state.not_taken},
             {"overtaken", state.overtaken},
-            {"refused", state.refused},
+            {"held_up", state.held_up},
             {"deadlines_missed", state.deadlines_missed}};
 }
 

@@ -1,6 +1,8 @@
 #include "metrics.h"
 
 #include <algorithm>
+#include <initializer_list>
+#include <map>
 #include <prometheus/metric_family.h>
 #include <prometheus/text_serializer.h>
 #include <utility>
@@ -13,21 +15,65 @@ using prometheus::ClientMetric;
 using prometheus::MetricFamily;
 using prometheus::MetricType;
 
+struct Loss {
+    const char* cause;
+    std::uint64_t RemoteStreamState::*count;
+};
+
+const std::string& NameOf(const StreamState& stream) {
+    return stream.name;
+}
+
+const std::string& NameOf(const RemoteStreamState& stream) {
+    return stream.stream;
+}
+
+// Each stream of one direction once: an export to several brokers has a state for each of them,
+// with the numbers of the one export in all.
+std::vector<RemoteStreamState> OneWay(const std::vector<RemoteStreamState>& states, bool import) {
+    std::map<std::string, RemoteStreamState> streams;
+    for (const RemoteStreamState& state : states) {
+        if (state.import == import) {
+            streams.emplace(state.stream, state);
+        }
+    }
+    std::vector<RemoteStreamState> once;
+    for (auto& [name, state] : streams) {
+        once.push_back(std::move(state));
+    }
+    return once;
+}
+
 class Families {
 public:
     void Add(const char* name, const char* help, MetricType type, double value) {
         families_.push_back(Family(name, help, type, {Metric(type, value, {})}));
     }
     // One value a stream.
-    template <class Value>
+    template <class Stream, class Value>
     void Add(const char* name, const char* help, MetricType type,
-             const std::vector<StreamState>& streams, Value value) {
+             const std::vector<Stream>& streams, Value value) {
         std::vector<ClientMetric> metrics;
-        for (const StreamState& stream : streams) {
+        for (const Stream& stream : streams) {
             metrics.push_back(Metric(type, static_cast<double>(value(stream)),
-                                     {ClientMetric::Label{"stream", stream.name}}));
+                                     {ClientMetric::Label{"stream", NameOf(stream)}}));
         }
         families_.push_back(Family(name, help, type, std::move(metrics)));
+    }
+    // One value for each stream and cause.
+    void AddLosses(const char* name, const char* help,
+                   const std::vector<RemoteStreamState>& streams,
+                   std::initializer_list<Loss> losses) {
+        std::vector<ClientMetric> metrics;
+        for (const RemoteStreamState& stream : streams) {
+            for (const Loss& loss : losses) {
+                metrics.push_back(Metric(MetricType::Counter,
+                                         static_cast<double>(stream.*loss.count),
+                                         {ClientMetric::Label{"stream", stream.stream},
+                                          ClientMetric::Label{"cause", loss.cause}}));
+            }
+        }
+        families_.push_back(Family(name, help, MetricType::Counter, std::move(metrics)));
     }
     std::string Text() const { return prometheus::TextSerializer().Serialize(families_); }
 
@@ -94,6 +140,30 @@ std::string MetricsOf(const BrokerState& state) {
                  state.streams, [](const StreamState& s) { return s.dropped; });
     families.Add("kvo_stream_file_bytes", "Shared memory of the stream", kGauge, state.streams,
                  [](const StreamState& s) { return s.file_bytes; });
+    const auto samples = [](const RemoteStreamState& s) { return s.samples; };
+    const auto payload = [](const RemoteStreamState& s) { return s.payload_bytes; };
+    const auto live = [](const RemoteStreamState& s) { return s.live ? 1 : 0; };
+    const auto imports = OneWay(state.remote_streams, true);
+    families.Add("kvo_import_live", "1 while the stream comes from another broker", kGauge, imports,
+                 live);
+    families.Add("kvo_import_samples_total", "Samples taken from another broker", kCounter, imports,
+                 samples);
+    families.Add("kvo_import_payload_bytes_total", "Payload of these", kCounter, imports, payload);
+    families.AddLosses("kvo_import_lost_total", "Samples of another broker that are missing here",
+                       imports,
+                       {{"on-the-way", &RemoteStreamState::lost_on_the_way},
+                        {"not-taken", &RemoteStreamState::not_taken}});
+    families.Add("kvo_import_deadlines_missed_total", "Times that no sample came in time", kCounter,
+                 imports, [](const RemoteStreamState& s) { return s.deadlines_missed; });
+    const auto exports = OneWay(state.remote_streams, false);
+    families.Add("kvo_export_live", "1 while the stream is sent to other brokers", kGauge, exports,
+                 live);
+    families.Add("kvo_export_samples_total", "Samples sent to other brokers", kCounter, exports,
+                 samples);
+    families.Add("kvo_export_payload_bytes_total", "Payload of these", kCounter, exports, payload);
+    families.AddLosses(
+        "kvo_export_lost_total", "Samples that were not sent", exports,
+        {{"overtaken", &RemoteStreamState::overtaken}, {"held-up", &RemoteStreamState::held_up}});
     return families.Text();
 }
 

@@ -12,7 +12,8 @@ def run(*command):
 class Hosts:
     """`count` hosts on one network, 10.99.0.1 to .count; gone with close()."""
 
-    def __init__(self, count):
+    def __init__(self, count, mtu=1500):
+        self._mtu = str(mtu)
         self._prefix = f"kvo{os.getpid()}"
         self._made = []
         try:
@@ -36,8 +37,8 @@ class Hosts:
 
     def _connect(self, number):
         host = self._namespace(str(number))
-        run("ip", "-n", self._switch, "link", "add", f"port{number}", "type", "veth",
-            "peer", "name", "eth0", "netns", host)
+        run("ip", "-n", self._switch, "link", "add", f"port{number}", "mtu", self._mtu,
+            "type", "veth", "peer", "name", "eth0", "mtu", self._mtu, "netns", host)
         run("ip", "-n", self._switch, "link", "set", f"port{number}", "master", "br0", "up")
         run("ip", "-n", host, "link", "set", "lo", "up")
         run("ip", "-n", host, "link", "set", "eth0", "up")

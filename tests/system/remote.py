@@ -159,7 +159,7 @@ class EverySample(RemoteStreams):
         code, output, _ = self.answer(1, "stat", stream, "--json")
         self.assertEqual((code, json.loads(output)["exported"]), (0, str(count)))
         exports = self.remote_streams(1)
-        self.assertEqual([(e["overtaken"], e["refused"]) for e in exports], [(0, 0)] * 2)
+        self.assertEqual([(e["overtaken"], e["held_up"]) for e in exports], [(0, 0)] * 2)
 
     def test_small_and_frequent(self):
         self.pass_through("small", 4 * KIB, 1000, 3000, 3000)

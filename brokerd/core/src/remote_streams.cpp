@@ -23,8 +23,9 @@ TransferState Sum(TransferState sum, const TransferState& more) {
     sum.samples += more.samples;
     sum.payload_bytes += more.payload_bytes;
     sum.lost_on_the_way += more.lost_on_the_way;
+    sum.not_taken += more.not_taken;
     sum.overtaken += more.overtaken;
-    sum.refused += more.refused;
+    sum.held_up += more.held_up;
     return sum;
 }
 
@@ -482,8 +483,9 @@ std::vector<RemoteStreamState> RemoteStreams::States() const {
         state.samples_per_s = rates.samples_per_s;
         state.bytes_per_s = rates.bytes_per_s;
         state.lost_on_the_way = total.lost_on_the_way;
+        state.not_taken = total.not_taken;
         state.overtaken = total.overtaken;
-        state.refused = total.refused;
+        state.held_up = total.held_up;
         states.push_back(state);
     };
     for (const auto& [stream, import] : imports_) {

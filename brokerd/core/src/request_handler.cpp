@@ -18,8 +18,8 @@ std::string EncodeRemoteStream(const RemoteStreamState& state) {
     line += ' ' + state.broker + ' ' + state.stream + (state.live ? " live" : " lost");
     for (const std::uint64_t number :
          {state.samples, state.payload_bytes, static_cast<std::uint64_t>(state.samples_per_s),
-          static_cast<std::uint64_t>(state.bytes_per_s), state.lost_on_the_way, state.overtaken,
-          state.refused, state.deadlines_missed}) {
+          static_cast<std::uint64_t>(state.bytes_per_s), state.lost_on_the_way, state.not_taken,
+          state.overtaken, state.held_up, state.deadlines_missed}) {
         line += ' ' + std::to_string(number);
     }
     return line;
@@ -205,7 +205,7 @@ std::vector<std::string> RequestHandler::GetStreamStatistics(const Caller& calle
         std::to_string(statistics->samples),
         std::to_string(statistics->payload_bytes),
         std::to_string(statistics->dropped +
-                       (imported ? imported->lost_on_the_way + imported->refused : 0)),
+                       (imported ? imported->lost_on_the_way + imported->not_taken : 0)),
         statistics->published     ? "1"
         : statistics->remote_live ? "2"
                                   : "0",
@@ -214,12 +214,12 @@ std::vector<std::string> RequestHandler::GetStreamStatistics(const Caller& calle
     if (imported) {
         elements.push_back("remote-broker=" + statistics->remote_broker);
         elements.push_back("lost-on-the-way=" + std::to_string(imported->lost_on_the_way));
-        elements.push_back("not-taken=" + std::to_string(imported->refused));
+        elements.push_back("not-taken=" + std::to_string(imported->not_taken));
     }
     if (const auto exported = remote_.Exported(stream)) {
         elements.push_back("exported=" + std::to_string(exported->samples));
         elements.push_back("export-overtaken=" + std::to_string(exported->overtaken));
-        elements.push_back("export-held-up=" + std::to_string(exported->refused));
+        elements.push_back("export-held-up=" + std::to_string(exported->held_up));
     }
     return elements;
 }

@@ -77,6 +77,9 @@ void StreamExport::Send() {
     for (;;) {
         DataSample* sample = nullptr;
         accessor_->get_data_packet(nullptr, nullptr, nullptr, nullptr, nullptr, &sample);
+        // Each time, since where a slow host holds the export up there is always a next sample.
+        const ReaderCounters counters = accessor_->reader_counters();
+        overtaken_.store(counters.lost + counters.checksum_failures, kRelaxed);
         if (sample == nullptr) {
             break;
         }
@@ -94,14 +97,12 @@ void StreamExport::Send() {
             samples_.fetch_add(1, kRelaxed);
             bytes_.fetch_add(remote.payload_bytes, kRelaxed);
         } else {
-            refused_.fetch_add(1, kRelaxed);
+            held_up_.fetch_add(1, kRelaxed);
         }
         if (stopping_.load(kRelaxed) && std::chrono::steady_clock::now() - begun > kFarewell) {
             break;
         }
     }
-    const ReaderCounters counters = accessor_->reader_counters();
-    overtaken_.store(counters.lost + counters.checksum_failures, kRelaxed);
 }
 
 TransferState StreamExport::State() const {
@@ -109,7 +110,7 @@ TransferState StreamExport::State() const {
     state.samples = samples_.load(kRelaxed);
     state.payload_bytes = bytes_.load(kRelaxed);
     state.overtaken = overtaken_.load(kRelaxed);
-    state.refused = refused_.load(kRelaxed);
+    state.held_up = held_up_.load(kRelaxed);
     state.readers = writer_->readers();
     state.connected = state.readers > 0;
     return state;

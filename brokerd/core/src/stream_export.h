@@ -58,7 +58,7 @@ private:
     // relaxed all of them: shown to people.
     std::atomic<std::uint64_t> samples_{0};
     std::atomic<std::uint64_t> bytes_{0};
-    std::atomic<std::uint64_t> refused_{0};
+    std::atomic<std::uint64_t> held_up_{0};
     std::atomic<std::uint64_t> overtaken_{0};
 
     std::thread thread_;

@@ -64,7 +64,7 @@ void StreamImport::Take(const RemoteSample& sample) {
     imported.timestamp_ms = sample.timestamp_ms;
     imported.sequence_number = sample.sequence;
     if (!file_.Write(imported)) {
-        refused_.fetch_add(1, kRelaxed);
+        not_taken_.fetch_add(1, kRelaxed);
         return;
     }
     samples_.fetch_add(1, kRelaxed);
@@ -77,7 +77,7 @@ TransferState StreamImport::State() const {
     state.samples = samples_.load(kRelaxed);
     state.payload_bytes = bytes_.load(kRelaxed);
     state.lost_on_the_way = lost_.load(kRelaxed);
-    state.refused = refused_.load(kRelaxed);
+    state.not_taken = not_taken_.load(kRelaxed);
     state.connected = connected_.load(kRelaxed);
     return state;
 }

@@ -55,7 +55,7 @@ private:
     std::atomic<std::uint64_t> samples_{0};
     std::atomic<std::uint64_t> bytes_{0};
     std::atomic<std::uint64_t> lost_{0};
-    std::atomic<std::uint64_t> refused_{0};
+    std::atomic<std::uint64_t> not_taken_{0};
 
     std::thread thread_;
 };

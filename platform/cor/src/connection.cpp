@@ -69,7 +69,7 @@ Connection::~Connection() {
 }
 
 std::string Connection::ChooseWay() const {
-    if (!address_.PrefersLocal() || (rounds_ / kRoundsOfAWay) % 2 != 0) {
+    if (!address_.PrefersLocal() || (local_rounds_ / kRoundsOfAWay) % 2 != 0) {
         return address_.endpoint;
     }
     const std::string local = FindLocalEndpoint(address_.port);
@@ -112,6 +112,10 @@ void Connection::Reconsider() {
         return;
     }
     ++rounds_;
+    // While the server is away there is none, and TCP must not have its turn when it comes back.
+    if (address_.PrefersLocal() && !FindLocalEndpoint(address_.port).empty()) {
+        ++local_rounds_;
+    }
     // After a refusal the transport does not try again; what was refused may be allowed some day.
     const std::string way = ChooseWay();
     if (way != link_->endpoint || (given_up_ && rounds_ % kRoundsOfAWay == 0)) {
@@ -277,6 +281,7 @@ void Connection::Up() {
     static_cast<void>(link_->socket.get(zmq::sockopt::events));
     connected_ = true;
     rounds_ = 0;
+    local_rounds_ = 0;
     fault_.clear();
     // Before anybody learns of it otherwise: who registers a listener then has nothing to hear.
     for (const auto& end : ends_) {

@@ -100,6 +100,7 @@ private:
     std::string fault_;      // of the last handshake; empty: none is known
     bool awaiting_ = false;  // Reconsider() is due some time
     int rounds_ = 0;         // how often it has found no connection since the last one
+    int local_rounds_ = 0;   // of these: though there was a Unix socket
     std::vector<std::shared_ptr<ClientEnd>> ends_;
     std::map<std::uint32_t, Sent> sent_;  // by the id of the call
     std::deque<std::uint32_t> unsent_;    // of these, oldest first: there was no room

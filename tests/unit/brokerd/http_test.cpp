@@ -1,5 +1,6 @@
 #include "http_endpoint.h"
 #include "kvo/brokerd/broker.h"
+#include "metrics.h"
 #include "temp_directory.h"
 
 #include <gmock/gmock.h>
@@ -49,6 +50,37 @@ TEST_F(HttpTest, HealthFollowsTheBrokerAndListsAreJson) {
     broker_->Drain();
     EXPECT_EQ(Get("/readyz", 503), "draining\n");
     EXPECT_EQ(Get("/healthz"), "ok\n");
+}
+
+TEST(MetricsTest, AnExportToSeveralBrokersIsCountedOnceAndLossesByCause) {
+    RemoteStreamState to_one;
+    to_one.broker = "host2:5000";
+    to_one.stream = "s";
+    to_one.live = true;
+    to_one.samples = 7;
+    to_one.overtaken = 1;
+    to_one.held_up = 2;
+    RemoteStreamState to_another = to_one;
+    to_another.broker = "host3:5000";
+    RemoteStreamState import;
+    import.broker = "wkp.rr://host4:5000";
+    import.stream = "t";
+    import.import = true;
+    import.lost_on_the_way = 3;
+    import.not_taken = 4;
+    BrokerState state;
+    state.remote_streams = {import, to_one, to_another};
+    const std::string text = MetricsOf(state);
+    for (const char* line :
+         {"kvo_export_live{stream=\"s\"} 1\n", "kvo_export_samples_total{stream=\"s\"} 7\n",
+          "kvo_export_lost_total{stream=\"s\",cause=\"overtaken\"} 1\n",
+          "kvo_export_lost_total{stream=\"s\",cause=\"held-up\"} 2\n",
+          "kvo_import_live{stream=\"t\"} 0\n",
+          "kvo_import_lost_total{stream=\"t\",cause=\"on-the-way\"} 3\n",
+          "kvo_import_lost_total{stream=\"t\",cause=\"not-taken\"} 4\n"}) {
+        EXPECT_THAT(text, HasSubstr(line));
+    }
+    EXPECT_EQ(text.find("kvo_export_samples_total{"), text.rfind("kvo_export_samples_total{"));
 }
 
 }  // namespace

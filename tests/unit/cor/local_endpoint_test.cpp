@@ -83,6 +83,23 @@ TEST_F(LocalEndpointTest, AClientFindsTheServerOnWhicheverSocketItComesBack) {
     }
 }
 
+TEST_F(LocalEndpointTest, AClientOfAServerThatWasAwayForLongIsNoStranger) {
+    EchoServer server(Here());
+    const auto client = MakeClient(server.uri());
+    EXPECT_THAT(client->Say("who"), HasSubstr("local"));
+    Heard heard;
+    const auto listening = client->RegisterConnectionListener(
+        [&](bool connected) { heard.Add(connected ? "up" : "down"); });
+    server.Stop();
+    ASSERT_EQ(1U, heard.Await(1).size());
+    // Longer than the Unix socket has before TCP gets its turn, and shorter than until the next.
+    EXPECT_EQ(boost::future_status::timeout,
+              client->Connect().wait_for(boost::chrono::milliseconds(1500)));
+    server.Start(Here());
+    ASSERT_EQ(2U, heard.Await(2).size());
+    EXPECT_THAT(client->Say("who"), HasSubstr("local"));
+}
+
 TEST_F(LocalEndpointTest, ASocketThatTakesNobodyInKeepsNobodyFromTcp) {
     EchoServer server;
     const LockFile lock(PathOf(server.port(), ".lock"), "nobody", 0644);

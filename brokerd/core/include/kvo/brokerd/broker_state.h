@@ -43,8 +43,9 @@ struct RemoteStreamState {
     double samples_per_s = 0;  // over the last seconds
     double bytes_per_s = 0;
     std::uint64_t lost_on_the_way = 0;   // import: numbers that never came
+    std::uint64_t not_taken = 0;         // import: did not fit the file
     std::uint64_t overtaken = 0;         // export: overwritten before they were sent
-    std::uint64_t refused = 0;           // export: slow hosts; import: not taken by the file
+    std::uint64_t held_up = 0;           // export: given up, since a host took nothing
     std::uint64_t deadlines_missed = 0;  // import: times that no sample came for a subscriber's
 };
 
