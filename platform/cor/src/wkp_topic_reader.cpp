@@ -18,6 +18,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -132,6 +133,7 @@ private:
     // Delivery thread only
     std::string ring_directory_;
     std::chrono::steady_clock::time_point ring_checked_;
+    std::chrono::steady_clock::time_point waited_;  // when it last began to wait for an event
     std::optional<zmq::socket_t> socket_;
     // Where the next ring is to be entered: as the socket has told, or empty: at its start, since
     // it is the successor of what we had. None: there was nothing before.
@@ -214,18 +216,20 @@ void WkpTopicReader::Feed::FollowRing() {
     }
 }
 
-// Spins first, where that was asked for: what comes within that time needs no waking.
+// While events follow each other quickly the next one is looked for before sleeping: it then needs
+// no waking, which costs whoever tells of it as well.
 void WkpTopicReader::Feed::AwaitChange(std::uint32_t seen) {
-    if (spin_.count() > 0) {
-        const auto end = std::chrono::steady_clock::now() + spin_;
-        do {
-            for (int i = 0; i < kLooksPerClock; ++i) {
-                if (ring_->word() != seen) {
-                    return;
-                }
-                Pause();
+    const auto now = std::chrono::steady_clock::now();
+    const bool quickly = now - std::exchange(waited_, now) < spin_;
+    for (auto at = now; quickly && at < now + spin_; at = std::chrono::steady_clock::now()) {
+        for (int i = 0; i < kLooksPerClock; ++i) {
+            if (ring_->word() != seen) {
+                return;
             }
-        } while (std::chrono::steady_clock::now() < end);
+            Pause();
+        }
+        // Whoever tells of the next one may be waiting for this very processor.
+        std::this_thread::yield();
     }
     ring_->Sleep(seen, kRingCheck);
 }

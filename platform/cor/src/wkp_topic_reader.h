@@ -15,7 +15,8 @@ namespace gorm::cor::ps {
 class WkpTopicReader final : public TopicReader {
 public:
     /// Subscribes at once; throws Error.
-    /// @param spin how long the delivery thread looks for the next local event before it sleeps.
+    /// @param spin while local events follow each other within this time, the delivery thread looks
+    /// for the next one for as long before it sleeps.
     WkpTopicReader(zmq::context_t& context, const Address& address, std::chrono::microseconds spin,
                    std::shared_ptr<const SampleCodec> codec);
     ~WkpTopicReader() override;
