@@ -172,6 +172,18 @@ class Access(unittest.TestCase):
         self.assertEqual(self.ask_as_root("RemovePublisher", "/camera/a"), 1)
         self.log.await_text("by an administrator", PATIENCE_S)
 
+    def come_without_key(self, told):
+        """Until the broker tells of it: a client that has seen what the server asks for may leave
+        before it has said that it does not use that."""
+        for _ in range(10):
+            self.assert_ends(self.start("bob", KVO_PROGRAM, "ls"), UNREACHABLE,
+                             "the server asks for CURVE", "KVO_MIDDLEWARE_PROPERTIES")
+            try:
+                return self.log.await_text(told, PATIENCE_S / 10)
+            except AssertionError as nothing:
+                fault = nothing
+        raise fault
+
     def test_over_tcp_only_keys_that_are_allowed_get_in(self):
         self.keys_directory = tempfile.mkdtemp(prefix="keys-", dir=self.place)
         os.chmod(self.keys_directory, 0o1777)
@@ -201,10 +213,7 @@ class Access(unittest.TestCase):
         # The Unix socket asks for none.
         self.assert_ends(self.start("bob", KVO_PROGRAM, "ls"), 0)
         self.use_keys(None, None)
-        self.assert_ends(self.start("bob", KVO_PROGRAM, "ls"), UNREACHABLE,
-                         "the server asks for CURVE", "KVO_MIDDLEWARE_PROPERTIES")
-        self.log.await_text("refused at wkp.rr://0.0.0.0:0/broker/Broker1: it does not use CURVE",
-                            PATIENCE_S)
+        self.come_without_key("refused at wkp.rr://0.0.0.0:0/broker/Broker1: it does not use CURVE")
         self.use_keys(bob_file, own_key)
         self.assert_ends(self.start("bob", KVO_PROGRAM, "ls"), UNREACHABLE,
                          "does not allow the public key", bob_key)
