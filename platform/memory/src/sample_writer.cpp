@@ -150,10 +150,9 @@ SampleWriter::Outcome SampleWriter::Write(const SampleInput& sample) {
     newest_ = added.version;
     AddToRing(added);
     payload_bytes_ += sample.payload_bytes;
-    last_write_ms_ = sample.timestamp_ms;
     counters.written.store(newest_, kRelaxed);  // versions count from 1 without gaps
     counters.payload_bytes.store(payload_bytes_, kRelaxed);
-    counters.last_write_ms.store(sample.timestamp_ms, kRelaxed);
+    counters.last_write_ms.store(last_write_ms_ = sample.timestamp_ms, kRelaxed);
     return Outcome::kWritten;
 }
 

@@ -72,8 +72,7 @@ private:
     const bool slots_leave_caches_;            // between two writes of the same one
     std::uint64_t role_ = 0;
 
-    std::uint64_t newest_ = 0;  // version
-    std::uint64_t last_write_ms_ = 0;
+    std::uint64_t newest_ = 0;      // version
     std::uint64_t scan_round_ = 0;  // scans begun, by all writers of the segment
     std::vector<Written> ring_;     // N places; oldest at ring_next_ once it is full
     std::size_t ring_used_ = 0;
@@ -85,6 +84,7 @@ private:
 
     // As they stand in the file, where they are only written.
     std::uint64_t payload_bytes_ = 0;
+    std::uint64_t last_write_ms_ = 0;
     std::uint64_t dropped_ = 0;
     std::uint64_t discarded_ = 0;
 };

@@ -32,6 +32,9 @@ void StreamLine(unsigned char* to, const unsigned char* from) {
 }  // namespace
 
 void CopyUncached(unsigned char* to, const unsigned char* from, std::size_t bytes) {
+    // [overwrite] Streamed stores pass those before them, also over a fence with release: without
+    // this a reader that copies out could meet new bytes under the old word.
+    _mm_sfence();
     for (; bytes >= 2 * kStretch; bytes -= 2 * kStretch, to += 2 * kStretch, from += 2 * kStretch) {
         for (std::size_t at = 0; at < kStretch; at += kLine) {
             StreamLine(to + at, from + at);
@@ -39,7 +42,7 @@ void CopyUncached(unsigned char* to, const unsigned char* from, std::size_t byte
         }
     }
     std::memcpy(to, from, bytes);
-    // A store with release does not wait for streamed stores; this does.
+    // [slot-ready] Nor does a store with release wait for them.
     _mm_sfence();
 }
 
