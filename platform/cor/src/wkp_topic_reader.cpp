@@ -82,10 +82,13 @@ public:
     }
     /// Any thread.
     void RemoveListener(const std::shared_ptr<Slot>& slot) {
-        const std::lock_guard lock(mutex_);
-        if (slot_ == slot) {
-            slot_ = nullptr;
+        {
+            const std::lock_guard lock(mutex_);
+            if (slot_ == slot) {
+                slot_ = nullptr;
+            }
         }
+        Interrupt();  // the delivery thread lets go of its share
     }
     /// Any thread: has the delivery thread look at what was posted to the loop.
     void Interrupt();
@@ -107,6 +110,7 @@ private:
     void FollowRing();
     bool TakeFromRing(Slot& current);
     void AwaitChange(std::uint32_t seen);
+    bool Spin(std::uint32_t seen);
     bool ServerIsGone();
     void OpenSocket();
     void CloseSocket();
@@ -117,7 +121,7 @@ private:
 
     zmq::context_t& context_;
     const Address address_;
-    const std::chrono::microseconds spin_;  // before each sleep
+    const std::chrono::microseconds spin_;  // while events follow each other within it
     const std::string topic_;               // as on the wire
     const std::shared_ptr<const SampleCodec> codec_;
     PollLoop& loop_;  // used while not stopped
@@ -133,7 +137,7 @@ private:
     // Delivery thread only
     std::string ring_directory_;
     std::chrono::steady_clock::time_point ring_checked_;
-    std::chrono::steady_clock::time_point waited_;  // when it last began to wait for an event
+    std::chrono::steady_clock::time_point waited_;  // when it last began to spin
     std::optional<zmq::socket_t> socket_;
     // Where the next ring is to be entered: as the socket has told, or empty: at its start, since
     // it is the successor of what we had. None: there was nothing before.
@@ -216,22 +220,30 @@ void WkpTopicReader::Feed::FollowRing() {
     }
 }
 
-// While events follow each other quickly the next one is looked for before sleeping: it then needs
-// no waking, which costs whoever tells of it as well.
 void WkpTopicReader::Feed::AwaitChange(std::uint32_t seen) {
-    const auto now = std::chrono::steady_clock::now();
-    const bool quickly = now - std::exchange(waited_, now) < spin_;
-    for (auto at = now; quickly && at < now + spin_; at = std::chrono::steady_clock::now()) {
+    if (spin_.count() == 0 || !Spin(seen)) {
+        ring_->Sleep(seen, kRingCheck);
+    }
+}
+
+// While events follow each other quickly the next one is looked for before sleeping: it then needs
+// no waking, which costs whoever tells of it as well. @return whether something has happened.
+bool WkpTopicReader::Feed::Spin(std::uint32_t seen) {
+    const auto begun = std::chrono::steady_clock::now();
+    if (begun - std::exchange(waited_, begun) >= spin_) {
+        return false;
+    }
+    do {
         for (int i = 0; i < kLooksPerClock; ++i) {
             if (ring_->word() != seen) {
-                return;
+                return true;
             }
             Pause();
         }
         // Whoever tells of the next one may be waiting for this very processor.
         std::this_thread::yield();
-    }
-    ring_->Sleep(seen, kRingCheck);
+    } while (std::chrono::steady_clock::now() < begun + spin_);
+    return false;
 }
 
 // Nothing is waiting.
