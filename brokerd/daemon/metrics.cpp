@@ -51,7 +51,7 @@ public:
     }
     // One value a stream.
     template <class Stream, class Value>
-    void Add(const char* name, const char* help, MetricType type,
+    void Add(const std::string& name, const std::string& help, MetricType type,
              const std::vector<Stream>& streams, Value value) {
         std::vector<ClientMetric> metrics;
         for (const Stream& stream : streams) {
@@ -60,6 +60,17 @@ public:
         }
         families_.push_back(Family(name, help, type, std::move(metrics)));
     }
+    // What both directions have. @param way "from" or "to" other brokers.
+    void AddTransfers(const std::string& prefix, const std::string& way,
+                      const std::vector<RemoteStreamState>& streams) {
+        Add(prefix + "_live", "1 while the stream goes " + way + " other brokers",
+            MetricType::Gauge, streams, [](const RemoteStreamState& s) { return s.live ? 1 : 0; });
+        Add(prefix + "_samples_total", "Samples " + way + " other brokers", MetricType::Counter,
+            streams, [](const RemoteStreamState& s) { return s.samples; });
+        Add(prefix + "_payload_bytes_total", "Payload of these", MetricType::Counter, streams,
+            [](const RemoteStreamState& s) { return s.payload_bytes; });
+    }
+
     // One value for each stream and cause.
     void AddLosses(const char* name, const char* help,
                    const std::vector<RemoteStreamState>& streams,
@@ -85,7 +96,7 @@ private:
         (type == MetricType::Counter ? metric.counter.value : metric.gauge.value) = value;
         return metric;
     }
-    static MetricFamily Family(const char* name, const char* help, MetricType type,
+    static MetricFamily Family(const std::string& name, const std::string& help, MetricType type,
                                std::vector<ClientMetric> metrics) {
         MetricFamily family;
         family.name = name;
@@ -140,15 +151,8 @@ std::string MetricsOf(const BrokerState& state) {
                  state.streams, [](const StreamState& s) { return s.dropped; });
     families.Add("kvo_stream_file_bytes", "Shared memory of the stream", kGauge, state.streams,
                  [](const StreamState& s) { return s.file_bytes; });
-    const auto samples = [](const RemoteStreamState& s) { return s.samples; };
-    const auto payload = [](const RemoteStreamState& s) { return s.payload_bytes; };
-    const auto live = [](const RemoteStreamState& s) { return s.live ? 1 : 0; };
     const auto imports = OneWay(state.remote_streams, true);
-    families.Add("kvo_import_live", "1 while the stream comes from another broker", kGauge, imports,
-                 live);
-    families.Add("kvo_import_samples_total", "Samples taken from another broker", kCounter, imports,
-                 samples);
-    families.Add("kvo_import_payload_bytes_total", "Payload of these", kCounter, imports, payload);
+    families.AddTransfers("kvo_import", "from", imports);
     families.AddLosses("kvo_import_lost_total", "Samples of another broker that are missing here",
                        imports,
                        {{"on-the-way", &RemoteStreamState::lost_on_the_way},
@@ -156,11 +160,7 @@ std::string MetricsOf(const BrokerState& state) {
     families.Add("kvo_import_deadlines_missed_total", "Times that no sample came in time", kCounter,
                  imports, [](const RemoteStreamState& s) { return s.deadlines_missed; });
     const auto exports = OneWay(state.remote_streams, false);
-    families.Add("kvo_export_live", "1 while the stream is sent to other brokers", kGauge, exports,
-                 live);
-    families.Add("kvo_export_samples_total", "Samples sent to other brokers", kCounter, exports,
-                 samples);
-    families.Add("kvo_export_payload_bytes_total", "Payload of these", kCounter, exports, payload);
+    families.AddTransfers("kvo_export", "to", exports);
     families.AddLosses(
         "kvo_export_lost_total", "Samples that were not sent", exports,
         {{"overtaken", &RemoteStreamState::overtaken}, {"held-up", &RemoteStreamState::held_up}});
