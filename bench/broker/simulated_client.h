@@ -1,5 +1,7 @@
 #pragma once
 
+#include "gorm/cor/rr/packing.h"
+
 #include <msgpack.hpp>
 #include <zmq.hpp>
 
@@ -68,16 +70,6 @@ struct Answer {
     const msgpack::object& result() const { return message.get().via.array.ptr[3]; }
 };
 
-/// One packed array.
-template <class... A>
-std::string PackParams(const A&... arguments) {
-    msgpack::sbuffer buffer;
-    msgpack::packer<msgpack::sbuffer> packer(buffer);
-    packer.pack_array(static_cast<std::uint32_t>(sizeof...(A)));
-    (packer.pack(arguments), ...);
-    return {buffer.data(), buffer.size()};
-}
-
 inline constexpr std::string_view kBrokerPath = "/broker/Broker1";
 
 /// A connection to a broker for requests. Threads: one.
@@ -94,7 +86,7 @@ public:
     /// for the time of our patience.
     template <class... A>
     std::uint32_t Ask(std::string_view method, const A&... arguments) {
-        return AskPacked(method, PackParams(arguments...));
+        return AskPacked(method, gorm::cor::rr::PackParams(arguments...));
     }
     /// Takes the next answer without waiting. Throws std::runtime_error when it is no response.
     std::optional<Answer> Take();
