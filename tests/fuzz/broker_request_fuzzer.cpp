@@ -7,12 +7,12 @@
 #include "remote_streams.h"
 #include "request_handler.h"
 #include "stream_registry.h"
+#include "temp_directory.h"
 #include "wire.h"
 
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <memory>
@@ -145,8 +145,8 @@ private:
 }  // namespace kvo::brokerd
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    static std::string pattern = "/dev/shm/kvo-fuzz-XXXXXX";
-    static kvo::brokerd::BrokerDirectory directory(::mkdtemp(pattern.data()));
+    static const kvo::test::TempDirectory place;
+    static kvo::brokerd::BrokerDirectory directory(place.path());
     kvo::brokerd::Parts parts(directory);
     std::string_view rest(reinterpret_cast<const char*>(data), size);
     for (int i = 0; i < kvo::brokerd::kMostMessages && rest.size() >= 2; ++i) {
