@@ -86,12 +86,6 @@ public:
         return ::dds_write(writer_.get(), &out) == DDS_RETCODE_OK;
     }
 
-    std::uint32_t readers() const override {
-        dds_publication_matched_status_t status{};
-        ::dds_get_publication_matched_status(writer_.get(), &status);
-        return status.current_count;
-    }
-
 private:
     // Who comes late gets the samples that readers of the publisher's host would find too. What
     // readers have not got yet is kept beyond that: a burst shall not overtake them. No latency
@@ -137,18 +131,12 @@ private:
 
 class Reader final : public RemoteReader {
 public:
-    Reader(dds_entity_t participant, const RemoteTopic& topic)
-        : topic_(MakeTopic(participant, topic.name), "making the topic"),
-          reader_(::dds_create_reader(participant, topic_.get(), QosOf(topic).get(), nullptr),
-                  "making the reader"),
-          data_(::dds_create_readcondition(reader_.get(), DDS_ANY_STATE), "waiting for samples"),
-          wake_(::dds_create_guardcondition(participant), "making a condition"),
-          waitset_(::dds_create_waitset(participant), "making a waitset") {
-        Checked(::dds_set_status_mask(reader_.get(), DDS_SUBSCRIPTION_MATCHED_STATUS),
-                "watching writers");
-        for (const dds_entity_t watched : {reader_.get(), data_.get(), wake_.get()}) {
-            Checked(::dds_waitset_attach(waitset_.get(), watched, 0), "waiting for samples");
-        }
+    Reader(dds_entity_t participant, const RemoteTopic& topic, const std::string& own)
+        : wake_(::dds_create_guardcondition(participant), "making a condition"),
+          waitset_(::dds_create_waitset(participant), "making a waitset"),
+          inlets_{{{participant, topic, topic.name, waitset_.get()},
+                   {participant, topic, own, waitset_.get()}}} {
+        Checked(::dds_waitset_attach(waitset_.get(), wake_.get(), 0), "waiting for samples");
     }
 
     void Take(std::chrono::milliseconds at_most, const Receiver& receiver) override {
@@ -162,46 +150,79 @@ public:
     void Wake() override { ::dds_set_guardcondition(wake_.get(), true); }
 
     bool has_writer() const override {
-        dds_subscription_matched_status_t status{};
-        ::dds_get_subscription_matched_status(reader_.get(), &status);
-        return status.current_count > 0;
+        return std::any_of(inlets_.begin(), inlets_.end(),
+                           [](const Inlet& inlet) { return inlet.has_writer(); });
     }
 
 private:
-    // Asks for less than any writer offers, so that all of them match.
-    static Qos QosOf(const RemoteTopic& topic) {
-        Qos qos = CommonQos();
-        ::dds_qset_latency_budget(qos.get(), DDS_INFINITY);
-        const std::uint64_t fits =
-            kMostWaitingBytes / std::max<std::uint64_t>(topic.max_payload_bytes, 1);
-        ::dds_qset_resource_limits(
-            qos.get(),
-            static_cast<std::int32_t>(std::clamp<std::uint64_t>(fits, kAtOnce, kMostWaiting)),
-            DDS_LENGTH_UNLIMITED, DDS_LENGTH_UNLIMITED);
-        return qos;
-    }
-
-    bool TakeWhatIsThere(const Receiver& receiver) {
-        std::array<ddsi_serdata*, kAtOnce> taken{};
-        std::array<dds_sample_info_t, kAtOnce> infos{};
-        const std::int32_t count =
-            ::dds_takecdr(reader_.get(), taken.data(), kAtOnce, infos.data(), DDS_ANY_STATE);
-        for (std::int32_t i = 0; i < count; ++i) {
-            const auto at = static_cast<std::size_t>(i);
-            const TakenSample sample(taken[at]);
-            RemoteSample remote;
-            if (infos[at].valid_data && sample.Parse(remote)) {
-                receiver(remote);
+    class Inlet {
+    public:
+        Inlet(dds_entity_t participant, const RemoteTopic& topic, const std::string& name,
+              dds_entity_t waitset)
+            : topic_(MakeTopic(participant, name), "making the topic"),
+              reader_(::dds_create_reader(participant, topic_.get(), QosOf(topic).get(), nullptr),
+                      "making the reader"),
+              data_(::dds_create_readcondition(reader_.get(), DDS_ANY_STATE),
+                    "waiting for samples") {
+            Checked(::dds_set_status_mask(reader_.get(), DDS_SUBSCRIPTION_MATCHED_STATUS),
+                    "watching writers");
+            for (const dds_entity_t watched : {reader_.get(), data_.get()}) {
+                Checked(::dds_waitset_attach(waitset, watched, 0), "waiting for samples");
             }
         }
-        return count > 0;
+
+        bool has_writer() const {
+            dds_subscription_matched_status_t status{};
+            ::dds_get_subscription_matched_status(reader_.get(), &status);
+            return status.current_count > 0;
+        }
+
+        bool TakeWhatIsThere(const Receiver& receiver) {
+            std::array<ddsi_serdata*, kAtOnce> taken{};
+            std::array<dds_sample_info_t, kAtOnce> infos{};
+            const std::int32_t count =
+                ::dds_takecdr(reader_.get(), taken.data(), kAtOnce, infos.data(), DDS_ANY_STATE);
+            for (std::int32_t i = 0; i < count; ++i) {
+                const auto at = static_cast<std::size_t>(i);
+                const TakenSample sample(taken[at]);
+                RemoteSample remote;
+                if (infos[at].valid_data && sample.Parse(remote)) {
+                    receiver(remote);
+                }
+            }
+            return count > 0;
+        }
+
+    private:
+        // Asks for less than any writer offers, so that all of them match.
+        static Qos QosOf(const RemoteTopic& topic) {
+            Qos qos = CommonQos();
+            ::dds_qset_latency_budget(qos.get(), DDS_INFINITY);
+            const std::uint64_t fits =
+                kMostWaitingBytes / std::max<std::uint64_t>(topic.max_payload_bytes, 1);
+            ::dds_qset_resource_limits(
+                qos.get(),
+                static_cast<std::int32_t>(std::clamp<std::uint64_t>(fits, kAtOnce, kMostWaiting)),
+                DDS_LENGTH_UNLIMITED, DDS_LENGTH_UNLIMITED);
+            return qos;
+        }
+
+        const Entity topic_;
+        const Entity reader_;
+        const Entity data_;
+    };
+
+    bool TakeWhatIsThere(const Receiver& receiver) {
+        bool any = false;
+        for (Inlet& inlet : inlets_) {
+            any = inlet.TakeWhatIsThere(receiver) || any;
+        }
+        return any;
     }
 
-    const Entity topic_;
-    const Entity reader_;
-    const Entity data_;
     const Entity wake_;
     const Entity waitset_;
+    std::array<Inlet, 2> inlets_;
 };
 
 // Where the engine's security plugins lie: beside its library, or in a folder named after that, as
@@ -242,8 +263,9 @@ public:
     std::unique_ptr<RemoteWriter> MakeWriter(const RemoteTopic& topic) override {
         return std::make_unique<Writer>(participant_->get(), topic);
     }
-    std::unique_ptr<RemoteReader> MakeReader(const RemoteTopic& topic) override {
-        return std::make_unique<Reader>(participant_->get(), topic);
+    std::unique_ptr<RemoteReader> MakeReader(const RemoteTopic& topic,
+                                             const std::string& own) override {
+        return std::make_unique<Reader>(participant_->get(), topic, own);
     }
 
 private:

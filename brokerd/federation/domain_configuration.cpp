@@ -71,10 +71,12 @@ std::string Discovery(const FederationOptions& options) {
 std::string Internal() {
     // NackDelay, AckDelay: what a socket's buffer had no room for is asked for again soon; the
     // engine's own 100 ms for each time make seconds of a large sample. Watermarks: what may be
-    // under way before a writer waits for its readers, some samples of many MiB.
+    // under way before a writer waits for its readers. With more a link that is too slow loses
+    // parts of so many datagrams that the receiving kernel has no room left to put others together:
+    // then nothing comes at all.
     return Element("Internal", Element("NackDelay", "10ms") + Element("AckDelay", "1ms") +
-                                   Element("Watermarks", Element("WhcHigh", "16MB") +
-                                                             Element("WhcHighInit", "1MB") +
+                                   Element("Watermarks", Element("WhcHigh", "1MB") +
+                                                             Element("WhcHighInit", "100kB") +
                                                              Element("WhcLow", "64kB")) +
                                    "<SocketReceiveBufferSize max=\"16MB\"/>"
                                    "<SocketSendBufferSize max=\"4MB\"/>");

@@ -63,6 +63,11 @@ class Hosts:
                                "eth0", "root", "netem", *netem],
                               stderr=subprocess.DEVNULL, check=False).returncode == 0
 
+    def throttle(self, number, rate):
+        """How much goes to a host, in tc's terms."""
+        run("tc", "-n", self._switch, "qdisc", "replace", "dev", f"port{number}", "root", "tbf",
+            "rate", rate, "burst", "200kb", "latency", "50ms")
+
     def close(self):
         for namespace in self._made:
             subprocess.run(["ip", "netns", "delete", namespace], check=False)

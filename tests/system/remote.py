@@ -393,6 +393,50 @@ class SlowHosts(RemoteStreams):
         finally:
             self.brokers[3].signal(signal.SIGCONT)
 
+    def test_a_host_behind_a_slow_link_has_a_pace_of_its_own(self):
+        size, rate = 64 * KIB, 100  # 52 Mbit/s
+        publisher = self.kvo(1, "pub", "s", "--chunk", str(size), "--rate", str(rate), "--samples",
+                             "64")
+        threading.Thread(target=self.feed, args=(publisher, size), daemon=True).start()
+        self.await_state("the stream", lambda: "s\n" in self.answer(1, "ls")[1])
+        fast, slow = [self.kvo(number, "sub", "s", "--remote", self.uri(1))
+                      for number in (2, 3)]
+        for reader in (fast, slow):
+            self.read_for(reader, size, 1)
+        self.hosts.throttle(3, "10mbit")
+        # Both are read, so that what is counted are samples of the same time.
+        counts = {}
+        readers = [threading.Thread(target=lambda name, reader: counts.update(
+            {name: self.read_for(reader, size, 6)}), args=arguments)
+            for arguments in (("fast", fast), ("slow", slow))]
+        for reader in readers:
+            reader.start()
+        for reader in readers:
+            reader.join()
+        self.assertGreater(counts["fast"], 6 * rate / 2, counts)
+        self.assertGreater(counts["slow"], 10, counts)
+        self.assertLess(counts["slow"], counts["fast"] / 2, counts)
+        exports = {state["broker"]: state for state in self.remote_streams(1)}
+        lost = {host: exports[f"wkp.rr://{host}:5000"]["overtaken"] for host in ("host2", "host3")}
+        self.assertGreater(lost["host3"], lost["host2"], "whose loss it is")
+
+    @staticmethod
+    def feed(publisher, size):
+        try:
+            while True:
+                publisher.stdin.write(bytes(size))
+        except (BrokenPipeError, ValueError, OSError):
+            pass
+
+    @staticmethod
+    def read_for(reader, size, seconds):
+        """How many samples come in that time, and until the one after that."""
+        count = 0
+        end = time.monotonic() + seconds
+        while time.monotonic() < end and len(reader.stdout.read(size)) == size:
+            count += 1
+        return count
+
 
 class ForeignReaders(RemoteStreams):
     HOSTS = 2

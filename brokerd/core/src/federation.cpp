@@ -3,6 +3,7 @@
 #include "access.h"
 #include "gorm/cor/ps/topic_memory.h"
 #include "kvo/KvoLogger.h"
+#include "remote_topic_name.h"
 #include "stream_export.h"
 #include "stream_import.h"
 
@@ -186,13 +187,16 @@ std::unique_ptr<RemoteTransfer> Federation::StartImport(const RemoteStreams::Imp
         PostIfAlive([this, stream, run] { streams_->Outdated(stream, run); });
     };
     return std::make_unique<StreamImport>(
-        StreamImport::Order{files_.PathOf(stream), order.source.epoch, topic}, Engine(),
-        std::move(calls));
+        StreamImport::Order{files_.PathOf(stream), order.source.epoch, topic,
+                            OwnTopicOf(topic.name, brokers_.OwnUri())},
+        Engine(), std::move(calls));
 }
 
 std::unique_ptr<RemoteTransfer> Federation::StartExport(const RemoteStreams::ExportOrder& order) {
-    const RemoteTopic topic{streams_->TopicOf(order.stream), order.source.retained_samples,
-                            order.source.deadline_s, order.source.max_payload_bytes};
+    const std::string common = TopicOf(settings_.name, order.stream);
+    const RemoteTopic topic{order.importer.empty() ? common : OwnTopicOf(common, order.importer),
+                            order.source.retained_samples, order.source.deadline_s,
+                            order.source.max_payload_bytes};
     FederationEngine& engine = Engine();
     auto watch =
         settings_.topic_directory.empty()

@@ -251,8 +251,8 @@ private:
     std::unique_ptr<DataBrokerRegistrationSync> client_;  // the thread's
 };
 
-RemoteBrokers::RemoteBrokers(std::string name, gorm::cor::ServiceLoop& loop)
-    : name_(std::move(name)), loop_(loop) {}
+RemoteBrokers::RemoteBrokers(const std::string& name, gorm::cor::ServiceLoop& loop)
+    : own_uri_(std::string(kScheme) + "://" + name), loop_(loop) {}
 
 RemoteBrokers::~RemoteBrokers() {
     for (const auto& [uri, peer] : peers_) {
@@ -264,7 +264,7 @@ void RemoteBrokers::Ask(const std::string& broker, const std::string& stream, bo
                         Answered answered) {
     auto& peer = peers_[broker];
     if (peer == nullptr) {
-        peer = std::make_shared<Peer>(broker, std::string(kScheme) + "://" + name_, loop_);
+        peer = std::make_shared<Peer>(broker, own_uri_, loop_);
         peer->Start(peer);
     }
     if (!peer->Add(stream, to_export, answered)) {

@@ -24,7 +24,7 @@ public:
     using Answered = std::function<void(const Answer&)>;
 
     /// @param name what others shall call this broker. @param loop gets the answers.
-    RemoteBrokers(std::string name, gorm::cor::ServiceLoop& loop);
+    RemoteBrokers(const std::string& name, gorm::cor::ServiceLoop& loop);
     RemoteBrokers(const RemoteBrokers&) = delete;
     RemoteBrokers& operator=(const RemoteBrokers&) = delete;
     /// Questions that wait are not answered any more.
@@ -33,12 +33,15 @@ public:
     void Ask(const std::string& broker, const std::string& stream, bool to_export,
              Answered answered);
 
+    /// What others know this broker as.
+    const std::string& OwnUri() const { return own_uri_; }
+
     /// Ends the connections that have not been used for a while. To be called now and then.
     void ForgetIdle();
 
 private:
     class Peer;
-    const std::string name_;
+    const std::string own_uri_;
     gorm::cor::ServiceLoop& loop_;
     std::map<std::string, std::shared_ptr<Peer>> peers_;  // by URI
 };

@@ -1,5 +1,6 @@
 #include "remote_streams.h"
 
+#include "remote_topic_name.h"
 #include "stream_name.h"
 
 #include <algorithm>
@@ -14,67 +15,8 @@ namespace {
 constexpr std::chrono::seconds kAskAgain{1};
 // The other end of a new import shows itself within this, or there is no way for the samples.
 constexpr std::chrono::seconds kLinkPatience{5};
-// An import asks every second; one that is cut off for a moment finds its export still there.
-constexpr std::chrono::seconds kExportPatience{10};
-constexpr std::chrono::seconds kRatePeriod{2};
-constexpr std::size_t kMostImporters = 1000;  // of one stream
-
-TransferState Sum(TransferState sum, const TransferState& more) {
-    sum.samples += more.samples;
-    sum.payload_bytes += more.payload_bytes;
-    sum.lost_on_the_way += more.lost_on_the_way;
-    sum.not_taken += more.not_taken;
-    sum.overtaken += more.overtaken;
-    sum.held_up += more.held_up;
-    return sum;
-}
-
-TransferState TotalOf(const TransferState& before, const RemoteTransfer* transfer) {
-    return transfer == nullptr ? before : Sum(before, transfer->State());
-}
 
 }  // namespace
-
-void RemoteStreams::Rates::Update(const TransferState& state, TimePoint now) {
-    if (since == TimePoint{}) {
-        since = now;
-    }
-    if (now - since < kRatePeriod) {
-        return;
-    }
-    const double seconds = std::chrono::duration<double>(now - since).count();
-    samples_per_s = static_cast<double>(state.samples - samples) / seconds;
-    bytes_per_s = static_cast<double>(state.payload_bytes - bytes) / seconds;
-    since = now;
-    samples = state.samples;
-    bytes = state.payload_bytes;
-}
-
-namespace {
-
-std::string Escaped(const std::string& text) {
-    static constexpr char kDigits[] = "0123456789abcdef";
-    std::string escaped;
-    for (const char c : text) {
-        const bool stays =
-            (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '/';
-        if (stays) {
-            escaped += c;
-        } else if (c == '_') {
-            escaped += "__";
-        } else {
-            const auto byte = static_cast<unsigned char>(c);
-            escaped += {'_', kDigits[byte >> 4], kDigits[byte & 15]};
-        }
-    }
-    return escaped;
-}
-
-}  // namespace
-
-std::string RemoteStreams::TopicOf(const std::string& stream) const {
-    return "kvo/" + Escaped(name_) + "/" + Escaped(stream);
-}
 
 RemoteStreams::RemoteStreams(std::string id, std::string name, StreamRegistry& registry,
                              const SupervisedTime& time, Calls calls)
@@ -292,61 +234,69 @@ StreamDescription RemoteStreams::Describe(const std::string& stream, const std::
         description.broker = id_;
         return description;
     }
-    if (const auto found = exports_.find(stream);
-        found != exports_.end() || description.published) {
-        Export& entry = exports_[stream];
-        if (entry.importers.size() >= kMostImporters && entry.importers.count(importer) == 0) {
-            throw std::runtime_error("stream " + Quoted(stream) + " is exported to " +
-                                     std::to_string(kMostImporters) + " brokers already");
+    if (description.published || exports_.count(stream) != 0) {
+        ExportGroup& group = ExportOf(stream);
+        if (!group.Asked(importer, time_.Now())) {
+            throw std::runtime_error("stream " + Quoted(stream) +
+                                     " is exported to too many brokers already");
         }
-        entry.importers[importer] = time_.Now();
-    }
-    if (description.published) {
-        Export& entry = exports_[stream];
-        if (const std::string fault = Start(stream, entry); !fault.empty()) {
+        if (const std::string fault = Export(stream, group); !fault.empty()) {
             exports_.erase(stream);
             throw std::runtime_error("stream " + Quoted(stream) + " can not be exported: " + fault);
         }
-        description.topic = TopicOf(stream);
+    }
+    if (description.published) {
+        description.topic = TopicOf(name_, stream);
     }
     description.broker = id_;
     return description;
 }
 
-// Empty: it runs.
-std::string RemoteStreams::Start(const std::string& stream, Export& entry) {
+ExportGroup& RemoteStreams::ExportOf(const std::string& stream) {
+    ExportGroup::Calls calls;
+    calls.start = [this, stream](const std::string& importer) {
+        return calls_.start_export({stream, registry_.Describe(stream), importer});
+    };
+    calls.end = calls_.end;
+    calls.log = [this, stream](int level, const std::string& text) {
+        calls_.log(level, "stream " + Quoted(stream) + ": " + text);
+    };
+    return exports_.try_emplace(stream, std::move(calls)).first->second;
+}
+
+// Empty: it is sent while it has a publisher.
+std::string RemoteStreams::Export(const std::string& stream, ExportGroup& group) {
     const StreamDescription source = registry_.Describe(stream);
-    if (!source.published || (entry.transfer != nullptr && entry.epoch != source.epoch)) {
-        Retire(entry.transfer, entry.before);
-    }
-    if (!source.published || entry.transfer != nullptr) {
+    if (!source.published) {
+        group.Pause();
         return {};
     }
+    const bool anew = !group.sending();
     try {
-        entry.transfer = calls_.start_export({stream, source});
-        entry.epoch = source.epoch;
-        calls_.log(2, "stream " + Quoted(stream) + ": exported from now on");
-        return {};
+        group.Send(source.epoch);
     } catch (const std::exception& error) {
         return error.what();
     }
+    if (anew) {
+        calls_.log(2, "stream " + Quoted(stream) + ": exported from now on");
+    }
+    return {};
 }
 
 void RemoteStreams::PublisherChanged(const std::string& stream) {
     if (calls_.always_exported(stream) && registry_.Describe(stream).published) {
-        exports_[stream].always = true;
+        ExportOf(stream).SendToAnybody();
     }
     if (const auto found = exports_.find(stream); found != exports_.end()) {
-        if (const std::string fault = Start(stream, found->second); !fault.empty()) {
+        if (const std::string fault = Export(stream, found->second); !fault.empty()) {
             calls_.log(4, "stream " + Quoted(stream) + " can not be exported: " + fault);
         }
     }
 }
 
 void RemoteStreams::NewData(const std::string& stream) {
-    if (const auto found = exports_.find(stream);
-        found != exports_.end() && found->second.transfer != nullptr) {
-        found->second.transfer->Signal();
+    if (const auto found = exports_.find(stream); found != exports_.end()) {
+        found->second.Signal();
     }
 }
 
@@ -403,22 +353,15 @@ void RemoteStreams::Tick() {
         entry = Supervise(entry->first, entry->second) ? std::next(entry) : imports_.erase(entry);
     }
     for (auto entry = exports_.begin(); entry != exports_.end();) {
-        Export& running = entry->second;
-        std::erase_if(running.importers, [&](const auto& importer) {
-            return now - importer.second > kExportPatience;
-        });
-        if (running.always && running.importers.empty() && running.transfer == nullptr) {
-            entry = exports_.erase(entry);
+        const bool was_sending = entry->second.sending();
+        if (entry->second.Tick(now)) {
+            ++entry;
             continue;
         }
-        if (running.importers.empty() && !running.always) {
-            Retire(running.transfer, running.before);
+        if (was_sending) {
             calls_.log(2, "stream " + Quoted(entry->first) + ": not exported any more");
-            entry = exports_.erase(entry);
-            continue;
         }
-        running.rates.Update(TotalOf(running.before, running.transfer.get()), now);
-        ++entry;
+        entry = exports_.erase(entry);
     }
 }
 
@@ -443,9 +386,9 @@ std::vector<std::string> RemoteStreams::ConnectedBrokers() const {
             brokers.insert(import.broker);
         }
     }
-    for (const auto& [stream, running] : exports_) {
-        if (running.transfer != nullptr) {
-            for (const auto& [importer, asked] : running.importers) {
+    for (const auto& [stream, group] : exports_) {
+        if (group.sending()) {
+            for (const std::string& importer : group.Importers()) {
                 brokers.insert(importer);
             }
         }
@@ -466,41 +409,26 @@ std::optional<TransferState> RemoteStreams::Exported(const std::string& stream) 
     if (found == exports_.end()) {
         return std::nullopt;
     }
-    return TotalOf(found->second.before, found->second.transfer.get());
+    return found->second.Total();
 }
 
 std::vector<RemoteStreamState> RemoteStreams::States() const {
     std::vector<RemoteStreamState> states;
-    const auto add = [&](const std::string& broker, const std::string& stream, bool import,
-                         bool live, const TransferState& total, const Rates& rates) {
-        RemoteStreamState state;
-        state.broker = broker;
-        state.stream = stream;
-        state.import = import;
-        state.live = live;
-        state.samples = total.samples;
-        state.payload_bytes = total.payload_bytes;
-        state.samples_per_s = rates.samples_per_s;
-        state.bytes_per_s = rates.bytes_per_s;
-        state.lost_on_the_way = total.lost_on_the_way;
-        state.not_taken = total.not_taken;
-        state.overtaken = total.overtaken;
-        state.held_up = total.held_up;
-        states.push_back(state);
-    };
     for (const auto& [stream, import] : imports_) {
-        add(import.broker, stream, true, import.live, TotalOf(import.before, import.transfer.get()),
-            import.rates);
-        states.back().deadlines_missed = import.deadlines_missed;
+        RemoteStreamState state =
+            StateOf(TotalOf(import.before, import.transfer.get()), import.rates);
+        state.broker = import.broker;
+        state.stream = stream;
+        state.import = true;
+        state.live = import.live;
+        state.deadlines_missed = import.deadlines_missed;
+        states.push_back(state);
     }
-    for (const auto& [stream, running] : exports_) {
-        for (const auto& [importer, asked] : running.importers) {
-            add(importer, stream, false, running.transfer != nullptr,
-                TotalOf(running.before, running.transfer.get()), running.rates);
-        }
-        if (running.importers.empty()) {
-            add("anybody", stream, false, running.transfer != nullptr,
-                TotalOf(running.before, running.transfer.get()), running.rates);
+    for (const auto& [stream, group] : exports_) {
+        for (RemoteStreamState& state : group.States()) {
+            state.stream = stream;
+            state.import = false;
+            states.push_back(std::move(state));
         }
     }
     return states;

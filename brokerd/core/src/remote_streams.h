@@ -1,5 +1,6 @@
 #pragma once
 
+#include "export_group.h"
 #include "kvo/broker/stream_description.h"
 #include "kvo/brokerd/broker_state.h"
 #include "remote_transfer.h"
@@ -40,6 +41,7 @@ public:
     struct ExportOrder {
         std::string stream;
         StreamDescription source;
+        std::string importer;  // empty: for all
     };
     struct Calls {
         /// Asks the broker, which shall export the stream or not; answers once, later.
@@ -59,10 +61,6 @@ public:
     /// of this one.
     RemoteStreams(std::string id, std::string name, StreamRegistry& registry,
                   const SupervisedTime& time, Calls calls);
-
-    /// Under which a stream of this broker is exported: kvo/BROKER/STREAM, where an underscore is
-    /// doubled and what can not stand in the name of a topic is one and two hexadecimal digits.
-    std::string TopicOf(const std::string& stream) const;
 
     /// A stream that somebody wants to subscribe to is brought here. @param broker its URI.
     /// @param done gets the verdict, at once or later; `local`: the stream is of this broker.
@@ -101,14 +99,6 @@ public:
     std::optional<TransferState> Exported(const std::string& stream) const;
 
 private:
-    struct Rates {
-        TimePoint since;
-        std::uint64_t samples = 0;
-        std::uint64_t bytes = 0;
-        double samples_per_s = 0;
-        double bytes_per_s = 0;
-        void Update(const TransferState& state, TimePoint now);
-    };
     struct Import {
         std::string broker;
         StreamDescription source;
@@ -126,17 +116,8 @@ private:
         std::uint64_t deadlines_missed = 0;
         std::uint64_t samples_seen = 0;
         TimePoint sample_seen;
-        Rates rates;
+        TransferRates rates;
     };
-    struct Export {
-        std::map<std::string, TimePoint> importers;  // when they asked last
-        bool always = false;
-        std::unique_ptr<RemoteTransfer> transfer;
-        std::uint64_t epoch = 0;  // of the transfer
-        TransferState before;
-        Rates rates;
-    };
-
     void Ask(const std::string& stream, Import& import);
     void Answered(const std::string& stream, std::uint64_t run, const Answer& answer);
     Verdict Begin(const std::string& stream, Import& import, const StreamDescription& source);
@@ -146,7 +127,8 @@ private:
     void Refuse(const std::string& stream, Import& import, const Verdict& verdict, bool local);
     bool Supervise(const std::string& stream, Import& import);
     void WatchDeadline(Import& import);
-    std::string Start(const std::string& stream, Export& entry);
+    ExportGroup& ExportOf(const std::string& stream);
+    std::string Export(const std::string& stream, ExportGroup& group);
     void Retire(std::unique_ptr<RemoteTransfer>& transfer, TransferState& before);
 
     const std::string id_;
@@ -154,8 +136,8 @@ private:
     StreamRegistry& registry_;
     const SupervisedTime& time_;
     const Calls calls_;
-    std::map<std::string, Import> imports_;  // by stream
-    std::map<std::string, Export> exports_;  // by stream
+    std::map<std::string, Import> imports_;       // by stream
+    std::map<std::string, ExportGroup> exports_;  // by stream
     std::uint64_t runs_ = 0;
 };
 

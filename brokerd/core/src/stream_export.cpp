@@ -3,6 +3,7 @@
 #include "kvo/KvoLogger.h"
 #include "kvo/memory/memory_accessor.h"
 
+#include <algorithm>
 #include <chrono>
 #include <stdexcept>
 #include <utility>
@@ -32,9 +33,13 @@ StreamExport::StreamExport(const Order& order, FederationEngine& engine,
 }
 
 StreamExport::~StreamExport() {
-    stopping_.store(true, std::memory_order_relaxed);  // the thread is joined
+    stopping_.store(true, kRelaxed);
     Signal();
     thread_.join();
+}
+
+void StreamExport::Abandon() {
+    abandoned_.store(true, kRelaxed);
 }
 
 void StreamExport::Signal() {
@@ -74,12 +79,13 @@ void StreamExport::Sleep() {
 
 void StreamExport::Send() {
     const auto begun = std::chrono::steady_clock::now();
-    for (;;) {
+    while (!abandoned_.load(kRelaxed)) {
         DataSample* sample = nullptr;
         accessor_->get_data_packet(nullptr, nullptr, nullptr, nullptr, nullptr, &sample);
         // Each time, since where a slow host holds the export up there is always a next sample.
         const ReaderCounters counters = accessor_->reader_counters();
         overtaken_.store(counters.lost + counters.checksum_failures, kRelaxed);
+        sending_ms_.store(sample != nullptr ? sample->timestamp_ms() : 0, kRelaxed);
         if (sample == nullptr) {
             break;
         }
@@ -111,8 +117,12 @@ TransferState StreamExport::State() const {
     state.payload_bytes = bytes_.load(kRelaxed);
     state.overtaken = overtaken_.load(kRelaxed);
     state.held_up = held_up_.load(kRelaxed);
-    state.readers = writer_->readers();
-    state.connected = state.readers > 0;
+    if (const std::uint64_t written_ms = sending_ms_.load(kRelaxed); written_ms != 0) {
+        const auto now = std::chrono::system_clock::now().time_since_epoch();
+        state.behind = std::max(std::chrono::duration_cast<std::chrono::milliseconds>(now) -
+                                    std::chrono::milliseconds(written_ms),
+                                std::chrono::milliseconds(0));
+    }
     return state;
 }
 

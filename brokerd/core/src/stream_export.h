@@ -34,10 +34,12 @@ public:
                  std::unique_ptr<gorm::cor::ps::TopicWatch> watch, KvoLogger* logger);
     StreamExport(const StreamExport&) = delete;
     StreamExport& operator=(const StreamExport&) = delete;
-    /// Sends what the file still holds, as long as that takes no more than a second.
+    /// Sends what the file still holds, as long as that takes no more than a second; nothing more
+    /// when it is abandoned.
     ~StreamExport() override;
 
     void Signal() override;
+    void Abandon() override;
     TransferState State() const override;
 
 private:
@@ -50,7 +52,8 @@ private:
     std::unique_ptr<RemoteWriter> writer_;
     std::unique_ptr<KvoMemoryAccessor> accessor_;
 
-    std::atomic<bool> stopping_{false};
+    std::atomic<bool> stopping_{false};  // relaxed, as the next: the thread is joined
+    std::atomic<bool> abandoned_{false};
     std::mutex mutex_;
     std::condition_variable woken_;
     bool signalled_ = false;  // under the mutex
@@ -60,6 +63,7 @@ private:
     std::atomic<std::uint64_t> bytes_{0};
     std::atomic<std::uint64_t> held_up_{0};
     std::atomic<std::uint64_t> overtaken_{0};
+    std::atomic<std::uint64_t> sending_ms_{0};  // when that sample was written; 0: nothing waits
 
     std::thread thread_;
 };

@@ -15,7 +15,7 @@ StreamImport::StreamImport(const Order& order, FederationEngine& engine, Calls c
     : epoch_(order.epoch),
       calls_(std::move(calls)),
       file_(order.path),
-      reader_(engine.MakeReader(order.topic)) {
+      reader_(engine.MakeReader(order.topic, order.own_topic)) {
     thread_ = std::thread([this] { Run(); });
 }
 
@@ -32,7 +32,6 @@ void StreamImport::Run() {
         reader_->Take(kLongestWait, receiver);
         if (const bool now = reader_->has_writer(); now != linked) {
             linked = now;
-            connected_.store(now, kRelaxed);
             calls_.linked(now);
         }
         if (std::exchange(other_epoch_, false)) {
@@ -48,7 +47,7 @@ void StreamImport::Take(const RemoteSample& sample) {
         return;
     }
     if (sample.sequence <= last_) {
-        return;  // sent once more after the link was away
+        return;  // sent once more after the link was away, or both together and to us alone
     }
     if (last_ != 0) {
         lost_.fetch_add(sample.sequence - last_ - 1, kRelaxed);
@@ -78,7 +77,6 @@ TransferState StreamImport::State() const {
     state.payload_bytes = bytes_.load(kRelaxed);
     state.lost_on_the_way = lost_.load(kRelaxed);
     state.not_taken = not_taken_.load(kRelaxed);
-    state.connected = connected_.load(kRelaxed);
     return state;
 }
 

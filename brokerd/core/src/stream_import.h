@@ -21,6 +21,7 @@ public:
         std::string path;     // of the local stream file
         std::uint64_t epoch;  // of the segment there; samples of others are not taken
         RemoteTopic topic;
+        std::string own_topic;  // of what is sent to this host alone
     };
     /// Called on the import's thread; must not block for long.
     struct Calls {
@@ -51,7 +52,6 @@ private:
 
     std::atomic<bool> stopping_{false};
     // relaxed all of them: shown to people.
-    std::atomic<bool> connected_{false};
     std::atomic<std::uint64_t> samples_{0};
     std::atomic<std::uint64_t> bytes_{0};
     std::atomic<std::uint64_t> lost_{0};

@@ -90,10 +90,6 @@ public:
         network_.changed.notify_all();
         return true;
     }
-    std::uint32_t readers() const override {
-        const std::lock_guard lock(network_.mutex);
-        return static_cast<std::uint32_t>(network_.topics[topic_.name].inboxes.size());
-    }
 
 private:
     Network& network_;
@@ -154,7 +150,8 @@ public:
     std::unique_ptr<RemoteWriter> MakeWriter(const RemoteTopic& topic) override {
         return std::make_unique<MemoryWriter>(network_, topic);
     }
-    std::unique_ptr<RemoteReader> MakeReader(const RemoteTopic& topic) override {
+    std::unique_ptr<RemoteReader> MakeReader(const RemoteTopic& topic,
+                                             const std::string& /*own*/) override {
         return std::make_unique<MemoryReader>(network_, topic);
     }
 

@@ -31,21 +31,20 @@ struct RemoteTopic {
     std::uint32_t max_payload_bytes = 0;
 };
 
-/// The sending end of a topic. Threads: one, but for readers().
+/// The sending end of a topic. Threads: one.
 class RemoteWriter {
 public:
     virtual ~RemoteWriter() = default;
     /// @return false: it was not taken within a second, since readers do not keep up.
     virtual bool Write(const RemoteSample& sample) = 0;
-    virtual std::uint32_t readers() const = 0;
 };
 
-/// The receiving end of a topic. Threads: one, but for Wake().
+/// The receiving end of one topic and of another like it. Threads: one, but for Wake().
 class RemoteReader {
 public:
     using Receiver = std::function<void(const RemoteSample&)>;
     virtual ~RemoteReader() = default;
-    /// Waits at most so long until something has come or the topic's writers have changed, and
+    /// Waits at most so long until something has come or the writers have changed, and
     /// hands each sample to the receiver.
     virtual void Take(std::chrono::milliseconds at_most, const Receiver& receiver) = 0;
     virtual void Wake() = 0;
@@ -58,7 +57,9 @@ public:
     virtual ~FederationEngine() = default;
     /// Both throw std::runtime_error saying what is in the way.
     virtual std::unique_ptr<RemoteWriter> MakeWriter(const RemoteTopic& topic) = 0;
-    virtual std::unique_ptr<RemoteReader> MakeReader(const RemoteTopic& topic) = 0;
+    /// @param own another topic that it reads as well, of samples for it alone.
+    virtual std::unique_ptr<RemoteReader> MakeReader(const RemoteTopic& topic,
+                                                     const std::string& own) = 0;
 };
 
 /// How the broker reaches others; see docs/configuration.md.
@@ -76,7 +77,7 @@ struct FederationOptions {
     std::string permissions;
 };
 
-inline constexpr int kFederationAbi = 1;
+inline constexpr int kFederationAbi = 2;
 inline constexpr const char* kFederationModule = "libkvo-federation-dds.so";
 
 /// The module's one function, under this name. Throws std::runtime_error.
