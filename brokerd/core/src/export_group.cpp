@@ -38,9 +38,9 @@ bool ExportGroup::Asked(const std::string& importer, TimePoint now) {
 void ExportGroup::Send(std::uint64_t epoch) {
     if (epoch_ != epoch) {
         Pause();
-        epoch_ = epoch;
     }
     Start();
+    epoch_ = epoch;
 }
 
 void ExportGroup::Start() {
@@ -175,6 +175,9 @@ void ExportGroup::WatchApart(TimePoint now) {
     std::uint64_t least = std::numeric_limits<std::uint64_t>::max();
     std::uint64_t most = 0;
     for (auto& [name, importer] : importers_) {
+        if (importer.own == nullptr) {
+            continue;  // it was refused
+        }
         const TransferState state = importer.own->State();
         const std::uint64_t sent =
             state.samples - std::exchange(importer.samples_seen, state.samples);

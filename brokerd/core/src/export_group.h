@@ -39,7 +39,8 @@ public:
     /// From now on for programs that do not ask, too.
     void SendToAnybody() { to_anybody_ = true; }
 
-    /// Sends a segment, and to whoever has come since. Throws std::runtime_error.
+    /// Sends a segment, and to whoever has come since. Throws std::runtime_error; what is sent
+    /// already goes on.
     void Send(std::uint64_t epoch);
     /// There is no publisher.
     void Pause();

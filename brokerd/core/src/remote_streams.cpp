@@ -241,7 +241,9 @@ StreamDescription RemoteStreams::Describe(const std::string& stream, const std::
                                      " is exported to too many brokers already");
         }
         if (const std::string fault = Export(stream, group); !fault.empty()) {
-            exports_.erase(stream);
+            if (!group.sending()) {
+                exports_.erase(stream);
+            }
             throw std::runtime_error("stream " + Quoted(stream) + " can not be exported: " + fault);
         }
     }

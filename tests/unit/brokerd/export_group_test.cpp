@@ -168,6 +168,12 @@ TEST_F(ExportGroupTest, OthersThanBrokersGoOn) {
     refused = "nobody";
     Pass(std::chrono::seconds(12));
     EXPECT_THAT(Running(), ElementsAre("", "a", "b"));
+    refused = "c";
+    EXPECT_THROW(Ask({"a", "b", "c"}), std::runtime_error);
+    Pass(std::chrono::seconds(12));
+    EXPECT_THAT(Running(), ElementsAre("", "a", "b")) << "who can not be sent to harms nobody";
+    asking = {"a", "b"};
+    Pass(std::chrono::seconds(12));
     group->Send(8);
     EXPECT_THAT(Running(), ElementsAre("", "a", "b")) << "of the next segment";
     group->Pause();
