@@ -11,6 +11,8 @@
 #include <exception>
 #include <iostream>
 #include <map>
+#include <stdexcept>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -43,6 +45,11 @@ double Send(Sender& sender, Progress& progress, const Link& link, double seconds
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
     const auto window = static_cast<std::uint64_t>(std::max(1, link.buffers / 2));
+    // What an earlier sender had left behind does not count.
+    const std::uint64_t before = progress.received.load(std::memory_order_relaxed);
+    const auto received = [&progress, before] {
+        return progress.received.load(std::memory_order_relaxed) - before;
+    };
     const std::uint64_t begin = Now();
     const auto end = begin + static_cast<std::uint64_t>(seconds * 1e9);
     std::uint64_t sent = 0;
@@ -53,7 +60,7 @@ double Send(Sender& sender, Progress& progress, const Link& link, double seconds
             if (now < due) {
                 std::this_thread::sleep_for(std::chrono::nanoseconds(due - now));
             }
-        } else if (sent - progress.received.load(std::memory_order_relaxed) >= window) {
+        } else if (sent - received() >= window) {
             std::this_thread::sleep_for(std::chrono::microseconds(20));
             continue;
         }
@@ -62,12 +69,14 @@ double Send(Sender& sender, Progress& progress, const Link& link, double seconds
         sender.Send(payload.data(), payload.size());
         ++sent;
     }
-    for (int i = 0; i < 200 && progress.received.load(std::memory_order_relaxed) < sent; ++i) {
+    for (int i = 0; i < 200 && received() < sent; ++i) {
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
+    if (received() == 0) {
+        throw std::runtime_error("none of " + std::to_string(sent) + " samples came");
+    }
     const std::uint64_t last = progress.last_ns.load(std::memory_order_relaxed);
-    return static_cast<double>(progress.received.load(std::memory_order_relaxed)) * 1e9 /
-           static_cast<double>(std::max(last, begin + 1) - begin);
+    return static_cast<double>(received()) * 1e9 / static_cast<double>(last - begin);
 }
 
 }  // namespace
