@@ -20,7 +20,6 @@ constexpr std::chrono::seconds kFirstPause{10};
 constexpr std::chrono::seconds kLongestPause{600};
 // An import asks every second; one that is cut off for a moment finds its export still there.
 constexpr std::chrono::seconds kAskPatience{10};
-constexpr std::size_t kMostImporters = 1000;
 constexpr std::size_t kMostApart = 32;  // each has a thread and a reader of the stream file
 
 }  // namespace
@@ -128,8 +127,10 @@ void ExportGroup::Part(TimePoint now) {
     try {
         Start();
     } catch (const std::exception& error) {
-        Join(std::string("its brokers can not be sent to one by one: ") + error.what());
+        apart_ = false;
+        EndOwn();
         StayTogether(now);
+        calls_.log(3, std::string("brokers can not be sent to one by one: ") + error.what());
         return;
     }
     if (!to_anybody_) {
@@ -148,13 +149,17 @@ void ExportGroup::Join(const std::string& why) {
         calls_.log(4, std::string("brokers can not be sent to together again: ") + error.what());
         return;
     }
+    EndOwn();
+    calls_.log(2, why);
+}
+
+void ExportGroup::EndOwn() {
     for (auto& [name, importer] : importers_) {
         if (importer.own != nullptr) {
             importer.own->Abandon();
             Retire(importer.own, importer.before);
         }
     }
-    calls_.log(2, why);
 }
 
 void ExportGroup::StayTogether(TimePoint now) {
@@ -163,14 +168,14 @@ void ExportGroup::StayTogether(TimePoint now) {
 }
 
 void ExportGroup::WatchApart(TimePoint now) {
-    if (importers_.size() < 2) {
-        Join("one broker imports it");
-        return;
-    }
     if (now - looked_ < kTrial) {
         return;
     }
     looked_ = now;
+    if (importers_.size() < 2) {
+        Join("a single broker imports it");
+        return;
+    }
     std::size_t behind = 0;
     std::uint64_t least = std::numeric_limits<std::uint64_t>::max();
     std::uint64_t most = 0;

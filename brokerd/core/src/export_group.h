@@ -5,6 +5,7 @@
 #include "supervised_time.h"
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -17,8 +18,8 @@ namespace kvo::brokerd {
 /// Sends one stream of this host to the brokers that import it.
 ///
 /// They share one transfer, which costs as much as for a single one. It has to wait for the slowest
-/// of them, and does not know which that is. So when it is not up to date for half a second, each
-/// gets a transfer of its own, which goes as fast as its way allows. They share one again when all
+/// of them, and does not know which that is. So when it does not keep up for a while, each gets
+/// a transfer of its own, which goes as fast as its way allows. They share one again when all
 /// of them have been up to date for a minute, or when none gets more by being alone: then it is
 /// the publisher that is too fast for this host.
 /// Threads: one.
@@ -31,6 +32,7 @@ public:
         std::function<void(std::unique_ptr<RemoteTransfer>)> end;
         std::function<void(int level, const std::string& text)> log;
     };
+    static constexpr std::size_t kMostImporters = 1000;
     explicit ExportGroup(Calls calls);
 
     /// A broker asks for the stream, for the first time or once more.
@@ -73,6 +75,7 @@ private:
     void WatchApart(TimePoint now);
     void Part(TimePoint now);
     void Join(const std::string& why);
+    void EndOwn();
     void StayTogether(TimePoint now);
     TransferState SentTo(const Importer& importer) const;
 

@@ -237,10 +237,11 @@ StreamDescription RemoteStreams::Describe(const std::string& stream, const std::
     if (description.published || exports_.count(stream) != 0) {
         ExportGroup& group = ExportOf(stream);
         if (!group.Asked(importer, time_.Now())) {
-            throw std::runtime_error("stream " + Quoted(stream) +
-                                     " is exported to too many brokers already");
+            throw std::runtime_error("stream " + Quoted(stream) + " is exported to " +
+                                     std::to_string(ExportGroup::kMostImporters) +
+                                     " brokers already");
         }
-        if (const std::string fault = Export(stream, group); !fault.empty()) {
+        if (const std::string fault = Export(stream, group, description); !fault.empty()) {
             if (!group.sending()) {
                 exports_.erase(stream);
             }
@@ -267,8 +268,8 @@ ExportGroup& RemoteStreams::ExportOf(const std::string& stream) {
 }
 
 // Empty: it is sent while it has a publisher.
-std::string RemoteStreams::Export(const std::string& stream, ExportGroup& group) {
-    const StreamDescription source = registry_.Describe(stream);
+std::string RemoteStreams::Export(const std::string& stream, ExportGroup& group,
+                                  const StreamDescription& source) {
     if (!source.published) {
         group.Pause();
         return {};
@@ -286,11 +287,12 @@ std::string RemoteStreams::Export(const std::string& stream, ExportGroup& group)
 }
 
 void RemoteStreams::PublisherChanged(const std::string& stream) {
-    if (calls_.always_exported(stream) && registry_.Describe(stream).published) {
+    const StreamDescription source = registry_.Describe(stream);
+    if (calls_.always_exported(stream) && source.published) {
         ExportOf(stream).SendToAnybody();
     }
     if (const auto found = exports_.find(stream); found != exports_.end()) {
-        if (const std::string fault = Export(stream, found->second); !fault.empty()) {
+        if (const std::string fault = Export(stream, found->second, source); !fault.empty()) {
             calls_.log(4, "stream " + Quoted(stream) + " can not be exported: " + fault);
         }
     }

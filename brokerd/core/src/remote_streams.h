@@ -128,7 +128,8 @@ private:
     bool Supervise(const std::string& stream, Import& import);
     void WatchDeadline(Import& import);
     ExportGroup& ExportOf(const std::string& stream);
-    std::string Export(const std::string& stream, ExportGroup& group);
+    std::string Export(const std::string& stream, ExportGroup& group,
+                       const StreamDescription& source);
     void Retire(std::unique_ptr<RemoteTransfer>& transfer, TransferState& before);
 
     const std::string id_;
