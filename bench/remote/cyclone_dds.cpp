@@ -1,5 +1,4 @@
-// Plain Cyclone DDS with the type that the exports have, settings as the broker's unless the
-// environment says otherwise.
+// Plain Cyclone DDS with the type that the exports have.
 #include "ends.h"
 #include "kvo_sample.h"
 

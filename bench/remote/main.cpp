@@ -1,5 +1,6 @@
 // One end of one system between two hosts. scripts/bench-remote starts both.
 #include "account.h"
+#include "domain_configuration.h"
 #include "ends.h"
 
 #include <CLI/CLI.hpp>
@@ -7,6 +8,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <iostream>
@@ -60,7 +62,7 @@ double Send(Sender& sender, Progress& progress, const Link& link, double seconds
             if (now < due) {
                 std::this_thread::sleep_for(std::chrono::nanoseconds(due - now));
             }
-        } else if (sent - received() >= window) {
+        } else if (sent >= received() + window) {
             std::this_thread::sleep_for(std::chrono::microseconds(20));
             continue;
         }
@@ -79,6 +81,15 @@ double Send(Sender& sender, Progress& progress, const Link& link, double seconds
     return static_cast<double>(received()) * 1e9 / static_cast<double>(last - begin);
 }
 
+// What the environment says goes before, as it does for a broker.
+void ConfigureEngineAsBrokersDo() {
+    std::string settings = kvo::brokerd::dds::DomainConfiguration({}, "");
+    if (const char* const more = std::getenv("CYCLONEDDS_URI"); more != nullptr && *more != 0) {
+        settings += std::string(",") + more;
+    }
+    ::setenv("CYCLONEDDS_URI", settings.c_str(), 1);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -86,11 +97,13 @@ int main(int argc, char** argv) {
     std::string system;
     std::string progress_file;
     bool receives = false;
+    bool as_brokers = false;
     double seconds = 3;
     double rate = 0;
     Link link{"", "wkp.rr://127.0.0.1:5000", 4096, 64};
     app.add_option("SYSTEM", system)->required();
     app.add_flag("--receive", receives);
+    app.add_flag("--as-brokers", as_brokers, "DDS is configured as by a broker");
     app.add_option("--peer", link.peer)->required();
     app.add_option("--progress", progress_file)->required();
     app.add_option("--bytes", link.bytes);
@@ -100,6 +113,9 @@ int main(int argc, char** argv) {
     CLI11_PARSE(app, argc, argv);
     log4cplus::BasicConfigurator::doConfigure(log4cplus::Logger::getDefaultHierarchy(), true);
     try {
+        if (as_brokers) {
+            ConfigureEngineAsBrokersDo();
+        }
         Progress& progress = Progress::At(progress_file);
         const System& ends = Systems().at(system);
         if (!receives) {
