@@ -1,6 +1,7 @@
 """Streams between hosts: namespaces of their own, a broker on each, publishers and subscribers by
 the command line. Fails where namespaces can not be made, unless told to skip."""
 
+import itertools
 import json
 import os
 import random
@@ -30,6 +31,21 @@ RECOVERY_S = 5  # from the return of what was missing to the next sample
 
 if os.environ.get("KVO_TEST_WITHOUT_NAMESPACES") == "1":
     sys.exit(77)
+
+
+def feed(publisher, chunks):
+    """Writes to a publisher on a thread of its own, to the end of either."""
+    def write():
+        try:
+            for chunk in chunks:
+                publisher.stdin.write(chunk)
+            publisher.stdin.flush()
+        except (BrokenPipeError, ValueError, OSError):
+            pass
+
+    thread = threading.Thread(target=write, daemon=True)
+    thread.start()
+    return thread
 
 
 class RemoteStreams(unittest.TestCase):
@@ -130,13 +146,7 @@ class EverySample(RemoteStreams):
         self.await_state("two imports",
                          lambda: [state["live"] for state in self.remote_streams(1)] == [True] * 2)
 
-        def feed():
-            for number in range(count):
-                publisher.stdin.write(struct.pack("<Q", number) + base)
-            publisher.stdin.flush()
-
-        feeder = threading.Thread(target=feed)
-        feeder.start()
+        feeder = feed(publisher, (struct.pack("<Q", number) + base for number in range(count)))
         wrong = []
 
         def check(reader):
@@ -184,15 +194,12 @@ class Flow:
     def publish(self):
         self.publisher = self.test.kvo(1, "pub", "s", "--lines", "--max-size", "100", "--rate",
                                        "200", "--samples", "16")
-        threading.Thread(target=self._feed, args=(self.publisher,), daemon=True).start()
+        feed(self.publisher, self._lines())
 
-    def _feed(self, publisher):
-        try:
-            while True:
-                self.number += 1
-                publisher.stdin.write(b"%d\n" % self.number)
-        except (BrokenPipeError, ValueError, OSError):
-            pass
+    def _lines(self):
+        while True:
+            self.number += 1
+            yield b"%d\n" % self.number
 
     def subscribe(self, number=2):
         self.subscriber = self.test.kvo(number, "sub", "-v", "s", "--remote", self.test.uri(1),
@@ -399,7 +406,7 @@ class SlowHosts(RemoteStreams):
         size, rate = 64 * KIB, 100  # 52 Mbit/s
         publisher = self.kvo(1, "pub", "s", "--chunk", str(size), "--rate", str(rate), "--samples",
                              "64")
-        threading.Thread(target=self.feed, args=(publisher, size), daemon=True).start()
+        feed(publisher, itertools.repeat(bytes(size)))
         self.await_state("the stream", lambda: "s\n" in self.answer(1, "ls")[1])
         fast, slow = [self.kvo(number, "sub", "s", "--remote", self.uri(1))
                       for number in (2, 3)]
@@ -421,14 +428,6 @@ class SlowHosts(RemoteStreams):
         exports = {state["broker"]: state for state in self.remote_streams(1)}
         lost = {host: exports[f"wkp.rr://{host}:5000"]["overtaken"] for host in ("host2", "host3")}
         self.assertGreater(lost["host3"], lost["host2"], "whose loss it is")
-
-    @staticmethod
-    def feed(publisher, size):
-        try:
-            while True:
-                publisher.stdin.write(bytes(size))
-        except (BrokenPipeError, ValueError, OSError):
-            pass
 
     @staticmethod
     def read_for(reader, size, seconds):
@@ -455,15 +454,7 @@ class ForeignReaders(RemoteStreams):
         self.addCleanup(reader.stdout.close)
         self.addCleanup(reader.kill)
 
-        def feed():
-            try:
-                for number in range(100 * count):
-                    publisher.stdin.write(b"line %d\n" % number)
-                    publisher.stdin.flush()
-            except (BrokenPipeError, ValueError, OSError):
-                pass
-
-        threading.Thread(target=feed, daemon=True).start()
+        feed(publisher, (b"line %d\n" % number for number in range(100 * count)))
         self.assertEqual(reader.wait(timeout=PATIENCE_S), 0)
         received = reader.stdout.read()
         first = int(received.split(b"line ")[1])
