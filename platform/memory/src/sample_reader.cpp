@@ -13,6 +13,9 @@ constexpr int kPinAttempts = 3;
 // Bounded: a writer that overtakes us every time is faster than we can read, and the caller has
 // to learn that instead of waiting here.
 constexpr int kOvertakings = 8;
+// Taken without finding nothing in between: so many are a backlog, behind which the writer no
+// longer is. Who fetches ahead sooner takes lines away that the writer is about to fill.
+constexpr unsigned kBacklog = 32;
 
 bool TooOld(const SlotContent& content, std::uint64_t now_ns, std::uint64_t max_age_ns) {
     return max_age_ns != 0 && now_ns > content.monotonic_ns &&
@@ -126,6 +129,7 @@ bool SampleReader::TakeNext(std::uint64_t max_age_ns, std::uint64_t& next, Reade
         }
     }
     taken.pin = {};
+    taken_in_a_row_ = 0;
     return false;
 }
 
@@ -179,7 +183,7 @@ std::optional<std::uint32_t> SampleReader::Find(std::uint64_t version) const {
 void SampleReader::Follow(const TakenSample& taken) {
     const std::uint32_t likely = taken.content.next_slot;
     likely_slot_ = likely >= 1 && likely <= segment_->geometry().slot_count ? likely - 1 : kNoSlot;
-    if (likely_slot_ != kNoSlot) {
+    if (likely_slot_ != kNoSlot && ++taken_in_a_row_ > kBacklog) {
         __builtin_prefetch(&segment_->slot(likely_slot_));
         __builtin_prefetch(segment_->payload(likely_slot_));
     }

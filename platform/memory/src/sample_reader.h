@@ -75,6 +75,7 @@ private:
     bool row_tried_ = false;
     std::uint64_t known_newest_ = 0;
     std::uint32_t likely_slot_ = kNoSlot;  // of the version behind the one that was read last
+    unsigned taken_in_a_row_ = 0;          // since the last time that there was nothing
 };
 
 }  // namespace kvo
