@@ -1,6 +1,7 @@
 #pragma once
 
 #include "kvo/broker/data_broker_registration_sync.h"
+#include "kvo/memory/light_mutex.h"
 
 #include <memory>
 #include <mutex>
@@ -43,7 +44,7 @@ public:
     }
 
 private:
-    std::mutex mutex_;
+    LightMutex mutex_;
     std::unique_ptr<DataBrokerRegistrationSync> client_;
 };
 

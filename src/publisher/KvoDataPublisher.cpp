@@ -67,8 +67,9 @@ KvoDataPublisher::~KvoDataPublisher() {
         // The heartbeat is being stopped by another thread at this moment; it ends all the same.
     }
     CloseLogger();
-    publisher_state->registration.With(
-        [](PublisherState::Registration& r) { return std::exchange(r.accessor, nullptr); });
+    publisher_state->registration.With([](PublisherState::Registration& r) {
+        return std::exchange(r.target, std::make_shared<const PublisherState::Target>());
+    });
 }
 
 void KvoDataPublisher::Init() {
@@ -115,7 +116,8 @@ int KvoDataPublisher::RegisterPublisher(std::string broker_uri, std::string data
     }
     publisher_state->registration.With([&](PublisherState::Registration& r) {
         r.broker_uri = broker_uri;
-        r.data_stream_identifier = std::make_shared<const std::string>(data_stream_identifier);
+        r.target = std::make_shared<const PublisherState::Target>(
+            PublisherState::Target{data_stream_identifier, r.target->accessor});
     });
     publisher_state->compute_checksum = compute_checksum;
     if (publisher_state->max_data_sample_size < 1 || publisher_state->number_of_samples < 1) {
@@ -157,7 +159,7 @@ int KvoDataPublisher::RegisterPublisher(std::string broker_uri, std::string data
 }
 
 int KvoDataPublisher::Register() {
-    const std::string stream = *publisher_state->registration.Get().data_stream_identifier;
+    const std::string stream = publisher_state->target()->data_stream_identifier;
     BrokerLink& link = state->broker_client;
     try {
         const int result = AddPublisher(*publisher_state, "");
@@ -214,9 +216,11 @@ int KvoDataPublisher::CreateAccessor(const std::string& stream) {
         accessor->set_compute_checksum(true);
     }
     // The accessor before, if any, is deleted after the new one has taken its place.
+    auto target = std::make_shared<const PublisherState::Target>(
+        PublisherState::Target{stream, std::move(accessor)});
     publisher_state->registration.With([&](PublisherState::Registration& r) {
         r.shm_file_path = path;
-        r.accessor.swap(accessor);
+        r.target.swap(target);
     });
     Log(1, "KvoDataPublisher: KvoMemoryAccessor created");
     return result;
@@ -236,7 +240,7 @@ int KvoDataPublisher::UnregisterPublisher() {
             result = state->broker_client.Call(
                 "RemovePublisher", [this](DataBrokerRegistrationSync& broker) {
                     return broker.RemovePublisher(
-                        *publisher_state->registration.Get().data_stream_identifier);
+                        publisher_state->target()->data_stream_identifier);
                 });
             publisher_state->registered = false;
         } catch (const std::exception& error) {
@@ -252,7 +256,7 @@ void KvoDataPublisher::PrintParameters() {
     const auto registration = publisher_state->registration.Get();
     Log(2, "KvoDataPublisher: Broker URI: " + registration.broker_uri);
     Log(1, "KvoDataPublisher parameters:");
-    Log(1, "Data_stream_identifier: " + *registration.data_stream_identifier);
+    Log(1, "Data_stream_identifier: " + registration.target->data_stream_identifier);
     Log(1, "Latency: " + std::to_string(state->latency) + " [ms]");
     Log(1, "Deadline: " + std::to_string(state->deadline) + " [s]");
     Log(1, "Max_data_sample_size: " + std::to_string(publisher_state->max_data_sample_size));
@@ -271,20 +275,16 @@ void KvoDataPublisher::WriteData(int sample_tag, const unsigned char* payload, i
         return;
     }
     const unsigned long now_ms = NowMs();
-    // References only: the lock is not held while the sample is written.
-    const auto [accessor, stream] =
-        publisher_state->registration.With([](const PublisherState::Registration& r) {
-            return std::pair(r.accessor, r.data_stream_identifier);
-        });
-    if (accessor == nullptr) {
+    const auto target = publisher_state->target();
+    if (target->accessor == nullptr) {
         throw std::logic_error("KvoDataPublisher: WriteData() without shared memory");
     }
-    accessor->WriteData(publisher_state->slot_index, publisher_state->topic_id, sample_tag, payload,
-                        payload_size, metadata, metadata_size, now_ms);
-    state->broker_client.Call(
-        "ReportDataWritten", [&, &name = *stream](DataBrokerRegistrationSync& broker) {
-            broker.ReportDataWritten(name, payload_size, static_cast<std::int64_t>(now_ms));
-        });
+    target->accessor->WriteData(publisher_state->slot_index, publisher_state->topic_id, sample_tag,
+                                payload, payload_size, metadata, metadata_size, now_ms);
+    state->broker_client.Call("ReportDataWritten", [&](DataBrokerRegistrationSync& broker) {
+        broker.ReportDataWritten(target->data_stream_identifier, payload_size,
+                                 static_cast<std::int64_t>(now_ms));
+    });
 }
 
 void KvoDataPublisher::PublishData() {
@@ -292,10 +292,9 @@ void KvoDataPublisher::PublishData() {
         return;
     }
     try {
-        const auto stream = publisher_state->registration.With(
-            [](const PublisherState::Registration& r) { return r.data_stream_identifier; });
+        const auto target = publisher_state->target();
         state->broker_client.Call("NotifyNewData", [&](DataBrokerRegistrationSync& broker) {
-            broker.NotifyNewData(*stream);
+            broker.NotifyNewData(target->data_stream_identifier);
         });
     } catch (const std::exception& error) {
         state->LogException(error, "KvoDataPublisher: PublishData()");

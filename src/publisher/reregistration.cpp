@@ -8,7 +8,7 @@ namespace kvo {
 namespace {
 
 std::string StreamOf(PublisherState& publisher) {
-    return *publisher.registration.Get().data_stream_identifier;
+    return publisher.target()->data_stream_identifier;
 }
 
 }  // namespace
@@ -53,7 +53,7 @@ void ReregisterPublisher(PublisherState& publisher) {
         publisher.registered = true;
         StartPublisherHeartbeat(publisher);
         transfer.connected_to_broker = true;
-        const auto accessor = publisher.registration.Get().accessor;
+        const auto accessor = publisher.target()->accessor;
         if (accessor == nullptr) {
             throw std::logic_error("no shared memory to attach to again");
         }

@@ -29,13 +29,14 @@ std::uint16_t PortOf(std::string_view capability, std::string_view name) {
 void LocalNotifier::SetCapabilities(const std::vector<std::string>& capabilities) {
     const std::lock_guard lock(mutex_);
     port_ = 0;
-    counts_by_itself_ = false;
+    bool counts_by_itself = false;
     for (const std::string& capability : capabilities) {
         if (const std::uint16_t port = PortOf(capability, kLocalTopicsCapability); port != 0) {
             port_ = port;
         }
-        counts_by_itself_ = counts_by_itself_ || capability == kLocalAccountingCapability;
+        counts_by_itself = counts_by_itself || capability == kLocalAccountingCapability;
     }
+    counts_by_itself_ = counts_by_itself;
 }
 
 void LocalNotifier::Reset() {
@@ -70,11 +71,6 @@ LocalNotifier::Way LocalNotifier::Notify(const std::string& stream) {
     }
     topic->Count();
     return topic->relayed() ? Way::kBoth : Way::kMemory;
-}
-
-bool LocalNotifier::counts_by_itself() const {
-    const std::lock_guard lock(mutex_);
-    return counts_by_itself_;
 }
 
 }  // namespace kvo

@@ -2,6 +2,7 @@
 
 #include "gorm/cor/ps/local_topic.h"
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -34,7 +35,8 @@ public:
     Way Notify(const std::string& stream);
 
     /// Whether the broker counts by itself what is written.
-    bool counts_by_itself() const;
+    // relaxed: an answer that comes meanwhile is as if it came a moment later.
+    bool counts_by_itself() const { return counts_by_itself_.load(std::memory_order_relaxed); }
 
 private:
     struct Topic {
@@ -44,9 +46,9 @@ private:
     std::shared_ptr<gorm::cor::ps::LocalTopic> Find(const std::string& stream);
 
     const std::string host_;
-    mutable std::mutex mutex_;  // all below
-    std::uint16_t port_ = 0;    // of the notifications; 0: by the wire
-    bool counts_by_itself_ = false;
+    std::atomic<bool> counts_by_itself_{false};
+    std::mutex mutex_;                                  // all below
+    std::uint16_t port_ = 0;                            // of the notifications; 0: by the wire
     std::map<std::string, Topic, std::less<>> topics_;  // by stream
 };
 
