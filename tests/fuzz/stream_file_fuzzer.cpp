@@ -6,6 +6,7 @@
 #include "kvo/memory/process_lock.h"
 #include "sample_stream.h"
 #include "segment.h"
+#include "temp_directory.h"
 
 #include <algorithm>
 #include <array>
@@ -14,11 +15,9 @@
 #include <cstring>
 #include <exception>
 #include <fcntl.h>
-#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <memory>
-#include <optional>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -58,13 +57,17 @@ Bytes ReadFile(const std::string& path) {
     return Bytes(std::istreambuf_iterator<char>(file), {});
 }
 
+void Require(bool holds, const std::string& what) {
+    if (!holds) {
+        std::perror(("violated: " + what).c_str());
+        std::abort();
+    }
+}
+
 // A sound pair of files with some samples, and the wish to begin with it each time.
 class Files {
 public:
     Files() {
-        std::string pattern = "/dev/shm/kvo-fuzz-XXXXXX";
-        directory_ = ::mkdtemp(pattern.data());
-        data_path_ = directory_ + "/stream";
         const auto file = kvo::test::CreateStream(data_path_, kStream, kPayloadBytes, 4,
                                                   kvo::test::Spare(16 << 10));
         const kvo::StreamGeometry geometry = file->geometry();
@@ -91,12 +94,9 @@ public:
             {false, layout::kLedgerOffset, 8 * sizeof(layout::LedgerEntry)},
         }};
     }
-    Files(const Files&) = delete;
-    Files& operator=(const Files&) = delete;
-    ~Files() { std::filesystem::remove_all(directory_); }
 
     const std::string& path() const { return data_path_; }
-    const std::string& directory() const { return directory_; }
+    std::string directory() const { return directory_.path(); }
 
     void Restore() const {
         Write(data_path_, 0, data_.data(), data_.size());
@@ -136,33 +136,21 @@ private:
     static void Write(const std::string& path, std::uint64_t at, const void* bytes,
                       std::size_t count) {
         const int file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
-        if (::pwrite(file, bytes, count, static_cast<off_t>(at)) != static_cast<ssize_t>(count)) {
-            std::perror(path.c_str());
-            std::abort();
-        }
+        Require(::pwrite(file, bytes, count, static_cast<off_t>(at)) == static_cast<ssize_t>(count),
+                path);
         ::close(file);
     }
     static void Resize(const std::string& path, std::uint64_t bytes) {
-        if (::truncate(path.c_str(), static_cast<off_t>(bytes)) != 0) {
-            std::perror(path.c_str());
-            std::abort();
-        }
+        Require(::truncate(path.c_str(), static_cast<off_t>(bytes)) == 0, path);
     }
 
-    std::string directory_;
-    std::string data_path_;
+    const kvo::test::TempDirectory directory_;
+    const std::string data_path_ = directory_.path() / "stream";
     std::string control_path_;
     Bytes data_;
     Bytes control_;
     std::array<Region, 8> regions_{};
 };
-
-void Require(bool holds, const char* what) {
-    if (!holds) {
-        std::fprintf(stderr, "violated: %s\n", what);
-        std::abort();
-    }
-}
 
 class Participants {
 public:
@@ -173,53 +161,45 @@ public:
             case 0:
             case 1:
             case 2:
-                files_.Overwrite(input);
-                break;
+                return files_.Overwrite(input);
             case 3:
-                files_.SignHeader();
-                break;
+                return files_.SignHeader();
             case 4:
                 if (nobody()) {  // a peer that cuts a mapped file short is no fault to survive
                     files_.Resize(input);
                 }
-                break;
+                return;
             case 5:
                 reader_ =
                     std::make_unique<kvo::KvoMemoryAccessor>(files_.path(), kStream, nullptr, 0, 2);
-                reader_->StartReading();
-                break;
+                return reader_->StartReading();
             case 6:
                 writer_ = kvo::test::OpenWriter(files_.path(), kStream, kPayloadBytes);
-                break;
+                return;
             case 7:
-                OpenAsBroker();
-                break;
+                return OpenAsBroker();
             case 8:
             case 9:
-                Read(input.Take<std::uint8_t>() % 8);
-                break;
+                return Read(input.Take<std::uint8_t>() % 8);
             case 10:
             case 11:
-                Write(input.Take<std::uint8_t>() % 16);
-                break;
+                return Write(input.Take<std::uint8_t>() % 16);
             case 12:
                 if (reader_ != nullptr) {
                     reader_->NewData();
                     reader_->Reattach();
                 }
-                break;
+                return;
             case 13:
                 if (broker_ != nullptr) {
                     broker_->ReapDeadReaders(*lock_);
                     broker_->InUse(*lock_);
                 }
-                break;
+                return;
             case 14:
-                LookOn();
-                break;
+                return LookOn();
             case 15:
-                Leave(input.Take<std::uint8_t>() % 3);
-                break;
+                return Leave(input.Take<std::uint8_t>() % 3);
         }
     }
 
@@ -271,13 +251,7 @@ private:
     }
 
     void Leave(int who) {
-        if (who == 0) {
-            reader_.reset();
-        } else if (who == 1) {
-            writer_.reset();
-        } else {
-            broker_.reset();
-        }
+        who == 0 ? reader_.reset() : who == 1 ? writer_.reset() : broker_.reset();
     }
 
     const Files& files_;

@@ -82,8 +82,7 @@ void DemandSound(const std::string& path) {
 // ---- What the processes do that are stopped on their way
 
 void BeWriter(const std::string& directory) {
-    const std::string path = PathIn(directory);
-    const auto writer = OpenWriter(path);
+    const auto writer = OpenWriter(PathIn(directory));
     if (writer->get_is_initialized()) {  // another may have come before a stopped one
         Write(*writer, 60);
     }
@@ -100,8 +99,7 @@ void BeReader(const std::string& directory) {
 }
 
 void BeCreator(const std::string& directory) {
-    const std::string path = PathIn(directory);
-    Create(path, 2)->Remove();
+    Create(PathIn(directory), 2)->Remove();
 }
 
 // ---- The others
@@ -125,7 +123,9 @@ public:
         if (role_ == "writer") {
             CheckSuccession(signal);
         } else if (role_ == "reader") {
-            CheckOthersGoOn();
+            Write(*writer_, 100);
+            DemandNewest(path_, 120);
+            DemandSound(path_);
         } else {
             CheckCreation(signal);
         }
@@ -152,12 +152,6 @@ private:
         Demand(writer_->get_is_initialized(), "the writer's role is not free");
         Write(*writer_, 30);
         DemandNewest(path_, writer_->writer_counters().written);
-        DemandSound(path_);
-    }
-
-    void CheckOthersGoOn() {
-        Write(*writer_, 100);
-        DemandNewest(path_, 120);
         DemandSound(path_);
     }
 

@@ -54,8 +54,7 @@ struct Shared {
 /// A publisher of the topic, as a broker is one.
 class Server {
 public:
-    explicit Server(const std::string& directory) : Server(directory, 0) {}
-    Server(const std::string& directory, std::uint16_t port) {
+    explicit Server(const std::string& directory, std::uint16_t port = 0) {
         Serving serving;
         serving.runtime_directory = directory + "/run";
         serving.topic_directory = directory + "/topics";

@@ -80,12 +80,12 @@ struct Shared {
     std::array<Reader, kReaders> readers;
 };
 
-struct Paths {
-    explicit Paths(const std::string& directory)
-        : ring(directory + "/ring"), shared(directory + "/shared") {}
-    const std::string ring;  // a directory
-    const std::string shared;
-};
+std::string RingIn(const std::string& directory) {
+    return directory + "/ring";
+}
+Shared& SharedIn(const std::string& directory) {
+    return Share<Shared>(directory + "/shared");
+}
 
 void Pause(std::mt19937_64& random, int most_us) {
     std::this_thread::sleep_for(
@@ -306,17 +306,16 @@ struct Victim {
     bool stopped = false;
 
     void Start() { process = std::make_unique<Process>(arguments); }
-    bool runs() const { return !stopped; }
 };
 
 class KillLoop {
 public:
     KillLoop(const KillOptions& options, const std::string& directory)
         : options_(options),
-          paths_(directory),
-          shared_(Share<Shared>(paths_.shared)),
+          ring_(RingIn(directory)),
+          shared_(SharedIn(directory)),
           random_(options.seed) {
-        std::filesystem::create_directory(paths_.ring);
+        std::filesystem::create_directory(ring_);
         victims_.push_back({{"server", directory}});
         for (std::size_t i = 0; i < kWriters; ++i) {
             victims_.push_back({{"writer", directory, std::to_string(i)}});
@@ -401,7 +400,7 @@ private:
         });
         const auto begin = Clock::now();
         for (std::size_t i = 0; i < kReaders; ++i) {
-            while (reader(i).runs() && !Missing(i).empty()) {
+            while (!reader(i).stopped && !Missing(i).empty()) {
                 Demand(Clock::now() - begin < kBound,
                        "reader " + std::to_string(i) + " sleeps: " + Missing(i));
                 for (Victim& victim : victims_) {
@@ -428,7 +427,7 @@ private:
         }
         const Place published(shared_.server.published.load());
         const Place place(own.place.load());
-        if (server().runs() && place.packed != published.packed) {
+        if (!server().stopped && place.packed != published.packed) {
             return "server " + std::to_string(published.server()) + " has published " +
                    std::to_string(published.events()) + " events, it knows of " +
                    std::to_string(place.events()) + " of server " + std::to_string(place.server());
@@ -447,7 +446,7 @@ private:
                   [&] { return victim.process->HasEnded(); });
             Demand(victim.process->Await() == 0, "a " + victim.arguments[0] + " failed");
         }
-        for (const auto& left : std::filesystem::directory_iterator(paths_.ring)) {
+        for (const auto& left : std::filesystem::directory_iterator(ring_)) {
             Demand(false, "left behind: " + left.path().string());
         }
     }
@@ -476,7 +475,7 @@ private:
     }
 
     const KillOptions options_;
-    const Paths paths_;
+    const std::string ring_;  // a directory
     Shared& shared_;
     std::mt19937_64 random_;
     std::vector<Victim> victims_;  // the server, the writers, the readers
@@ -493,22 +492,20 @@ int main(int argc, char** argv) {
     CLI::App app("Kills, stops and restarts the processes of a local topic.", "kvo-ring-kill-test");
     KillOptions options{10'000};
     const auto place = [](const Arguments& arguments) { return std::stoull(arguments.at(1)); };
-    const Roles roles{{"server",
-                       [](const Arguments& arguments) {
-                           const Paths paths(arguments.at(0));
-                           Server(paths.ring, Share<Shared>(paths.shared)).Run();
-                       }},
-                      {"writer",
-                       [&](const Arguments& arguments) {
-                           const Paths paths(arguments.at(0));
-                           auto& shared = Share<Shared>(paths.shared);
-                           Write(paths.ring, shared, shared.writers.at(place(arguments)));
-                       }},
-                      {"reader", [&](const Arguments& arguments) {
-                           const Paths paths(arguments.at(0));
-                           auto& shared = Share<Shared>(paths.shared);
-                           Reader(paths.ring, shared, shared.readers.at(place(arguments))).Run();
-                       }}};
+    const Roles roles{
+        {"server",
+         [](const Arguments& arguments) {
+             Server(RingIn(arguments.at(0)), SharedIn(arguments.at(0))).Run();
+         }},
+        {"writer",
+         [&](const Arguments& arguments) {
+             Shared& shared = SharedIn(arguments.at(0));
+             Write(RingIn(arguments.at(0)), shared, shared.writers.at(place(arguments)));
+         }},
+        {"reader", [&](const Arguments& arguments) {
+             Shared& shared = SharedIn(arguments.at(0));
+             Reader(RingIn(arguments.at(0)), shared, shared.readers.at(place(arguments))).Run();
+         }}};
     return Run(argc, argv, app, options, roles, [&] {
         const kvo::test::TempDirectory scratch;
         KillLoop(options, scratch.path()).Run();

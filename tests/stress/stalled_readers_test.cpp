@@ -22,6 +22,7 @@
 namespace {
 
 using kvo::KvoMemoryAccessor;
+using namespace kvo::stress;
 
 constexpr int kPayload = 512;
 constexpr int kReaders = 8;
@@ -38,10 +39,7 @@ bool Holds(const kvo::DataSample& sample) {
 // What the readers have read, each its own count, in a file that all share.
 using Progress = std::array<std::atomic<std::uint64_t>, kReaders>;
 Progress& ProgressIn(const std::string& directory) {
-    return kvo::stress::Share<Progress>(directory + "/progress");
-}
-std::string StreamIn(const std::string& directory) {
-    return directory + "/stream";
+    return Share<Progress>(directory + "/progress");
 }
 
 // A reader process; counts what it has read in `progress` and never returns while all is well.
@@ -70,17 +68,15 @@ void Read(const std::string& path, int accessor_argument, std::atomic<std::uint6
 class StalledReaders : public ::testing::TestWithParam<std::tuple<int, int>> {
 protected:
     /// Writes until each of the readers [first, last) has read so many more samples.
-    ::testing::AssertionResult WriteUntilRead(KvoMemoryAccessor& writer, std::size_t first,
-                                              std::size_t last, std::uint64_t samples) {
+    void WriteUntilRead(KvoMemoryAccessor& writer, std::size_t first, std::size_t last,
+                        std::uint64_t samples) {
         std::array<std::uint64_t, kReaders> goal{};
         for (std::size_t i = first; i < last; ++i) {
             goal[i] = progress_[i].load() + samples;
         }
-        const auto deadline = std::chrono::steady_clock::now() + kDeadline;
+        const auto deadline = Clock::now() + kDeadline;
         for (std::size_t i = first; i < last;) {
-            if (std::chrono::steady_clock::now() > deadline) {
-                return ::testing::AssertionFailure() << "reader " << i << " does not read on";
-            }
+            Demand(Clock::now() < deadline, "reader " + std::to_string(i) + " does not read on");
             const std::vector<unsigned char> payload(
                 kPayload, static_cast<unsigned char>(writer.writer_counters().written + 1));
             writer.WriteData(-1, 0, 0, payload.data(), kPayload, nullptr, 0, 1);
@@ -89,13 +85,12 @@ protected:
                 ++i;
             }
         }
-        return ::testing::AssertionSuccess();
     }
 
     const kvo::test::TempDirectory scratch_;
-    const std::string path_ = StreamIn(scratch_.path());
+    const std::string path_ = scratch_.path() / "stream";
     Progress& progress_ = ProgressIn(scratch_.path());
-    std::vector<std::unique_ptr<kvo::stress::Process>> readers_;
+    std::vector<std::unique_ptr<Process>> readers_;
 };
 
 TEST_P(StalledReaders, CostTheWriterAndTheOthersNothing) {
@@ -106,19 +101,19 @@ TEST_P(StalledReaders, CostTheWriterAndTheOthersNothing) {
     KvoMemoryAccessor& writer = *opened;
     ASSERT_TRUE(writer.get_is_initialized());
     for (int i = 0; i < kReaders; ++i) {
-        readers_.push_back(std::make_unique<kvo::stress::Process>(kvo::stress::Arguments{
-            scratch_.path(), std::to_string(accessor_argument), std::to_string(i)}));
+        readers_.push_back(std::make_unique<Process>(
+            Arguments{scratch_.path(), std::to_string(accessor_argument), std::to_string(i)}));
     }
-    ASSERT_TRUE(WriteUntilRead(writer, 0, kReaders, 20));
+    WriteUntilRead(writer, 0, kReaders, 20);
     for (std::size_t i = 0; i < kReaders / 2; ++i) {
         readers_[i]->Signal(SIGSTOP);
     }
-    EXPECT_TRUE(WriteUntilRead(writer, kReaders / 2, kReaders, 500));
+    WriteUntilRead(writer, kReaders / 2, kReaders, 500);
     for (std::size_t i = 0; i < kReaders / 2; ++i) {
         readers_[i]->Signal(SIGCONT);
     }
     // A reader whose samples had changed has ended.
-    EXPECT_TRUE(WriteUntilRead(writer, 0, kReaders, 20));
+    WriteUntilRead(writer, 0, kReaders, 20);
     EXPECT_EQ(0U, writer.writer_counters().dropped);
     EXPECT_EQ(std::vector<std::string>(), kvo::CheckStreamFile(path_));
 }
@@ -133,8 +128,8 @@ INSTANTIATE_TEST_SUITE_P(RetainedAndHeld, StalledReaders,
 int main(int argc, char** argv) {
     if (argc == 4) {
         const std::string directory = argv[1];
-        kvo::stress::EndWithParent();
-        Read(StreamIn(directory), std::atoi(argv[2]),
+        EndWithParent();
+        Read(directory + "/stream", std::atoi(argv[2]),
              ProgressIn(directory).at(static_cast<std::size_t>(std::atoi(argv[3]))));
         return 1;
     }

@@ -1,5 +1,6 @@
 """A kvo-broker of one's own on a free port, with its stream files in a directory of its own."""
 
+import contextlib
 import os
 import shutil
 import signal
@@ -21,7 +22,8 @@ def start_program(test, *command, environment):
             process.kill()
         process.wait()
         for stream in (process.stdin, process.stdout, process.stderr):
-            stream.close()
+            with contextlib.suppress(BrokenPipeError, ValueError):  # what it has not taken
+                stream.close()
 
     test.addCleanup(end)
     return process

@@ -69,10 +69,9 @@ class FullFileSystem(unittest.TestCase):
         while True:
             stream = f"s{len(publishers)}"
             process = self.publisher(stream)
-            if process.poll() is None and self.registered(stream, process):
-                publishers[stream] = process
-            else:
+            if not self.registered(stream, process):
                 break
+            publishers[stream] = process
         self.assertGreater(len(publishers), 2)
         self.assert_refused("late", "--lines", "--max-size", "1000")
 

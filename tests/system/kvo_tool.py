@@ -51,15 +51,6 @@ class KvoTool(unittest.TestCase):
                 return
         self.fail(f"stream {stream} is {'not there' if present else 'still there'}")
 
-    def await_samples(self, stream, count):
-        deadline = time.monotonic() + PATIENCE_S
-        written = None
-        while written != count and time.monotonic() < deadline:
-            code, output, diagnostics = self.run_kvo("stat", stream, "--json")
-            self.assertEqual(code, 0, diagnostics)
-            written = json.loads(output)["samples_written"]
-        self.assertEqual(written, count)
-
     def start_publisher(self, stream, *arguments):
         """A publisher that is registered and holds its stream until its input ends."""
         publisher = self.start("pub", stream, "--lines", *arguments)
@@ -146,14 +137,14 @@ class KvoTool(unittest.TestCase):
     def test_samples_that_were_overwritten_are_counted_as_lost(self):
         publisher = self.start_publisher("fast", "--samples", "4")
         subscriber = self.start("sub", "fast", "--lines", "--count", "5")
-        publisher.stdin.write(b"0\n")
-        publisher.stdin.flush()
+        self.write_line(publisher, "0")
         self.assertEqual(subscriber.stdout.readline(), b"0\n")
         os.kill(subscriber.pid, signal.SIGSTOP)
         os.waitpid(subscriber.pid, os.WUNTRACED)
-        publisher.stdin.write(b"".join(b"%d\n" % number for number in range(1, 101)))
-        publisher.stdin.flush()
-        self.await_samples("fast", 101)
+        self.write_line(publisher, "\n".join(map(str, range(1, 101))))
+        deadline = time.monotonic() + PATIENCE_S
+        while json.loads(self.run_kvo("stat", "fast", "--json")[1])["samples_written"] != 101:
+            self.assertLess(time.monotonic(), deadline)
         os.kill(subscriber.pid, signal.SIGCONT)
         output, diagnostics = subscriber.communicate(timeout=PATIENCE_S)
         self.assertEqual(output, b"97\n98\n99\n100\n")
@@ -164,8 +155,7 @@ class KvoTool(unittest.TestCase):
     def test_a_reader_that_leaves_the_pipe_ends_the_subscriber_quietly(self):
         publisher = self.start_publisher("pipe")
         subscriber = self.start("sub", "pipe", "--lines")
-        publisher.stdin.write(b"x\n")
-        publisher.stdin.flush()
+        self.write_line(publisher, "x")
         self.assertEqual(subscriber.stdout.readline(), b"x\n")
         subscriber.stdout.close()
         self.assertEqual(subscriber.wait(PATIENCE_S), 0)

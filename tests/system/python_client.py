@@ -61,33 +61,13 @@ class WireContract(unittest.TestCase):
         self.addCleanup(topic.socket.close)
         return topic
 
-    def connect_as_a_process(self):
-        return self.connect(new_identity())
-
-    def add_publisher(self, stream, client=None, size=100, samples=4, key=""):
-        return (client or self.client).call("AddPublisher", stream, 250, 10, size, samples, False,
-                                            key)
-
-    def test_a_publisher_registers_reports_and_goes(self):
-        call = self.client.call
-        self.assertTrue(call("IsStreamIdFree", "py/a"))
-        self.assertEqual(self.add_publisher("py/a"), 1)
-        self.assertFalse(call("IsStreamIdFree", "py/a"))
-        self.assertTrue(call("HasLocalPublisher", "py/a"))
-        self.assertEqual(call("ListRegisteredStreams"), ["py/a"])
-        self.assertNotEqual(call("GetPublisherKey", "py/a"), "")
-        self.assertGreater(call("GetHeartbeatTimeout"), call("GetHeartbeatPeriod"))
-        self.assertIsNone(call("SendHeartbeat", "py/a"))
-        self.assertGreater(call("GetMaxBufferSize", 100), 0)
-        self.assertIsInstance(call("GetCapabilities"), list)
-        with open(call("GetShmFilePath", "py/a"), "rb") as stream_file:
-            self.assertEqual(len(stream_file.read(64)), 64)
-        self.assertEqual(call("RemovePublisher", "py/a"), 1)
-        self.assertFalse(call("HasLocalPublisher", "py/a"))
+    @staticmethod
+    def add_publisher(stream, client, key=""):
+        return client.call("AddPublisher", stream, 250, 10, 100, 4, False, key)
 
     def test_a_subscriber_hears_what_happens_to_its_stream_only(self):
         call = self.client.call
-        publisher = self.connect_as_a_process()
+        publisher = self.connect(new_identity())
         self.assertEqual(self.add_publisher("py/b", publisher), 1)
         self.assertEqual(call("AddSubscriber", str(uuid.uuid4()), "py/b", "", 250, 10), 1)
         port = call("GetNotificationPort", "py/b")
@@ -109,7 +89,7 @@ class WireContract(unittest.TestCase):
         self.assertEqual(shorter.socket.poll(0), 0)
 
     def test_a_registration_belongs_to_its_process_and_to_who_has_the_key(self):
-        owner, other = self.connect_as_a_process(), self.connect_as_a_process()
+        owner, other = self.connect(new_identity()), self.connect(new_identity())
         self.assertEqual(self.add_publisher("py/f", owner), 1)
         key = owner.call("GetPublisherKey", "py/f")
         for stranger in (other, self.client):
@@ -142,32 +122,9 @@ class WireContract(unittest.TestCase):
                 heard += peer.recv(4096) or self.fail(f"the connection was ended after {heard}")
         self.assertIn(b"an anonymous peer of this host has no right", heard)
 
-    def test_statistics_are_seven_strings(self):
-        call = self.client.call
-        self.add_publisher("py/c")
-        call("AddSubscriber", str(uuid.uuid4()), "py/c", "", 250, 10)
-        self.client.notify("ReportDataWritten", "py/c", 40, 1_700_000_000_123)
-        statistics = call("GetStreamStatistics", "py/c")
-        self.assertEqual(len(statistics), 7)
-        self.assertTrue(all(isinstance(element, str) for element in statistics))
-        self.assertEqual((statistics[1], statistics[5]), ("1", "1"))
-        self.assertEqual(statistics[6], call("GetShmFilePath", "py/c"))
-
-    def test_wrong_requests_get_an_error_and_the_next_one_an_answer(self):
-        for method, params in (("Unknown", ()),
-                               ("AddPublisher", ("py/d",)),
-                               ("GetMaxBufferSize", ("a text",)),
-                               ("GetMaxBufferSize", (2**40,)),
-                               ("IsStreamIdFree", ("py/d", "one too many"))):
-            with self.subTest(method=method, params=params):
-                with self.assertRaises(RemoteError) as caught:
-                    self.client.call(method, *params)
-                self.assertNotEqual(str(caught.exception), "")
-        self.client.send_raw(b"/broker/Broker2",
-                             msgpack.packb([0, 4711, "GetHeartbeatPeriod", []]))
-        frames = self.client.socket.recv_multipart()
-        self.assertEqual(msgpack.unpackb(frames[1])[:2], [1, 4711])
-        self.assertIsInstance(msgpack.unpackb(frames[1])[2], str)
+    def test_wrong_requests_get_an_error_or_nothing_and_the_next_one_an_answer(self):
+        for method, params in (("AddPublisher", ("py/d",)), ("GetMaxBufferSize", (2**40,))):
+            self.assertRaises(RemoteError, self.client.call, method, *params)
         for message in (b"", b"\xc1", b"\xdd\xff\xff\xff\xff", msgpack.packb([0, 1]),
                         msgpack.packb([7, 1, "IsStreamIdFree", ["x"]]),
                         msgpack.packb([0, 2**32, "IsStreamIdFree", ["x"]]),
@@ -178,11 +135,6 @@ class WireContract(unittest.TestCase):
         # This one costs its sender the connection, and nobody else anything.
         self.connect().send_raw(PATH, b"\xc4" * 70_000)
         self.assertTrue(self.client.call("IsStreamIdFree", "py/d"))
-
-    def test_the_broker_ends_orderly_and_removes_what_nobody_uses(self):
-        self.add_publisher("py/e")
-        self.assertNotEqual(self.broker.files(), [])
-        self.assertEqual(self.broker.stop(), (0, []))
 
 
 if __name__ == "__main__":

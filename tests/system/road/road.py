@@ -5,71 +5,43 @@ arrive once, in order, with its bytes, metadata, tag, topic id and time stamp.
 Usage: road.py KVO_BROKER KVO_ROAD_PEER [--quick]"""
 
 import pathlib
-import subprocess
 import sys
-import time
+import unittest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent))
-from broker_process import BrokerProcess
+from broker_process import PATIENCE_S, BrokerProcess, start_program
 
-SUBSCRIBERS = 2
+BROKER_PROGRAM, PEER, *QUICK = sys.argv[1:]
 #        payload bytes, samples, samples with --quick
 LOADS = [(64, 1_000_000, 100_000), (1 << 20, 2_000, 300)]
 
 
-def expect_line(process, expected):
-    line = process.stdout.readline().rstrip("\n")
-    if line != expected:
-        raise RuntimeError(f"{process.args[1]} said {line!r} instead of {expected!r}")
+class Road(unittest.TestCase):
+    def setUp(self):
+        self.broker = BrokerProcess(BROKER_PROGRAM)
+        self.addCleanup(self.broker.stop)
 
+    def drive(self, payload_bytes, samples):
+        def start(role):
+            process = start_program(self, PEER, role, self.broker.uri, f"road/{payload_bytes}",
+                                    str(samples), str(payload_bytes), environment=None)
+            self.assertEqual(process.stdout.readline(), b"registered\n")
+            return process
 
-def drive(broker, peer, payload_bytes, samples):
-    stream = f"road/{payload_bytes}"
-    processes = []
-
-    def start(role):
-        process = subprocess.Popen(
-            [peer, role, broker.uri, stream, str(samples), str(payload_bytes)],
-            stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
-        processes.append(process)
-        expect_line(process, "registered")
-        return process
-
-    try:
-        publisher = start("publisher")
-        subscribers = [start("subscriber") for _ in range(SUBSCRIBERS)]
-        begin = time.monotonic()
-        publisher.stdin.write("go\n")
+        publisher, *subscribers = map(start, ("publisher", "subscriber", "subscriber"))
+        publisher.stdin.write(b"go\n")
         publisher.stdin.flush()
         for subscriber in subscribers:
-            expect_line(subscriber, "complete")
-        seconds = time.monotonic() - begin
-        for process in processes:
-            if process.wait(timeout=60) != 0:
-                raise RuntimeError(f"{process.args[1]} ended with {process.returncode}")
-        print(f"{samples} samples of {payload_bytes} bytes to {SUBSCRIBERS} subscribers: "
-              f"{seconds:.1f} s, all there", flush=True)
-    finally:
-        for process in processes:
-            process.kill()
-            process.wait()
-            process.stdin.close()
-            process.stdout.close()
+            self.assertEqual(subscriber.stdout.readline(), b"complete\n")
+        for process in (publisher, *subscribers):
+            _, diagnostics = process.communicate(timeout=2 * PATIENCE_S)
+            self.assertEqual(process.returncode, 0, diagnostics)
 
-
-def main(broker_program, peer, quick):
-    broker = BrokerProcess(broker_program)
-    try:
+    def test_every_sample_arrives(self):
         for payload_bytes, samples, quick_samples in LOADS:
-            drive(broker, peer, payload_bytes, quick_samples if quick else samples)
-    finally:
-        code, left = broker.stop()
-    if code != 0 or left:
-        raise RuntimeError(f"the broker ended with {code} and left {left}")
+            self.drive(payload_bytes, quick_samples if QUICK else samples)
+        self.assertEqual(self.broker.stop(), (0, []))
 
 
 if __name__ == "__main__":
-    arguments = [argument for argument in sys.argv[1:] if argument != "--quick"]
-    if len(arguments) != 2:
-        sys.exit(__doc__)
-    main(*arguments, quick="--quick" in sys.argv)
+    unittest.main(argv=sys.argv[:1], verbosity=2)

@@ -147,14 +147,10 @@ int Subscribe(const Arguments& arguments, const log4cplus::Logger& logger) {
         }
         const std::string fault = FaultOf(*sample, ++number, pattern, newest_ms);
         newest_ms = sample->timestamp_ms();
-        if (!fault.empty()) {
-            ended = true;
-            end.set_value("sample " + std::to_string(number) + " came with " + fault);
-            return;
-        }
-        if (number == arguments.samples) {
-            ended = true;
-            end.set_value("");
+        ended = !fault.empty() || number == arguments.samples;
+        if (ended) {
+            end.set_value(
+                fault.empty() ? "" : "sample " + std::to_string(number) + " came with " + fault);
         }
     });
     std::cout << "registered" << std::endl;

@@ -102,9 +102,9 @@ protected:
         questions.pop_front();
         question.answered({description, verdict});
     }
-    /// Lets a second pass, in which lost brokers are asked again.
-    void PassSecond() {
-        for (int i = 0; i < 21; ++i) {
+    /// Lets seconds pass, in each of which lost brokers are asked again.
+    void PassSeconds(int seconds) {
+        for (int i = 0; i < 21 * seconds; ++i) {
             now += kTick;
             time.Tick();
             for (const std::string& uuid : beating) {
@@ -114,6 +114,14 @@ protected:
         }
     }
     void Link(bool linked) { remote->Linked("s", last_run, linked); }
+    /// One subscriber, who stays, gets the stream.
+    void Import(std::int32_t deadline_s = 0) {
+        beating = {"1"};
+        Subscribe("1", kThere, deadline_s);
+        AnswerWith(Published(7));
+        Link(true);
+        AnswerWith(Published(7));
+    }
 
     std::deque<Question> questions;
     std::vector<std::pair<std::string, std::int32_t>> told;
@@ -215,11 +223,7 @@ TEST_F(RemoteStreamsTest, ABrokerThatNamesItselfHasTheStreamItself) {
 }
 
 TEST_F(RemoteStreamsTest, SubscribersSeeTheLinkGoAndComeAndKeepTheirSegment) {
-    beating = {"1"};
-    Subscribe("1");
-    AnswerWith(Published(7));
-    Link(true);
-    AnswerWith(Published(7));
+    Import();
     const std::uint64_t epoch = EpochOf("s");
     TakeEvents();
 
@@ -228,7 +232,7 @@ TEST_F(RemoteStreamsTest, SubscribersSeeTheLinkGoAndComeAndKeepTheirSegment) {
     EXPECT_THAT(remote->ConnectedBrokers(), IsEmpty());
     AnswerWith({}, {kUnknownRemoteBroker, "nobody answers"});
     EXPECT_THAT(questions, IsEmpty());
-    PassSecond();
+    PassSeconds(1);
     ASSERT_EQ(1U, questions.size()) << "it is asked for again";
     AnswerWith(Published(7));
     EXPECT_THAT(TakeEvents(), IsEmpty()) << "its samples have no way yet";
@@ -240,11 +244,7 @@ TEST_F(RemoteStreamsTest, SubscribersSeeTheLinkGoAndComeAndKeepTheirSegment) {
 }
 
 TEST_F(RemoteStreamsTest, ANewSegmentThereIsANewOneHere) {
-    beating = {"1"};
-    Subscribe("1");
-    AnswerWith(Published(7));
-    Link(true);
-    AnswerWith(Published(7));
+    Import();
     last->state.samples = 10;
     last->state.lost_on_the_way = 3;
     const std::uint64_t epoch = EpochOf("s");
@@ -259,29 +259,25 @@ TEST_F(RemoteStreamsTest, ANewSegmentThereIsANewOneHere) {
     remote->Linked("s", first_run, false);
     EXPECT_THAT(TakeEvents(), IsEmpty()) << "what the old one says late does not count";
 
-    PassSecond();
+    PassSeconds(1);
     StreamDescription gone;
     gone.broker = "id of there";
     AnswerWith(gone);
     EXPECT_THAT(TakeEvents(), ElementsAre(Pair("s", PUB_UNREG)));
-    PassSecond();
+    PassSeconds(1);
     AnswerWith(Published(9, 32U << 20));
     EXPECT_THAT(TakeEvents(), IsEmpty()) << "too large for this host";
     EXPECT_THAT(log, HasSubstr("bytes of shared memory here"));
-    PassSecond();
+    PassSeconds(1);
     AnswerWith(Published(10));
     EXPECT_THAT(TakeEvents(), ElementsAre(Pair("s", PUB_REG)));
 }
 
 TEST_F(RemoteStreamsTest, SamplesThatFindNoWayAndDeadlinesThatPassAreTold) {
-    beating = {"1"};
-    Subscribe("1", kThere, 2);
-    AnswerWith(Published(7));
-    Link(true);
-    AnswerWith(Published(7));
+    Import(2);
     last->state.samples = 1;
     for (int i = 0; i < 3; ++i) {
-        PassSecond();
+        PassSeconds(1);
         AnswerWith(Published(7));
     }
     EXPECT_EQ(1U, remote->States().front().deadlines_missed);
@@ -293,7 +289,7 @@ TEST_F(RemoteStreamsTest, SamplesThatFindNoWayAndDeadlinesThatPassAreTold) {
     }
     TakeEvents();
     for (int i = 0; i < 6; ++i) {
-        PassSecond();
+        PassSeconds(1);
         AnswerWith(Published(8));
     }
     EXPECT_THAT(TakeEvents(), ElementsAre(Pair("s", PUB_UNREG)));
@@ -324,15 +320,12 @@ TEST_F(RemoteStreamsTest, AnExportRunsWhileThereIsAPublisherAndSomebodyAsks) {
     remote->PublisherChanged("s");
     EXPECT_EQ(1, running) << "for those that have asked before";
     for (int i = 0; i < 9; ++i) {
-        PassSecond();
+        PassSeconds(1);
         remote->Describe("s", kThere);
     }
-    PassSecond();
-    PassSecond();
+    PassSeconds(2);
     EXPECT_THAT(remote->ConnectedBrokers(), ElementsAre(kThere));
-    for (int i = 0; i < 11; ++i) {
-        PassSecond();
-    }
+    PassSeconds(11);
     EXPECT_EQ(0, running);
     EXPECT_THAT(remote->ConnectedBrokers(), IsEmpty());
 }
@@ -342,9 +335,7 @@ TEST_F(RemoteStreamsTest, AnExportThatIsAlwaysWantedNeedsNobodyToAsk) {
     ASSERT_EQ(kRegistered, Add('a', "s"));
     remote->PublisherChanged("s");
     EXPECT_EQ(1, running);
-    for (int i = 0; i < 12; ++i) {
-        PassSecond();
-    }
+    PassSeconds(12);
     EXPECT_EQ(1, running);
     EXPECT_THAT(remote->ConnectedBrokers(), IsEmpty());
     registry->RemovePublisher(IdentityOf('a'), "s", StreamRegistry::Whose::kOwn);

@@ -131,7 +131,7 @@ TEST_F(StreamRegistryTest, APublisherKilledBeforeItWasLookedForIsToldOfAtOnceToo
     publish(IdentityOf('a'), "known");
     publish("", "anonymous");  // judged by its heartbeats alone
     const auto writer_of = [this](const std::string& stream) {
-        return "write " + files->PathOf(stream) + " " + stream + " 1 64";
+        return "write " + files->PathOf(stream) + " " + stream;
     };
     test::PeerProcess known(writer_of("known"));
     test::PeerProcess anonymous(writer_of("anonymous"));

@@ -77,7 +77,12 @@ TEST_F(WireTest, ARegistrationIsWhatItsCallerAndNobodyElseHas) {
     EXPECT_THAT(client->GetRefusalReason("other"), IsEmpty());
     EXPECT_FALSE(client->IsStreamIdFree("s"));
     EXPECT_THAT(client->ListRegisteredStreams(), ElementsAre("s"));
-    EXPECT_EQ("1", client->GetStreamStatistics("s").at(1));
+    EXPECT_TRUE(client->HasLocalPublisher("s"));
+    EXPECT_GT(client->GetHeartbeatTimeout(), client->GetHeartbeatPeriod());
+    const auto statistics = client->GetStreamStatistics("s");
+    ASSERT_THAT(statistics, SizeIs(7));
+    EXPECT_EQ("1", statistics[1]);
+    EXPECT_EQ(client->GetShmFilePath("s"), statistics[6]);
     EXPECT_EQ(1, client->RemoveSubscriber("s", "uuid"));
     EXPECT_EQ("0", client->GetStreamStatistics("s").at(1));
     EXPECT_THAT(client->GetCapabilities(), SizeIs(2));

@@ -39,20 +39,8 @@ protected:
     }
     /// Why a request did not get through.
     static std::string WhyNot(const std::string& uri, const Properties& properties) {
-        try {
-            MakeClient(uri, kImpatient, properties)->Say("who");
-        } catch (const rr::ReplyTimeout& error) {
-            return error.what();
-        }
-        return "it did";
-    }
-    static std::string FaultOf(const std::function<void()>& function) {
-        try {
-            function();
-        } catch (const Error& error) {
-            return error.what();
-        }
-        return {};
+        return TextOf<rr::ReplyTimeout>(
+            [&] { MakeClient(uri, kImpatient, properties)->Say("who"); });
     }
 
     const kvo::test::TempDirectory place_;
@@ -127,7 +115,7 @@ TEST_F(CurveTest, PropertiesComeFromAFileThatTheEnvironmentNames) {
     ASSERT_EQ(0, ::setenv("KVO_MIDDLEWARE_PROPERTIES", file.c_str(), 1));
     EXPECT_THAT(MakeClient(server.uri(), kDeadline, {})->Say("who"), HasSubstr("key"));
     std::ofstream(file) << "colour\n";
-    EXPECT_THAT(FaultOf([&] { MakeClient(server.uri(), kDeadline, {}); }),
+    EXPECT_THAT(TextOf<Error>([&] { MakeClient(server.uri(), kDeadline, {}); }),
                 HasSubstr(file + ", line 1"));
     ::unsetenv("KVO_MIDDLEWARE_PROPERTIES");
     for (const auto& [properties, fault] :
@@ -138,7 +126,7 @@ TEST_F(CurveTest, PropertiesComeFromAFileThatTheEnvironmentNames) {
           {{{"server-key", server_.public_key}}, "secret-key-file"},
           {With("missing", server_.public_key), "missing"}}) {
         EXPECT_THAT(
-            FaultOf([&, &wrong = properties] { MakeClient(server.uri(), kDeadline, wrong); }),
+            TextOf<Error>([&, &wrong = properties] { MakeClient(server.uri(), kDeadline, wrong); }),
             HasSubstr(fault));
     }
 }
@@ -150,12 +138,12 @@ TEST_F(CurveTest, KeyFilesAreForTheirOwnerAloneAndMistakesInThemAreNamedWithoutT
     EXPECT_EQ(0600U, status.st_mode & 07777U);
     EXPECT_EQ(allowed_.public_key, ReadCurveKeys(path).public_key);
     EXPECT_EQ(allowed_.secret_key, ReadCurveKeys(path).secret_key);
-    EXPECT_THAT(FaultOf([&] { WriteCurveKeys(path, allowed_); }), HasSubstr(path));
+    EXPECT_THAT(TextOf<Error>([&] { WriteCurveKeys(path, allowed_); }), HasSubstr(path));
     ASSERT_EQ(0, ::chmod(path.c_str(), 0640));
-    EXPECT_THAT(FaultOf([&] { ReadCurveKeys(path); }), HasSubstr("chmod 600"));
+    EXPECT_THAT(TextOf<Error>([&] { ReadCurveKeys(path); }), HasSubstr("chmod 600"));
     ASSERT_EQ(0, ::chmod(path.c_str(), 0600));
     std::ofstream(path) << "secret-key = " << allowed_.secret_key << "x\n";
-    EXPECT_THAT(FaultOf([&] { ReadCurveKeys(path); }),
+    EXPECT_THAT(TextOf<Error>([&] { ReadCurveKeys(path); }),
                 AllOf(HasSubstr(path), Not(HasSubstr(allowed_.secret_key))));
 
     const std::string list = PathOf("list");
@@ -165,7 +153,7 @@ TEST_F(CurveTest, KeyFilesAreForTheirOwnerAloneAndMistakesInThemAreNamedWithoutT
          {std::string("viewer"), std::string("viewer short"),
           "viewer " + server_.public_key + " more", "other " + allowed_.public_key}) {
         std::ofstream(list) << "viewer " << allowed_.public_key << "\n" << line << "\n";
-        EXPECT_THAT(FaultOf([&] { ReadAllowedKeys(list); }), HasSubstr("line 2")) << line;
+        EXPECT_THAT(TextOf<Error>([&] { ReadAllowedKeys(list); }), HasSubstr("line 2")) << line;
     }
 }
 

@@ -50,7 +50,7 @@ public:
     }
 };
 
-std::string TextOf(const Peer& peer) {
+std::string Describe(const Peer& peer) {
     if (const auto* const local = std::get_if<LocalPeer>(&peer)) {
         return "local " + std::to_string(local->user) + " " + std::to_string(local->group) + " " +
                std::to_string(local->process);
@@ -82,7 +82,7 @@ rr::Eventual<std::string> EchoServer::Dispatch(const rr::Caller& caller, std::st
         throw Error("unknown method");
     }
     if (text == "who") {
-        return rr::PackResult(TextOf(caller.peer));
+        return rr::PackResult(Describe(caller.peer));
     }
     if (text == "later") {
         later_.emplace_back();

@@ -13,6 +13,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -87,21 +88,18 @@ public:
 
     /// How many have said "later" and wait.
     std::size_t later() {
-        std::size_t count = 0;
-        loop_.Run([&] { count = later_.size(); });
-        return count;
+        return OnLoop([this] { return later_.size(); });
     }
     /// Answers those that have said "later"; @return how many.
     std::size_t AnswerLater(const std::string& answer) {
-        std::size_t count = 0;
-        loop_.Run([&] {
-            for (const auto& result : std::exchange(later_, {})) {
+        return OnLoop([&] {
+            const auto waiting = std::exchange(later_, {});
+            for (const auto& result : waiting) {
                 answer.empty() ? result.Fail("it was not to be")
                                : result.Give(rr::PackResult(answer));
-                ++count;
             }
+            return waiting.size();
         });
-        return count;
     }
 
     void OnDisconnect(std::function<void(const rr::Caller&)> function) {
@@ -109,19 +107,22 @@ public:
     }
     /// How often Long was called.
     int long_calls() {
-        int count = 0;
-        loop_.Run([&] { count = long_calls_; });
-        return count;
+        return OnLoop([this] { return long_calls_; });
     }
     std::size_t connections() {
-        std::size_t count = 0;
-        loop_.Run([&] { count = server_->connections(); });
-        return count;
+        return OnLoop([this] { return server_->connections(); });
     }
 
     Heard told;
 
 private:
+    template <class Function>
+    std::invoke_result_t<Function> OnLoop(Function function) {
+        std::invoke_result_t<Function> result{};
+        loop_.Run([&] { result = function(); });
+        return result;
+    }
+
     const int max_pending_answers_;
     const std::size_t max_connections_;
     int long_calls_ = 0;                            // on the loop only
@@ -131,6 +132,17 @@ private:
     std::uint16_t port_ = 0;
     std::unique_ptr<rr::Server> server_;
 };
+
+/// The text of the exception that the function throws.
+template <class Exception, class Function>
+std::string TextOf(Function&& function) {
+    try {
+        function();
+    } catch (const Exception& error) {
+        return error.what();
+    }
+    return "nothing of this kind was thrown";
+}
 
 std::unique_ptr<Echo> MakeClient(const std::string& uri,
                                  std::chrono::milliseconds reply_time = kDeadline,

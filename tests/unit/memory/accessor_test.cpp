@@ -211,8 +211,8 @@ TEST_F(AccessorTest, NewReaderTakesADeadOnesRowOverWithoutAReaper) {
     const auto file = Create(1, Spare(0, 2));
     const auto writer = Writer();
     Write(*writer, 1, 1);
-    PeerProcess peer("read " + path_ + " " + kStream + " 1");
-    ASSERT_EQ(peer.line(), "1 ");
+    PeerProcess peer("read " + path_ + " " + kStream);
+    ASSERT_EQ(peer.line(), "1");
     peer.Kill();
     const auto reader = Reader();
     EXPECT_EQ(TakeAll(*reader), (std::vector<std::uint64_t>{1}));

@@ -71,7 +71,6 @@ TEST_F(DamagedFileTest, HeadersThatDoNotAddUpAreRefusedWithAReason) {
 
 TEST_F(DamagedFileTest, FilesThatAreNoPairAreRefused) {
     auto file = Create(5);
-    const std::string control = Segment::ControlPath(path_, file->uuid());
     ASSERT_EQ(Refusal(), "");
     const auto bytes = file->geometry().file_bytes;
     for (const std::uint64_t size : {bytes + 4096, bytes - 4096, std::uint64_t{100}, 0UL}) {

@@ -5,6 +5,7 @@
 #include "slot_content.h"
 
 #include <functional>
+#include <limits>
 
 namespace kvo::test {
 namespace {
@@ -12,7 +13,7 @@ namespace {
 using layout::PackWord;
 using layout::SlotState;
 
-class InspectionTest : public MemoryTest {};
+using InspectionTest = MemoryTest;
 
 TEST_F(InspectionTest, TheReportShowsWriterReadersPinsAndLag) {
     const auto file = Create(4, Spare(), 17, true);
@@ -75,6 +76,27 @@ TEST_F(InspectionTest, EveryBrokenRuleIsNamed) {
                                 }))
             << broken.named << " is not in " << ::testing::PrintToString(faults);
     }
+}
+
+// With a look into the file as well, since nothing else makes a sample old.
+TEST_F(InspectionTest, SamplesOlderThanTheReadersMaximumAreSkippedAndCounted) {
+    const auto file = Create(8);
+    const auto writer = Writer();
+    const auto segment = Segment::Open(path_, Segment::Access::kWrite);
+    constexpr unsigned long kHour = 3'600'000;
+    const auto early = Reader(1, kHour);
+    Write(*writer, 1, 6);
+    for (const std::uint64_t version : {1, 2, 4}) {
+        segment->slot(FindSlot(*segment, version).value()).monotonic_ns =
+            MonotonicTick() - 2 * kHour * 1'000'000;
+    }
+    EXPECT_EQ(TakeAll(*early), (std::vector<std::uint64_t>{3, 5, 6}));
+    EXPECT_EQ(early->reader_counters().stale, 3U);
+    const auto late = Reader(1, kHour);
+    EXPECT_EQ(TakeAll(*late), (std::vector<std::uint64_t>{3, 5, 6}));
+    EXPECT_EQ(late->reader_counters().stale, 1U) << "it began at 3";
+    EXPECT_EQ(TakeAll(*Reader(1, 0)).size(), 6U);
+    EXPECT_EQ(TakeAll(*Reader(1, std::numeric_limits<unsigned long>::max())).size(), 6U);
 }
 
 }  // namespace

@@ -1,10 +1,9 @@
-// Another process at the same stream, for tests that kill one: "join DIRECTORY", "read PATH STREAM
-// SAMPLES" or "write PATH STREAM SAMPLES PAYLOAD". Prints its id and what came of it in one line
-// and waits to be killed.
+// Another process at the same stream, for tests that kill one: "join DIRECTORY", or one sample by
+// "read PATH STREAM" or "write PATH STREAM". Prints its id and what came of it in one line and
+// waits to be killed.
 #include "sample_stream.h"
 
 #include <csignal>
-#include <cstdlib>
 #include <iostream>
 #include <memory>
 #include <string>
@@ -23,20 +22,14 @@ int main(int count, char** values) {
         const kvo::ProcessTag tag = lock->Join();
         std::cout << tag.number << ' ' << tag.nonce;
     } else if (arguments.at(0) == "read") {
-        const int samples = std::atoi(arguments.at(3).c_str());
         accessor = std::make_unique<kvo::KvoMemoryAccessor>(arguments.at(1), arguments.at(2),
-                                                            nullptr, 0, samples);
+                                                            nullptr, 0, 1);
         accessor->StartReading();
-        for (int i = 0; i < samples; ++i) {
-            const kvo::DataSample* const sample = kvo::test::Take(*accessor);
-            std::cout << (sample != nullptr ? sample->sequence_number() : 0) << ' ';
-        }
+        const kvo::DataSample* const sample = kvo::test::Take(*accessor);
+        std::cout << (sample != nullptr ? sample->sequence_number() : 0);
     } else {
-        accessor = kvo::test::OpenWriter(arguments.at(1), arguments.at(2),
-                                         std::atoi(arguments.at(4).c_str()));
-        for (int i = std::atoi(arguments.at(3).c_str()); i > 0; --i) {
-            accessor->WriteData(-1, 0, 0, nullptr, 0, nullptr, 0, 0);
-        }
+        accessor = kvo::test::OpenWriter(arguments.at(1), arguments.at(2), 64);
+        accessor->WriteData(-1, 0, 0, nullptr, 0, nullptr, 0, 0);
     }
     std::cout << std::endl;
     ::pause();

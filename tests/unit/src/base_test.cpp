@@ -43,12 +43,11 @@ TEST(BrokerUri, PathIsAppendedKeptOrRefused) {
 
 TEST(VirtualInterface, OperationsOfTheOtherKindAnswerZeroAndDoNothing) {
     CapturedLog log;
-    const std::unique_ptr<KvoDataTransferLib> plain =
-        KvoDataTransferFactory::CreateTransferLib(log.kvo_logger());
-    const std::unique_ptr<KvoDataTransferLib> publisher =
-        KvoDataTransferFactory::CreatePublisher(log.kvo_logger());
-    const std::unique_ptr<KvoDataTransferLib> subscriber =
-        KvoDataTransferFactory::CreateSubscriber(log.kvo_logger());
+    const std::unique_ptr<KvoDataTransferLib> objects[] = {
+        KvoDataTransferFactory::CreateTransferLib(log.kvo_logger()),
+        KvoDataTransferFactory::CreatePublisher(log.kvo_logger()),
+        KvoDataTransferFactory::CreateSubscriber(log.kvo_logger())};
+    const auto& [plain, publisher, subscriber] = objects;
     log.Clear();
     for (KvoDataTransferLib* object : {plain.get(), subscriber.get()}) {
         EXPECT_EQ(object->RegisterPublisher("wkp.rr://127.0.0.1:1", "stream", true), 0);

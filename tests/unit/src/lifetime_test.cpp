@@ -16,10 +16,11 @@ const LogLine kSubscriberLost{4, "KvoDataSubscriber: Broker connection aborted"}
 class LifetimeTest : public testing::Test {
 protected:
     LifetimeTest() { broker_.CreateStream("cam"); }
-    std::unique_ptr<PublisherProbe> MakePublisher(CapturedLog& log) {
+    std::unique_ptr<PublisherProbe> MakePublisher(CapturedLog& log,
+                                                  const std::string& stream = "cam") {
         auto publisher = std::make_unique<PublisherProbe>(log.kvo_logger());
         publisher->SetBufferSize(64, 4);
-        EXPECT_EQ(publisher->RegisterPublisher(broker_.uri(), "cam", false), 1);
+        EXPECT_EQ(publisher->RegisterPublisher(broker_.uri(), stream, false), 1);
         return publisher;
     }
     std::unique_ptr<SubscriberProbe> MakeSubscriber(CapturedLog& log) {
@@ -31,22 +32,32 @@ protected:
     ScriptedBroker broker_;
 };
 
-TEST_F(LifetimeTest, DestroyedWhileTheBrokerIsAway) {
+TEST_F(LifetimeTest, DestroyedOrUnregisteredWhileTheBrokerIsAwayItDoesNotComeBack) {
     CapturedLog log;
     auto publisher = MakePublisher(log);
     auto subscriber = MakeSubscriber(log);
+    broker_.CreateStream("unregistered");
+    const auto unregistered = MakePublisher(log, "unregistered");
+    ASSERT_TRUE(unregistered->WaitForHeartbeat(true));
+    broker_.CreateStream("witness");
+    CapturedLog witness_log;
+    const auto witness = MakePublisher(witness_log, "witness");
+
     broker_.Stop();
-    ASSERT_TRUE(log.WaitFor(kPublisherLost));
+    ASSERT_TRUE(log.WaitFor(kPublisherLost, 2));
     ASSERT_TRUE(log.WaitFor(kSubscriberLost));
+    ASSERT_TRUE(witness_log.WaitFor(kPublisherLost));
     publisher.reset();
     subscriber.reset();
+    // Two stops of one heartbeat at a time are an error of the second.
+    ASSERT_TRUE(unregistered->WaitForHeartbeat(false));
+    EXPECT_EQ(unregistered->UnregisterPublisher(), -1);
     broker_.ClearCalls();
     const std::size_t lines = log.lines().size();
     broker_.Start();
-    CapturedLog next;
-    MakePublisher(next);  // a round trip over the returned connection
+    ASSERT_TRUE(witness_log.WaitFor({2, "KvoDataPublisher: proceeding"}));
     EXPECT_EQ(log.lines().size(), lines);
-    EXPECT_EQ(broker_.Count("AddPublisher"), 1U);
+    EXPECT_EQ(broker_.Count("AddPublisher"), 1U);  // of the witness
     EXPECT_EQ(broker_.Count("AddSubscriber"), 0U);
 }
 

@@ -258,26 +258,5 @@ TEST_F(PublisherTest, ALostBrokerStopsItAndAReturnedOneRegistersItAgain) {
     }
 }
 
-TEST_F(PublisherTest, UnregisteredWhileTheBrokerIsAwayItDoesNotComeBack) {
-    ASSERT_EQ(Register(), 1);
-    CapturedLog witness_log;
-    PublisherProbe witness(witness_log.kvo_logger());
-    witness.SetBufferSize(64, 4);
-    broker_.CreateStream("witness");
-    ASSERT_EQ(witness.RegisterPublisher(broker_.uri(), "witness", false), 1);
-    ASSERT_TRUE(broker_.WaitForBeats(2));
-
-    broker_.Stop();
-    ASSERT_TRUE(log_.WaitFor({4, "KvoDataPublisher: Broker connection aborted"}));
-    ASSERT_TRUE(witness_log.WaitFor({4, "KvoDataPublisher: Broker connection aborted"}));
-    // Two stops of one heartbeat at a time are an error of the second.
-    ASSERT_TRUE(publisher_.WaitForHeartbeat(false));
-    EXPECT_EQ(publisher_.UnregisterPublisher(), -1);
-    broker_.ClearCalls();
-    broker_.Start();
-    ASSERT_TRUE(witness_log.WaitFor({2, "KvoDataPublisher: proceeding"}));
-    EXPECT_EQ(broker_.Count("AddPublisher(cam"), 0U);
-}
-
 }  // namespace
 }  // namespace kvo::test

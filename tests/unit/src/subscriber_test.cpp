@@ -87,20 +87,6 @@ TEST_F(SubscriberTest, RegistersSubscribesAndUnregisters) {
     EXPECT_EQ(log_.Count("KvoDataSubscriber: NotificationSubscription already stopped"), 1U);
 }
 
-TEST_F(SubscriberTest, EachHasARandomIdentity) {
-    const std::regex version_4(
-        "[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}");
-    std::set<std::string> uuids;
-    for (int i = 0; i < 3; ++i) {
-        broker_.ClearCalls();
-        SubscriberProbe subscriber(log_.kvo_logger());
-        ASSERT_EQ(subscriber.RegisterSubscriber(broker_.uri(), "cam", "", 1), 1);
-        EXPECT_TRUE(std::regex_match(Uuid(), version_4)) << Uuid();
-        uuids.insert(Uuid());
-    }
-    EXPECT_EQ(uuids.size(), 3U);
-}
-
 TEST_F(SubscriberTest, ChecksItsPathsBeforeItAsksTheBroker) {
     const struct {
         std::string broker_uri;
@@ -159,16 +145,24 @@ TEST_F(SubscriberTest, EveryRefusalIsReportedAndHandedOn) {
     }
 }
 
-TEST_F(SubscriberTest, AFailedCallCountsAsRegistered) {
+TEST_F(SubscriberTest, AFailedCallCountsAsRegisteredAndEachHasARandomIdentity) {
+    const std::regex version_4(
+        "[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}");
+    std::set<std::string> uuids;
     for (const char* operation : {"HasLocalPublisher", "AddSubscriber", "GetHeartbeatPeriod",
                                   "GetShmFilePath", "GetNotificationPort"}) {
         CapturedLog log;
         SubscriberProbe subscriber(log.kvo_logger());
+        broker_.ClearCalls();
         broker_.Next(operation, {Failure{"out of order"}});
         EXPECT_EQ(subscriber.RegisterSubscriber(broker_.uri(), "cam", "", 1), 1) << operation;
         EXPECT_TRUE(LoggedException(log, "out of order", "KvoDataSubscriber: RegisterSubscriber()"))
             << operation;
+        const std::string uuid = Uuid();  // none where the first call fails
+        EXPECT_EQ(std::regex_match(uuid, version_4), broker_.Count("AddSubscriber") == 1) << uuid;
+        uuids.insert(uuid);
     }
+    EXPECT_EQ(uuids.size(), 5U);
 }
 
 TEST_F(SubscriberTest, WithoutSharedMemoryItFails) {
