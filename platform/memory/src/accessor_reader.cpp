@@ -214,7 +214,7 @@ AccessorReader::Packet AccessorReader::TakeNext(bool take, bool count) {
             return packet;
         }
         if (count) {
-            current_->LookForNewest();
+            current_->LookForUnread(place_.next);
         }
         if (current_->TakeNext(settings_.max_age_ns, place_.next, counters_, store_.spare(),
                                damaged_)) {

@@ -72,14 +72,22 @@ std::uint64_t SampleReader::FirstYoung(std::uint64_t max_age_ns) const {
     return newest + 1;
 }
 
-// Finds out whether a sample is there without a look at `head`: a busy writer would have to fetch
-// that line back for every sample, and its index entry is needed anyway.
+// Finds out whether a sample is there with looks at as few of the writer's lines as possible: a
+// busy writer would have to fetch each of them back. First at the word of the likely slot. Where
+// the writer has promised that slot, that is all. Else at the index, and at `head` last.
 void SampleReader::LookFor(std::uint64_t version) {
-    if (likely_slot_ != kNoSlot &&
-        segment_->slot(likely_slot_).word.load(std::memory_order_acquire) ==
-            layout::PackWord(version, layout::SlotState::kValid)) {
-        known_newest_ = version;
-        return;
+    if (likely_slot_ != kNoSlot) {
+        const std::uint64_t valid = layout::PackWord(version, layout::SlotState::kValid);
+        const std::uint64_t word =
+            segment_->slot(likely_slot_).word.load(std::memory_order_acquire);  // [slot-ready]
+        if (word == valid) {
+            known_newest_ = version;
+            return;
+        }
+        // A word beyond that one says that the version has been there: closed, or overwritten.
+        if (word < valid && PromiseHolds(version)) {
+            return;
+        }
     }
     const std::uint64_t entry = LoadIndex(*segment_, version);
     if (entry == layout::PackIndex(version, layout::IndexSlot(entry))) {
@@ -88,6 +96,23 @@ void SampleReader::LookFor(std::uint64_t version) {
                                                         layout::IndexSlot(entry))) {
         LookForNewest();  // the entry is neither the one before nor the one looked for
     }
+}
+
+void SampleReader::LookForUnread(std::uint64_t next) {
+    if (next > known_newest_) {
+        LookFor(next);
+    }
+    if (next <= known_newest_) {
+        LookForNewest();
+    }
+}
+
+// While it holds, the version is written into the likely slot or not at all.
+bool SampleReader::PromiseHolds(std::uint64_t version) const {
+    // [promise] Acquire: who was told of a version that another writer has put elsewhere sees the
+    // round that this writer began before.
+    return version == promised_version_ &&
+           segment_->words().scan_round.load(std::memory_order_acquire) == promised_round_;
 }
 
 bool SampleReader::TakeNext(std::uint64_t max_age_ns, std::uint64_t& next, ReaderCounters& counters,
@@ -183,6 +208,13 @@ std::optional<std::uint32_t> SampleReader::Find(std::uint64_t version) const {
 void SampleReader::Follow(const TakenSample& taken) {
     const std::uint32_t likely = taken.content.next_slot;
     likely_slot_ = likely >= 1 && likely <= segment_->geometry().slot_count ? likely - 1 : kNoSlot;
+    // Relaxed: whatever is read here counts only while it is still there at the next look. All of
+    // its bits, since those in the header come again after 2^24 rounds.
+    promised_round_ = segment_->words().scan_round.load(std::memory_order_relaxed);
+    const bool promised =
+        likely_slot_ != kNoSlot &&
+        (taken.content.flags & ~layout::kSlotHasChecksum) == layout::PackPromise(promised_round_);
+    promised_version_ = promised ? taken.sequence_number + 1 : 0;
     if (likely_slot_ != kNoSlot && ++taken_in_a_row_ > kBacklog) {
         __builtin_prefetch(&segment_->slot(likely_slot_));
         __builtin_prefetch(segment_->payload(likely_slot_));

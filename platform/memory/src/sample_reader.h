@@ -57,6 +57,8 @@ public:
     /// who wants to know exactly looks before.
     std::uint64_t known_newest() const { return known_newest_; }
     void LookForNewest() { known_newest_ = Newest(); }
+    /// The same if there is a sample from `next` on; that there is none costs a busy writer less.
+    void LookForUnread(std::uint64_t next);
 
     void PublishLedger(const ReaderCounters& counters, std::uint64_t next) const;
 
@@ -67,6 +69,7 @@ private:
     bool Pin(std::uint64_t version, TakenSample& taken) const;
     bool Intact(TakenSample& taken) const;
     void LookFor(std::uint64_t version);
+    bool PromiseHolds(std::uint64_t version) const;
     std::optional<std::uint32_t> Find(std::uint64_t version) const;
     void Follow(const TakenSample& taken);
 
@@ -75,7 +78,10 @@ private:
     bool row_tried_ = false;
     std::uint64_t known_newest_ = 0;
     std::uint32_t likely_slot_ = kNoSlot;  // of the version behind the one that was read last
-    unsigned taken_in_a_row_ = 0;          // since the last time that there was nothing
+    // The version that is in no other slot than the likely one while `scan_round` is this.
+    std::uint64_t promised_version_ = 0;  // 0: none
+    std::uint64_t promised_round_ = 0;
+    unsigned taken_in_a_row_ = 0;  // since the last time that there was nothing
 };
 
 }  // namespace kvo

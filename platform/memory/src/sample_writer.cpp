@@ -173,8 +173,9 @@ void SampleWriter::Fill(std::uint32_t slot, const SampleInput& sample) const {
     const bool checksum = sample.checksum || segment_->asks_for_checksums();
     header.checksum.store(
         checksum ? ChecksumOf(bytes, sample.payload_bytes, sample.metadata_bytes) : 0, kRelaxed);
-    header.flags.store(checksum ? layout::kSlotHasChecksum : 0, kRelaxed);
-    header.next_slot.store(LikelyNextSlot(), kRelaxed);
+    const Next next = LikelyNext();
+    header.flags.store((checksum ? layout::kSlotHasChecksum : 0) | next.promise, kRelaxed);
+    header.next_slot.store(next.slot_plus_1, kRelaxed);
     header.source_sequence.store(sample.source_sequence, kRelaxed);
 }
 
@@ -188,13 +189,18 @@ void SampleWriter::CopyPayload(unsigned char* to, const SampleInput& sample) con
     }
 }
 
-// While a sample is written: where the one after it goes, unless a reader holds that slot. It is
-// the slot below the top of the stock, or, if a refill comes first, the one that leaves the ring.
-std::uint32_t SampleWriter::LikelyNextSlot() const {
+// While a sample is written: where the one after it goes. That is the slot that leaves the ring,
+// if a refill comes first and no reader holds it. Else it is the slot below the top of the stock,
+// and that is a promise: only a refill could change it, and a refill, also the one with which a
+// successor of this writer begins, raises the round before anything else is written.
+SampleWriter::Next SampleWriter::LikelyNext() const {
     if (ring_used_ == ring_.size() && stale_.size() + 1 >= segment_->geometry().close_batch) {
-        return ring_[ring_next_].slot + 1;
+        return {ring_[ring_next_].slot + 1, 0};
     }
-    return stock_.size() < 2 ? 0 : stock_[stock_.size() - 2] + 1;
+    if (stock_.size() < 2) {
+        return {};
+    }
+    return {stock_[stock_.size() - 2] + 1, layout::PackPromise(scan_round_)};
 }
 
 void SampleWriter::AddToRing(const Written& sample) {

@@ -19,7 +19,8 @@ struct SlotContent {
     std::uint64_t checksum = 0;
     bool has_checksum = false;
     bool damaged = false;               // a size did not fit
-    std::uint32_t next_slot = 0;        // as in the header; need not exist
+    std::uint32_t flags = 0;            // as in the header
+    std::uint32_t next_slot = 0;        // the same; need not exist
     std::uint64_t source_sequence = 0;  // 0: the version
     std::size_t total_bytes() const { return std::size_t{payload_bytes} + metadata_bytes; }
 };

@@ -131,6 +131,13 @@ constexpr SlotState WordState(std::uint64_t word) {
 }
 
 inline constexpr std::uint32_t kSlotHasChecksum = 1;
+// The next version will be in `next_slot` and nowhere else for as long as `scan_round` has the
+// value whose low bits stand in the flags above these.
+inline constexpr std::uint32_t kSlotPromisesNext = 2;
+inline constexpr unsigned kPromiseRoundShift = 8;
+constexpr std::uint32_t PackPromise(std::uint64_t scan_round) {
+    return kSlotPromisesNext | static_cast<std::uint32_t>(scan_round) << kPromiseRoundShift;
+}
 
 // One per slot; role's holder writes. Atomics, because a copying reader may look while the slot
 // is written anew; it checks the word afterwards.
@@ -143,7 +150,7 @@ struct SlotHeader {
     std::atomic<std::uint64_t> timestamp_ms;  // the caller's, since the Unix epoch
     std::atomic<std::uint64_t> monotonic_ns;  // CLOCK_MONOTONIC of the host, for ages
     std::atomic<std::uint64_t> checksum;      // XXH3 64, seed: payload_bytes
-    std::atomic<std::uint32_t> flags;         // kSlotHasChecksum
+    std::atomic<std::uint32_t> flags;         // kSlotHasChecksum, PackPromise()
     // The slot, plus 1, that the next version will probably be in; 0: not known yet. A hint: who
     // follows it compares that slot's word.
     std::atomic<std::uint32_t> next_slot;
