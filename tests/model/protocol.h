@@ -28,8 +28,10 @@ enum class Mistake {
     kLiveReaderReaped,
     kReapersPlainStores,  // two reapers clear a row without taking it over
     kReaperStopsAtMark,
-    kSlotShort,     // N + Z * P slots
-    kNewestClosed,  // one of the newest N is closed
+    kSlotShort,             // N + Z * P slots
+    kNewestClosed,          // one of the newest N is closed
+    kPromiseWithoutRound,   // a promise is believed whatever the round is
+    kClosedCountsAsAbsent,  // and so while its slot is no longer readable
 };
 
 struct Configuration {
@@ -38,7 +40,8 @@ struct Configuration {
     unsigned retained = 1;  // N
     unsigned rows = 1;      // Z; a reader has one pin
     unsigned batch = 2;     // B
-    unsigned samples = 3;   // written in the search, after every slot has been used once
+    unsigned samples = 3;   // written in the search, after every slot has been used once; less
+                            // than kMostSamples
     unsigned readers = 1;
     unsigned reads = 1;           // of each reader before it gives its row back
     bool copies = false;          // readers without a pin copy
