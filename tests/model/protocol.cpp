@@ -308,7 +308,7 @@ bool Machine::Writer() {
                 return false;
             }
             t.words[t.slot] = Pack(t.version, kValid);
-            s.promises[t.version - FirstWritten(c)] = NextSlot();
+            s.promises.at(t.version - FirstWritten(c)) = NextSlot();
             t.step = kMoveHead;
             return true;
         case kMoveHead:

@@ -13,8 +13,8 @@ constexpr int kPinAttempts = 3;
 // Bounded: a writer that overtakes us every time is faster than we can read, and the caller has
 // to learn that instead of waiting here.
 constexpr int kOvertakings = 8;
-// Taken without finding nothing in between: so many are a backlog, behind which the writer no
-// longer is. Who fetches ahead sooner takes lines away that the writer is about to fill.
+// So many samples that were there at the first look are a backlog: the writer is far ahead. Who
+// fetches ahead sooner takes lines away that the writer is about to fill.
 constexpr unsigned kBacklog = 32;
 
 bool TooOld(const SlotContent& content, std::uint64_t now_ns, std::uint64_t max_age_ns) {
@@ -76,6 +76,9 @@ std::uint64_t SampleReader::FirstYoung(std::uint64_t max_age_ns) const {
 // busy writer would have to fetch each of them back. First at the word of the likely slot. Where
 // the writer has promised that slot, that is all. Else at the index, and at `head` last.
 void SampleReader::LookFor(std::uint64_t version) {
+    if (version <= known_newest_) {
+        return;
+    }
     if (likely_slot_ != kNoSlot) {
         const std::uint64_t valid = layout::PackWord(version, layout::SlotState::kValid);
         const std::uint64_t word =
@@ -99,15 +102,15 @@ void SampleReader::LookFor(std::uint64_t version) {
 }
 
 void SampleReader::LookForUnread(std::uint64_t next) {
-    if (next > known_newest_) {
-        LookFor(next);
-    }
+    LookFor(next);
     if (next <= known_newest_) {
         LookForNewest();
     }
 }
 
-// While it holds, the version is written into the likely slot or not at all.
+// While it holds, the version is written into the likely slot or not at all. Asked after the look
+// at that slot's word: words and rounds only grow, so that a round which has not changed by now
+// had not changed then.
 bool SampleReader::PromiseHolds(std::uint64_t version) const {
     // [promise] Acquire: who was told of a version that another writer has put elsewhere sees the
     // round that this writer began before.
@@ -118,9 +121,7 @@ bool SampleReader::PromiseHolds(std::uint64_t version) const {
 bool SampleReader::TakeNext(std::uint64_t max_age_ns, std::uint64_t& next, ReaderCounters& counters,
                             TakenSample& taken, std::vector<std::uint64_t>& damaged) {
     const std::uint64_t now_ns = max_age_ns != 0 ? MonotonicTick() : 0;
-    if (next > known_newest_) {
-        LookFor(next);
-    }
+    LookFor(next);
     int overtakings = 0;
     while (next <= known_newest_) {
         if (const std::uint64_t oldest = OldestRetained(known_newest_); next < oldest)
@@ -211,9 +212,8 @@ void SampleReader::Follow(const TakenSample& taken) {
     // Relaxed: whatever is read here counts only while it is still there at the next look. All of
     // its bits, since those in the header come again after 2^24 rounds.
     promised_round_ = segment_->words().scan_round.load(std::memory_order_relaxed);
-    const bool promised =
-        likely_slot_ != kNoSlot &&
-        (taken.content.flags & ~layout::kSlotHasChecksum) == layout::PackPromise(promised_round_);
+    const bool promised = likely_slot_ != kNoSlot && (taken.content.flags & layout::kPromiseBits) ==
+                                                         layout::PackPromise(promised_round_);
     promised_version_ = promised ? taken.sequence_number + 1 : 0;
     if (likely_slot_ != kNoSlot && ++taken_in_a_row_ > kBacklog) {
         __builtin_prefetch(&segment_->slot(likely_slot_));
@@ -223,8 +223,8 @@ void SampleReader::Follow(const TakenSample& taken) {
 
 bool SampleReader::Intact(TakenSample& taken) const {
     const SlotContent& content = taken.content;
-    const bool checked = content.has_checksum || segment_->asks_for_checksums();
-    if (content.damaged || (checked && !content.has_checksum)) [[unlikely]] {
+    const bool checked = content.has_checksum() || segment_->asks_for_checksums();
+    if (content.damaged || (checked && !content.has_checksum())) [[unlikely]] {
         return false;
     }
     taken.checksum_state = checked ? ChecksumState::kVerified : ChecksumState::kNone;

@@ -247,6 +247,8 @@ void SampleWriter::ScanPins() {
     const StreamGeometry& geometry = segment_->geometry();
     // [pin-or-closed] One sequentially consistent store a batch, between closing and scanning: a
     // reader whose pin the scan below does not see, sees this round, and with it the closed word.
+    // [promise] It also ends what was promised before: no version is put anywhere but into the
+    // promised slot until this is stored. Killed before it, the next writer stores it first.
     segment_->words().scan_round.store(scan_round_, std::memory_order_seq_cst);
     KVO_CRASH_POINT("refill round");
     // [mark] Loaded after the round. Clamped: readers may write anything there.

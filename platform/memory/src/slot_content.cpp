@@ -23,7 +23,6 @@ void LoadContent(const Segment& segment, std::uint32_t slot, SlotContent& conten
     content.monotonic_ns = header.monotonic_ns.load(relaxed);
     content.checksum = header.checksum.load(relaxed);
     content.flags = header.flags.load(relaxed);
-    content.has_checksum = (content.flags & layout::kSlotHasChecksum) != 0;
     content.next_slot = header.next_slot.load(relaxed);
     const std::uint64_t source_sequence = header.source_sequence.load(relaxed);
     // It was a version elsewhere; anything else is no number of a sample.

@@ -17,11 +17,11 @@ struct SlotContent {
     std::uint64_t timestamp_ms = 0;
     std::uint64_t monotonic_ns = 0;
     std::uint64_t checksum = 0;
-    bool has_checksum = false;
     bool damaged = false;               // a size did not fit
     std::uint32_t flags = 0;            // as in the header
     std::uint32_t next_slot = 0;        // the same; need not exist
     std::uint64_t source_sequence = 0;  // 0: the version
+    bool has_checksum() const { return (flags & layout::kSlotHasChecksum) != 0; }
     std::size_t total_bytes() const { return std::size_t{payload_bytes} + metadata_bytes; }
 };
 

@@ -135,6 +135,7 @@ inline constexpr std::uint32_t kSlotHasChecksum = 1;
 // value whose low bits stand in the flags above these.
 inline constexpr std::uint32_t kSlotPromisesNext = 2;
 inline constexpr unsigned kPromiseRoundShift = 8;
+inline constexpr std::uint32_t kPromiseBits = kSlotPromisesNext | ~0U << kPromiseRoundShift;
 constexpr std::uint32_t PackPromise(std::uint64_t scan_round) {
     return kSlotPromisesNext | static_cast<std::uint32_t>(scan_round) << kPromiseRoundShift;
 }

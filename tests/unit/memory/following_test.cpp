@@ -1,4 +1,4 @@
-// A reader that has found nothing after a sample: what the writer promised it there.
+// A reader that follows a writer from slot to slot, as promised, finds what comes elsewhere too.
 #include "memory_fixture.h"
 #include "segment.h"
 #include "slot_content.h"
