@@ -127,7 +127,8 @@ class Storm:
             self.replace(index, None)
 
     def identity(self, index):
-        return (None, b"x" + self.mischief.some_bytes(200), new_identity())[index]
+        # Never the same twice: who comes with another's takes its place.
+        return (None, b"x" + self.mischief.some_bytes(180) + new_identity(), new_identity())[index]
 
     def send_one(self):
         index = self.mischief.draw(len(self.connections))
