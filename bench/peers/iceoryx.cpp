@@ -3,6 +3,7 @@
 #include "flow.h"
 #include "peers.h"
 
+#include <algorithm>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -41,7 +42,9 @@ void StartRuntime(const std::string& name) {
 
 class IceoryxPublisher : public Publisher {
 public:
-    explicit IceoryxPublisher(const Load& load) : bytes_(static_cast<std::uint32_t>(load.bytes)) {}
+    IceoryxPublisher(const Load& load, std::size_t history)
+        : publisher_(kService, OptionsFor(history)),
+          bytes_(static_cast<std::uint32_t>(load.bytes)) {}
     void Write(const unsigned char* payload) override {
         publisher_.loan(bytes_)
             .and_then([&](void* chunk) {
@@ -52,7 +55,13 @@ public:
     }
 
 private:
-    iox::popo::UntypedPublisher publisher_{kService};
+    static iox::popo::PublisherOptions OptionsFor(std::size_t history) {
+        iox::popo::PublisherOptions options;
+        options.historyCapacity = history;
+        return options;
+    }
+
+    iox::popo::UntypedPublisher publisher_;
     const std::uint32_t bytes_;
 };
 
@@ -105,7 +114,7 @@ private:
 
 class Iceoryx : public Peer {
 public:
-    explicit Iceoryx(const Load& load) : load_(load) {}
+    Iceoryx(const Load& load, std::size_t history) : load_(load), history_(history) {}
     ~Iceoryx() override {
         RemoveSocket(kPublisherName);
         for (std::size_t i = 0; i < load_.readers; ++i) {
@@ -114,7 +123,7 @@ public:
     }
     std::unique_ptr<Publisher> MakePublisher() const override {
         StartRuntime(kPublisherName);
-        return std::make_unique<IceoryxPublisher>(load_);
+        return std::make_unique<IceoryxPublisher>(load_, history_);
     }
     std::unique_ptr<Subscriber> MakeSubscriber(std::size_t index) const override {
         StartRuntime(ReaderName(index));
@@ -123,17 +132,18 @@ public:
     pid_t daemon() const override { return roudi_.process(); }
 
 private:
-    // Besides the samples in the queues: one that is written, the one before it, which a publisher
-    // keeps to itself, and one that each reader looks at.
+    // Besides the samples in the queues and in the history: one that is written, the one before it,
+    // which a publisher keeps to itself, and one that each reader looks at.
     std::string WriteConfiguration() const {
         const std::string path = directory_.path() + "/roudi.toml";
         std::ofstream(path) << "[general]\nversion = 1\n[[segment]]\n[[segment.mempool]]\nsize = "
-                            << load_.bytes << "\ncount = " << load_.buffers + 2 + load_.readers
-                            << '\n';
+                            << load_.bytes
+                            << "\ncount = " << load_.buffers + history_ + 2 + load_.readers << '\n';
         return path;
     }
 
     const Load load_;
+    const std::size_t history_;  // samples that the publisher keeps
     const ScratchDirectory directory_;
     const Daemon roudi_{{"iox-roudi", "-c", WriteConfiguration()}, "ready for clients"};
 };
@@ -141,7 +151,12 @@ private:
 }  // namespace
 
 std::unique_ptr<Peer> MakeIceoryx(const Load& load) {
-    return std::make_unique<Iceoryx>(load);
+    return std::make_unique<Iceoryx>(load, 0);
+}
+
+std::unique_ptr<Peer> MakeIceoryxWithHistory(const Load& load) {
+    return std::make_unique<Iceoryx>(
+        load, std::min<std::size_t>(load.buffers, iox::MAX_PUBLISHER_HISTORY));
 }
 
 }  // namespace kvo::bench

@@ -54,7 +54,7 @@ void MeasureOnce(const std::vector<System>& systems, const Choice& choice, const
                  Report& report) {
     std::vector<System> blocking;
     std::ranges::copy_if(systems, std::back_inserter(blocking),
-                         [](const System& system) { return !system.polled; });
+                         [](const System& system) { return system.readers == Readers::kBlocked; });
     for (const std::size_t bytes : choice.bytes) {
         MeasureCopy(bytes, report);
         if (choice.Has("latency")) {
@@ -64,12 +64,16 @@ void MeasureOnce(const std::vector<System>& systems, const Choice& choice, const
         }
         if (choice.Has("rate")) {
             for (const System& system : systems) {
-                MeasureRate(system, bytes, BuffersFor(bytes), effort, report);
+                if (bytes == kMiB || system.readers != Readers::kBlockedBulk) {
+                    MeasureRate(system, bytes, BuffersFor(bytes), effort, report);
+                }
             }
         }
         if (choice.Has("rate") && bytes == kMiB) {
-            for (const System& system : blocking) {
-                MeasureRate(system, kMiB, 2, effort, report);
+            for (const System& system : systems) {
+                if (!system.polled()) {
+                    MeasureRate(system, kMiB, 2, effort, report);
+                }
             }
         }
     }

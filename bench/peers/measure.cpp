@@ -154,13 +154,13 @@ std::size_t BuffersFor(std::size_t bytes) {
 
 void MeasureLatency(const System& system, std::size_t bytes, const Effort& effort, Report& report) {
     Plan plan;
-    plan.load = {bytes, BuffersFor(bytes), 1, system.polled};
+    plan.load = {bytes, BuffersFor(bytes), 1, system.polled()};
     plan.duration_ns = Ns(effort.latency);
     plan.pause_ns = kMillisecondNs;
     Rows rows(system, system.mode, bytes, report);
     rows.Measure("latency", plan, [&](const Flow& flow) {
         rows.AddLatencies("latency", flow);
-        if (system.polled || bytes != 64) {
+        if (system.polled() || bytes != 64) {
             return;
         }
         rows.Add("registration publisher", "ms",
@@ -173,9 +173,9 @@ void MeasureLatency(const System& system, std::size_t bytes, const Effort& effor
 void MeasureRate(const System& system, std::size_t bytes, std::size_t buffers, const Effort& effort,
                  Report& report) {
     Plan plan;
-    plan.load = {bytes, buffers, 1, system.polled};
+    plan.load = {bytes, buffers, 1, system.polled()};
     plan.duration_ns = Ns(effort.rate);
-    plan.batch = system.polled ? 64 : 1;
+    plan.batch = system.polled() ? 64 : 1;
     const bool usual = buffers == BuffersFor(bytes);
     Rows rows(system, system.mode + (usual ? "" : ", " + std::to_string(buffers) + " buffers"),
               bytes, report);
