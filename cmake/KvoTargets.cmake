@@ -4,7 +4,10 @@ add_library(kvo-build-settings INTERFACE)
 target_compile_options(kvo-build-settings INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual -Wconversion
   $<$<BOOL:${KVO_WARNINGS_AS_ERRORS}>:-Werror>
-  -fstack-protector-strong)
+  -fstack-protector-strong
+  # Names are bound when a library is loaded: a table to jump through would be one more page of code
+  # that a sample's way touches.
+  -fno-plt)
 target_link_options(kvo-build-settings INTERFACE
   -Wl,-z,relro,-z,now $<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:-pie>)
 if(KVO_SANITIZER)

@@ -22,7 +22,7 @@ void LoggerGate::Close() {
     }
 }
 
-void LoggerGate::Write(int level, const std::string& message) {
+[[gnu::hot]] void LoggerGate::Write(int level, const std::string& message) {
     ++writers_;
     if (KvoLogger* const logger = logger_; logger != nullptr) {
         const LoggerGate* const outer = std::exchange(inside, this);

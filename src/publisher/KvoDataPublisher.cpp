@@ -7,7 +7,7 @@
 #include "kvo/broker/broker_result.h"
 #include "publisher_state.h"
 
-#include <chrono>
+#include <ctime>
 #include <stdexcept>
 #include <utility>
 
@@ -20,10 +20,10 @@ constexpr int kAccessorArgument = 10;
 constexpr int kMaxMetadataSize = 1500;  // bytes
 
 unsigned long NowMs() {
-    return static_cast<unsigned long>(std::chrono::duration_cast<std::chrono::nanoseconds>(
-                                          std::chrono::system_clock::now().time_since_epoch())
-                                          .count() /
-                                      1'000'000);
+    timespec now{};
+    ::clock_gettime(CLOCK_REALTIME, &now);
+    return static_cast<unsigned long>(now.tv_sec) * 1000 +
+           static_cast<unsigned long>(now.tv_nsec) / 1'000'000;
 }
 
 void OnConnection(const std::shared_ptr<PublisherState>& publisher, bool connected) {
@@ -269,8 +269,9 @@ void KvoDataPublisher::WriteData(int sample_tag, const std::vector<unsigned char
               static_cast<int>(metadata.size()));
 }
 
-void KvoDataPublisher::WriteData(int sample_tag, const unsigned char* payload, int payload_size,
-                                 const unsigned char* metadata, int metadata_size) {
+[[gnu::hot]] void KvoDataPublisher::WriteData(int sample_tag, const unsigned char* payload,
+                                              int payload_size, const unsigned char* metadata,
+                                              int metadata_size) {
     if (!state->connected_to_broker || gorm::cor::in_forked_child()) {
         return;
     }
@@ -287,7 +288,7 @@ void KvoDataPublisher::WriteData(int sample_tag, const unsigned char* payload, i
     });
 }
 
-void KvoDataPublisher::PublishData() {
+[[gnu::hot]] void KvoDataPublisher::PublishData() {
     if (!state->connected_to_broker || gorm::cor::in_forked_child()) {
         return;
     }

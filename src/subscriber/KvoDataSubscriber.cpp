@@ -294,7 +294,7 @@ int KvoDataSubscriber::UnregisterSubscriber() {
     return 1;
 }
 
-DataSample* KvoDataSubscriber::ReadData() {
+[[gnu::hot]] DataSample* KvoDataSubscriber::ReadData() {
     if (gorm::cor::in_forked_child()) {
         return nullptr;
     }

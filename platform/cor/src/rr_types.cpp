@@ -34,11 +34,11 @@ Service::~Service() = default;
 Client::~Client() = default;
 
 // relaxed: the owner's lock orders it before the closing of the client.
-void Client::Enter() noexcept {
+[[gnu::hot]] void Client::Enter() noexcept {
     users_.fetch_add(1, std::memory_order_relaxed);
 }
 
-void Client::Leave() noexcept {
+[[gnu::hot]] void Client::Leave() noexcept {
     // [client-left] Release: what this user did is over for AwaitUsers, which loads with acquire.
     // The client may not be touched after this line.
     if (users_.fetch_sub(1, std::memory_order_release) == (kClosing | 1U)) {

@@ -42,7 +42,7 @@ void set_transport_threads(int threads) {
     Runtime::Get().context().set(zmq::ctxopt::io_threads, threads);
 }
 
-bool in_forked_child() noexcept {
+[[gnu::hot]] bool in_forked_child() noexcept {
     return forked.load(std::memory_order_relaxed);
 }
 

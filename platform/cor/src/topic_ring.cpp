@@ -252,7 +252,7 @@ void TopicRingReader::BeginAt(std::string_view position) {
     next_ = std::min(begin, next_);
 }
 
-std::string_view TopicRingReader::Text(std::uint32_t number) {
+[[gnu::hot]] std::string_view TopicRingReader::Text(std::uint32_t number) {
     const ring::Text& text = events().texts[number % ring::kTexts];
     // relaxed: the entry that led here was loaded with acquire.
     const std::uint32_t bytes = text.bytes.load(std::memory_order_relaxed);
@@ -260,7 +260,7 @@ std::string_view TopicRingReader::Text(std::uint32_t number) {
     return text_;
 }
 
-std::optional<std::string_view> TopicRingReader::Take() {
+[[gnu::hot]] std::optional<std::string_view> TopicRingReader::Take() {
     // The word before the head: an event that was counted after an entry was made is then given
     // out after that entry, since who saw the word sees the entry as well.
     const std::uint32_t word = signal_.word();
@@ -299,7 +299,7 @@ std::optional<std::string_view> TopicRingReader::Take() {
     return std::nullopt;
 }
 
-bool TopicRingReader::closed() const {
+[[gnu::hot]] bool TopicRingReader::closed() const {
     return events().closed.load(std::memory_order_acquire) != 0;
 }
 
@@ -313,7 +313,7 @@ std::unique_ptr<TopicRingWriter> TopicRingWriter::Open(const std::string& direct
         new TopicRingWriter(std::move(files->events), std::move(files->signal)));
 }
 
-bool TopicRingWriter::relayed() const {
+[[gnu::hot]] bool TopicRingWriter::relayed() const {
     return events().relayed.load(std::memory_order_seq_cst) != 0;
 }
 
@@ -325,7 +325,7 @@ std::unique_ptr<LocalTopic> LocalTopic::Find(const std::string& host, std::uint1
     return directory.empty() ? nullptr : TopicRingWriter::Open(directory, path);
 }
 
-bool TopicRingWriter::closed() const {
+[[gnu::hot]] bool TopicRingWriter::closed() const {
     return events().closed.load(std::memory_order_acquire) != 0;
 }
 

@@ -16,7 +16,7 @@ constexpr auto kOrdered = std::memory_order_seq_cst;  // the four accesses of to
 
 }  // namespace
 
-void TopicSignal::Count() {
+[[gnu::hot]] void TopicSignal::Count() {
     const std::uint32_t before = shared().word.fetch_add(ring::kCounted, kOrdered);
     KVO_CRASH_POINT("event counted");
     // A newer mark than the word was before: somebody who had seen it already has replaced the mark
@@ -37,12 +37,12 @@ void TopicSignal::Nudge() {
     Wake(shared().asleep_at.load(kOrdered), before);
 }
 
-std::uint32_t TopicSignal::word() const {
+[[gnu::hot]] std::uint32_t TopicSignal::word() const {
     // Acquire: what was written before the event was told of is visible.
     return shared().word.load(std::memory_order_acquire);
 }
 
-void TopicSignal::Wake(std::uint32_t mark, std::uint32_t before) {
+[[gnu::hot]] void TopicSignal::Wake(std::uint32_t mark, std::uint32_t before) {
     ::syscall(SYS_futex, &shared().word, FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
     KVO_CRASH_POINT("topic woken");
     if (static_cast<std::int32_t>(mark - before) <= 0) {
@@ -51,7 +51,7 @@ void TopicSignal::Wake(std::uint32_t mark, std::uint32_t before) {
     }
 }
 
-bool TopicSignal::MarkAsleep(std::uint32_t seen) {
+[[gnu::hot]] bool TopicSignal::MarkAsleep(std::uint32_t seen) {
     auto& mark = shared().asleep_at;
     std::uint32_t found = mark.load(kOrdered);
     while (found != seen) {
@@ -65,7 +65,7 @@ bool TopicSignal::MarkAsleep(std::uint32_t seen) {
     return shared().word.load(kOrdered) == seen;
 }
 
-void TopicSignal::Sleep(std::uint32_t seen, std::chrono::milliseconds at_most) {
+[[gnu::hot]] void TopicSignal::Sleep(std::uint32_t seen, std::chrono::milliseconds at_most) {
     if (!MarkAsleep(seen)) {
         return;
     }

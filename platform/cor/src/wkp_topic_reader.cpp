@@ -195,7 +195,7 @@ void WkpTopicReader::Feed::LeaveRing() {
 }
 
 // Holds the loop for as long as nobody else wants it.
-void WkpTopicReader::Feed::FollowRing() {
+[[gnu::hot]] void WkpTopicReader::Feed::FollowRing() {
     std::shared_ptr<Slot> current = listener();
     while (!stopped()) {
         // Before all looks: who changes what they look at changes the word after that.
@@ -247,7 +247,7 @@ bool WkpTopicReader::Feed::Spin(std::uint32_t seen) {
 }
 
 // Nothing is waiting.
-bool WkpTopicReader::Feed::TakeFromRing(Slot& current) {
+[[gnu::hot]] bool WkpTopicReader::Feed::TakeFromRing(Slot& current) {
     const auto sample = ring_->Take();
     if (!sample) {
         return false;
@@ -260,7 +260,7 @@ bool WkpTopicReader::Feed::TakeFromRing(Slot& current) {
 }
 
 // A server that was killed has not closed its ring.
-bool WkpTopicReader::Feed::ServerIsGone() {
+[[gnu::hot]] bool WkpTopicReader::Feed::ServerIsGone() {
     const auto now = std::chrono::steady_clock::now();
     if (now - ring_checked_ < kRingCheck) {
         return false;
@@ -317,7 +317,7 @@ void WkpTopicReader::Feed::TakeFromSocket() {
 
 // Valid until the next call. Null: it is no sample. Most events of a topic say the same, which is
 // decoded once.
-const SampleCodec::Decoded* WkpTopicReader::Feed::Decode(std::string_view sample) {
+[[gnu::hot]] const SampleCodec::Decoded* WkpTopicReader::Feed::Decode(std::string_view sample) {
     if (decoded_.sample != nullptr && sample == decoded_text_) {
         return &decoded_;
     }

@@ -25,7 +25,8 @@ KvoLogger::KvoLogger(const log4cplus::Logger& logger) : logger_(logger) {}
 
 KvoLogger::~KvoLogger() = default;
 
-void KvoLogger::WriteToLogger(KvoLogger* logger, int level, const std::string& message) {
+[[gnu::hot]] void KvoLogger::WriteToLogger(KvoLogger* logger, int level,
+                                           const std::string& message) {
     if (logger == nullptr) {
         return;
     }

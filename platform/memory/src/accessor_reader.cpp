@@ -150,7 +150,7 @@ std::uint64_t AccessorReader::Unread() const {
 }
 
 // Claims the next unread sample up to `last` (0: the newest now) for one signal.
-bool AccessorReader::ClaimSignal(std::uint64_t& last) {
+[[gnu::hot]] bool AccessorReader::ClaimSignal(std::uint64_t& last) {
     const std::lock_guard lock(mutex_);
     if (ended_ || !reading_ || !HasPlace() || signal_.empty()) {
         return false;
@@ -166,7 +166,7 @@ bool AccessorReader::ClaimSignal(std::uint64_t& last) {
     return true;
 }
 
-void AccessorReader::SignalUnread() {
+[[gnu::hot]] void AccessorReader::SignalUnread() {
     // Samples that are written meanwhile have a notification of their own.
     std::uint64_t last = 0;
     while (ClaimSignal(last)) {
@@ -204,7 +204,7 @@ void AccessorReader::NewData() {
     }
 }
 
-AccessorReader::Packet AccessorReader::TakeNext(bool take, bool count) {
+[[gnu::hot]] AccessorReader::Packet AccessorReader::TakeNext(bool take, bool count) {
     Packet packet;
     bool damaged = false;
     {

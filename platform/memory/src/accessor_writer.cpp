@@ -90,8 +90,8 @@ void AccessorWriter::Close() {
     writer_.reset();
 }
 
-void AccessorWriter::Write(SampleInput& sample, std::int64_t payload_bytes,
-                           std::int64_t metadata_bytes) {
+[[gnu::hot]] void AccessorWriter::Write(SampleInput& sample, std::int64_t payload_bytes,
+                                        std::int64_t metadata_bytes) {
     SampleWriter::Outcome outcome{};
     {
         const std::lock_guard lock(mutex_);

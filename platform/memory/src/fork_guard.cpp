@@ -17,7 +17,7 @@ void WatchForks() {
     static_cast<void>(registered);
 }
 
-bool InForkedChild() {
+[[gnu::hot]] bool InForkedChild() {
     return forked_child.load(std::memory_order_relaxed);
 }
 

@@ -107,10 +107,10 @@ void KvoMemoryAccessor::Reattach() {
     }
 }
 
-void KvoMemoryAccessor::WriteData(int slot_index, int topic_id, int sample_tag,
-                                  const unsigned char* payload, int payload_size,
-                                  const unsigned char* metadata, int metadata_size,
-                                  unsigned long timestamp_ms) {
+[[gnu::hot]] void KvoMemoryAccessor::WriteData(int slot_index, int topic_id, int sample_tag,
+                                               const unsigned char* payload, int payload_size,
+                                               const unsigned char* metadata, int metadata_size,
+                                               unsigned long timestamp_ms) {
     if (InForkedChild()) {
         return;
     }
@@ -139,7 +139,7 @@ void KvoMemoryAccessor::StopReading() {
     }
 }
 
-void KvoMemoryAccessor::NewData() {
+[[gnu::hot]] void KvoMemoryAccessor::NewData() {
     if (!InForkedChild() && !impl_->writer.active()) {
         // A slot may destroy this accessor.
         const std::shared_ptr<AccessorReader> reader = impl_->reader;
@@ -178,9 +178,10 @@ DataAvailable& KvoMemoryAccessor::DataAvailableSignal() {
     return impl_->reader->signal();
 }
 
-void KvoMemoryAccessor::get_data_packet(std::string* stream, unsigned int* samples, int* sample_tag,
-                                        long* sequence_number, unsigned long* timestamp_ms,
-                                        DataSample** sample) {
+[[gnu::hot]] void KvoMemoryAccessor::get_data_packet(std::string* stream, unsigned int* samples,
+                                                     int* sample_tag, long* sequence_number,
+                                                     unsigned long* timestamp_ms,
+                                                     DataSample** sample) {
     AccessorReader::Packet packet;
     if (!InForkedChild()) {
         packet = impl_->reader->TakeNext(samples == nullptr || *samples > 0, samples != nullptr);

@@ -102,7 +102,8 @@ void ReaderRow::RaiseMark() {
     }
 }
 
-ReaderRow::PinOutcome ReaderRow::Pin(std::uint32_t slot, std::uint64_t version, int& pin) {
+[[gnu::hot]] ReaderRow::PinOutcome ReaderRow::Pin(std::uint32_t slot, std::uint64_t version,
+                                                  int& pin) {
     int free = 0;
     while (free < usable_pins_ && (used_ >> free & 1U) != 0) {
         ++free;
@@ -132,7 +133,7 @@ ReaderRow::PinOutcome ReaderRow::Pin(std::uint32_t slot, std::uint64_t version, 
     return PinOutcome::kPinned;
 }
 
-void ReaderRow::Unpin(int pin) {
+[[gnu::hot]] void ReaderRow::Unpin(int pin) {
     if (InForkedChild()) {
         return;
     }
@@ -143,7 +144,8 @@ void ReaderRow::Unpin(int pin) {
 }
 
 // relaxed: shown to people, nothing is decided on it.
-void ReaderRow::PublishLedger(const ReaderCounters& counters, std::uint64_t next_sequence) {
+[[gnu::hot]] void ReaderRow::PublishLedger(const ReaderCounters& counters,
+                                           std::uint64_t next_sequence) {
     constexpr auto relaxed = std::memory_order_relaxed;
     layout::LedgerEntry& ledger = segment_->ledger(number_);
     ledger.next_sequence.store(next_sequence, relaxed);

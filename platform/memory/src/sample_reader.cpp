@@ -75,7 +75,7 @@ std::uint64_t SampleReader::FirstYoung(std::uint64_t max_age_ns) const {
 // Finds out whether a sample is there with looks at as few of the writer's lines as possible: a
 // busy writer would have to fetch each of them back. First at the word of the likely slot. Where
 // the writer has promised that slot, that is all. Else at the index, and at `head` last.
-void SampleReader::LookFor(std::uint64_t version) {
+[[gnu::hot]] void SampleReader::LookFor(std::uint64_t version) {
     if (version <= known_newest_) {
         return;
     }
@@ -118,8 +118,9 @@ bool SampleReader::PromiseHolds(std::uint64_t version) const {
            segment_->words().scan_round.load(std::memory_order_acquire) == promised_round_;
 }
 
-bool SampleReader::TakeNext(std::uint64_t max_age_ns, std::uint64_t& next, ReaderCounters& counters,
-                            TakenSample& taken, std::vector<std::uint64_t>& damaged) {
+[[gnu::hot]] bool SampleReader::TakeNext(std::uint64_t max_age_ns, std::uint64_t& next,
+                                         ReaderCounters& counters, TakenSample& taken,
+                                         std::vector<std::uint64_t>& damaged) {
     const std::uint64_t now_ns = max_age_ns != 0 ? MonotonicTick() : 0;
     LookFor(next);
     int overtakings = 0;

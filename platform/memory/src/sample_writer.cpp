@@ -110,7 +110,7 @@ void SampleWriter::Recover() {
     discarded_ = counters.discarded.load(kRelaxed);
 }
 
-SampleWriter::Outcome SampleWriter::Write(const SampleInput& sample) {
+[[gnu::hot]] SampleWriter::Outcome SampleWriter::Write(const SampleInput& sample) {
     // relaxed stores of counters: shown to people, nothing is decided on them.
     auto& counters = segment_->writer_counters();
     if (segment_->retired()) {
@@ -203,7 +203,7 @@ SampleWriter::Next SampleWriter::LikelyNext() const {
     return {stock_[stock_.size() - 2] + 1, layout::PackPromise(scan_round_)};
 }
 
-void SampleWriter::AddToRing(const Written& sample) {
+[[gnu::hot]] void SampleWriter::AddToRing(const Written& sample) {
     Written& place = ring_[ring_next_];
     if (ring_used_ < ring_.size()) {
         ++ring_used_;
@@ -214,7 +214,7 @@ void SampleWriter::AddToRing(const Written& sample) {
     ring_next_ = ring_next_ + 1 == ring_.size() ? 0 : ring_next_ + 1;
 }
 
-void SampleWriter::Refill() {
+[[gnu::hot]] void SampleWriter::Refill() {
     for (const Written& sample : stale_) {
         // [slot-closed] Release: a reader that sees this also sees the N newer samples. Closed is
         // for good: content intact, no new pin, never valid again, so a crash undoes nothing.
@@ -242,7 +242,7 @@ void SampleWriter::Refill() {
     stale_.clear();
 }
 
-void SampleWriter::ScanPins() {
+[[gnu::hot]] void SampleWriter::ScanPins() {
     ++scan_round_;
     const StreamGeometry& geometry = segment_->geometry();
     // [pin-or-closed] One sequentially consistent store a batch, between closing and scanning: a

@@ -8,7 +8,7 @@
 namespace kvo {
 
 // relaxed throughout: the slot's word, loaded before and again after, says whether it counts.
-void LoadContent(const Segment& segment, std::uint32_t slot, SlotContent& content) {
+[[gnu::hot]] void LoadContent(const Segment& segment, std::uint32_t slot, SlotContent& content) {
     constexpr auto relaxed = std::memory_order_relaxed;
     const layout::SlotHeader& header = segment.slot(slot);
     const std::uint32_t payload_bytes = header.payload_bytes.load(relaxed);
@@ -35,7 +35,7 @@ std::uint64_t LoadIndex(const Segment& segment, std::uint64_t version) {
     return segment.index(version).load(std::memory_order_acquire);
 }
 
-std::optional<std::uint32_t> FindSlot(const Segment& segment, std::uint64_t version) {
+[[gnu::hot]] std::optional<std::uint32_t> FindSlot(const Segment& segment, std::uint64_t version) {
     const std::uint64_t entry = LoadIndex(segment, version);
     const std::uint32_t slot = layout::IndexSlot(entry);
     if (entry != layout::PackIndex(version, slot) || slot >= segment.geometry().slot_count) {

@@ -55,7 +55,7 @@ public:
     std::int32_t RemovePublisher(const std::string& stream) override {
         return Request<std::int32_t>("RemovePublisher", stream);
     }
-    void NotifyNewData(const std::string& stream) override {
+    [[gnu::hot]] void NotifyNewData(const std::string& stream) override {
         switch (notifier_->Notify(stream)) {
             case LocalNotifier::Way::kMemory:
                 return;
@@ -108,8 +108,8 @@ public:
                             const std::string& stream) override {
         return Request<bool>("HasRemotePublisher", remote_broker_uri, stream);
     }
-    void ReportDataWritten(const std::string& stream, std::int32_t payload_size,
-                           std::int64_t written_ms) override {
+    [[gnu::hot]] void ReportDataWritten(const std::string& stream, std::int32_t payload_size,
+                                        std::int64_t written_ms) override {
         if (!notifier_->counts_by_itself()) {
             channel_->Notify("ReportDataWritten", PackParams(stream, payload_size, written_ms));
         }

@@ -46,7 +46,8 @@ void LocalNotifier::Reset() {
     topics_.clear();
 }
 
-std::shared_ptr<gorm::cor::ps::LocalTopic> LocalNotifier::Find(const std::string& stream) {
+[[gnu::hot]] std::shared_ptr<gorm::cor::ps::LocalTopic> LocalNotifier::Find(
+    const std::string& stream) {
     const std::lock_guard lock(mutex_);
     if (port_ == 0) {
         return nullptr;
@@ -64,7 +65,7 @@ std::shared_ptr<gorm::cor::ps::LocalTopic> LocalNotifier::Find(const std::string
     return topic.memory;
 }
 
-LocalNotifier::Way LocalNotifier::Notify(const std::string& stream) {
+[[gnu::hot]] LocalNotifier::Way LocalNotifier::Notify(const std::string& stream) {
     const auto topic = Find(stream);
     if (topic == nullptr) {
         return Way::kWire;

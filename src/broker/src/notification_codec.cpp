@@ -16,7 +16,7 @@ using gorm::cor::ps::SampleCodec;
 
 class Notification final : public NotificationSample {
 public:
-    NotificationType get_notification_type() const override { return type_; }
+    [[gnu::hot]] NotificationType get_notification_type() const override { return type_; }
     void set_notification_type(NotificationType type) override { type_ = type; }
     const std::string& get_data_stream_identifier() const override { return stream_; }
     void set_data_stream_identifier(const std::string& stream) override { stream_ = stream; }
@@ -69,7 +69,7 @@ public:
         return std::string(buffer.data(), buffer.size());
     }
 
-    std::string_view Key(const void* sample) const override {
+    [[gnu::hot]] std::string_view Key(const void* sample) const override {
         return static_cast<const Notification*>(sample)->get_data_stream_identifier();
     }
 };

@@ -16,18 +16,18 @@ public:
     LightMutex(const LightMutex&) = delete;
     LightMutex& operator=(const LightMutex&) = delete;
 
-    bool try_lock() {
+    [[gnu::hot]] bool try_lock() {
         int found = kFree;
         // Acquire: pairs with the release in unlock(); what the last holder did is visible.
         return state_.compare_exchange_strong(found, kTaken, std::memory_order_acquire,
                                               std::memory_order_relaxed);
     }
-    void lock() {
+    [[gnu::hot]] void lock() {
         if (!try_lock()) {
             LockWhenFree();
         }
     }
-    void unlock() {
+    [[gnu::hot]] void unlock() {
         // Release: see try_lock(). Whoever waits has left its mark before it slept, so that either
         // this exchange finds the mark or the waiter's own exchange finds the mutex free.
         if (state_.exchange(kFree, std::memory_order_release) == kAwaited) {
