@@ -54,11 +54,11 @@ function(kvo_add_library name)
 endfunction()
 
 # Where one header takes longer to read than most sources take to compile, it is compiled once for
-# a target: target_precompile_headers(). The release preset does without, so that a source that
-# does not include what it needs is found.
+# a target: target_precompile_headers(). The debug preset does without, so that a source that does
+# not include what it needs is found.
 
-# For what is there for a test alone: it matters how long it takes to compile, and little how fast it
-# runs. (glibc would warn that it can not fortify it.)
+# Where it matters how long it takes to compile, and little how fast it runs. (glibc would warn that
+# it can not fortify it.)
 function(kvo_compile_quickly name)
   target_compile_options(${name} PRIVATE -O0 -U_FORTIFY_SOURCE)
 endfunction()
