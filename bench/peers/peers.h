@@ -9,9 +9,9 @@ namespace kvo::bench {
 
 /// How the readers of a system wait, and with it what is measured of it.
 enum class Readers {
-    kBlocked,      // all there is
-    kPolling,      // the rate, published in batches
-    kBlockedBulk,  // the rate of large samples
+    kBlocked,      // woken for samples; everything
+    kPolling,      // looking all the time; the rate only, published in batches
+    kBlockedBulk,  // woken as well; the rate of large samples only
 };
 
 /// A row of the comparison.
