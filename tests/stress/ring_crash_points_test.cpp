@@ -20,6 +20,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <sys/shm.h>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -263,6 +264,7 @@ public:
         writer_.reset();
         server_.reset();
         Demand(!fs::exists(directory_ + "/topics"), "the topics' directory is left");
+        Demand(::shmget(ps::SignalKey(directory_ + "/topics"), 0, 0) < 0, "a signal is left");
         for (const auto& left : fs::directory_iterator(directory_ + "/run")) {
             Demand(false, "left behind: " + left.path().string());
         }

@@ -4,6 +4,8 @@
 #include <log4cplus/loglevel.h>
 
 #include <cstddef>
+#include <mutex>
+#include <set>
 #include <utility>
 
 namespace gorm::cor {
@@ -12,6 +14,7 @@ namespace {
 constexpr std::chrono::seconds kInterval{1};
 // A peer may come under ever new names; beyond this many in one second they go unlogged.
 constexpr std::size_t kMaxPeers = 256;
+constexpr std::size_t kMaxWarnings = 1000;  // that are remembered; further ones go unlogged
 
 void Log(log4cplus::LogLevel level, const std::string& text) noexcept {
     try {
@@ -35,6 +38,22 @@ void LogWarning(const std::string& text) noexcept {
 }
 void LogError(const std::string& text) noexcept {
     Log(log4cplus::ERROR_LOG_LEVEL, text);
+}
+
+void WarnOnce(const std::string& text) noexcept {
+    try {
+        // Never destroyed, as the logger.
+        static auto& mutex = *new std::mutex;
+        static auto& warnings = *new std::set<std::string>;
+        {
+            const std::lock_guard lock(mutex);
+            if (warnings.size() >= kMaxWarnings || !warnings.insert(text).second) {
+                return;
+            }
+        }
+        LogWarning(text);
+    } catch (...) {  // out of memory
+    }
 }
 
 FaultLog::FaultLog(std::string what) : what_(std::move(what)) {}

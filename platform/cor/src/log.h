@@ -12,6 +12,8 @@ namespace gorm::cor {
 void LogInfo(const std::string& text) noexcept;
 void LogWarning(const std::string& text) noexcept;
 void LogError(const std::string& text) noexcept;
+/// Warns, of the same only once in the life of the process; for what is tried again and again.
+void WarnOnce(const std::string& text) noexcept;
 
 /// Counts faults and logs them at most once a second for each peer. One thread.
 class FaultLog {

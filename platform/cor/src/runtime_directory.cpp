@@ -1,6 +1,7 @@
 #include "runtime_directory.h"
 
 #include "gorm/cor/lock_file.h"
+#include "log.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -107,7 +108,12 @@ std::string FindLocalTopics(std::uint16_t port) {
             LockFile::IsHeld(LockPath(directory.path, port))) {
             std::error_code error;
             const auto topics = std::filesystem::read_symlink(path, error);
-            return error || !DistrustOf(topics.string()).empty() ? "" : topics.string();
+            const std::string distrust = error ? path + ": " + error.message() : DistrustOf(topics);
+            if (distrust.empty()) {
+                return topics;
+            }
+            WarnOnce("no local topics, their events go over sockets: " + distrust);
+            return {};
         }
     }
     return {};

@@ -2,6 +2,7 @@
 
 #include "gorm/cor/errors.h"
 #include "kvo/crash_point.h"
+#include "log.h"
 #include "runtime_directory.h"
 
 #include <xxhash.h>
@@ -21,7 +22,6 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char* kEventsSuffix = ".events";
-constexpr const char* kSignalSuffix = ".signal";
 constexpr int kAttempts = 5;
 constexpr std::uint32_t kCountMask = (1U << 24) - 1;  // of the word's counted events
 
@@ -39,45 +39,68 @@ std::uint64_t DrawNonce() {
     return std::uint64_t{source()} << 32 | source();
 }
 
-std::string SignalPath(const std::string& events_path, std::uint64_t nonce) {
+// Where it lies until it is complete.
+std::string UnnamedPath(const std::string& events_path, std::uint64_t nonce) {
     return events_path.substr(0, events_path.size() - std::strlen(kEventsSuffix)) + "-" +
-           Hex(nonce) + kSignalSuffix;
+           Hex(nonce) + kEventsSuffix;
 }
 
-struct Files {
+struct Memory {
     SharedFile events;
-    SharedFile signal;
+    SharedSegment signal;
 };
 
-// A server that puts a new ring in place meanwhile makes us look again.
-std::optional<Files> OpenFiles(const std::string& directory, std::string_view topic) {
+void DemandLayout(const ring::EventsFile& file, const std::string& path, std::string_view topic) {
+    if (file.magic != ring::kMagic || file.version != ring::kVersion) {
+        throw Error(path + " holds no events of layout " + std::to_string(ring::kVersion));
+    }
+    if (file.path_bytes != topic.size() || std::string_view(file.path, topic.size()) != topic) {
+        throw Error(path + " is another topic's");
+    }
+}
+
+SharedSegment AttachSignal(const ring::EventsFile& file, const std::string& path) {
+    const std::string what = "the signal of " + path;
+    try {
+        SharedSegment signal = SharedSegment::Attach(file.signal, sizeof(ring::Signal));
+        if (signal.as<const ring::Signal>().nonce == file.nonce) {
+            return signal;
+        }
+    } catch (const std::exception& error) {
+        throw Error(what + ": " + error.what());
+    }
+    throw Error(what + ": segment " + std::to_string(file.signal) +
+                " is another one, or of another namespace");
+}
+
+// None: there is no ring, or one that can not be used. A server that puts a new one in place
+// meanwhile makes us look again.
+std::optional<Memory> OpenMemory(const std::string& directory, std::string_view topic) {
     if (topic.size() > ring::kMostPathBytes) {
         return std::nullopt;
     }
     const std::string path = EventsPath(directory, topic);
+    std::string reason;
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
         try {
             SharedFile events =
                 SharedFile::Open(path, sizeof(ring::EventsFile), SharedFile::Mode::kRead);
             KVO_CRASH_POINT("ring's events opened");
             const auto& file = events.as<const ring::EventsFile>();
-            if (file.magic != ring::kMagic || file.version != ring::kVersion ||
-                file.path_bytes != topic.size() ||
-                std::string_view(file.path, topic.size()) != topic) {
-                return std::nullopt;
-            }
-            SharedFile signal = SharedFile::Open(
-                SignalPath(path, file.nonce), sizeof(ring::SignalFile), SharedFile::Mode::kWrite);
-            KVO_CRASH_POINT("ring's signal opened");
-            return Files{std::move(events), std::move(signal)};
+            DemandLayout(file, path, topic);
+            SharedSegment signal = AttachSignal(file, path);
+            KVO_CRASH_POINT("ring's signal attached");
+            return Memory{std::move(events), std::move(signal)};
         } catch (const std::system_error& error) {
-            if (error.code() != std::errc::no_such_file_or_directory) {
+            if (error.code() == std::errc::no_such_file_or_directory) {
                 return std::nullopt;
             }
-        } catch (const Error&) {
-            return std::nullopt;
+            reason = error.what();
+        } catch (const Error& error) {
+            reason = error.what();
         }
     }
+    WarnOnce("no local topic, its events go over sockets: " + reason);
     return std::nullopt;
 }
 
@@ -88,10 +111,13 @@ std::string EventsPath(const std::string& directory, std::string_view topic) {
     return directory + "/" + Hex(XXH3_64bits(topic.data(), topic.size())) + kEventsSuffix;
 }
 
-TopicRingServer::TopicRingServer(std::string events_path, std::string signal_path,
-                                 SharedFile events, SharedFile signal)
+key_t SignalKey(const std::string& directory) {
+    // Never 0, which names none.
+    return static_cast<key_t>(XXH3_64bits(directory.data(), directory.size()) | 1);
+}
+
+TopicRingServer::TopicRingServer(std::string events_path, SharedFile events, SharedSegment signal)
     : events_path_(std::move(events_path)),
-      signal_path_(std::move(signal_path)),
       events_(std::move(events)),
       signal_(std::move(signal)) {}
 
@@ -104,8 +130,7 @@ std::unique_ptr<TopicRingServer> TopicRingServer::Make(const std::string& direct
     }
     const std::uint64_t nonce = DrawNonce();
     const std::string events_path = EventsPath(directory, topic);
-    const std::string signal_path = SignalPath(events_path, nonce);
-    const std::string unnamed_path = signal_path + kEventsSuffix;
+    const std::string unnamed_path = UnnamedPath(events_path, nonce);
     // The server alone writes it.
     const FileAccess events_access{access.mode & ~static_cast<mode_t>(022), access.group};
     SharedFile events = SharedFile::Create(unnamed_path, sizeof(ring::EventsFile), events_access);
@@ -122,18 +147,19 @@ std::unique_ptr<TopicRingServer> TopicRingServer::Make(const std::string& direct
         file.texts[0].bytes.store(static_cast<std::uint32_t>(counted.size()),
                                   std::memory_order_relaxed);
         KVO_CRASH_POINT("ring's events filled");
-        SharedFile signal = SharedFile::Create(signal_path, sizeof(ring::SignalFile), access);
+        SharedSegment signal =
+            SharedSegment::Create(SignalKey(directory), sizeof(ring::Signal), access);
         // relaxed: as above.
-        signal.as<ring::SignalFile>().woken_at.store(ring::kNeverWoken, std::memory_order_relaxed);
+        signal.as<ring::Signal>().woken_at.store(ring::kNeverWoken, std::memory_order_relaxed);
+        signal.as<ring::Signal>().nonce = nonce;
+        file.signal = signal.id();
         KVO_CRASH_POINT("ring's signal made");
         if (::rename(unnamed_path.c_str(), events_path.c_str()) != 0) {
-            const int error = errno;
-            ::unlink(signal_path.c_str());
-            throw std::system_error(error, std::generic_category(), events_path);
+            throw std::system_error(errno, std::generic_category(), events_path);
         }
         KVO_CRASH_POINT("ring in place");
         return std::unique_ptr<TopicRingServer>(
-            new TopicRingServer(events_path, signal_path, std::move(events), std::move(signal)));
+            new TopicRingServer(events_path, std::move(events), std::move(signal)));
     } catch (...) {
         ::unlink(unnamed_path.c_str());
         throw;
@@ -146,8 +172,6 @@ TopicRingServer::~TopicRingServer() {
     KVO_CRASH_POINT("ring closed");
     signal_.Nudge();
     ::unlink(events_path_.c_str());
-    KVO_CRASH_POINT("ring's events removed");
-    ::unlink(signal_path_.c_str());
 }
 
 std::optional<std::uint32_t> TopicRingServer::TextOf(std::string_view sample) {
@@ -209,29 +233,22 @@ void TopicRingServer::RemoveAll(const std::string& directory) {
                 auto& events = file.as<ring::EventsFile>();
                 events.closed.store(1, std::memory_order_release);
                 KVO_CRASH_POINT("dead ring closed");
-                TopicSignal(SharedFile::Open(SignalPath(path, events.nonce),
-                                             sizeof(ring::SignalFile), SharedFile::Mode::kWrite))
-                    .Nudge();
+                TopicSignal(AttachSignal(events, path)).Nudge();
             } catch (const std::exception&) {  // half made, or not ours: nobody reads it
             }
-        }
-    }
-    for (const auto& entry : fs::directory_iterator(directory, ignored)) {
-        if (entry.path().extension() == kEventsSuffix ||
-            entry.path().extension() == kSignalSuffix) {
             fs::remove(entry.path(), ignored);
-            KVO_CRASH_POINT("dead ring's file removed");
+            KVO_CRASH_POINT("dead ring removed");
         }
     }
 }
 
 std::optional<TopicRingReader> TopicRingReader::Open(const std::string& directory,
                                                      std::string_view topic) {
-    auto files = OpenFiles(directory, topic);
-    if (!files) {
+    auto memory = OpenMemory(directory, topic);
+    if (!memory) {
         return std::nullopt;
     }
-    return TopicRingReader(std::move(files->events), std::move(files->signal));
+    return TopicRingReader(std::move(memory->events), std::move(memory->signal));
 }
 
 void TopicRingReader::BeginNow() {
@@ -305,12 +322,12 @@ void TopicRingReader::BeginAt(std::string_view position) {
 
 std::unique_ptr<TopicRingWriter> TopicRingWriter::Open(const std::string& directory,
                                                        std::string_view topic) {
-    auto files = OpenFiles(directory, topic);
-    if (!files) {
+    auto memory = OpenMemory(directory, topic);
+    if (!memory) {
         return nullptr;
     }
     return std::unique_ptr<TopicRingWriter>(
-        new TopicRingWriter(std::move(files->events), std::move(files->signal)));
+        new TopicRingWriter(std::move(memory->events), std::move(memory->signal)));
 }
 
 [[gnu::hot]] bool TopicRingWriter::relayed() const {

@@ -2,6 +2,7 @@
 
 #include "gorm/cor/ps/local_topic.h"
 #include "shared_file.h"
+#include "shared_segment.h"
 #include "topic_signal.h"
 
 #include <chrono>
@@ -16,11 +17,13 @@ namespace gorm::cor::ps {
 
 /// Where the events file of a topic lies.
 std::string EventsPath(const std::string& directory, std::string_view topic);
+/// The name that a signal of the directory has while it is made.
+key_t SignalKey(const std::string& directory);
 
 /// The server's end. Threads: one.
 class TopicRingServer {
 public:
-    /// Makes both files and puts them in place. Throws std::system_error, or Error for a path or a
+    /// Makes the ring and puts it in place. Throws std::system_error, or Error for a path or a
     /// sample that is too long, and leaves nothing behind then.
     /// @param counted the encoded sample that is not kept but counted.
     static std::unique_ptr<TopicRingServer> Make(const std::string& directory,
@@ -28,7 +31,7 @@ public:
                                                  const FileAccess& access);
     TopicRingServer(const TopicRingServer&) = delete;
     TopicRingServer& operator=(const TopicRingServer&) = delete;
-    /// Closes the ring and removes its files.
+    /// Closes the ring and removes it.
     ~TopicRingServer();
 
     /// @return false: the ring can not hold this sample, since the topic has too many or too long
@@ -43,13 +46,11 @@ public:
     static void RemoveAll(const std::string& directory);
 
 private:
-    TopicRingServer(std::string events_path, std::string signal_path, SharedFile events,
-                    SharedFile signal);
+    TopicRingServer(std::string events_path, SharedFile events, SharedSegment signal);
     ring::EventsFile& events() const { return events_.as<ring::EventsFile>(); }
     std::optional<std::uint32_t> TextOf(std::string_view sample);
 
     const std::string events_path_;
-    const std::string signal_path_;
     SharedFile events_;
     TopicSignal signal_;
     std::uint64_t head_ = 0;
@@ -85,7 +86,7 @@ public:
     bool closed() const;
 
 private:
-    TopicRingReader(SharedFile events, SharedFile signal)
+    TopicRingReader(SharedFile events, SharedSegment signal)
         : events_(std::move(events)), signal_(std::move(signal)) {}
     const ring::EventsFile& events() const { return events_.as<ring::EventsFile>(); }
     std::string_view Text(std::uint32_t number);
@@ -109,7 +110,7 @@ public:
     bool closed() const override;
 
 private:
-    TopicRingWriter(SharedFile events, SharedFile signal)
+    TopicRingWriter(SharedFile events, SharedSegment signal)
         : events_(std::move(events)), signal_(std::move(signal)) {}
     const ring::EventsFile& events() const { return events_.as<ring::EventsFile>(); }
 

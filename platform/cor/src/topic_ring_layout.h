@@ -4,9 +4,10 @@
 #include <cstddef>
 #include <cstdint>
 
-// The two files of a local topic. The events file is written by the server alone: which events
-// there were, in order. The signal file is written by everybody: that something happened, and
-// whether somebody sleeps. Nothing in the signal file is trusted with more than a wake-up.
+// The memory of a local topic. The events file is written by the server alone: which events there
+// were, in order. The signal is written by everybody: that something happened, and whether somebody
+// sleeps. Nothing in it is trusted with more than a wake-up, and it is no file but a segment, which
+// nobody can make shorter under those who have it mapped.
 //
 // `word` counts: what is sent very often, the counted event, adds kCounted; everything else that
 // a reader has to look at changes the low byte alone and always wakes. It is the futex that readers
@@ -32,7 +33,7 @@
 namespace gorm::cor::ps::ring {
 
 inline constexpr std::uint32_t kMagic = 0x31544B56;  // "VKT1" in a little-endian dump
-inline constexpr std::uint32_t kVersion = 1;
+inline constexpr std::uint32_t kVersion = 2;
 inline constexpr std::uint32_t kEntries = 1024;
 inline constexpr std::uint32_t kTexts = 8;
 inline constexpr std::uint32_t kMostTextBytes = 508;
@@ -50,10 +51,10 @@ static_assert(sizeof(Text) == 512);
 struct EventsFile {
     std::uint32_t magic;
     std::uint32_t version;
-    std::uint64_t nonce;  // also in the name of the signal file
+    std::uint64_t nonce;  // the signal has the same
     std::uint32_t path_bytes;
     char path[kMostPathBytes];           // the topic's, with its first slash
-    std::uint32_t room;                  // 0
+    std::int32_t signal;                 // the id of its segment
     std::atomic<std::uint32_t> closed;   // 1: nothing more comes; look for another one
     std::atomic<std::uint32_t> relayed;  // not 0: somebody listens over a socket
     std::atomic<std::uint64_t> head;     // entries so far
@@ -66,13 +67,15 @@ static_assert(offsetof(EventsFile, head) == 504);
 static_assert(offsetof(EventsFile, texts) == 512);
 static_assert(sizeof(EventsFile) == 512 + 8 * 512 + 8 * 1024);
 
-struct SignalFile {
+struct Signal {
     std::atomic<std::uint32_t> word;
     alignas(64) std::atomic<std::uint32_t> asleep_at;
     std::atomic<std::uint32_t> woken_at;  // made with a value that is no mark for long
+    std::uint64_t nonce;                  // by the server, once; compared by who attaches it
 };
-static_assert(offsetof(SignalFile, asleep_at) == 64);
-static_assert(offsetof(SignalFile, woken_at) == 68);
+static_assert(offsetof(Signal, asleep_at) == 64);
+static_assert(offsetof(Signal, woken_at) == 68);
+static_assert(offsetof(Signal, nonce) == 72);
 
 inline constexpr std::uint32_t kNeverWoken = 0x80000000;
 

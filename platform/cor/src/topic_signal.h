@@ -1,6 +1,6 @@
 #pragma once
 
-#include "shared_file.h"
+#include "shared_segment.h"
 #include "topic_ring_layout.h"
 
 #include <chrono>
@@ -9,11 +9,11 @@
 
 namespace gorm::cor::ps {
 
-/// The signal file of a local topic, as all its users share it. Threads: any.
+/// The signal of a local topic, as all its users share it. Threads: any.
 class TopicSignal {
 public:
-    /// @param file at least sizeof(ring::SignalFile) long.
-    explicit TopicSignal(SharedFile file) : file_(std::move(file)) {}
+    /// @param segment at least sizeof(ring::Signal) long.
+    explicit TopicSignal(SharedSegment segment) : segment_(std::move(segment)) {}
 
     /// Tells of a counted event; what the caller has written before is visible to who sees it.
     /// Wakes sleepers, all at once: one that has been stopped then keeps nobody else.
@@ -27,12 +27,12 @@ public:
     void Sleep(std::uint32_t seen, std::chrono::milliseconds at_most);
 
 private:
-    ring::SignalFile& shared() const { return file_.as<ring::SignalFile>(); }
+    ring::Signal& shared() const { return segment_.as<ring::Signal>(); }
     /// @param mark as found after the word was changed from `before`.
     void Wake(std::uint32_t mark, std::uint32_t before);
     bool MarkAsleep(std::uint32_t seen);
 
-    SharedFile file_;
+    SharedSegment segment_;
 };
 
 }  // namespace gorm::cor::ps

@@ -48,7 +48,7 @@ void LocalNotifier::Reset() {
 
 [[gnu::hot]] std::shared_ptr<gorm::cor::ps::LocalTopic> LocalNotifier::Find(
     const std::string& stream) {
-    const std::lock_guard lock(mutex_);
+    std::unique_lock lock(mutex_);
     if (port_ == 0) {
         return nullptr;
     }
@@ -58,11 +58,20 @@ void LocalNotifier::Reset() {
         return topic.memory;
     }
     const auto now = std::chrono::steady_clock::now();
-    if (added || topic.memory != nullptr || now - topic.looked >= kLookAgain) {
-        topic.memory = gorm::cor::ps::LocalTopic::Find(host_, port_, "/" + stream);
-        topic.looked = now;
+    if (!added && topic.memory == nullptr && now - topic.looked < kLookAgain) {
+        return nullptr;
     }
-    return topic.memory;
+    topic.memory = nullptr;  // others use the wire meanwhile
+    topic.looked = now;
+    const std::uint16_t port = port_;
+    lock.unlock();
+    std::shared_ptr found = gorm::cor::ps::LocalTopic::Find(host_, port, "/" + stream);
+    lock.lock();
+    // Not if the connection was lost meanwhile.
+    if (const auto again = topics_.find(stream); port_ == port && again != topics_.end()) {
+        again->second.memory = found;
+    }
+    return found;
 }
 
 [[gnu::hot]] LocalNotifier::Way LocalNotifier::Notify(const std::string& stream) {

@@ -3,7 +3,12 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <log4cplus/appender.h>
+#include <log4cplus/initializer.h>
+#include <log4cplus/logger.h>
+#include <log4cplus/spi/loggingevent.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstdlib>
@@ -13,6 +18,7 @@
 #include <memory>
 #include <optional>
 #include <random>
+#include <set>
 #include <string>
 #include <sys/stat.h>
 #include <thread>
@@ -20,10 +26,9 @@
 #include <utility>
 #include <vector>
 
-// What others may do to the files of a local topic: the worst that comes of it are wake-ups of that
-// topic that are missing or not needed. But for making a file shorter that is mapped already, which
-// no program survives (docs/decisions/0007-local-topics.md). Every mapping lies between pages that
-// can not be touched (tests/fuzz/guarded_mapping.cpp), but under the sanitizers.
+// What others may do to the memory of a local topic: the worst that comes of it are wake-ups of
+// that topic that are missing or not needed. Every mapped file lies between pages that can not be
+// touched (tests/fuzz/guarded_mapping.cpp), but under the sanitizers.
 namespace gorm::cor::ps {
 namespace {
 
@@ -32,6 +37,20 @@ using namespace std::chrono_literals;
 
 constexpr const char* kNews = "news";  // the counted sample
 constexpr std::chrono::seconds kDeadline{20};
+
+/// Keeps what is logged. One thread.
+class Capture final : public log4cplus::Appender {
+public:
+    explicit Capture(std::vector<std::string>& texts) : texts_(texts) {}
+    ~Capture() override { destructorImpl(); }
+    void close() override {}
+
+private:
+    void append(const log4cplus::spi::InternalLoggingEvent& event) override {
+        texts_.push_back(event.getMessage());
+    }
+    std::vector<std::string>& texts_;
+};
 
 class HostileRingTest : public ::testing::Test {
 protected:
@@ -49,18 +68,17 @@ protected:
         return read;
     }
     std::string Events() const { return EventsPath(directory_, "/a"); }
-    std::string Signal() const {
-        for (const auto& entry : fs::directory_iterator(directory_)) {
-            if (entry.path().extension() == ".signal") {
-                return entry.path();
-            }
-        }
-        return {};
+    template <class T>
+    T& MapEvents() const {
+        static std::vector<SharedFile> mapped;  // to the end of the process
+        mapped.push_back(SharedFile::Open(Events(), sizeof(T), SharedFile::Mode::kWrite));
+        return mapped.back().as<T>();
     }
     template <class T>
-    static T& Map(const std::string& path) {
-        static std::vector<SharedFile> mapped;  // to the end of the process
-        mapped.push_back(SharedFile::Open(path, sizeof(T), SharedFile::Mode::kWrite));
+    T& MapSignal() const {
+        static std::vector<SharedSegment> mapped;  // to the end of the process
+        mapped.push_back(
+            SharedSegment::Attach(MapEvents<ring::EventsFile>().signal, sizeof(ring::Signal)));
         return mapped.back().as<T>();
     }
     /// Takes all there is, but no more than could be right; the events among it.
@@ -91,6 +109,15 @@ TEST_F(HostileRingTest, FilesThatAreNoRingAreNotOpenedAndGiveWayToOne) {
             make(path);
         };
     };
+    const log4cplus::Initializer initializer;
+    std::vector<std::string> warnings;
+    log4cplus::Logger log = log4cplus::Logger::getInstance("gorm.cor");
+    log.addAppender(log4cplus::SharedAppenderPtr(new Capture(warnings)));
+    std::vector<SharedSegment> segments;
+    const auto segment = [&](std::size_t bytes) {
+        segments.push_back(SharedSegment::Create(IPC_PRIVATE, bytes, {0666, 54321}));
+        return segments.back().id();
+    };
     const auto change = [](std::size_t at, char byte) {
         return [at, byte](const std::string& path) {
             std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
@@ -100,53 +127,71 @@ TEST_F(HostileRingTest, FilesThatAreNoRingAreNotOpenedAndGiveWayToOne) {
     };
     const struct {
         const char* name;
+        const char* warning;
         Damage damage;
-        bool events_only = false;
     } cases[] = {
-        {"no file", put([](auto&) {})},
-        {"empty", [](auto& path) { fs::resize_file(path, 0); }},
-        {"short", [](auto& path) { fs::resize_file(path, fs::file_size(path) - 1); }},
-        {"a pipe", put([](auto& path) { EXPECT_EQ(0, ::mkfifo(path.c_str(), 0600)); })},
-        {"a directory", put([](auto& path) { fs::create_directory(path); })},
-        {"behind a link", put([](auto& path) {
+        {"no file", "", put([](auto&) {})},
+        {"empty", "is no file of", [](auto& path) { fs::resize_file(path, 0); }},
+        {"short", "is no file of",
+         [](auto& path) { fs::resize_file(path, fs::file_size(path) - 1); }},
+        {"a pipe", "is no file of",
+         put([](auto& path) { EXPECT_EQ(0, ::mkfifo(path.c_str(), 0600)); })},
+        {"a directory", "is no file of", put([](auto& path) { fs::create_directory(path); })},
+        {"behind a link", "symbolic links", put([](auto& path) {
              fs::copy_file("/proc/self/exe", path + ".behind");  // long enough
              fs::create_symlink(path + ".behind", path);
          })},
-        {"a stranger's", [](auto& path) { EXPECT_EQ(0, ::chown(path.c_str(), 54321, 54321)); }},
-        {"another magic", change(0, 'X'), true},
-        {"another version", change(4, 2), true},
-        {"no such signal", change(8, 0), true},
-        {"a longer path", change(16, 3), true},
-        {"a path of 4 GiB", change(19, '\xFF'), true},
-        {"another path", change(21, 'b'), true},
+        {"a stranger's", "belongs to user 54321",
+         [](auto& path) { EXPECT_EQ(0, ::chown(path.c_str(), 54321, 54321)); }},
+        {"another magic", "no events of layout", change(0, 'X')},
+        {"another version", "no events of layout", change(4, 1)},
+        {"another ring's signal", "is another one", change(8, 0)},
+        {"a longer path", "another topic's", change(16, 3)},
+        {"a path of 4 GiB", "another topic's", change(19, '\xFF')},
+        {"another path", "another topic's", change(21, 'b')},
+        {"no signal", "segment 2000000000",
+         [this](auto&) { MapEvents<ring::EventsFile>().signal = 2'000'000'000; }},
+        {"a small signal", "has less than",
+         [&](auto&) { MapEvents<ring::EventsFile>().signal = segment(8); }},
+        {"a stranger's signal", "was made by user 54321",
+         [&](auto&) {
+             auto& events = MapEvents<ring::EventsFile>();
+             EXPECT_EQ(0, ::seteuid(54321));
+             events.signal = segment(sizeof(ring::Signal));
+             EXPECT_EQ(0, ::seteuid(0));
+         }},
+        {"an overwritten signal", "is another one",
+         [this](auto&) { ++MapSignal<ring::Signal>().nonce; }},
     };
-    for (const bool of_events : {true, false}) {
-        for (const auto& c : cases) {
-            SCOPED_TRACE(std::string(of_events ? "events: " : "signal: ") + c.name);
-            // Only root can give files away.
-            const bool possible = std::string(c.name) != "a stranger's" || ::geteuid() == 0;
-            if (!possible || (c.events_only && !of_events)) {
-                continue;
-            }
-            auto server = Make();
-            ASSERT_TRUE(Opens());
-            const std::string path = of_events ? Events() : Signal();
-            c.damage(path);
-            EXPECT_FALSE(Opens());
-            Leave(std::move(server));
-            TopicRingServer::RemoveAll(directory_);
-            server = Make();
-            EXPECT_TRUE(Opens());
-            server.reset();
-            fs::remove(path + ".behind");
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        if (std::string(c.name).find("stranger") != std::string::npos && ::geteuid() != 0) {
+            continue;  // only root can give files away
         }
+        auto server = Make();
+        ASSERT_TRUE(Opens());
+        c.damage(Events());
+        EXPECT_FALSE(Opens());
+        const auto fits = [&](auto& text) { return text.find(c.warning) != std::string::npos; };
+        EXPECT_TRUE(*c.warning == '\0' ? warnings.empty()
+                                       : std::any_of(warnings.begin(), warnings.end(), fits))
+            << ::testing::PrintToString(warnings);
+        Leave(std::move(server));
+        TopicRingServer::RemoveAll(directory_);
+        server = Make();
+        EXPECT_TRUE(Opens());
+        server.reset();
+        fs::remove(Events() + ".behind");
     }
+    // Each told of once, however often somebody looks.
+    EXPECT_EQ(warnings.size(), std::set(warnings.begin(), warnings.end()).size());
+    log.removeAllAppenders();
     const std::string long_path(ring::kMostPathBytes + 1, '/');
     EXPECT_THROW(Make(long_path.c_str()), std::exception);
     EXPECT_FALSE(TopicRingReader::Open(directory_, long_path));
 }
 
-// Both files hold anything, at any time. Every call ends, and another topic's users notice nothing.
+// Both hold anything, at any time. Every call ends, and another topic's users notice nothing.
 TEST_F(HostileRingTest, RandomWordsHarmNobody) {
     std::mt19937_64 random(4711);
     for (int round = 0; round < 40; ++round) {
@@ -155,9 +200,9 @@ TEST_F(HostileRingTest, RandomWordsHarmNobody) {
         auto writer = TopicRingWriter::Open(directory_, "/a");
         ASSERT_TRUE(reader && writer);
         auto& events =
-            Map<std::array<std::atomic<std::uint32_t>, sizeof(ring::EventsFile) / 4>>(Events());
+            MapEvents<std::array<std::atomic<std::uint32_t>, sizeof(ring::EventsFile) / 4>>();
         auto& signal =
-            Map<std::array<std::atomic<std::uint32_t>, sizeof(ring::SignalFile) / 4>>(Signal());
+            MapSignal<std::array<std::atomic<std::uint32_t>, sizeof(ring::Signal) / 4>>();
         const auto other = Make("/b");
         auto witness = TopicRingReader::Open(directory_, "/b");
         ASSERT_TRUE(witness);
@@ -210,7 +255,7 @@ TEST_F(HostileRingTest, RandomWordsHarmNobody) {
 TEST_F(HostileRingTest, AFloodInTheSignalKeepsNoEventFromAnybody) {
     constexpr int kEvents = 900;  // no more than the ring holds
     auto server = Make();
-    auto& signal = Map<ring::SignalFile>(Signal());
+    auto& signal = MapSignal<ring::Signal>();
     std::atomic<bool> stop{false};
     std::thread flood([&] {
         std::mt19937 random(4711);
