@@ -273,7 +273,11 @@ void TopicRingReader::BeginAt(std::string_view position) {
     const ring::Text& text = events().texts[number % ring::kTexts];
     // relaxed: the entry that led here was loaded with acquire.
     const std::uint32_t bytes = text.bytes.load(std::memory_order_relaxed);
-    text_.assign(text.text, std::min(bytes, ring::kMostTextBytes));
+    // Of our own, whatever becomes of the file. Nearly always it is the one that we have.
+    if (const std::string_view there(text.text, std::min(bytes, ring::kMostTextBytes));
+        there != text_) {
+        text_ = there;
+    }
     return text_;
 }
 
