@@ -7,6 +7,7 @@
 #include "listener_slot.h"
 #include "log.h"
 #include "runtime_directory.h"
+#include "short_slices.h"
 #include "sockets.h"
 #include "topic_ring.h"
 
@@ -375,7 +376,12 @@ WkpTopicReader::WkpTopicReader(zmq::context_t& context, const Address& address,
                                std::chrono::microseconds spin,
                                std::shared_ptr<const SampleCodec> codec)
     : feed_(std::make_shared<Feed>(context, address, spin, std::move(codec), loop_)) {
-    loop_.Run([this] { feed_->Begin(); });
+    loop_.Run([this] {
+        // Whoever publishes goes to sleep some time after it has told of a sample. On its processor
+        // the delivery would wait for that.
+        AskForShortSlices();
+        feed_->Begin();
+    });
 }
 
 WkpTopicReader::~WkpTopicReader() {

@@ -152,14 +152,14 @@ std::uint64_t AccessorReader::Unread() const {
 // Claims the next unread sample up to `last` (0: the newest now) for one signal.
 [[gnu::hot]] bool AccessorReader::ClaimSignal(std::uint64_t& last) {
     const std::lock_guard lock(mutex_);
-    if (ended_ || !reading_ || !HasPlace() || signal_.empty()) {
+    if (ended_ || !reading_ || !HasPlace()) {
         return false;
     }
     const std::uint64_t newest = current_->Newest();
     last = last == 0 ? newest : last;
     const std::uint64_t next =
         std::max({place_.signalled + 1, place_.next, current_->OldestRetained(newest)});
-    if (next > std::min(last, newest)) {
+    if (next > std::min(last, newest) || signal_.empty()) {  // which looks at every slot
         return false;
     }
     place_.signalled = next;

@@ -7,10 +7,14 @@
 #include <gtest/gtest.h>
 #include <zmq.hpp>
 
+#include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
+#include <sys/resource.h>
+#include <sys/syscall.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -174,6 +178,41 @@ TEST_F(LocalTopicTest, NobodySleepsThroughABeginningOrAnEnd) {
         slow += Clock::now() - begin > std::chrono::milliseconds(700) ? 1 : 0;
     }
     EXPECT_LE(slow, 2);
+}
+
+// Whoever is woken shall not wait for the processor of who wakes; all else of the thread is as its
+// maker's.
+TEST_F(LocalTopicTest, DeliveryHasShortSlicesOfTheProcessor) {
+    struct {
+        std::uint32_t size, policy;
+        std::uint64_t flags;
+        std::int32_t nice;
+        std::uint32_t priority;
+        std::uint64_t runtime_ns, deadline_ns, period_ns;
+    } before{}, made{}, delivery{};  // of sched_getattr(2)
+    ASSERT_EQ(0, ::syscall(SYS_sched_getattr, 0, &before, sizeof before, 0));
+    Open("/a");
+    Heard heard;
+    std::unique_ptr<ps::Subscriber<Word>> subscriber;
+    rr::ListenerRegistration registration;
+    std::thread([&] {
+        ASSERT_EQ(0, ::setpriority(PRIO_PROCESS, static_cast<id_t>(::gettid()), 5));
+        ASSERT_EQ(0, ::syscall(SYS_sched_getattr, 0, &made, sizeof made, 0));
+        subscriber = test::Subscribe(publisher_->port(), "/a", {});
+    }).join();
+    registration = subscriber->AddDataListener(
+        [&](auto&, const auto&) {
+            ::syscall(SYS_sched_getattr, 0, &delivery, sizeof delivery, 0);
+            heard.Add("");
+        },
+        {nullptr, ps::FilterMode::kAll, {ps::InstanceEvent::kUpdated}});
+    Publish("1");
+    heard.Await(1);
+    EXPECT_EQ(5, delivery.nice);
+    EXPECT_EQ(made.policy, delivery.policy);
+    if (before.runtime_ns != 0) {  // this kernel has slices of a thread's own
+        EXPECT_LT(delivery.runtime_ns, made.runtime_ns);
+    }
 }
 
 TEST_F(LocalTopicTest, WhatLiesElsewhereOrBelongsToOthersIsNotUsed) {
