@@ -59,7 +59,8 @@ private:
 /// A subscriber's end. Threads: one, but for Nudge().
 class TopicRingReader {
 public:
-    /// None: there is no ring of the topic in the directory that can be used.
+    /// None: there is no ring of the topic in the directory that can be used; why one that is there
+    /// can not, is logged once.
     static std::optional<TopicRingReader> Open(const std::string& directory,
                                                std::string_view topic);
 
