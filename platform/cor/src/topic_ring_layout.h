@@ -10,8 +10,10 @@
 // nobody can make shorter under those who have it mapped.
 //
 // `word` counts: what is sent very often, the counted event, adds kCounted; everything else that
-// a reader has to look at changes the low byte alone and always wakes. It is the futex that readers
-// sleep on.
+// a reader has to look at adds kNudged and always wakes. It is the futex that readers sleep on.
+// Every 256th nudge is carried over and so counts as an event that there was not, which costs a
+// look. Without that the word would be the same again after 256 of them, and a reader that had
+// looked before them and then stood still would go to sleep.
 //
 // `asleep_at` is the word's value at which somebody went to sleep, the newest such value.
 // `woken_at` is a mark that somebody has got through with waking for. Who adds to the word wakes if
@@ -38,6 +40,7 @@ inline constexpr std::uint32_t kEntries = 1024;
 inline constexpr std::uint32_t kTexts = 8;
 inline constexpr std::uint32_t kMostTextBytes = 508;
 inline constexpr std::uint32_t kMostPathBytes = 472;
+inline constexpr std::uint32_t kNudged = 1;
 inline constexpr std::uint32_t kCounted = 1U << 8;
 
 /// One of the few encoded samples that a topic's events consist of. Text 0 is the counted one.
@@ -78,10 +81,6 @@ static_assert(offsetof(Signal, woken_at) == 68);
 static_assert(offsetof(Signal, nonce) == 72);
 
 inline constexpr std::uint32_t kNeverWoken = 0x80000000;
-
-constexpr std::uint32_t Nudged(std::uint32_t word) {
-    return (word & ~0xFFU) | ((word + 1) & 0xFFU);
-}
 
 constexpr std::uint64_t PackEntry(std::uint64_t number, std::uint32_t word, std::uint32_t text) {
     return number << 32 | (word & ~0xFFU) | (text & 0xFF);

@@ -29,10 +29,7 @@ constexpr auto kOrdered = std::memory_order_seq_cst;  // the four accesses of to
 }
 
 void TopicSignal::Nudge() {
-    auto& word = shared().word;
-    std::uint32_t before = word.load(kOrdered);
-    while (!word.compare_exchange_weak(before, ring::Nudged(before), kOrdered, kOrdered)) {
-    }
+    const std::uint32_t before = shared().word.fetch_add(ring::kNudged, kOrdered);
     KVO_CRASH_POINT("topic nudged");
     Wake(shared().asleep_at.load(kOrdered), before);
 }

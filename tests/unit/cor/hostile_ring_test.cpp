@@ -251,6 +251,20 @@ TEST_F(HostileRingTest, RandomWordsHarmNobody) {
     }
 }
 
+// A reader that has looked, and then stands still before it sleeps, for as many events as can be.
+TEST_F(HostileRingTest, NoNumberOfEventsLooksLikeNone) {
+    auto server = Make();
+    auto reader = TopicRingReader::Open(directory_, "/a");
+    ASSERT_TRUE(reader);
+    for (const int events : {1, 255, 256, 257, 512, 65'536}) {
+        const std::uint32_t seen = reader->word();
+        for (int i = 0; i < events; ++i) {
+            ASSERT_TRUE(server->Publish("event"));
+        }
+        EXPECT_NE(seen, reader->word()) << events;
+    }
+}
+
 // Whoever may count may also store anything where he counts, as fast as he can.
 TEST_F(HostileRingTest, AFloodInTheSignalKeepsNoEventFromAnybody) {
     constexpr int kEvents = 900;  // no more than the ring holds

@@ -62,6 +62,16 @@ protected:
         Heard heard;
         rr::ListenerRegistration registration;
         void Listen() { registration = test::Listen(*subscriber, heard); }
+        /// But for news, of which there may be some without any having been published.
+        void ListenToEvents() {
+            registration = subscriber->AddDataListener(
+                [this](auto&, const ps::DataEvent<Word>& event) {
+                    if (const std::string& text = event.getData()->text; text != kNews) {
+                        heard.Add(text);
+                    }
+                },
+                {nullptr, ps::FilterMode::kAll, {ps::InstanceEvent::kUpdated}});
+        }
     };
     std::unique_ptr<Subscription> Subscribe(const Properties& properties = {}) {
         auto subscription = std::make_unique<Subscription>();
@@ -108,7 +118,7 @@ TEST_F(LocalTopicTest, EventsKeepTheirOrderAndCountedOnesAreMerged) {
 TEST_F(LocalTopicTest, ASubscriberMovesWithoutLossOrRepetition) {
     auto subscription = Subscribe();
     sockets_.Await(1);
-    subscription->Listen();
+    subscription->ListenToEvents();
     std::size_t published = 0;
     std::vector<std::string> expected;
     const auto publish = [&] {
@@ -173,7 +183,7 @@ TEST_F(LocalTopicTest, NobodySleepsThroughABeginningOrAnEnd) {
             std::this_thread::yield();
         }
         subscription->Listen();
-        EXPECT_THAT(subscription->heard.Await(1), ElementsAre(kNews));
+        EXPECT_THAT(subscription->heard.Await(1), ::testing::Contains(kNews));
         subscription.reset();
         slow += Clock::now() - begin > std::chrono::milliseconds(700) ? 1 : 0;
     }
