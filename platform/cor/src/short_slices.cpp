@@ -30,7 +30,9 @@ static_assert(sizeof(SchedulingAttributes) == 48);
 void AskForShortSlices() noexcept {
     SchedulingAttributes attributes{};
     if (::syscall(SYS_sched_getattr, 0, &attributes, sizeof attributes, 0) == 0 &&
-        attributes.policy == SCHED_NORMAL) {
+        attributes.policy == SCHED_NORMAL &&
+        // 0: a kernel that has no slices to ask for, and does not mind.
+        (attributes.runtime_ns == 0 || attributes.runtime_ns > kSliceNs)) {
         attributes.runtime_ns = kSliceNs;
         ::syscall(SYS_sched_setattr, 0, &attributes, 0);  // refused: as before
     }

@@ -51,8 +51,12 @@ struct Memory {
 };
 
 void DemandLayout(const ring::EventsFile& file, const std::string& path, std::string_view topic) {
-    if (file.magic != ring::kMagic || file.version != ring::kVersion) {
-        throw Error(path + " holds no events of layout " + std::to_string(ring::kVersion));
+    if (file.magic != ring::kMagic) {
+        throw Error(path + " holds no events");
+    }
+    if (file.version != ring::kVersion) {
+        throw Error(path + " has layout " + std::to_string(file.version) + ", not " +
+                    std::to_string(ring::kVersion));
     }
     if (file.path_bytes != topic.size() || std::string_view(file.path, topic.size()) != topic) {
         throw Error(path + " is another topic's");

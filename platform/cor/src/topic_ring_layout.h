@@ -74,7 +74,9 @@ struct Signal {
     std::atomic<std::uint32_t> word;
     alignas(64) std::atomic<std::uint32_t> asleep_at;
     std::atomic<std::uint32_t> woken_at;  // made with a value that is no mark for long
-    std::uint64_t nonce;                  // by the server, once; compared by who attaches it
+    // By the server, before the rename that lets others look; compared once by who attaches it.
+    // Whoever overwrites it keeps newcomers away from his topic's memory, so that they use sockets.
+    std::uint64_t nonce;
 };
 static_assert(offsetof(Signal, asleep_at) == 64);
 static_assert(offsetof(Signal, woken_at) == 68);
