@@ -100,6 +100,7 @@ std::optional<Memory> OpenMemory(const std::string& directory, std::string_view 
                 return std::nullopt;
             }
             reason = error.what();
+            break;  // no permission, for instance: as it will be at the next attempt
         } catch (const Error& error) {
             reason = error.what();
         }
