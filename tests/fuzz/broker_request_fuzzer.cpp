@@ -1,14 +1,14 @@
 // Decodes and runs whatever bytes clients may send, on the broker's own registry and files: the
 // input is a list of messages, each with its caller and its length before it.
-#include "broker_directory.h"
-#include "event_log.h"
-#include "gated_service.h"
 #include "kvo/broker/data_broker_registration_handler.h"
-#include "remote_streams.h"
-#include "request_handler.h"
-#include "stream_registry.h"
+#include "remote/remote_streams.h"
+#include "requests/event_log.h"
+#include "requests/gated_service.h"
+#include "requests/request_handler.h"
+#include "rr/wire.h"
+#include "streams/broker_directory.h"
+#include "streams/stream_registry.h"
 #include "temp_directory.h"
-#include "wire.h"
 
 #include <algorithm>
 #include <cstdint>

@@ -1,11 +1,11 @@
 // Lets the broker, a writer and a reader open and use stream and control files in which anything
 // may stand and change at any time. The input is a list of steps: who does what next, and which
 // word of which file is overwritten with what.
-#include "geometry.h"
 #include "kvo/memory/inspection.h"
 #include "kvo/memory/process_lock.h"
+#include "layout/geometry.h"
+#include "layout/segment.h"
 #include "sample_stream.h"
-#include "segment.h"
 #include "temp_directory.h"
 
 #include <algorithm>

@@ -1,13 +1,13 @@
 // Every named point of a local topic, hit once with SIGKILL and once with SIGSTOP: whoever dies or
 // stands still there keeps no event from the others, and leaves nothing.
-#include "address.h"
 #include "crash_points.h"
 #include "gorm/cor/ps/local_topic.h"
 #include "gorm/cor/ps/publisher.h"
-#include "runtime.h"
-#include "runtime_directory.h"
-#include "topic_ring.h"
-#include "wkp_topic_reader.h"
+#include "local/runtime_directory.h"
+#include "local/topic_ring.h"
+#include "ps/wkp_topic_reader.h"
+#include "runtime/runtime.h"
+#include "transport/address.h"
 
 #include <algorithm>
 #include <atomic>

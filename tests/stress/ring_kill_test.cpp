@@ -1,8 +1,8 @@
 // The server, the writers and the readers of a local topic, killed, stopped and restarted at random
 // moments. In between there are pauses in which nothing is published: whoever runs must then have
 // been told of all that was, long before it would look by itself.
+#include "local/topic_ring.h"
 #include "processes.h"
-#include "topic_ring.h"
 
 #include <CLI/CLI.hpp>
 

@@ -1,9 +1,9 @@
 #include "kvo/memory/memory_accessor.h"
 
-#include "accessor_reader.h"
-#include "accessor_writer.h"
 #include "fork_guard.h"
 #include "kvo/KvoLogger.h"
+#include "read/accessor_reader.h"
+#include "write/accessor_writer.h"
 
 #include <algorithm>
 #include <atomic>

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "broker_directory.h"
 #include "sample_stream.h"
-#include "stream_registry.h"
+#include "streams/broker_directory.h"
+#include "streams/stream_registry.h"
 #include "temp_directory.h"
 
 #include <gtest/gtest.h>

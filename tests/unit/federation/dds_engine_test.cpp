@@ -1,5 +1,5 @@
 // The module as the broker loads it, with both ends in this process.
-#include "federation.h"
+#include "remote/federation.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,7 +1,7 @@
 #include "memory_fixture.h"
-#include "sample_reader.h"
-#include "sample_store.h"
-#include "sample_writer.h"
+#include "read/sample_reader.h"
+#include "read/sample_store.h"
+#include "write/sample_writer.h"
 
 #include <array>
 #include <atomic>

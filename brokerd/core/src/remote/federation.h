@@ -1,0 +1,90 @@
+#pragma once
+
+#include "gorm/cor/service_loop.h"
+#include "kvo/brokerd/federation_engine.h"
+#include "remote/remote_brokers.h"
+#include "remote/remote_streams.h"
+#include "streams/stream_files.h"
+#include "streams/topics.h"
+
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace kvo {
+class KvoLogger;
+}
+
+namespace kvo::brokerd {
+
+/// Loads the engine's module. Throws std::runtime_error naming the file and what is wrong with it.
+std::unique_ptr<FederationEngine> LoadFederationEngine(const FederationOptions& options);
+
+/// What a broker needs to work with others: the streams between them, the engine that moves the
+/// samples, the questions to other brokers. The engine is loaded when it is first needed.
+/// Threads: the loop.
+class Federation {
+public:
+    struct Settings {
+        std::string name;  // of this broker for others: HOST:PORT
+        FederationOptions engine;
+        std::vector<std::string> exported;  // patterns of streams that are always exported
+        std::string topic_directory;        // of the local topics; empty: there are none
+        // Instead of the module, for a program that brings its own. Null: the module.
+        std::function<std::unique_ptr<FederationEngine>(const FederationOptions&)> load;
+    };
+    Federation(Settings settings, gorm::cor::ServiceLoop& loop, StreamRegistry& registry,
+               const StreamFiles& files, const SupervisedTime& time, Topics& topics,
+               KvoLogger* logger);
+    Federation(const Federation&) = delete;
+    Federation& operator=(const Federation&) = delete;
+    /// May take some seconds.
+    ~Federation();
+
+    RemoteStreams& streams() { return *streams_; }
+    void Tick();
+
+private:
+    /// Destroys transfers on a thread of its own, since the end of one may take a second.
+    class Reaper {
+    public:
+        Reaper();
+        ~Reaper();
+        void Take(std::unique_ptr<RemoteTransfer> transfer);
+
+    private:
+        void Run();
+        std::mutex mutex_;
+        std::condition_variable changed_;
+        std::deque<std::unique_ptr<RemoteTransfer>> transfers_;  // under the mutex
+        bool stopping_ = false;                                  // under the mutex
+        std::thread thread_;
+    };
+
+    FederationEngine& Engine();
+    std::unique_ptr<RemoteTransfer> StartImport(const RemoteStreams::ImportOrder& order);
+    std::unique_ptr<RemoteTransfer> StartExport(const RemoteStreams::ExportOrder& order);
+    RemoteStreams::Calls Calls();
+    /// For other threads: runs the function on the loop, unless we have gone by then.
+    template <class Function>
+    void PostIfAlive(Function function);
+
+    const Settings settings_;
+    gorm::cor::ServiceLoop& loop_;
+    const StreamFiles& files_;
+    Topics& topics_;
+    KvoLogger* const logger_;
+    const std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
+    std::unique_ptr<FederationEngine> engine_;  // null: not needed yet
+    std::unique_ptr<Reaper> reaper_;            // null: likewise
+    RemoteBrokers brokers_;
+    std::unique_ptr<RemoteStreams> streams_;
+};
+
+}  // namespace kvo::brokerd

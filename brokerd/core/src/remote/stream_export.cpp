@@ -1,0 +1,129 @@
+#include "remote/stream_export.h"
+
+#include "kvo/KvoLogger.h"
+#include "kvo/memory/memory_accessor.h"
+
+#include <algorithm>
+#include <chrono>
+#include <stdexcept>
+#include <utility>
+
+namespace kvo::brokerd {
+namespace {
+
+constexpr auto kRelaxed = std::memory_order_relaxed;
+// Whoever signals wakes the thread; this is for a publisher that dies between writing and that.
+constexpr std::chrono::milliseconds kLongestSleep{200};
+constexpr std::chrono::seconds kFarewell{1};
+
+}  // namespace
+
+StreamExport::StreamExport(const Order& order, FederationEngine& engine,
+                           std::unique_ptr<gorm::cor::ps::TopicWatch> watch, KvoLogger* logger)
+    : epoch_(order.epoch), watch_(std::move(watch)) {
+    accessor_ =
+        std::make_unique<KvoMemoryAccessor>(order.path, order.stream, logger, /*max_age_ms=*/0,
+                                            /*accessor_argument=*/1);
+    if (!accessor_->get_is_initialized()) {
+        throw std::runtime_error("the stream file " + order.path + " can not be read");
+    }
+    accessor_->StartReading();
+    writer_ = engine.MakeWriter(order.topic);
+    thread_ = std::thread([this] { Run(); });
+}
+
+StreamExport::~StreamExport() {
+    stopping_.store(true, kRelaxed);
+    Signal();
+    thread_.join();
+}
+
+void StreamExport::Abandon() {
+    abandoned_.store(true, kRelaxed);
+}
+
+void StreamExport::Signal() {
+    if (watch_ != nullptr) {
+        watch_->Wake();
+        return;
+    }
+    {
+        const std::lock_guard lock(mutex_);
+        signalled_ = true;
+    }
+    woken_.notify_one();
+}
+
+void StreamExport::Run() {
+    while (!stopping_.load(kRelaxed)) {
+        if (watch_ != nullptr) {
+            watch_->Look();  // before the file, so that what comes after is not slept through
+        }
+        Send();
+        if (!stopping_.load(kRelaxed)) {
+            Sleep();
+        }
+    }
+    Send();
+}
+
+void StreamExport::Sleep() {
+    if (watch_ != nullptr) {
+        watch_->Sleep(kLongestSleep);
+        return;
+    }
+    std::unique_lock lock(mutex_);
+    woken_.wait_for(lock, kLongestSleep, [this] { return signalled_; });
+    signalled_ = false;
+}
+
+void StreamExport::Send() {
+    const auto begun = std::chrono::steady_clock::now();
+    while (!abandoned_.load(kRelaxed)) {
+        DataSample* sample = nullptr;
+        accessor_->get_data_packet(nullptr, nullptr, nullptr, nullptr, nullptr, &sample);
+        // Each time, since where a slow host holds the export up there is always a next sample.
+        const ReaderCounters counters = accessor_->reader_counters();
+        overtaken_.store(counters.lost + counters.checksum_failures, kRelaxed);
+        sending_ms_.store(sample != nullptr ? sample->timestamp_ms() : 0, kRelaxed);
+        if (sample == nullptr) {
+            break;
+        }
+        RemoteSample remote;
+        remote.epoch = epoch_;
+        remote.sequence = sample->sequence_number();
+        remote.timestamp_ms = sample->timestamp_ms();
+        remote.sample_tag = sample->sample_tag();
+        remote.topic_id = sample->topic_id();
+        remote.metadata = sample->metadata();
+        remote.metadata_bytes = static_cast<std::uint32_t>(sample->metadata_size());
+        remote.payload = sample->payload();
+        remote.payload_bytes = static_cast<std::uint32_t>(sample->payload_size());
+        if (writer_->Write(remote)) {
+            samples_.fetch_add(1, kRelaxed);
+            bytes_.fetch_add(remote.payload_bytes, kRelaxed);
+        } else {
+            held_up_.fetch_add(1, kRelaxed);
+        }
+        if (stopping_.load(kRelaxed) && std::chrono::steady_clock::now() - begun > kFarewell) {
+            break;
+        }
+    }
+}
+
+TransferState StreamExport::State() const {
+    TransferState state;
+    state.samples = samples_.load(kRelaxed);
+    state.payload_bytes = bytes_.load(kRelaxed);
+    state.overtaken = overtaken_.load(kRelaxed);
+    state.held_up = held_up_.load(kRelaxed);
+    if (const std::uint64_t written_ms = sending_ms_.load(kRelaxed); written_ms != 0) {
+        const auto now = std::chrono::system_clock::now().time_since_epoch();
+        state.behind = std::max(std::chrono::duration_cast<std::chrono::milliseconds>(now) -
+                                    std::chrono::milliseconds(written_ms),
+                                std::chrono::milliseconds(0));
+    }
+    return state;
+}
+
+}  // namespace kvo::brokerd

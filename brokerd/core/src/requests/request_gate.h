@@ -1,0 +1,45 @@
+#pragma once
+
+#include "streams/supervised_time.h"
+
+#include <cstdint>
+#include <map>
+#include <string>
+
+namespace kvo::brokerd {
+
+/// Bounds what one connection may ask for, so that it leaves time for the others.
+/// Threads: one.
+class RequestGate {
+public:
+    struct Limits {
+        std::uint32_t rate;   // requests a second of one connection; 0: no limit
+        std::uint32_t burst;  // requests at once, above the rate
+    };
+    explicit RequestGate(const Limits& limits) : limits_(limits) {}
+
+    /// Counts one request. Throws std::runtime_error naming the limit that it is beyond.
+    void Admit(const std::string& connection, TimePoint now);
+
+    /// Lets go of connections that have not asked for so long that they may ask for all again. To
+    /// be called now and then; also of those that have ended, since nobody tells of them in time.
+    void ForgetIdle(TimePoint now);
+
+    void set_limits(const Limits& limits) { limits_ = limits; }
+    std::uint64_t admitted() const { return admitted_; }
+    std::uint64_t throttled() const { return throttled_; }
+
+private:
+    struct Bucket {
+        double left;  // requests
+        TimePoint filled;
+    };
+    void Fill(Bucket& bucket, TimePoint now) const;
+
+    Limits limits_;
+    std::map<std::string, Bucket> connections_;
+    std::uint64_t admitted_ = 0;
+    std::uint64_t throttled_ = 0;
+};
+
+}  // namespace kvo::brokerd

@@ -1,0 +1,38 @@
+#pragma once
+
+#include "curve/curve_server.h"
+#include "transport/log.h"
+#include "transport/poll_loop.h"
+
+#include <zmq.hpp>
+
+#include <map>
+#include <string>
+#include <vector>
+
+namespace gorm::cor {
+
+/// Tells the transport which peers of this process's CURVE servers may connect (ZAP, ZeroMQ RFC
+/// 27). The transport has room for one in a process. Threads: any.
+class Authenticator {
+public:
+    explicit Authenticator(zmq::context_t& context);
+
+    /// @param server must be removed before it goes.
+    void Add(const CurveServer::Impl& server);
+    void Remove(const CurveServer::Impl& server);
+
+private:
+    void Answer();
+    /// @param user by which its servers know the peer.
+    bool IsAllowed(const std::vector<zmq::message_t>& request, std::string& user);
+
+    // Its thread only
+    std::map<std::string, const CurveServer::Impl*> servers_;  // by domain
+    zmq::socket_t socket_;
+    FaultLog refusals_;
+
+    PollLoop loop_{"cor-auth"};  // last: its thread uses all of the above
+};
+
+}  // namespace gorm::cor

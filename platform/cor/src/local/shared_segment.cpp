@@ -1,0 +1,99 @@
+#include "local/shared_segment.h"
+
+#include "gorm/cor/errors.h"
+#include "kvo/crash_point.h"
+#include "local/runtime_directory.h"
+
+#include <cerrno>
+#include <cstdint>
+#include <string>
+#include <sys/shm.h>
+#include <system_error>
+
+namespace gorm::cor {
+namespace {
+
+[[noreturn]] void Throw(int error, int id) {
+    throw std::system_error(error, std::generic_category(), "segment " + std::to_string(id));
+}
+
+void Remove(int id) {
+    ::shmctl(id, IPC_RMID, nullptr);
+}
+
+int MakeExclusively(key_t key, std::size_t bytes) {
+    return ::shmget(key, bytes, IPC_CREAT | IPC_EXCL | 0600);
+}
+
+}  // namespace
+
+SharedSegment::SharedSegment(int id) : id_(id), memory_(::shmat(id, nullptr, 0)) {
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): the interface's own value for an error.
+    if (memory_ == reinterpret_cast<void*>(std::intptr_t{-1})) {
+        Throw(errno, id);
+    }
+}
+
+SharedSegment::~SharedSegment() {
+    if (memory_ != nullptr) {
+        ::shmdt(memory_);
+    }
+}
+
+SharedSegment SharedSegment::Create(key_t key, std::size_t bytes, const FileAccess& access) {
+    int id = MakeExclusively(key, bytes);
+    if (id < 0 && errno == EEXIST) {
+        if (const int left = ::shmget(key, 0, 0); left >= 0) {
+            Remove(left);
+        }
+        id = MakeExclusively(key, bytes);
+        if (id < 0 && errno == EEXIST) {
+            id = ::shmget(IPC_PRIVATE, bytes, 0600);  // another user's, who shall not keep us
+        }
+    }
+    if (id < 0) {
+        throw std::system_error(errno, std::generic_category(),
+                                "a segment of " + std::to_string(bytes) + " bytes");
+    }
+    KVO_CRASH_POINT("segment made");
+    try {
+        SharedSegment segment(id);
+        KVO_CRASH_POINT("segment mapped");
+        shmid_ds status{};
+        if (::shmctl(id, IPC_STAT, &status) != 0) {
+            Throw(errno, id);
+        }
+        status.shm_perm.mode = static_cast<unsigned short>(access.mode & 0777);
+        if (access.group != static_cast<gid_t>(-1)) {
+            status.shm_perm.gid = access.group;
+        }
+        if (::shmctl(id, IPC_SET, &status) != 0) {
+            Throw(errno, id);
+        }
+        KVO_CRASH_POINT("segment given its rights");
+        // On Linux it can still be attached by its id, for as long as somebody has it mapped.
+        Remove(id);
+        return segment;
+    } catch (...) {
+        Remove(id);
+        throw;
+    }
+}
+
+SharedSegment SharedSegment::Attach(int id, std::size_t bytes) {
+    shmid_ds status{};
+    if (::shmctl(id, IPC_STAT, &status) != 0) {
+        Throw(errno, id);
+    }
+    if (status.shm_segsz < bytes) {
+        throw Error("segment " + std::to_string(id) + " has less than " + std::to_string(bytes) +
+                    " bytes");
+    }
+    if (!IsTrustedUser(status.shm_perm.cuid)) {
+        throw Error("segment " + std::to_string(id) + " was made by user " +
+                    std::to_string(status.shm_perm.cuid));
+    }
+    return SharedSegment(id);
+}
+
+}  // namespace gorm::cor

@@ -1,0 +1,245 @@
+#include "kvo/memory/inspection.h"
+
+#include "layout/segment.h"
+#include "layout/slot_content.h"
+#include "layout/tags.h"
+#include "lifetime/process_observer.h"
+#include "lifetime/segment_state.h"
+#include "mapping.h"
+
+#include <algorithm>
+#include <chrono>
+#include <map>
+#include <thread>
+
+namespace kvo {
+namespace {
+
+// Loads are relaxed: figures of one moment, or looked at again before anything is said of them.
+constexpr auto kRelaxed = std::memory_order_relaxed;
+constexpr unsigned kRoleNonceBits = 32;
+constexpr unsigned kOwnerNonceBits = 48;
+
+constexpr int kLooks = 50;
+constexpr std::chrono::milliseconds kBetweenLooks{2};
+
+std::string Hex(const Uuid& uuid) {
+    const std::string path = Segment::ControlPath("", uuid);
+    return path.substr(0, path.find('.'));
+}
+
+ObservedProcess WriterOf(const Segment& segment, const ProcessObserver& processes) {
+    const std::uint64_t role = segment.words().writer_role.load(kRelaxed);
+    return processes.Look(RoleNumber(role), RoleNonce(role), kRoleNonceBits);
+}
+
+ObservedProcess ReaderOf(const Segment& segment, std::uint32_t row,
+                         const ProcessObserver& processes) {
+    const ProcessTag owner = UnpackOwner(segment.row(row).owner.load(kRelaxed));
+    return processes.Look(owner.number, owner.nonce, kOwnerNonceBits);
+}
+
+ObservedReader Observe(const Segment& segment, const ReaderState& state,
+                       const ProcessObserver& processes) {
+    ObservedReader reader;
+    reader.state = state;
+    reader.process = ReaderOf(segment, state.row, processes);
+    const std::uint64_t newest = segment.words().head.load(kRelaxed);
+    const bool placed = state.next_sequence > 0 && state.next_sequence <= newest;
+    reader.lag = placed ? newest - state.next_sequence + 1 : 0;
+    reader.copied = segment.ledger(state.row).copied.load(kRelaxed);
+    for (const auto& cell : segment.row(state.row).pins) {
+        const std::uint32_t pin = cell.load(kRelaxed);
+        if (pin >= 1 && pin <= segment.geometry().slot_count) {
+            const std::uint64_t word = segment.slot(pin - 1).word.load(kRelaxed);
+            const layout::SlotState slot_state = layout::WordState(word);
+            const bool content =
+                slot_state == layout::SlotState::kValid || slot_state == layout::SlotState::kClosed;
+            reader.pinned.push_back(content ? layout::WordVersion(word) : 0);
+        }
+    }
+    return reader;
+}
+
+/// The rules of a stream file, as they hold between any two steps of its users.
+class Rules {
+public:
+    Rules(const Segment& segment, const ProcessObserver& processes)
+        : segment_(segment), processes_(processes), geometry_(segment.geometry()) {}
+
+    std::vector<std::string> Broken() {
+        CheckWords();
+        CheckSlots();
+        CheckRetained();
+        for (std::uint32_t row = 0; row < layout::kRows; ++row) {
+            CheckRow(row);
+        }
+        return std::move(broken_);
+    }
+
+private:
+    void Demand(bool holds, const std::string& otherwise) {
+        if (!holds) {
+            broken_.push_back(otherwise);
+        }
+    }
+    static std::string Slot(std::uint32_t slot) { return "slot " + std::to_string(slot); }
+
+    void CheckWords();
+    void CheckSlots();
+    void CheckContent(std::uint32_t slot, std::uint64_t word);
+    void CheckRetained();
+    void CheckRow(std::uint32_t number);
+
+    const Segment& segment_;
+    const ProcessObserver& processes_;
+    const StreamGeometry& geometry_;
+    std::vector<std::string> broken_;
+};
+
+void Rules::CheckWords() {
+    const auto& words = segment_.words();
+    const std::uint32_t state = words.state.load(kRelaxed);
+    Demand(state == layout::kActive || state == layout::kRetired,
+           "the state is " + std::to_string(state));
+    const std::uint32_t mark = segment_.control().mark.load(kRelaxed);
+    Demand(mark <= geometry_.pinning_rows, "the mark of used rows is " + std::to_string(mark) +
+                                               ", only " + std::to_string(geometry_.pinning_rows) +
+                                               " may pin");
+    const std::uint64_t head = words.head.load(kRelaxed);
+    const std::uint64_t written = segment_.writer_counters().written.load(kRelaxed);
+    Demand(written <= head && head <= written + 1,
+           std::to_string(written) + " samples are counted, the newest is number " +
+               std::to_string(head));
+}
+
+void Rules::CheckSlots() {
+    const std::uint64_t head = segment_.words().head.load(kRelaxed);
+    std::map<std::uint64_t, std::uint32_t> holders;
+    std::uint32_t valid = 0;
+    for (std::uint32_t slot = 0; slot < geometry_.slot_count; ++slot) {
+        const std::uint64_t word = segment_.slot(slot).word.load(std::memory_order_acquire);
+        const layout::SlotState state = layout::WordState(word);
+        const std::uint64_t version = layout::WordVersion(word);
+        if (state != layout::SlotState::kValid && state != layout::SlotState::kClosed) {
+            continue;
+        }
+        valid += state == layout::SlotState::kValid;
+        Demand(version >= 1 && version <= head + 1, Slot(slot) + " holds sample " +
+                                                        std::to_string(version) +
+                                                        ", the newest is " + std::to_string(head));
+        const auto [holder, first] = holders.emplace(version, slot);
+        Demand(first, Slot(slot) + " and " + Slot(holder->second) + " both hold sample " +
+                          std::to_string(version));
+        CheckContent(slot, word);
+    }
+    // The newest ones, what waits to be closed, and one between its word and the head.
+    const std::uint32_t most = geometry_.retained_samples + geometry_.close_batch + 1;
+    Demand(valid <= most,
+           std::to_string(valid) + " slots take pins, at most " + std::to_string(most) + " may");
+}
+
+void Rules::CheckContent(std::uint32_t slot, std::uint64_t word) {
+    SlotContent content;
+    LoadContent(segment_, slot, content);
+    const bool intact = !content.has_checksum() || content.damaged ||
+                        ChecksumOf(segment_.payload(slot), content.payload_bytes,
+                                   content.metadata_bytes) == content.checksum;
+    if (segment_.slot(slot).word.load(std::memory_order_acquire) == word) {
+        Demand(!content.damaged, Slot(slot) + " names sizes that do not fit");
+        Demand(intact, Slot(slot) + " has another checksum than sample " +
+                           std::to_string(layout::WordVersion(word)));
+    }
+}
+
+void Rules::CheckRetained() {
+    const std::uint64_t head = segment_.words().head.load(std::memory_order_acquire);
+    const std::uint64_t retained = std::min<std::uint64_t>(head, geometry_.retained_samples);
+    // Counted from 0: a head that nobody honest wrote may be the last number there is.
+    for (std::uint64_t back = 0; back < retained; ++back) {
+        const std::uint64_t version = head - back;
+        const auto slot = FindSlot(segment_, version);
+        const bool there = slot && segment_.slot(*slot).word.load(std::memory_order_acquire) ==
+                                       layout::PackWord(version, layout::SlotState::kValid);
+        Demand(there, "sample " + std::to_string(version) + " of the newest " +
+                          std::to_string(retained) + " can not be read");
+    }
+}
+
+void Rules::CheckRow(std::uint32_t number) {
+    const auto& row = segment_.row(number);
+    const std::string name = "row " + std::to_string(number);
+    const bool owned = row.owner.load(std::memory_order_acquire) != 0;
+    const bool lives = owned && ReaderOf(segment_, number, processes_).lives;
+    for (std::uint32_t k = 0; k < layout::kMaxPinsPerRow; ++k) {
+        const std::uint32_t pin = row.pins[k].load(kRelaxed);
+        if (pin == 0) {
+            continue;
+        }
+        Demand(owned, name + " has a pin and no owner");
+        Demand(number < geometry_.pinning_rows && k < geometry_.pins_per_row,
+               name + " has a pin where none may be");
+        Demand(!owned || number < segment_.control().mark.load(kRelaxed),
+               name + " has a pin above the mark of used rows");
+        if (pin > geometry_.slot_count) {
+            Demand(false, name + " pins slot " + std::to_string(pin - 1) + " of " +
+                              std::to_string(geometry_.slot_count));
+        } else if (lives) {
+            const std::uint64_t word = segment_.slot(pin - 1).word.load(kRelaxed);
+            Demand(layout::WordState(word) != layout::SlotState::kWriting,
+                   Slot(pin - 1) + " is written while " + name + " pins it");
+        }
+    }
+}
+
+bool AnybodyLives(const Segment& segment, const ProcessObserver& processes) {
+    if (WriterOf(segment, processes).lives) {
+        return true;
+    }
+    for (std::uint32_t row = 0; row < layout::kRows; ++row) {
+        if (ReaderOf(segment, row, processes).lives) {
+            return true;
+        }
+    }
+    return false;
+}
+
+}  // namespace
+
+FileReport InspectStreamFile(const std::string& path) {
+    const auto segment = Segment::Observe(path);
+    const ProcessObserver processes(DirectoryOf(path));
+    FileReport report;
+    report.stream = segment->stream();
+    report.uuid = Hex(segment->uuid());
+    report.epoch = segment->epoch();
+    report.created_ms = segment->created_ms();
+    report.checksums = segment->asks_for_checksums();
+    report.geometry = segment->geometry();
+    report.writer = WriterStateOf(*segment);
+    report.writer_process = WriterOf(*segment, processes);
+    for (const ReaderState& state : ReaderStatesOf(*segment)) {
+        report.readers.push_back(Observe(*segment, state, processes));
+    }
+    return report;
+}
+
+std::vector<std::string> CheckStreamFile(const std::string& path) {
+    const auto segment = Segment::Observe(path);
+    const ProcessObserver processes(DirectoryOf(path));
+    std::vector<std::string> broken = Rules(*segment, processes).Broken();
+    for (int look = 1; look < kLooks && !broken.empty(); ++look) {
+        if (!AnybodyLives(*segment, processes)) {
+            break;
+        }
+        std::this_thread::sleep_for(kBetweenLooks);
+        const std::vector<std::string> again = Rules(*segment, processes).Broken();
+        // What is broken stays broken; what was a step on the way is not seen twice.
+        std::erase_if(broken, [&](const std::string& text) {
+            return std::find(again.begin(), again.end(), text) == again.end();
+        });
+    }
+    return broken;
+}
+
+}  // namespace kvo

@@ -1,0 +1,290 @@
+#include "kvo/memory/stream_file.h"
+
+#include "fork_guard.h"
+#include "kvo/crash_point.h"
+#include "layout/geometry.h"
+#include "layout/segment.h"
+#include "layout/tags.h"
+#include "lifetime/segment_state.h"
+#include "mapping.h"
+#include "random_bytes.h"
+#include "read/reader_row.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <optional>
+#include <stdexcept>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace kvo {
+namespace {
+
+void UnlinkIfThere(const std::string& path) {
+    if (::unlink(path.c_str()) != 0 && errno != ENOENT) {
+        ThrowErrno(errno, "removing " + path);
+    }
+}
+
+// A file under construction: gone with the object unless it was kept.
+class NewFile {
+public:
+    NewFile(std::string path, std::uint64_t bytes, std::uint32_t mode,
+            std::optional<std::uint32_t> group)
+        : path_(std::move(path)) {
+        const FileDescriptor file(
+            ::open(path_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600));
+        if (file.get() < 0) {
+            ThrowErrno(errno, "creating " + path_);
+        }
+        try {
+            SetAccess(file.get(), mode, group, path_);
+            ReserveBytes(file.get(), bytes, path_);
+            mapping_ = Mapping(file.get(), bytes, Mapping::Access::kWrite, path_);
+        } catch (...) {
+            ::unlink(path_.c_str());
+            throw;
+        }
+    }
+    NewFile(const NewFile&) = delete;
+    NewFile& operator=(const NewFile&) = delete;
+    ~NewFile() {
+        if (!kept_) {
+            ::unlink(path_.c_str());
+        }
+    }
+    const std::string& path() const { return path_; }
+    unsigned char* begin() const { return mapping_.at(0); }
+    void Keep() { kept_ = true; }
+
+private:
+    const std::string path_;
+    Mapping mapping_;
+    bool kept_ = false;
+};
+
+// Of the segment that the path names now, if it names one; what is no stream file is nobody's.
+std::optional<Uuid> UuidAt(const std::string& path) {
+    const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+    unsigned char bytes[sizeof(layout::DataHeader)];
+    if (file.get() < 0 || ::pread(file.get(), bytes, sizeof bytes, 0) != sizeof bytes) {
+        return std::nullopt;
+    }
+    std::uint32_t magic = 0;
+    layout::HeaderFields fields;
+    std::memcpy(&magic, bytes, sizeof magic);
+    std::memcpy(&fields, bytes + offsetof(layout::DataHeader, fields), sizeof fields);
+    if (magic != layout::kDataMagic || fields.header_digest != HeaderDigest(fields)) {
+        return std::nullopt;
+    }
+    Uuid uuid;
+    std::memcpy(uuid.data(), fields.uuid, uuid.size());
+    return uuid;
+}
+
+void FillControl(unsigned char* begin, const Uuid& uuid) {
+    auto* header = reinterpret_cast<layout::ControlHeader*>(begin);
+    header->layout_version = layout::kLayoutVersion;
+    header->header_bytes = sizeof(layout::ControlHeader);
+    header->reader_rows = layout::kRows;
+    std::memcpy(header->uuid, uuid.data(), uuid.size());
+    // [control-ready] Release: who acquires the magic sees the rest of the header.
+    header->magic.store(layout::kControlMagic, std::memory_order_release);
+}
+
+void FillData(unsigned char* begin, const StreamFile::Creation& creation, const Uuid& uuid) {
+    const StreamGeometry& g = creation.geometry;
+    const FileOffsets offsets = OffsetsOf(g);
+    auto* header = reinterpret_cast<layout::DataHeader*>(begin);
+    layout::HeaderFields& fields = header->fields;
+    fields.layout_version = layout::kLayoutVersion;
+    fields.header_bytes = sizeof(layout::DataHeader);
+    fields.byte_order = layout::kByteOrderTag;
+    fields.features = creation.checksum ? layout::kFeatureChecksum : 0;
+    fields.reader_rows = layout::kRows;
+    std::memcpy(fields.uuid, uuid.data(), uuid.size());
+    fields.epoch = creation.epoch;
+    fields.max_payload_bytes = g.max_payload_bytes;
+    fields.max_metadata_bytes = g.max_metadata_bytes;
+    fields.retained_samples = g.retained_samples;
+    fields.pinning_rows = g.pinning_rows;
+    fields.pins_per_row = g.pins_per_row;
+    fields.close_batch = g.close_batch;
+    fields.slot_count = g.slot_count;
+    fields.index_entries = offsets.index_entries;
+    fields.slot_stride = g.slot_stride;
+    fields.index_offset = layout::kIndexOffset;
+    fields.slot_headers_offset = offsets.slot_headers;
+    fields.payload_offset = offsets.payload;
+    fields.file_bytes = g.file_bytes;
+    fields.created_ms =
+        static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                       std::chrono::system_clock::now().time_since_epoch())
+                                       .count());
+    std::memcpy(fields.key_digest, creation.key_digest.data(), creation.key_digest.size());
+    fields.stream_bytes = static_cast<std::uint32_t>(creation.stream.size());
+    std::memcpy(fields.stream, creation.stream.data(), creation.stream.size());
+    fields.header_digest = HeaderDigest(fields);
+    // [data-ready] Release: who acquires the magic sees the whole header.
+    header->magic.store(layout::kDataMagic, std::memory_order_release);
+}
+
+class MappedStreamFile final : public StreamFile {
+public:
+    MappedStreamFile(std::string path, std::shared_ptr<Segment> segment)
+        : path_(std::move(path)), segment_(std::move(segment)) {}
+
+    const std::string& path() const override { return path_; }
+    std::string control_path() const override {
+        return Segment::ControlPath(path_, segment_->uuid());
+    }
+    const std::string& stream() const override { return segment_->stream(); }
+    const Uuid& uuid() const override { return segment_->uuid(); }
+    std::uint64_t epoch() const override { return segment_->epoch(); }
+    const StreamGeometry& geometry() const override { return segment_->geometry(); }
+    const KeyDigest& key_digest() const override { return segment_->key_digest(); }
+    bool asks_for_checksums() const override { return segment_->asks_for_checksums(); }
+
+    WriterState writer_state() const override;
+    std::vector<ReaderState> readers() const override;
+    void Retire() override;
+    int ReapDeadReaders(ProcessLock& lock) override;
+    bool InUse(const ProcessLock& lock) const override;
+    void Remove() override;
+
+private:
+    std::uint64_t Role() const {
+        // relaxed: who asks wants a name; nothing that the writer wrote is read on its account.
+        return segment_->words().writer_role.load(std::memory_order_relaxed);
+    }
+
+    const std::string path_;
+    const std::shared_ptr<Segment> segment_;
+};
+
+WriterState MappedStreamFile::writer_state() const {
+    return InForkedChild() ? WriterState{} : WriterStateOf(*segment_);
+}
+
+std::vector<ReaderState> MappedStreamFile::readers() const {
+    return InForkedChild() ? std::vector<ReaderState>{} : ReaderStatesOf(*segment_);
+}
+
+void MappedStreamFile::Retire() {
+    if (!InForkedChild()) {
+        // relaxed: the writer may see it a write later; whether a sample was in time is a race
+        // that order does not settle.
+        segment_->words().state.store(layout::kRetired, std::memory_order_relaxed);
+    }
+}
+
+int MappedStreamFile::ReapDeadReaders(ProcessLock& lock) {
+    int reaped = 0;
+    // Every row, not only those below the mark: a reader may have died between claim and mark.
+    for (std::uint32_t number = 0; !InForkedChild() && number < layout::kRows; ++number) {
+        auto& row = segment_->row(number);
+        // relaxed: only an exchange from this very value follows.
+        std::uint64_t owner = row.owner.load(std::memory_order_relaxed);
+        if (owner == 0 || lock.Lives(UnpackOwner(owner))) {
+            continue;
+        }
+        // A row is taken over before it is cleared, so that of several reapers one clears it and
+        // nobody's newly claimed row is. If we die here we are the dead owner.
+        if (TakeRowOver(row, owner, lock.Join())) {
+            ReleaseRow(row);
+            ++reaped;
+        }
+    }
+    return reaped;
+}
+
+bool MappedStreamFile::InUse(const ProcessLock& lock) const {
+    if (InForkedChild()) {
+        return false;
+    }
+    const std::uint64_t role = Role();
+    if (role != 0 && lock.Resolve(RoleNumber(role), RoleNonce(role))) {
+        return true;
+    }
+    for (std::uint32_t number = 0; number < layout::kRows; ++number) {
+        // relaxed: as in Role().
+        const std::uint64_t owner = segment_->row(number).owner.load(std::memory_order_relaxed);
+        if (owner != 0 && lock.Lives(UnpackOwner(owner))) {
+            return true;
+        }
+    }
+    return false;
+}
+
+void MappedStreamFile::Remove() {
+    if (InForkedChild()) {
+        return;
+    }
+    // In this order nobody finds a data file whose control file is missing for good.
+    if (UuidAt(path_) == segment_->uuid()) {
+        UnlinkIfThere(path_);
+    }
+    KVO_CRASH_POINT("data file removed");
+    UnlinkIfThere(Segment::ControlPath(path_, segment_->uuid()));
+}
+
+}  // namespace
+
+StreamFile::~StreamFile() = default;
+
+std::unique_ptr<StreamFile> StreamFile::Create(const Creation& creation) {
+    if (InForkedChild()) {
+        ThrowErrno(EPERM, "creating " + creation.path + " in a forked child");
+    }
+    if (creation.stream.empty() || creation.stream.size() >= sizeof layout::HeaderFields::stream) {
+        throw std::invalid_argument("stream identifier of " +
+                                    std::to_string(creation.stream.size()) +
+                                    " bytes refused: 1 to 255");
+    }
+    if (const std::string fault = FaultOf(creation.geometry); !fault.empty()) {
+        throw std::invalid_argument("impossible " + fault);
+    }
+    Uuid uuid;
+    FillRandom(uuid.data(), uuid.size());
+    const std::string control_path = Segment::ControlPath(creation.path, uuid);
+    const FileAccess& access = creation.access;
+    NewFile control(control_path, creation.geometry.control_bytes, access.shared_mode(),
+                    access.group);
+    KVO_CRASH_POINT("control file made");
+    NewFile data(std::filesystem::path(control_path).replace_extension(".new").string(),
+                 creation.geometry.file_bytes, access.mode, access.group);
+    KVO_CRASH_POINT("data file made");
+    FillControl(control.begin(), uuid);
+    KVO_CRASH_POINT("control file filled");
+    FillData(data.begin(), creation, uuid);
+    KVO_CRASH_POINT("data file filled");
+    // Looked at as others will, while nothing is in place yet.
+    auto segment = Segment::Open(data.path(), Segment::Access::kWrite);
+    auto file = std::make_unique<MappedStreamFile>(creation.path, std::move(segment));
+
+    const auto replaced = UuidAt(creation.path);
+    if (::rename(data.path().c_str(), creation.path.c_str()) != 0) {
+        ThrowErrno(errno, "putting " + creation.path + " in place");
+    }
+    KVO_CRASH_POINT("data file in place");
+    data.Keep();
+    control.Keep();
+    if (replaced) {
+        // Dead or failed here, an unused control file stays behind and nothing else.
+        ::unlink(Segment::ControlPath(creation.path, *replaced).c_str());
+    }
+    return file;
+}
+
+std::unique_ptr<StreamFile> StreamFile::Open(const std::string& path) {
+    if (InForkedChild()) {
+        ThrowErrno(EPERM, "opening " + path + " in a forked child");
+    }
+    return std::make_unique<MappedStreamFile>(path, Segment::Open(path, Segment::Access::kWrite));
+}
+
+}  // namespace kvo

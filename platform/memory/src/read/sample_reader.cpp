@@ -1,0 +1,242 @@
+#include "read/sample_reader.h"
+
+#include "layout/copy_out.h"
+
+#include <algorithm>
+#include <exception>
+
+namespace kvo {
+namespace {
+
+// A miss means that the writer has moved on; looking again finds where to.
+constexpr int kPinAttempts = 3;
+// Bounded: a writer that overtakes us every time is faster than we can read, and the caller has
+// to learn that instead of waiting here.
+constexpr int kOvertakings = 8;
+// So many samples that were there at the first look are a backlog: the writer is far ahead. Who
+// fetches ahead sooner takes lines away that the writer is about to fill.
+constexpr unsigned kBacklog = 32;
+
+bool TooOld(const SlotContent& content, std::uint64_t now_ns, std::uint64_t max_age_ns) {
+    return max_age_ns != 0 && now_ns > content.monotonic_ns &&
+           now_ns - content.monotonic_ns > max_age_ns;
+}
+
+}  // namespace
+
+std::string SampleReader::ClaimRow(const std::string& directory) {
+    if (row_tried_) {
+        return {};
+    }
+    row_tried_ = true;
+    try {
+        row_ = ReaderRow::Claim(segment_, ProcessLock::ForDirectory(directory));
+        return row_ != nullptr ? "" : "all " + std::to_string(layout::kRows) + " rows are taken";
+    } catch (const std::exception& error) {
+        return error.what();
+    }
+}
+
+std::uint64_t SampleReader::Newest() const {
+    // [newest] Acquire: the index entry of this version is visible.
+    const std::uint64_t head = segment_->words().head.load(std::memory_order_acquire);
+    return head < layout::kMaxVersion ? head : 0;
+}
+
+std::uint64_t SampleReader::OldestRetained(std::uint64_t newest) const {
+    const std::uint64_t retained = segment_->geometry().retained_samples;
+    return newest > retained ? newest - retained + 1 : 1;
+}
+
+std::uint64_t SampleReader::Unread(std::uint64_t next, std::uint64_t newest) const {
+    const std::uint64_t first = std::max(next, OldestRetained(newest));
+    return newest >= first ? newest - first + 1 : 0;
+}
+
+std::uint64_t SampleReader::FirstYoung(std::uint64_t max_age_ns) const {
+    const std::uint64_t newest = Newest();
+    const std::uint64_t now_ns = MonotonicTick();
+    SlotContent content;
+    for (std::uint64_t version = OldestRetained(newest); version <= newest; ++version) {
+        const auto slot = FindSlot(*segment_, version);
+        // [slot-ready] Acquire: the header is this version's or a later one's; of a later one's
+        // age it does no harm to judge.
+        if (slot && segment_->slot(*slot).word.load(std::memory_order_acquire) ==
+                        layout::PackWord(version, layout::SlotState::kValid)) {
+            LoadContent(*segment_, *slot, content);
+            if (!TooOld(content, now_ns, max_age_ns)) {
+                return version;
+            }
+        }
+    }
+    return newest + 1;
+}
+
+// Finds out whether a sample is there with looks at as few of the writer's lines as possible: a
+// busy writer would have to fetch each of them back. First at the word of the likely slot. Where
+// the writer has promised that slot, that is all. Else at the index, and at `head` last.
+[[gnu::hot]] void SampleReader::LookFor(std::uint64_t version) {
+    if (version <= known_newest_) {
+        return;
+    }
+    if (likely_slot_ != kNoSlot) {
+        const std::uint64_t valid = layout::PackWord(version, layout::SlotState::kValid);
+        const std::uint64_t word =
+            segment_->slot(likely_slot_).word.load(std::memory_order_acquire);  // [slot-ready]
+        if (word == valid) {
+            known_newest_ = version;
+            return;
+        }
+        // A word beyond that one says that the version has been there: closed, or overwritten.
+        if (word < valid && PromiseHolds(version)) {
+            return;
+        }
+    }
+    const std::uint64_t entry = LoadIndex(*segment_, version);
+    if (entry == layout::PackIndex(version, layout::IndexSlot(entry))) {
+        known_newest_ = version;
+    } else if (entry != 0 && entry != layout::PackIndex(version - segment_->index_mask() - 1,
+                                                        layout::IndexSlot(entry))) {
+        LookForNewest();  // the entry is neither the one before nor the one looked for
+    }
+}
+
+void SampleReader::LookForUnread(std::uint64_t next) {
+    LookFor(next);
+    if (next <= known_newest_) {
+        LookForNewest();
+    }
+}
+
+// While it holds, the version is written into the likely slot or not at all. Asked after the look
+// at that slot's word: words and rounds only grow, so that a round which has not changed by now
+// had not changed then.
+bool SampleReader::PromiseHolds(std::uint64_t version) const {
+    // [promise] Acquire: who was told of a version that another writer has put elsewhere sees the
+    // round that this writer began before.
+    return version == promised_version_ &&
+           segment_->words().scan_round.load(std::memory_order_acquire) == promised_round_;
+}
+
+[[gnu::hot]] bool SampleReader::TakeNext(std::uint64_t max_age_ns, std::uint64_t& next,
+                                         ReaderCounters& counters, TakenSample& taken,
+                                         std::vector<std::uint64_t>& damaged) {
+    const std::uint64_t now_ns = max_age_ns != 0 ? MonotonicTick() : 0;
+    LookFor(next);
+    int overtakings = 0;
+    while (next <= known_newest_) {
+        if (const std::uint64_t oldest = OldestRetained(known_newest_); next < oldest)
+            [[unlikely]] {
+            counters.lost += oldest - next;
+            next = oldest;
+        }
+        taken.pin = {};
+        if (!Read(next, taken)) [[unlikely]] {
+            LookForNewest();
+            if (next >= OldestRetained(known_newest_)) {  // its place in the index was given on
+                ++counters.lost;
+                ++next;
+            }
+            if (++overtakings == kOvertakings) {
+                return false;
+            }
+            continue;
+        }
+        taken.sequence_number = next++;
+        if (TooOld(taken.content, now_ns, max_age_ns)) [[unlikely]] {
+            ++counters.stale;
+        } else if (!Intact(taken)) [[unlikely]] {
+            ++counters.checksum_failures;
+            damaged.push_back(taken.sequence_number);
+        } else {
+            ++counters.read;
+            counters.copied += taken.bytes == taken.copy.data() ? 1 : 0;
+            Follow(taken);
+            return true;
+        }
+    }
+    taken.pin = {};
+    taken_in_a_row_ = 0;
+    return false;
+}
+
+bool SampleReader::Read(std::uint64_t version, TakenSample& taken) const {
+    if (row_ != nullptr && Pin(version, taken)) [[likely]] {
+        return true;
+    }
+    const auto slot = FindSlot(*segment_, version);
+    if (!slot || !CopyOut(*segment_, *slot, version, taken.content, taken.copy)) {
+        return false;
+    }
+    taken.bytes = taken.copy.data();
+    return true;
+}
+
+bool SampleReader::Pin(std::uint64_t version, TakenSample& taken) const {
+    for (int attempt = 0; attempt < kPinAttempts; ++attempt) {
+        if (attempt > 0 && version < OldestRetained(Newest())) {
+            return false;
+        }
+        const auto slot = Find(version);
+        if (!slot) {
+            continue;
+        }
+        __builtin_prefetch(segment_->payload(*slot));
+        int pin = ReaderRow::kNoPin;
+        switch (row_->Pin(*slot, version, pin)) {
+            case ReaderRow::PinOutcome::kPinned:
+                taken.pin = PinHold(row_, pin);
+                LoadContent(*segment_, *slot, taken.content);
+                taken.bytes = segment_->payload(*slot);
+                return true;
+            case ReaderRow::PinOutcome::kMissed:
+                break;
+            case ReaderRow::PinOutcome::kNoRoom:
+                return false;
+        }
+    }
+    return false;
+}
+
+std::optional<std::uint32_t> SampleReader::Find(std::uint64_t version) const {
+    if (likely_slot_ != kNoSlot &&
+        segment_->slot(likely_slot_).word.load(std::memory_order_relaxed) ==
+            layout::PackWord(version, layout::SlotState::kValid)) {
+        return likely_slot_;
+    }
+    return FindSlot(*segment_, version);
+}
+
+void SampleReader::Follow(const TakenSample& taken) {
+    const std::uint32_t likely = taken.content.next_slot;
+    likely_slot_ = likely >= 1 && likely <= segment_->geometry().slot_count ? likely - 1 : kNoSlot;
+    // Relaxed: whatever is read here counts only while it is still there at the next look. All of
+    // its bits, since those in the header come again after 2^24 rounds.
+    promised_round_ = segment_->words().scan_round.load(std::memory_order_relaxed);
+    const bool promised = likely_slot_ != kNoSlot && (taken.content.flags & layout::kPromiseBits) ==
+                                                         layout::PackPromise(promised_round_);
+    promised_version_ = promised ? taken.sequence_number + 1 : 0;
+    if (likely_slot_ != kNoSlot && ++taken_in_a_row_ > kBacklog) {
+        __builtin_prefetch(&segment_->slot(likely_slot_));
+        __builtin_prefetch(segment_->payload(likely_slot_));
+    }
+}
+
+bool SampleReader::Intact(TakenSample& taken) const {
+    const SlotContent& content = taken.content;
+    const bool checked = content.has_checksum() || segment_->asks_for_checksums();
+    if (content.damaged || (checked && !content.has_checksum())) [[unlikely]] {
+        return false;
+    }
+    taken.checksum_state = checked ? ChecksumState::kVerified : ChecksumState::kNone;
+    return !checked || ChecksumOf(taken.bytes, content.payload_bytes, content.metadata_bytes) ==
+                           content.checksum;
+}
+
+void SampleReader::PublishLedger(const ReaderCounters& counters, std::uint64_t next) const {
+    if (row_ != nullptr) {
+        row_->PublishLedger(counters, next);
+    }
+}
+
+}  // namespace kvo

@@ -1,0 +1,87 @@
+#pragma once
+
+#include "kvo/memory/data_sample.h"
+#include "kvo/memory/memory_accessor.h"
+#include "layout/segment.h"
+#include "layout/slot_content.h"
+#include "read/reader_row.h"
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace kvo {
+
+/// A sample as it was taken: pinned where it lies, or copied.
+struct TakenSample {
+    std::uint64_t sequence_number = 0;
+    SlotContent content;
+    ChecksumState checksum_state = ChecksumState::kNone;
+    const unsigned char* bytes = nullptr;  // payload, then metadata
+    PinHold pin;
+    std::vector<unsigned char> copy;  // memory at most when pinned
+};
+
+/// One reader's view of one segment. It believes nothing that it has not checked itself.
+/// Threads: one at a time.
+class SampleReader {
+public:
+    explicit SampleReader(std::shared_ptr<Segment> segment) : segment_(std::move(segment)) {}
+
+    const Segment& segment() const { return *segment_; }
+
+    /// Claims a row of the segment's table, if that has not been tried before; without one every
+    /// sample is copied. @return what went wrong; empty: nothing.
+    std::string ClaimRow(const std::string& directory);
+
+    std::uint64_t Newest() const;
+    std::uint64_t OldestRetained(std::uint64_t newest) const;
+    /// The first sample to read for who has read none: the oldest that is young enough.
+    std::uint64_t FirstYoung(std::uint64_t max_age_ns) const;
+
+    /// How many samples are to be had from `next` on, of those up to `newest`.
+    std::uint64_t Unread(std::uint64_t next, std::uint64_t newest) const;
+
+    /// Takes the first sample from `next` on that can be had, and counts those that can not.
+    /// @param max_age_ns 0: any age.
+    /// @param taken      its copy's memory is used again.
+    /// @param damaged    gets the sequence numbers of those skipped for their checksum.
+    /// @return false: there is none up to known_newest().
+    bool TakeNext(std::uint64_t max_age_ns, std::uint64_t& next, ReaderCounters& counters,
+                  TakenSample& taken, std::vector<std::uint64_t>& damaged);
+
+    /// What TakeNext() believes to be the newest sample. It looks for itself when it needs to;
+    /// who wants to know exactly looks before.
+    std::uint64_t known_newest() const { return known_newest_; }
+    void LookForNewest() { known_newest_ = Newest(); }
+    /// The same if there is a sample from `next` on; that there is none costs a busy writer less.
+    void LookForUnread(std::uint64_t next);
+
+    void PublishLedger(const ReaderCounters& counters, std::uint64_t next) const;
+
+private:
+    static constexpr std::uint32_t kNoSlot = layout::kMaxSlots;
+
+    bool Read(std::uint64_t version, TakenSample& taken) const;
+    bool Pin(std::uint64_t version, TakenSample& taken) const;
+    bool Intact(TakenSample& taken) const;
+    void LookFor(std::uint64_t version);
+    bool PromiseHolds(std::uint64_t version) const;
+    std::optional<std::uint32_t> Find(std::uint64_t version) const;
+    void Follow(const TakenSample& taken);
+
+    const std::shared_ptr<Segment> segment_;
+    boost::intrusive_ptr<ReaderRow> row_;  // null: none
+    bool row_tried_ = false;
+    std::uint64_t known_newest_ = 0;
+    std::uint32_t likely_slot_ = kNoSlot;  // of the version behind the one that was read last
+    // The version that is in no other slot than the likely one while `scan_round` is this.
+    std::uint64_t promised_version_ = 0;  // 0: none
+    std::uint64_t promised_round_ = 0;
+    unsigned taken_in_a_row_ = 0;  // since the last time that there was nothing
+};
+
+}  // namespace kvo
