@@ -1,6 +1,7 @@
 #include "output_stream.h"
 
 #include "exit_codes.h"
+#include "kvo/os/file_descriptor.h"
 
 #include <array>
 #include <cerrno>
@@ -15,13 +16,14 @@ namespace {
 // A pipe or terminal that nobody empties must not keep the command from ending, so it is opened
 // again without blocking: setting that on the inherited descriptor would set it for the shell too.
 // Fails (no /proc, no reader left): the inherited descriptor is used as it is.
-UniqueFd ReopenStandardOutput() {
+os::FileDescriptor ReopenStandardOutput() {
     struct stat status {};
     if (::fstat(STDOUT_FILENO, &status) != 0 ||
         !(S_ISFIFO(status.st_mode) || ::isatty(STDOUT_FILENO) == 1)) {
-        return UniqueFd();
+        return os::FileDescriptor();
     }
-    return UniqueFd(::open("/proc/self/fd/1", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    return os::FileDescriptor(
+        ::open("/proc/self/fd/1", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
 }
 
 }  // namespace
@@ -31,7 +33,8 @@ OutputStream::OutputStream(const std::string& path)
     if (path.empty()) {
         file_ = ReopenStandardOutput();
     } else {
-        file_ = UniqueFd(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+        file_ = os::FileDescriptor(
+            ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
         if (file_.get() < 0) {
             throw CommandFailure(ExitCode::kFailure,
                                  "cannot create " + path + ": " + std::strerror(errno));

@@ -1,7 +1,7 @@
 #pragma once
 
+#include "kvo/os/file_descriptor.h"
 #include "stop_signal.h"
-#include "unique_fd.h"
 
 #include <span>
 #include <string>
@@ -25,7 +25,7 @@ public:
 
 private:
     std::string name_;
-    UniqueFd file_;
+    os::FileDescriptor file_;
     int fd_;
 };
 

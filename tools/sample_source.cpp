@@ -1,6 +1,7 @@
 #include "sample_source.h"
 
 #include "exit_codes.h"
+#include "kvo/os/file_descriptor.h"
 
 #include <algorithm>
 #include <array>
@@ -25,7 +26,7 @@ InputStream::InputStream(const std::string& path) : name_(path) {
         name_ = "standard input";
         return;
     }
-    file_ = UniqueFd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    file_ = os::FileDescriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     fd_ = file_.get();
     if (fd_ < 0) {
         throw CommandFailure(ExitCode::kFailure,

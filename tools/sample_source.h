@@ -1,8 +1,8 @@
 #pragma once
 
+#include "kvo/os/file_descriptor.h"
 #include "stop_signal.h"
 #include "telemetry.h"
-#include "unique_fd.h"
 
 #include <chrono>
 #include <cstddef>
@@ -33,7 +33,7 @@ public:
 
 private:
     std::string name_;
-    UniqueFd file_;  // none for standard input
+    os::FileDescriptor file_;  // none for standard input
     int fd_ = 0;
 };
 

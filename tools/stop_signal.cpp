@@ -1,5 +1,7 @@
 #include "stop_signal.h"
 
+#include "kvo/os/file_descriptor.h"
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -38,7 +40,7 @@ void BlockStopSignals() {
 
 StopSignal::StopSignal() {
     const sigset_t set = StopSignals();
-    signals_ = UniqueFd(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
+    signals_ = os::FileDescriptor(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
     if (signals_.get() < 0) {
         throw std::system_error(errno, std::system_category(), "signalfd");
     }

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "unique_fd.h"
+#include "kvo/os/file_descriptor.h"
 
 #include <chrono>
 #include <optional>
@@ -32,7 +32,7 @@ public:
     void WaitUntil(Deadline deadline) { Wait({}, deadline); }
 
 private:
-    UniqueFd signals_;
+    os::FileDescriptor signals_;
     bool requested_ = false;
 };
 

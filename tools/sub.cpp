@@ -2,6 +2,7 @@
 #include "broker_probe.h"
 #include "command.h"
 #include "kvo/KvoDataTransferFactory.h"
+#include "kvo/os/file_descriptor.h"
 #include "output_stream.h"
 #include "stop_signal.h"
 #include "tool_log.h"
@@ -153,7 +154,8 @@ public:
         : subscriber_(subscriber), options_(options), stop_(stop), output_(options.output) {}
 
     ExitCode Run() {
-        const auto wake = std::make_shared<UniqueFd>(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+        const auto wake =
+            std::make_shared<os::FileDescriptor>(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
         // A slot may still run when its connection has ended, so it shares what it touches.
         const boost::signals2::scoped_connection connection =
             subscriber_.connect([wake] { eventfd_write(wake->get(), 1); });

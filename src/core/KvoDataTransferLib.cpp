@@ -2,9 +2,9 @@
 
 #include "configuration.h"
 #include "gorm/cor/cor.h"
-#include "gorm/cor/process.h"
 #include "heartbeat.h"
 #include "kvo/memory/process_lock.h"
+#include "kvo/os/fork_guard.h"
 #include "transfer_state.h"
 
 #include <boost/thread/future.hpp>
@@ -31,7 +31,7 @@ KvoDataTransferLib::KvoDataTransferLib(const log4cplus::Logger& logger)
 }
 
 KvoDataTransferLib::~KvoDataTransferLib() {
-    if (gorm::cor::in_forked_child()) {
+    if (os::InForkedChild()) {
         // The threads behind the client and the listener stayed in the parent: nothing here may
         // wait for them. The memory goes with the child.
         static_cast<void>(new std::shared_ptr<TransferState>(state));
@@ -87,7 +87,7 @@ void KvoDataTransferLib::SetQoS(int latency, int deadline) {
 }
 
 std::unique_ptr<DataBrokerRegistrationSync> KvoDataTransferLib::GetBrokerClient() {
-    return gorm::cor::in_forked_child() ? nullptr : state->broker_client.Take();
+    return os::InForkedChild() ? nullptr : state->broker_client.Take();
 }
 
 std::string KvoDataTransferLib::GetConfigFilePath() {
@@ -112,7 +112,7 @@ std::string KvoDataTransferLib::VerifyPathInBrokerUri(std::string uri) {
 }
 
 int KvoDataTransferLib::InitCOR(std::string uri) {
-    if (gorm::cor::in_forked_child()) {
+    if (os::InForkedChild()) {
         return -1;
     }
     gorm::cor::VekFactory& factory = gorm::cor::loadCorForUri(uri, {});
@@ -135,9 +135,6 @@ int KvoDataTransferLib::InitCOR(std::string uri) {
         auto connected = state->broker_client.Call(
             "Connect", [](DataBrokerRegistrationSync& client) { return client.Connect(); });
         if (connected.wait_for(kConnectWait) == boost::future_status::ready) {
-            // The record beside a process's lock names it as the middleware does, so that a broker
-            // can tell from the lock whether the sender of a request lives.
-            ProcessLock::SetProcessIdentity(gorm::cor::process_identity());
             state->connected_to_broker = true;
             Log(1, "KvoDataTransferLib: Broker connection established");
             return 1;

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "kvo/broker/data_broker_registration_sync.h"
-#include "kvo/memory/light_mutex.h"
+#include "kvo/os/light_mutex.h"
 
 #include <memory>
 #include <mutex>
@@ -44,7 +44,7 @@ public:
     }
 
 private:
-    LightMutex mutex_;
+    os::LightMutex mutex_;
     std::unique_ptr<DataBrokerRegistrationSync> client_;
 };
 

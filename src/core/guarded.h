@@ -1,6 +1,6 @@
 #pragma once
 
-#include "kvo/memory/light_mutex.h"
+#include "kvo/os/light_mutex.h"
 
 #include <mutex>
 #include <utility>
@@ -28,7 +28,7 @@ public:
     }
 
 private:
-    mutable LightMutex mutex_;
+    mutable os::LightMutex mutex_;
     T value_{};
 };
 

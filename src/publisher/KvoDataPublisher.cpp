@@ -3,8 +3,8 @@
 #include "../core/configuration.h"
 #include "../core/detached_thread.h"
 #include "../core/heartbeat.h"
-#include "gorm/cor/process.h"
 #include "kvo/broker/broker_result.h"
+#include "kvo/os/fork_guard.h"
 #include "publisher_state.h"
 
 #include <ctime>
@@ -58,7 +58,7 @@ KvoDataPublisher::KvoDataPublisher(const log4cplus::Logger& logger)
 }
 
 KvoDataPublisher::~KvoDataPublisher() {
-    if (gorm::cor::in_forked_child()) {
+    if (os::InForkedChild()) {
         static_cast<void>(new std::shared_ptr<PublisherState>(publisher_state));
         return;
     }
@@ -113,7 +113,7 @@ void KvoDataPublisher::set_topic_id(int topic_id) {
 
 int KvoDataPublisher::RegisterPublisher(std::string broker_uri, std::string data_stream_identifier,
                                         bool compute_checksum) {
-    if (gorm::cor::in_forked_child()) {
+    if (os::InForkedChild()) {
         return -1;
     }
     publisher_state->registration.With([&](PublisherState::Registration& r) {
@@ -233,7 +233,7 @@ void KvoDataPublisher::Reregister() {
 }
 
 int KvoDataPublisher::UnregisterPublisher() {
-    if (gorm::cor::in_forked_child() || !publisher_state->registered) {
+    if (os::InForkedChild() || !publisher_state->registered) {
         return -1;
     }
     int result = -1;
@@ -274,7 +274,7 @@ void KvoDataPublisher::WriteData(int sample_tag, const std::vector<unsigned char
 [[gnu::hot]] void KvoDataPublisher::WriteData(int sample_tag, const unsigned char* payload,
                                               int payload_size, const unsigned char* metadata,
                                               int metadata_size) {
-    if (!state->connected_to_broker || gorm::cor::in_forked_child()) {
+    if (!state->connected_to_broker || os::InForkedChild()) {
         return;
     }
     const unsigned long now_ms = NowMs();
@@ -291,7 +291,7 @@ void KvoDataPublisher::WriteData(int sample_tag, const std::vector<unsigned char
 }
 
 [[gnu::hot]] void KvoDataPublisher::PublishData() {
-    if (!state->connected_to_broker || gorm::cor::in_forked_child()) {
+    if (!state->connected_to_broker || os::InForkedChild()) {
         return;
     }
     try {

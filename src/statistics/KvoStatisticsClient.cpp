@@ -2,7 +2,7 @@
 
 #include "../core/transfer_state.h"
 #include "gorm/cor/cor.h"
-#include "gorm/cor/process.h"
+#include "kvo/os/fork_guard.h"
 
 #include <boost/thread/future.hpp>
 
@@ -56,7 +56,7 @@ KvoStatisticsClient::KvoStatisticsClient(KvoLogger* logger, std::string broker_u
 KvoStatisticsClient::~KvoStatisticsClient() = default;
 
 void KvoStatisticsClient::Init(std::string broker_uri) {
-    if (gorm::cor::in_forked_child()) {
+    if (os::InForkedChild()) {
         return;
     }
     try {
@@ -81,7 +81,7 @@ void KvoStatisticsClient::Init(std::string broker_uri) {
 
 StreamStatistics KvoStatisticsClient::GetStatistics(std::string data_stream_identifier) {
     StreamStatistics statistics;
-    if (gorm::cor::in_forked_child()) {
+    if (os::InForkedChild()) {
         return statistics;
     }
     try {
@@ -99,7 +99,7 @@ StreamStatistics KvoStatisticsClient::GetStatistics(std::string data_stream_iden
 
 std::vector<std::string> KvoStatisticsClient::GetRegisteredStreams() {
     std::vector<std::string> streams;
-    if (gorm::cor::in_forked_child()) {
+    if (os::InForkedChild()) {
         return streams;
     }
     try {
@@ -114,7 +114,7 @@ std::vector<std::string> KvoStatisticsClient::GetRegisteredStreams() {
 
 std::vector<std::string> KvoStatisticsClient::GetConnectedBrokers() {
     std::vector<std::string> brokers;
-    if (gorm::cor::in_forked_child()) {
+    if (os::InForkedChild()) {
         return brokers;
     }
     try {

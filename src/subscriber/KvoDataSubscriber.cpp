@@ -3,8 +3,8 @@
 #include "../core/configuration.h"
 #include "../core/detached_thread.h"
 #include "../core/heartbeat.h"
-#include "gorm/cor/process.h"
 #include "kvo/broker/broker_result.h"
+#include "kvo/os/fork_guard.h"
 #include "notification_subscription.h"
 #include "subscriber_state.h"
 
@@ -48,7 +48,7 @@ KvoDataSubscriber::KvoDataSubscriber(const log4cplus::Logger& logger)
 }
 
 KvoDataSubscriber::~KvoDataSubscriber() {
-    if (gorm::cor::in_forked_child()) {
+    if (os::InForkedChild()) {
         static_cast<void>(new std::shared_ptr<SubscriberState>(subscriber_state));
         return;
     }
@@ -102,7 +102,7 @@ void KvoDataSubscriber::PrintConfigValues() {
 int KvoDataSubscriber::RegisterSubscriber(std::string broker_uri,
                                           std::string data_stream_identifier,
                                           std::string remote_broker_uri, int accessor_argument) {
-    if (gorm::cor::in_forked_child()) {
+    if (os::InForkedChild()) {
         return -1;
     }
     subscriber_state->registration.With([&](SubscriberState::Registration& r) {
@@ -265,7 +265,7 @@ void KvoDataSubscriber::StopNotificationSubscription() {
 }
 
 int KvoDataSubscriber::UnregisterSubscriber() {
-    if (gorm::cor::in_forked_child()) {
+    if (os::InForkedChild()) {
         return -1;
     }
     state->listener_registration.Release();
@@ -295,7 +295,7 @@ int KvoDataSubscriber::UnregisterSubscriber() {
 }
 
 [[gnu::hot]] DataSample* KvoDataSubscriber::ReadData() {
-    if (gorm::cor::in_forked_child()) {
+    if (os::InForkedChild()) {
         return nullptr;
     }
     const auto accessor = subscriber_state->registration.With(
@@ -315,7 +315,7 @@ int KvoDataSubscriber::UnregisterSubscriber() {
 }
 
 boost::signals2::connection KvoDataSubscriber::connect(const boost::signals2::slot<void()>& slot) {
-    if (gorm::cor::in_forked_child()) {
+    if (os::InForkedChild()) {
         throw std::logic_error("KvoDataSubscriber: connect() in a forked child");
     }
     const auto accessor = subscriber_state->registration.With(
@@ -328,7 +328,7 @@ boost::signals2::connection KvoDataSubscriber::connect(const boost::signals2::sl
 
 StreamStatistics KvoDataSubscriber::get_statistics() {
     StreamStatistics statistics;
-    if (gorm::cor::in_forked_child()) {
+    if (os::InForkedChild()) {
         return statistics;
     }
     const auto registration = subscriber_state->registration.Get();

@@ -1,6 +1,7 @@
 // Decodes and runs whatever bytes clients may send, on the broker's own registry and files: the
 // input is a list of messages, each with its caller and its length before it.
 #include "kvo/broker/data_broker_registration_handler.h"
+#include "kvo/os/process_identity.h"
 #include "remote/remote_streams.h"
 #include "requests/event_log.h"
 #include "requests/gated_service.h"
@@ -27,7 +28,9 @@ constexpr std::uint64_t kBudgetBytes = 4U << 20;
 
 class NoProcesses final : public Processes {
 public:
-    std::optional<ProcessTag> Find(const ProcessIdentity&) const override { return std::nullopt; }
+    std::optional<ProcessTag> Find(const kvo::os::ProcessIdentity&) const override {
+        return std::nullopt;
+    }
     bool Lives(const ProcessTag&) const override { return false; }
     bool Connected(const std::string&) const override { return true; }
 };

@@ -3,7 +3,7 @@
 #include "kvo/KvoDataTransferFactory.h"
 #include "kvo/KvoStatisticsClient.h"
 #include "kvo/brokerd/broker.h"
-#include "kvo/crash_point.h"
+#include "kvo/os/crash_point.h"
 #include "local_topics.h"
 #include "processes.h"
 

@@ -1,6 +1,6 @@
 #include "crash_points.h"
 
-#include "kvo/crash_point.h"
+#include "kvo/os/crash_point.h"
 
 #include <csignal>
 #include <filesystem>

@@ -2,7 +2,6 @@
 
 #include "access/access.h"
 #include "gorm/cor/curve.h"
-#include "gorm/cor/process.h"
 #include "gorm/cor/rr/server.h"
 #include "gorm/cor/service_loop.h"
 #include "kvo/KvoLogger.h"
@@ -226,7 +225,6 @@ Broker::Impl::~Impl() {
 }
 
 void Broker::Impl::Start(const BrokerOptions& options) {
-    ProcessLock::SetProcessIdentity(gorm::cor::process_identity());
     directory_path_ =
         options.directory.empty() ? DefaultDirectory(options.port) : options.directory;
     directory_ = std::make_unique<BrokerDirectory>(directory_path_, options.file_access);
@@ -241,8 +239,7 @@ void Broker::Impl::Start(const BrokerOptions& options) {
     serving.note = "a broker with the directory " + directory_path_;
     serving.topic_directory = options.local_topics ? directory_path_ + "/topics" : "";
     // Whoever reads samples tells the publisher when it sleeps.
-    serving.topic_access.mode = options.file_access.shared_mode();
-    serving.topic_access.group = options.file_access.group.value_or(serving.topic_access.group);
+    serving.topic_access = {options.file_access.shared_mode(), options.file_access.group};
     if (!options.secret_key_file.empty()) {
         curve_ = std::make_shared<gorm::cor::CurveServer>(
             gorm::cor::ReadCurveKeys(options.secret_key_file),

@@ -1,7 +1,7 @@
 #include "kvo/memory/memory_accessor.h"
 
-#include "fork_guard.h"
 #include "kvo/KvoLogger.h"
+#include "kvo/os/fork_guard.h"
 #include "read/accessor_reader.h"
 #include "write/accessor_writer.h"
 
@@ -46,11 +46,11 @@ public:
         : stream(settings.stream),
           reader(std::make_shared<AccessorReader>(settings)),
           writer(settings.path, settings.stream, settings.logger) {
-        WatchForks();
-        set_initialized(!InForkedChild() && reader->Open());
+        os::WatchForks();
+        set_initialized(!os::InForkedChild() && reader->Open());
     }
     ~Impl() {
-        if (!InForkedChild()) {
+        if (!os::InForkedChild()) {
             reader->End();
         }
     }
@@ -78,11 +78,11 @@ KvoMemoryAccessor::KvoMemoryAccessor(const std::string& shm_file_path,
 KvoMemoryAccessor::~KvoMemoryAccessor() = default;
 
 bool KvoMemoryAccessor::get_is_initialized() const {
-    return !InForkedChild() && impl_->initialized();
+    return !os::InForkedChild() && impl_->initialized();
 }
 
 void KvoMemoryAccessor::SetSizeConstraints(int max_data_sample_size, int max_metadata_size) {
-    if (InForkedChild()) {
+    if (os::InForkedChild()) {
         return;
     }
     const bool started = impl_->writer.Start(max_data_sample_size, max_metadata_size);
@@ -97,7 +97,7 @@ void KvoMemoryAccessor::set_compute_checksum(bool compute) {
 }
 
 void KvoMemoryAccessor::Reattach() {
-    if (InForkedChild()) {
+    if (os::InForkedChild()) {
         return;
     }
     if (impl_->writer.active()) {
@@ -111,7 +111,7 @@ void KvoMemoryAccessor::Reattach() {
                                                const unsigned char* payload, int payload_size,
                                                const unsigned char* metadata, int metadata_size,
                                                unsigned long timestamp_ms) {
-    if (InForkedChild()) {
+    if (os::InForkedChild()) {
         return;
     }
     if (slot_index != -1) {
@@ -128,19 +128,19 @@ void KvoMemoryAccessor::Reattach() {
 }
 
 void KvoMemoryAccessor::StartReading() {
-    if (!InForkedChild()) {
+    if (!os::InForkedChild()) {
         impl_->reader->StartReading();
     }
 }
 
 void KvoMemoryAccessor::StopReading() {
-    if (!InForkedChild()) {
+    if (!os::InForkedChild()) {
         impl_->reader->StopReading();
     }
 }
 
 [[gnu::hot]] void KvoMemoryAccessor::NewData() {
-    if (!InForkedChild() && !impl_->writer.active()) {
+    if (!os::InForkedChild() && !impl_->writer.active()) {
         // A slot may destroy this accessor.
         const std::shared_ptr<AccessorReader> reader = impl_->reader;
         reader->NewData();
@@ -148,20 +148,20 @@ void KvoMemoryAccessor::StopReading() {
 }
 
 void KvoMemoryAccessor::set_pub_unreg(bool publisher_gone) {
-    if (!InForkedChild()) {
+    if (!os::InForkedChild()) {
         impl_->reader->set_publisher_gone(publisher_gone);
     }
 }
 
 void KvoMemoryAccessor::CloseSharedMemory() {
-    if (!InForkedChild()) {
+    if (!os::InForkedChild()) {
         impl_->reader->Close();
         impl_->writer.Close();
     }
 }
 
 int KvoMemoryAccessor::OpenSharedMemory() {
-    if (InForkedChild() || !impl_->reader->Open()) {
+    if (os::InForkedChild() || !impl_->reader->Open()) {
         return -1;
     }
     impl_->set_initialized(true);
@@ -169,7 +169,7 @@ int KvoMemoryAccessor::OpenSharedMemory() {
 }
 
 void KvoMemoryAccessor::Reset() {
-    if (!InForkedChild()) {
+    if (!os::InForkedChild()) {
         impl_->reader->Reset();
     }
 }
@@ -183,7 +183,7 @@ DataAvailable& KvoMemoryAccessor::DataAvailableSignal() {
                                                      unsigned long* timestamp_ms,
                                                      DataSample** sample) {
     AccessorReader::Packet packet;
-    if (!InForkedChild()) {
+    if (!os::InForkedChild()) {
         packet = impl_->reader->TakeNext(samples == nullptr || *samples > 0, samples != nullptr);
     }
     if (stream != nullptr) {
@@ -198,11 +198,11 @@ DataAvailable& KvoMemoryAccessor::DataAvailableSignal() {
 }
 
 ReaderCounters KvoMemoryAccessor::reader_counters() const {
-    return InForkedChild() ? ReaderCounters{} : impl_->reader->counters();
+    return os::InForkedChild() ? ReaderCounters{} : impl_->reader->counters();
 }
 
 WriterCounters KvoMemoryAccessor::writer_counters() const {
-    return InForkedChild() ? WriterCounters{} : impl_->writer.counters();
+    return os::InForkedChild() ? WriterCounters{} : impl_->writer.counters();
 }
 
 }  // namespace kvo

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "kvo/os/process_identity.h"
 #include "sample_stream.h"
 #include "streams/broker_directory.h"
 #include "streams/stream_registry.h"
@@ -19,7 +20,7 @@ namespace kvo::brokerd {
 /// Processes that live and die as the test says.
 class ScriptedProcesses final : public Processes {
 public:
-    std::optional<ProcessTag> Find(const ProcessIdentity& identity) const override {
+    std::optional<ProcessTag> Find(const kvo::os::ProcessIdentity& identity) const override {
         const auto found = tags.find(std::string(identity.begin(), identity.end()));
         return found == tags.end() ? std::nullopt : std::optional(found->second);
     }

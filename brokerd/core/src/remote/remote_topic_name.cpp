@@ -1,10 +1,11 @@
 #include "remote/remote_topic_name.h"
 
+#include "kvo/os/hex.h"
+
 namespace kvo::brokerd {
 namespace {
 
 std::string Escaped(const std::string& text) {
-    static constexpr char kDigits[] = "0123456789abcdef";
     std::string escaped;
     for (const char c : text) {
         const bool stays =
@@ -14,8 +15,7 @@ std::string Escaped(const std::string& text) {
         } else if (c == '_') {
             escaped += "__";
         } else {
-            const auto byte = static_cast<unsigned char>(c);
-            escaped += {'_', kDigits[byte >> 4], kDigits[byte & 15]};
+            escaped += "_" + os::ToHex(&c, 1);
         }
     }
     return escaped;

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "gorm/cor/rr/service.h"
-#include "kvo/crash_point.h"
+#include "kvo/os/crash_point.h"
 #include "requests/request_gate.h"
 
 #include <functional>

@@ -1,5 +1,8 @@
 #include "streams/broker_directory.h"
 
+#include "kvo/os/file_access.h"
+#include "kvo/os/lock_file.h"
+
 #include <cerrno>
 #include <cstring>
 #include <stdexcept>
@@ -14,11 +17,12 @@ namespace {
     throw std::runtime_error(what + ": " + std::strerror(errno));
 }
 
-void LetIn(const std::string& path, const FileAccess& access) {
+void LetIn(const std::string& path, const os::FileAccess& access) {
     if (access.group && ::chown(path.c_str(), static_cast<uid_t>(-1), *access.group) != 0) {
         Fail("cannot give " + path + " to group " + std::to_string(*access.group));
     }
-    if (access.mode != FileAccess{}.mode && ::chmod(path.c_str(), access.directory_mode()) != 0) {
+    if (access.mode != os::FileAccess{}.mode &&
+        ::chmod(path.c_str(), access.directory_mode()) != 0) {
         Fail("cannot set the mode of " + path);
     }
 }
@@ -45,7 +49,7 @@ void MakeDirectory(const std::string& path) {
 
 }  // namespace
 
-BrokerDirectory::BrokerDirectory(std::string path, const FileAccess& access)
+BrokerDirectory::BrokerDirectory(std::string path, const os::FileAccess& access)
     : path_(std::move(path)) {
     MakeDirectory(path_);
     Lock();
@@ -57,8 +61,8 @@ BrokerDirectory::BrokerDirectory(std::string path, const FileAccess& access)
 
 void BrokerDirectory::Lock() {
     try {
-        lock_ = std::make_unique<gorm::cor::LockFile>(path_ + "/broker.lock", "", 0600);
-    } catch (const gorm::cor::LockHeld& held) {
+        lock_ = std::make_unique<os::LockFile>(path_ + "/broker.lock", "", 0600);
+    } catch (const os::LockHeld& held) {
         throw std::runtime_error("another broker, process " + held.process() +
                                  ", uses the directory " + path_);
     }

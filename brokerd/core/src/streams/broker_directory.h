@@ -1,7 +1,8 @@
 #pragma once
 
-#include "gorm/cor/lock_file.h"
 #include "kvo/memory/process_lock.h"
+#include "kvo/os/file_access.h"
+#include "kvo/os/lock_file.h"
 
 #include <memory>
 #include <string>
@@ -15,7 +16,7 @@ public:
     /// Makes the directory where it is missing and takes it; throws std::runtime_error when
     /// another broker has it (naming its process) or it belongs to somebody else.
     /// @param access to it and its files; one that was there keeps its mode when it is for nobody.
-    explicit BrokerDirectory(std::string path, const FileAccess& access = {});
+    explicit BrokerDirectory(std::string path, const os::FileAccess& access = {});
     BrokerDirectory(const BrokerDirectory&) = delete;
     BrokerDirectory& operator=(const BrokerDirectory&) = delete;
     /// Gives it up, and removes it when nothing is left in it and nobody uses it.
@@ -28,7 +29,7 @@ private:
     void Lock();
 
     const std::string path_;
-    std::unique_ptr<gorm::cor::LockFile> lock_;
+    std::unique_ptr<os::LockFile> lock_;
     std::shared_ptr<ProcessLock> processes_;
 };
 

@@ -1,5 +1,7 @@
 #include "streams/liveness.h"
 
+#include "kvo/os/process_identity.h"
+
 #include <algorithm>
 
 namespace kvo::brokerd {
@@ -7,7 +9,7 @@ namespace kvo::brokerd {
 Client::State Client::Judge(const Processes& processes, TimePoint now,
                             std::chrono::seconds timeout) {
     if (awaits_process()) {
-        ProcessIdentity identity;
+        os::ProcessIdentity identity;
         // A client takes its byte with the stream file, after it has been registered.
         std::copy(identity_.begin(), identity_.end(), identity.begin());
         tag_ = processes.Find(identity);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "kvo/memory/process_lock.h"
+#include "kvo/os/process_identity.h"
 #include "streams/supervised_time.h"
 
 #include <chrono>
@@ -14,7 +15,7 @@ class Processes {
 public:
     virtual ~Processes() = default;
     /// The one that has joined with this identity.
-    virtual std::optional<ProcessTag> Find(const ProcessIdentity& identity) const = 0;
+    virtual std::optional<ProcessTag> Find(const os::ProcessIdentity& identity) const = 0;
     /// By the kernel's knowledge.
     virtual bool Lives(const ProcessTag& tag) const = 0;
     /// Whether a connection of it to this broker answers. A stopped process loses its connections.
@@ -37,7 +38,9 @@ public:
     TimePoint beat() const { return beat_; }
 
     /// It has named its process, which has not been found yet.
-    bool awaits_process() const { return !tag_ && identity_.size() == ProcessIdentity{}.size(); }
+    bool awaits_process() const {
+        return !tag_ && identity_.size() == os::ProcessIdentity{}.size();
+    }
 
     enum class State {
         kAlive,

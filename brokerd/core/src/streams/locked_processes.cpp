@@ -1,10 +1,12 @@
 #include "streams/locked_processes.h"
 
+#include "kvo/os/process_identity.h"
+
 #include <utility>
 
 namespace kvo::brokerd {
 
-std::optional<ProcessTag> LockedProcesses::Find(const ProcessIdentity& identity) const {
+std::optional<ProcessTag> LockedProcesses::Find(const os::ProcessIdentity& identity) const {
     if (std::exchange(outdated_, false)) {
         joined_.clear();
         for (const auto& [joined, tag] : lock_.Joined()) {

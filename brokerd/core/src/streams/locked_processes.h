@@ -1,5 +1,6 @@
 #pragma once
 
+#include "kvo/os/process_identity.h"
 #include "streams/liveness.h"
 
 #include <functional>
@@ -15,7 +16,7 @@ class LockedProcesses final : public Processes {
 public:
     explicit LockedProcesses(const ProcessLock& lock) : lock_(lock) {}
 
-    std::optional<ProcessTag> Find(const ProcessIdentity& identity) const override;
+    std::optional<ProcessTag> Find(const os::ProcessIdentity& identity) const override;
     bool Lives(const ProcessTag& tag) const override { return lock_.Lives(tag); }
     bool Connected(const std::string& identity) const override { return connected_(identity); }
 
@@ -30,7 +31,7 @@ private:
     const ProcessLock& lock_;
     std::function<bool(const std::string&)> connected_ = [](const std::string&) { return true; };
     mutable bool outdated_ = true;
-    mutable std::multimap<ProcessIdentity, ProcessTag> joined_;
+    mutable std::multimap<os::ProcessIdentity, ProcessTag> joined_;
 };
 
 }  // namespace kvo::brokerd

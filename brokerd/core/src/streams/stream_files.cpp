@@ -1,5 +1,6 @@
 #include "streams/stream_files.h"
 
+#include "kvo/os/file_access.h"
 #include "streams/stream_name.h"
 
 #include <algorithm>
@@ -65,7 +66,7 @@ bool IsHalfMade(std::string_view name) {
 }  // namespace
 
 StreamFiles::StreamFiles(std::string directory, std::uint64_t budget_bytes, const SpareSlots& spare,
-                         ProcessLock& processes, const FileAccess& access)
+                         ProcessLock& processes, const os::FileAccess& access)
     : directory_(std::move(directory)),
       budget_bytes_(0),
       spare_(spare),

@@ -2,6 +2,7 @@
 
 #include "kvo/memory/process_lock.h"
 #include "kvo/memory/stream_file.h"
+#include "kvo/os/file_access.h"
 
 #include <cstdint>
 #include <functional>
@@ -17,7 +18,7 @@ class StreamFiles {
 public:
     /// @param budget_bytes of all files; 0: half of the file system. @param access to new ones.
     StreamFiles(std::string directory, std::uint64_t budget_bytes, const SpareSlots& spare,
-                ProcessLock& processes, const FileAccess& access = {});
+                ProcessLock& processes, const os::FileAccess& access = {});
 
     std::string PathOf(const std::string& stream) const;
 
@@ -64,7 +65,7 @@ private:
     std::uint64_t budget_bytes_;
     const SpareSlots spare_;
     ProcessLock& processes_;
-    const FileAccess access_;
+    const os::FileAccess access_;
     std::uint64_t used_bytes_ = 0;
     std::uint64_t last_epoch_ = 0;
     std::vector<std::unique_ptr<StreamFile>> removed_;  // with readers still in them

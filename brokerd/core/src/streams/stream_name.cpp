@@ -1,5 +1,7 @@
 #include "streams/stream_name.h"
 
+#include "kvo/os/hex.h"
+
 #include <xxhash.h>
 
 #include <algorithm>
@@ -41,13 +43,7 @@ bool IsWellFormedName(std::string_view name) {
 
 std::string FileNameOf(std::string_view stream) {
     const XXH128_hash_t digest = XXH3_128bits(stream.data(), stream.size());
-    static constexpr char kDigits[] = "0123456789abcdef";
-    std::string name;
-    for (const std::uint64_t half : {digest.high64, digest.low64}) {
-        for (int shift = 60; shift >= 0; shift -= 4) {
-            name += kDigits[half >> shift & 15];
-        }
-    }
+    std::string name = os::ToHex(digest.high64) + os::ToHex(digest.low64);
     name += '-';
     for (const char c : stream.substr(0, kReadableBytes)) {
         name += IsAlphanumeric(c) || c == '-' || c == '.' ? c : '_';

@@ -1,6 +1,7 @@
 #include "curve/name_value_file.h"
 #include "gorm/cor/curve.h"
 #include "gorm/cor/errors.h"
+#include "kvo/os/file_descriptor.h"
 
 #include <zmq.h>
 
@@ -46,16 +47,15 @@ void WriteCurveKeys(const std::string& path, const CurveKeys& keys) {
         "# Keep this file to yourself. Give away the public key alone.\n"
         "public-key = " +
         keys.public_key + "\nsecret-key = " + keys.secret_key + "\n";
-    const int file =
-        ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
-    if (file < 0) {
+    const kvo::os::FileDescriptor file(
+        ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600));
+    if (!file.valid()) {
         Refuse(path, std::strerror(errno));
     }
     const bool written =
-        ::write(file, text.data(), text.size()) == static_cast<ssize_t>(text.size()) &&
-        ::fsync(file) == 0;
+        ::write(file.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size()) &&
+        ::fsync(file.get()) == 0;
     const int error = errno;
-    ::close(file);
     if (!written) {
         ::unlink(path.c_str());
         Refuse(path, std::strerror(error));

@@ -1,7 +1,7 @@
 #include "curve/curve_server.h"
 
 #include "gorm/cor/errors.h"
-#include "gorm/cor/process.h"
+#include "kvo/os/fork_guard.h"
 #include "runtime/runtime.h"
 
 #include <atomic>
@@ -44,7 +44,7 @@ CurveServer::CurveServer(CurveKeys keys, AllowedKeys allowed)
 }
 
 CurveServer::~CurveServer() {
-    if (!in_forked_child()) {
+    if (!kvo::os::InForkedChild()) {
         Runtime::Get().authenticator().Remove(*impl_);
     }
 }

@@ -1,7 +1,9 @@
 #include "local/local_endpoint.h"
 
 #include "gorm/cor/errors.h"
-#include "kvo/crash_point.h"
+#include "kvo/os/crash_point.h"
+#include "kvo/os/lock_file.h"
+#include "kvo/os/trust.h"
 #include "transport/log.h"
 
 #include <algorithm>
@@ -32,7 +34,7 @@ std::string FaultOf(const RuntimeDirectory& directory) {
     if (::mkdir(directory.path.c_str(), mode) != 0 && errno != EEXIST) {
         return directory.path + ": " + std::strerror(errno);
     }
-    if (std::string fault = DistrustOf(directory.path); !fault.empty()) {
+    if (std::string fault = kvo::os::CheckTrust(directory.path); !fault.empty()) {
         return fault;
     }
     if (::access(directory.path.c_str(), W_OK | X_OK) != 0) {
@@ -67,7 +69,7 @@ void RemoveLeftovers(const std::string& directory) {
             continue;
         }
         try {
-            const LockFile lock(entry.path().string(), "", kLockMode);
+            const kvo::os::LockFile lock(entry.path().string(), "", kLockMode);
             ::unlink((directory + "/" + stem + ".sock").c_str());
             ::unlink((directory + "/" + stem + ".topics").c_str());
         } catch (const std::exception&) {  // in use, or not ours
@@ -89,7 +91,7 @@ LocalEndpoint::LocalEndpoint(const std::string& directory, std::uint16_t port,
         RemoveLeftovers(directory_.path);
         try {
             lock_.emplace(LockPath(directory_.path, port), note, kLockMode);
-        } catch (const LockHeld& held) {
+        } catch (const kvo::os::LockHeld& held) {
             // Without a note it is held by somebody who tidies up.
             if (!held.note().empty() || attempt == kAttempts) {
                 throw;
@@ -145,7 +147,7 @@ std::unique_ptr<LocalEndpoint> ServeLocal(const Serving& serving, const Address&
         bind(local->endpoint());
         local->Open();
         return local;
-    } catch (const LockHeld& held) {
+    } catch (const kvo::os::LockHeld& held) {
         throw BindError("cannot serve \"" + address.text + "\": port " + std::to_string(port) +
                         " is in use by process " + held.process() + ", " + held.note());
     } catch (const std::exception& error) {

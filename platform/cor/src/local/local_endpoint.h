@@ -1,7 +1,7 @@
 #pragma once
 
-#include "gorm/cor/lock_file.h"
 #include "gorm/cor/serving.h"
+#include "kvo/os/lock_file.h"
 #include "local/runtime_directory.h"
 #include "transport/address.h"
 
@@ -40,7 +40,7 @@ private:
     RuntimeDirectory directory_;
     std::string path_;
     std::string topics_path_;  // empty: there is none
-    std::optional<LockFile> lock_;
+    std::optional<kvo::os::LockFile> lock_;
 };
 
 /// Claims the port for a server there and lets it bind the Unix socket. Null: it shall have none,

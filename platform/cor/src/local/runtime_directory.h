@@ -1,5 +1,7 @@
 #pragma once
 
+#include "kvo/os/trust.h"
+
 #include <cstdint>
 #include <string>
 #include <sys/types.h>
@@ -20,13 +22,6 @@ struct RuntimeDirectory {
 /// The places to look at, the best one first: what the environment names, else the service's
 /// directory and one of the user's own.
 std::vector<RuntimeDirectory> RuntimeDirectories();
-
-/// Whether what belongs to this user can be trusted: root, the own one, the service's.
-bool IsTrustedUser(uid_t owner);
-
-/// Why nobody should trust what lies in the directory; empty: it belongs to root, to this user or
-/// to the service's, and no other may write it.
-std::string DistrustOf(const std::string& directory);
 
 std::string LockPath(const std::string& directory, std::uint16_t port);
 /// A link to where the local topics of the port lie.

@@ -1,7 +1,9 @@
 #include "local/shared_segment.h"
 
 #include "gorm/cor/errors.h"
-#include "kvo/crash_point.h"
+#include "kvo/os/crash_point.h"
+#include "kvo/os/file_access.h"
+#include "kvo/os/trust.h"
 #include "local/runtime_directory.h"
 
 #include <cerrno>
@@ -40,7 +42,8 @@ SharedSegment::~SharedSegment() {
     }
 }
 
-SharedSegment SharedSegment::Create(key_t key, std::size_t bytes, const FileAccess& access) {
+SharedSegment SharedSegment::Create(key_t key, std::size_t bytes,
+                                    const kvo::os::FileAccess& access) {
     int id = MakeExclusively(key, bytes);
     if (id < 0 && errno == EEXIST) {
         if (const int left = ::shmget(key, 0, 0); left >= 0) {
@@ -64,8 +67,8 @@ SharedSegment SharedSegment::Create(key_t key, std::size_t bytes, const FileAcce
             Throw(errno, id);
         }
         status.shm_perm.mode = static_cast<unsigned short>(access.mode & 0777);
-        if (access.group != static_cast<gid_t>(-1)) {
-            status.shm_perm.gid = access.group;
+        if (access.group) {
+            status.shm_perm.gid = *access.group;
         }
         if (::shmctl(id, IPC_SET, &status) != 0) {
             Throw(errno, id);
@@ -89,7 +92,7 @@ SharedSegment SharedSegment::Attach(int id, std::size_t bytes) {
         throw Error("segment " + std::to_string(id) + " has less than " + std::to_string(bytes) +
                     " bytes");
     }
-    if (!IsTrustedUser(status.shm_perm.cuid)) {
+    if (!kvo::os::IsTrustedUser(status.shm_perm.cuid)) {
         throw Error("segment " + std::to_string(id) + " was made by user " +
                     std::to_string(status.shm_perm.cuid));
     }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "gorm/cor/serving.h"
+#include "kvo/os/file_access.h"
 
 #include <cstddef>
 #include <sys/ipc.h>
@@ -16,7 +17,7 @@ public:
     /// Makes a segment, all zero. Throws std::system_error, and leaves nothing behind.
     /// @param key for one caller at a time. While the segment is made it has this name, so that
     /// the next call removes what a killed one has left; afterwards it has none.
-    static SharedSegment Create(key_t key, std::size_t bytes, const FileAccess& access);
+    static SharedSegment Create(key_t key, std::size_t bytes, const kvo::os::FileAccess& access);
     /// Maps what is there. Throws std::system_error, or Error when it is smaller than `bytes` or
     /// was made by somebody whom nobody should trust.
     static SharedSegment Attach(int id, std::size_t bytes);

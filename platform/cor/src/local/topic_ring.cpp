@@ -1,7 +1,12 @@
 #include "local/topic_ring.h"
 
 #include "gorm/cor/errors.h"
-#include "kvo/crash_point.h"
+#include "kvo/os/crash_point.h"
+#include "kvo/os/file_access.h"
+#include "kvo/os/hex.h"
+#include "kvo/os/new_file.h"
+#include "kvo/os/random_bytes.h"
+#include "kvo/os/regular_file.h"
 #include "local/runtime_directory.h"
 #include "transport/log.h"
 
@@ -12,7 +17,6 @@
 #include <charconv>
 #include <cstring>
 #include <filesystem>
-#include <random>
 #include <system_error>
 #include <unistd.h>
 
@@ -25,28 +29,20 @@ constexpr const char* kEventsSuffix = ".events";
 constexpr int kAttempts = 5;
 constexpr std::uint32_t kCountMask = (1U << 24) - 1;  // of the word's counted events
 
-std::string Hex(std::uint64_t value) {
-    constexpr char kDigits[] = "0123456789abcdef";
-    std::string text(16, '0');
-    for (auto digit = text.rbegin(); digit != text.rend(); ++digit, value >>= 4) {
-        *digit = kDigits[value & 15];
-    }
-    return text;
-}
-
 std::uint64_t DrawNonce() {
-    std::random_device source;
-    return std::uint64_t{source()} << 32 | source();
+    std::uint64_t nonce = 0;
+    kvo::os::FillRandom(&nonce, sizeof nonce);
+    return nonce;
 }
 
 // Where it lies until it is complete.
 std::string UnnamedPath(const std::string& events_path, std::uint64_t nonce) {
     return events_path.substr(0, events_path.size() - std::strlen(kEventsSuffix)) + "-" +
-           Hex(nonce) + kEventsSuffix;
+           kvo::os::ToHex(nonce) + kEventsSuffix;
 }
 
 struct Memory {
-    SharedFile events;
+    kvo::os::MappedFile events;
     SharedSegment signal;
 };
 
@@ -61,6 +57,10 @@ void DemandLayout(const ring::EventsFile& file, const std::string& path, std::st
     if (file.path_bytes != topic.size() || std::string_view(file.path, topic.size()) != topic) {
         throw Error(path + " is another topic's");
     }
+}
+
+kvo::os::MappedFile MapEvents(const std::string& path, kvo::os::MappedFile::Access access) {
+    return kvo::os::MapTrustedFile(path, sizeof(ring::EventsFile), access);
 }
 
 SharedSegment AttachSignal(const ring::EventsFile& file, const std::string& path) {
@@ -87,8 +87,7 @@ std::optional<Memory> OpenMemory(const std::string& directory, std::string_view 
     std::string reason;
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
         try {
-            SharedFile events =
-                SharedFile::Open(path, sizeof(ring::EventsFile), SharedFile::Mode::kRead);
+            kvo::os::MappedFile events = MapEvents(path, kvo::os::MappedFile::Access::kRead);
             KVO_CRASH_POINT("ring's events opened");
             const auto& file = events.as<const ring::EventsFile>();
             DemandLayout(file, path, topic);
@@ -101,7 +100,7 @@ std::optional<Memory> OpenMemory(const std::string& directory, std::string_view 
             }
             reason = error.what();
             break;  // no permission, for instance: as it will be at the next attempt
-        } catch (const Error& error) {
+        } catch (const std::exception& error) {
             reason = error.what();
         }
     }
@@ -113,7 +112,8 @@ std::optional<Memory> OpenMemory(const std::string& directory, std::string_view 
 
 std::string EventsPath(const std::string& directory, std::string_view topic) {
     // Only a name: the topic stands in the file and is compared.
-    return directory + "/" + Hex(XXH3_64bits(topic.data(), topic.size())) + kEventsSuffix;
+    return directory + "/" + kvo::os::ToHex(XXH3_64bits(topic.data(), topic.size())) +
+           kEventsSuffix;
 }
 
 key_t SignalKey(const std::string& directory) {
@@ -121,7 +121,8 @@ key_t SignalKey(const std::string& directory) {
     return static_cast<key_t>(XXH3_64bits(directory.data(), directory.size()) | 1);
 }
 
-TopicRingServer::TopicRingServer(std::string events_path, SharedFile events, SharedSegment signal)
+TopicRingServer::TopicRingServer(std::string events_path, kvo::os::MappedFile events,
+                                 SharedSegment signal)
     : events_path_(std::move(events_path)),
       events_(std::move(events)),
       signal_(std::move(signal)) {}
@@ -129,7 +130,7 @@ TopicRingServer::TopicRingServer(std::string events_path, SharedFile events, Sha
 std::unique_ptr<TopicRingServer> TopicRingServer::Make(const std::string& directory,
                                                        std::string_view topic,
                                                        std::string_view counted,
-                                                       const FileAccess& access) {
+                                                       const kvo::os::FileAccess& access) {
     if (topic.size() > ring::kMostPathBytes || counted.size() > ring::kMostTextBytes) {
         throw Error("topic \"" + std::string(topic) + "\" is too long for a local one");
     }
@@ -137,38 +138,34 @@ std::unique_ptr<TopicRingServer> TopicRingServer::Make(const std::string& direct
     const std::string events_path = EventsPath(directory, topic);
     const std::string unnamed_path = UnnamedPath(events_path, nonce);
     // The server alone writes it.
-    const FileAccess events_access{access.mode & ~static_cast<mode_t>(022), access.group};
-    SharedFile events = SharedFile::Create(unnamed_path, sizeof(ring::EventsFile), events_access);
+    kvo::os::NewFile events(unnamed_path, sizeof(ring::EventsFile), access.mode & ~022U,
+                            access.group);
     KVO_CRASH_POINT("ring's events made");
-    try {
-        auto& file = events.as<ring::EventsFile>();
-        file.magic = ring::kMagic;
-        file.version = ring::kVersion;
-        file.nonce = nonce;
-        file.path_bytes = static_cast<std::uint32_t>(topic.size());
-        topic.copy(file.path, topic.size());
-        counted.copy(file.texts[0].text, counted.size());
-        // relaxed: the rename comes between this and whoever looks.
-        file.texts[0].bytes.store(static_cast<std::uint32_t>(counted.size()),
-                                  std::memory_order_relaxed);
-        KVO_CRASH_POINT("ring's events filled");
-        SharedSegment signal =
-            SharedSegment::Create(SignalKey(directory), sizeof(ring::Signal), access);
-        // relaxed: as above.
-        signal.as<ring::Signal>().woken_at.store(ring::kNeverWoken, std::memory_order_relaxed);
-        signal.as<ring::Signal>().nonce = nonce;
-        file.signal = signal.id();
-        KVO_CRASH_POINT("ring's signal made");
-        if (::rename(unnamed_path.c_str(), events_path.c_str()) != 0) {
-            throw std::system_error(errno, std::generic_category(), events_path);
-        }
-        KVO_CRASH_POINT("ring in place");
-        return std::unique_ptr<TopicRingServer>(
-            new TopicRingServer(events_path, std::move(events), std::move(signal)));
-    } catch (...) {
-        ::unlink(unnamed_path.c_str());
-        throw;
+    auto& file = *reinterpret_cast<ring::EventsFile*>(events.begin());
+    file.magic = ring::kMagic;
+    file.version = ring::kVersion;
+    file.nonce = nonce;
+    file.path_bytes = static_cast<std::uint32_t>(topic.size());
+    topic.copy(file.path, topic.size());
+    counted.copy(file.texts[0].text, counted.size());
+    // relaxed: the rename comes between this and whoever looks.
+    file.texts[0].bytes.store(static_cast<std::uint32_t>(counted.size()),
+                              std::memory_order_relaxed);
+    KVO_CRASH_POINT("ring's events filled");
+    SharedSegment signal =
+        SharedSegment::Create(SignalKey(directory), sizeof(ring::Signal), access);
+    // relaxed: as above.
+    signal.as<ring::Signal>().woken_at.store(ring::kNeverWoken, std::memory_order_relaxed);
+    signal.as<ring::Signal>().nonce = nonce;
+    file.signal = signal.id();
+    KVO_CRASH_POINT("ring's signal made");
+    if (::rename(unnamed_path.c_str(), events_path.c_str()) != 0) {
+        throw std::system_error(errno, std::generic_category(), events_path);
     }
+    events.Keep();
+    KVO_CRASH_POINT("ring in place");
+    return std::unique_ptr<TopicRingServer>(
+        new TopicRingServer(events_path, events.TakeMapping(), std::move(signal)));
 }
 
 TopicRingServer::~TopicRingServer() {
@@ -218,7 +215,7 @@ bool TopicRingServer::Publish(std::string_view sample) {
 }
 
 std::string TopicRingServer::Position() const {
-    return Hex(events().nonce) + Hex(head_);
+    return kvo::os::ToHex(events().nonce) + kvo::os::ToHex(head_);
 }
 
 void TopicRingServer::SetRelayed(bool relayed) {
@@ -233,8 +230,8 @@ void TopicRingServer::RemoveAll(const std::string& directory) {
         const std::string path = entry.path().string();
         if (entry.path().extension() == kEventsSuffix) {
             try {
-                const SharedFile file =
-                    SharedFile::Open(path, sizeof(ring::EventsFile), SharedFile::Mode::kWrite);
+                const kvo::os::MappedFile file =
+                    MapEvents(path, kvo::os::MappedFile::Access::kWrite);
                 auto& events = file.as<ring::EventsFile>();
                 events.closed.store(1, std::memory_order_release);
                 KVO_CRASH_POINT("dead ring closed");
@@ -266,7 +263,7 @@ void TopicRingReader::BeginNow() {
 void TopicRingReader::BeginAt(std::string_view position) {
     BeginNow();
     std::uint64_t begin = 0;
-    if (position.size() == 32 && position.substr(0, 16) == Hex(events().nonce)) {
+    if (position.size() == 32 && position.substr(0, 16) == kvo::os::ToHex(events().nonce)) {
         const auto [end, error] =
             std::from_chars(position.data() + 16, position.data() + 32, begin, 16);
         begin = error == std::errc() ? begin : 0;

@@ -1,7 +1,8 @@
 #pragma once
 
 #include "gorm/cor/ps/local_topic.h"
-#include "local/shared_file.h"
+#include "kvo/os/file_access.h"
+#include "kvo/os/mapped_file.h"
 #include "local/shared_segment.h"
 #include "local/topic_signal.h"
 
@@ -28,7 +29,7 @@ public:
     /// @param counted the encoded sample that is not kept but counted.
     static std::unique_ptr<TopicRingServer> Make(const std::string& directory,
                                                  std::string_view topic, std::string_view counted,
-                                                 const FileAccess& access);
+                                                 const kvo::os::FileAccess& access);
     TopicRingServer(const TopicRingServer&) = delete;
     TopicRingServer& operator=(const TopicRingServer&) = delete;
     /// Closes the ring and removes it.
@@ -46,12 +47,12 @@ public:
     static void RemoveAll(const std::string& directory);
 
 private:
-    TopicRingServer(std::string events_path, SharedFile events, SharedSegment signal);
+    TopicRingServer(std::string events_path, kvo::os::MappedFile events, SharedSegment signal);
     ring::EventsFile& events() const { return events_.as<ring::EventsFile>(); }
     std::optional<std::uint32_t> TextOf(std::string_view sample);
 
     const std::string events_path_;
-    SharedFile events_;
+    kvo::os::MappedFile events_;
     TopicSignal signal_;
     std::uint64_t head_ = 0;
 };
@@ -87,12 +88,12 @@ public:
     bool closed() const;
 
 private:
-    TopicRingReader(SharedFile events, SharedSegment signal)
+    TopicRingReader(kvo::os::MappedFile events, SharedSegment signal)
         : events_(std::move(events)), signal_(std::move(signal)) {}
     const ring::EventsFile& events() const { return events_.as<ring::EventsFile>(); }
     std::string_view Text(std::uint32_t number);
 
-    SharedFile events_;
+    kvo::os::MappedFile events_;
     TopicSignal signal_;
     std::uint64_t next_ = 0;     // entry
     std::uint32_t counted_ = 0;  // counted events given out, of the word
@@ -111,11 +112,11 @@ public:
     bool closed() const override;
 
 private:
-    TopicRingWriter(SharedFile events, SharedSegment signal)
+    TopicRingWriter(kvo::os::MappedFile events, SharedSegment signal)
         : events_(std::move(events)), signal_(std::move(signal)) {}
     const ring::EventsFile& events() const { return events_.as<ring::EventsFile>(); }
 
-    SharedFile events_;
+    kvo::os::MappedFile events_;
     TopicSignal signal_;
 };
 

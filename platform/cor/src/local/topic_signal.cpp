@@ -1,6 +1,6 @@
 #include "local/topic_signal.h"
 
-#include "kvo/crash_point.h"
+#include "kvo/os/crash_point.h"
 
 #include <climits>
 

@@ -1,7 +1,8 @@
 #include "curve/curve_server.h"
-#include "gorm/cor/process.h"
 #include "gorm/cor/ps/publisher.h"
-#include "kvo/crash_point.h"
+#include "kvo/os/crash_point.h"
+#include "kvo/os/file_access.h"
+#include "kvo/os/fork_guard.h"
 #include "local/local_endpoint.h"
 #include "local/topic_ring.h"
 #include "runtime/runtime.h"
@@ -70,7 +71,7 @@ private:
     }
 
     const std::string topic_directory_;
-    const FileAccess topic_access_;
+    const kvo::os::FileAccess topic_access_;
     std::shared_ptr<CurveServer> curve_;  // null: none
     zmq::socket_t socket_;
     Monitor monitor_;
@@ -167,9 +168,9 @@ void Publisher::Impl::ServeTopics() {
     try {
         std::filesystem::create_directory(topic_directory_);
         KVO_CRASH_POINT("topic directory made");
-        const mode_t mode = (topic_access_.mode & 0077) == 0 ? 0700 : 0750;
-        if (::chown(topic_directory_.c_str(), static_cast<uid_t>(-1), topic_access_.group) != 0 ||
-            ::chmod(topic_directory_.c_str(), mode) != 0) {
+        const auto group = topic_access_.group.value_or(static_cast<gid_t>(-1));
+        if (::chown(topic_directory_.c_str(), static_cast<uid_t>(-1), group) != 0 ||
+            ::chmod(topic_directory_.c_str(), topic_access_.directory_mode()) != 0) {
             throw std::system_error(errno, std::generic_category(), topic_directory_);
         }
         KVO_CRASH_POINT("topic directory given its rights");
@@ -227,7 +228,7 @@ Publisher::Publisher(ServiceLoop& loop, const network::uri& uri, const Serving& 
 }
 
 Publisher::~Publisher() {
-    if (in_forked_child()) {
+    if (kvo::os::InForkedChild()) {
         static_cast<void>(impl_.release());  // closing the sockets would reach into the parent
         return;
     }

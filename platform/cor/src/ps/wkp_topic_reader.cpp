@@ -2,7 +2,7 @@
 
 #include "curve/curve_client.h"
 #include "gorm/cor/errors.h"
-#include "gorm/cor/process.h"
+#include "kvo/os/fork_guard.h"
 #include "local/runtime_directory.h"
 #include "local/topic_ring.h"
 #include "transport/bounds.h"
@@ -385,7 +385,7 @@ WkpTopicReader::WkpTopicReader(zmq::context_t& context, const Address& address,
 }
 
 WkpTopicReader::~WkpTopicReader() {
-    if (in_forked_child()) {
+    if (kvo::os::InForkedChild()) {
         // Closing the socket would reach into the parent; the loop leaks its share of it.
         return;
     }
@@ -396,7 +396,7 @@ WkpTopicReader::~WkpTopicReader() {
 }
 
 rr::ListenerRegistration WkpTopicReader::Listen(Listener listener) {
-    if (in_forked_child()) {
+    if (kvo::os::InForkedChild()) {
         return rr::ListenerRegistration();
     }
     auto slot = std::make_shared<Feed::Slot>(std::move(listener));
@@ -406,7 +406,7 @@ rr::ListenerRegistration WkpTopicReader::Listen(Listener listener) {
     loop_.Post([feed = feed_] { feed->Deliver(); });
     feed_->Interrupt();
     return rr::ListenerRegistration([weak = std::weak_ptr<Feed>(feed_), slot] {
-        if (in_forked_child()) {
+        if (kvo::os::InForkedChild()) {
             return;
         }
         if (const auto feed = weak.lock()) {

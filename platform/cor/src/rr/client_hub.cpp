@@ -1,14 +1,15 @@
 #include "rr/client_hub.h"
 
 #include "curve/curve_client.h"
+#include "kvo/os/process_identity.h"
 
 namespace gorm::cor::rr {
 
-ClientHub::ClientHub(zmq::context_t& context, const ProcessIdentity& identity)
-    : context_(context), identity_(identity) {}
+ClientHub::ClientHub(zmq::context_t& context) : context_(context) {}
 
 std::unique_ptr<Connection> ClientHub::MakeConnection(const Address& address) {
-    std::string routing_id(identity_.begin(), identity_.end());
+    const kvo::os::ProcessIdentity& identity = kvo::os::OwnProcessIdentity();
+    std::string routing_id(identity.begin(), identity.end());
     for (int shift = 24; shift >= 0; shift -= 8) {
         routing_id.push_back(static_cast<char>((made_ >> shift) & 0xFFU));
     }

@@ -1,6 +1,5 @@
 #pragma once
 
-#include "gorm/cor/process.h"
 #include "rr/connection.h"
 #include "transport/poll_loop.h"
 
@@ -17,7 +16,7 @@ namespace gorm::cor::rr {
 /// Threads: any.
 class ClientHub {
 public:
-    ClientHub(zmq::context_t& context, const ProcessIdentity& identity);
+    explicit ClientHub(zmq::context_t& context);
 
     /// Joins the client to the connection to its address, which is made when there is none. Throws
     /// Error.
@@ -31,7 +30,6 @@ private:
     std::unique_ptr<Connection> MakeConnection(const Address& address);
 
     zmq::context_t& context_;
-    const ProcessIdentity& identity_;
 
     // I/O thread only
     std::map<std::string, std::unique_ptr<Connection>> connections_;  // by endpoint and keys

@@ -1,6 +1,6 @@
 #include "rr/listener_strand.h"
 
-#include "gorm/cor/process.h"
+#include "kvo/os/fork_guard.h"
 #include "transport/listener_slot.h"
 #include "transport/poll_loop.h"
 
@@ -38,7 +38,7 @@ ListenerRegistration ListenerStrand::Add(std::function<void(bool)> listener) {
         state_->slots.push_back(slot);
     }
     return ListenerRegistration([state = std::weak_ptr<State>(state_), slot] {
-        const std::shared_ptr<State> alive = in_forked_child() ? nullptr : state.lock();
+        const std::shared_ptr<State> alive = kvo::os::InForkedChild() ? nullptr : state.lock();
         if (alive != nullptr) {
             const std::lock_guard lock(alive->mutex);
             std::erase(alive->slots, slot);
@@ -60,7 +60,7 @@ void ListenerStrand::Deliver(bool connected) {
 }
 
 void ListenerStrand::Close() noexcept {
-    if (in_forked_child()) {
+    if (kvo::os::InForkedChild()) {
         return;
     }
     std::vector<std::shared_ptr<Slot>> slots;

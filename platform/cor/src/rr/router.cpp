@@ -1,7 +1,7 @@
 #include "rr/router.h"
 
 #include "curve/curve_server.h"
-#include "gorm/cor/process.h"
+#include "kvo/os/process_identity.h"
 #include "local/local_peer.h"
 #include "transport/bounds.h"
 
@@ -17,11 +17,12 @@ namespace {
 
 // Routing ids of our own clients: the process's identity and a counter. Names that begin with a
 // zero byte were given by the transport, to peers that came without one.
-constexpr std::size_t kRoutingIdBytes = sizeof(ProcessIdentity) + sizeof(std::uint32_t);
+constexpr std::size_t kRoutingIdBytes = sizeof(kvo::os::ProcessIdentity) + sizeof(std::uint32_t);
 
 std::string IdentityOf(std::string_view routing_id) {
     const bool ours = routing_id.size() == kRoutingIdBytes && routing_id[0] != '\0';
-    return ours ? std::string(routing_id.substr(0, sizeof(ProcessIdentity))) : std::string();
+    return ours ? std::string(routing_id.substr(0, sizeof(kvo::os::ProcessIdentity)))
+                : std::string();
 }
 
 zmq::socket_t MakeRouter(zmq::context_t& context, const Router::Settings& settings) {

@@ -1,5 +1,5 @@
-#include "gorm/cor/process.h"
 #include "gorm/cor/rr/server.h"
+#include "kvo/os/fork_guard.h"
 #include "local/local_endpoint.h"
 #include "rr/router.h"
 #include "rr/wire.h"
@@ -159,7 +159,7 @@ Server::Server(ServiceLoop& loop, const network::uri& uri, Service& service,
 }
 
 Server::~Server() {
-    if (in_forked_child()) {
+    if (kvo::os::InForkedChild()) {
         static_cast<void>(impl_.release());  // closing the sockets would reach into the parent
         return;
     }

@@ -1,8 +1,8 @@
-#include "gorm/cor/process.h"
 #include "gorm/cor/rr/channel.h"
 #include "gorm/cor/rr/client.h"
 #include "gorm/cor/rr/qos.h"
 #include "gorm/cor/rr/service.h"
+#include "kvo/os/fork_guard.h"
 
 #include <condition_variable>
 #include <mutex>
@@ -49,7 +49,7 @@ Client::~Client() = default;
 }
 
 void Client::AwaitUsers() noexcept {
-    if (in_forked_child()) {
+    if (kvo::os::InForkedChild()) {
         return;  // the users are threads of another process
     }
     // relaxed: a user that misses the mark leaves before it, and the load below sees that.

@@ -1,7 +1,7 @@
 #include "rr/wkp_channel.h"
 
 #include "gorm/cor/errors.h"
-#include "gorm/cor/process.h"
+#include "kvo/os/fork_guard.h"
 #include "rr/wire.h"
 #include "transport/bounds.h"
 #include "transport/log.h"
@@ -76,7 +76,7 @@ std::string WkpChannel::At(const char* method) const {
 
 std::string WkpChannel::Request(const char* method, std::string_view params) {
     const std::string at = At(method);
-    if (in_forked_child()) {
+    if (kvo::os::InForkedChild()) {
         throw ConnectionLost(at + "the connection belongs to the process that forked this one");
     }
     if (reply_time_.count() <= 0) {
@@ -181,7 +181,7 @@ bool WkpChannel::PostNotification(const char* method, std::string_view params) {
 boost::future<void> WkpChannel::Connect() {
     boost::promise<void> promise;
     boost::future<void> future = promise.get_future();
-    if (in_forked_child()) {
+    if (kvo::os::InForkedChild()) {
         promise.set_exception(ConnectionLost(
             At("Connect") + "the connection belongs to the process that forked this one"));
         return future;
@@ -197,11 +197,12 @@ boost::future<void> WkpChannel::Connect() {
 }
 
 ListenerRegistration WkpChannel::RegisterConnectionListener(std::function<void(bool)> listener) {
-    return in_forked_child() ? ListenerRegistration() : end_->strand.Add(std::move(listener));
+    return kvo::os::InForkedChild() ? ListenerRegistration()
+                                    : end_->strand.Add(std::move(listener));
 }
 
 void WkpChannel::Close() noexcept {
-    if (in_forked_child()) {
+    if (kvo::os::InForkedChild()) {
         return;
     }
     {

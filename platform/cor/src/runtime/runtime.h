@@ -2,7 +2,6 @@
 
 #include "curve/authenticator.h"
 #include "gorm/cor/cor.h"
-#include "gorm/cor/process.h"
 #include "rr/client_hub.h"
 #include "runtime/type_loader.h"
 
@@ -20,7 +19,6 @@ public:
     static Runtime& Get();
 
     zmq::context_t& context() { return context_; }
-    const ProcessIdentity& identity() const { return identity_; }
     TypeLoader& types() { return types_; }
     VekFactory& factory() { return factory_; }
     Cor& wkp() { return *wkp_; }
@@ -33,7 +31,6 @@ public:
 private:
     Runtime();
 
-    const ProcessIdentity identity_;
     zmq::context_t context_;
     TypeLoader types_;
     VekFactory factory_;

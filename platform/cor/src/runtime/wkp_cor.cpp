@@ -2,7 +2,7 @@
 
 #include "curve/curve_client.h"
 #include "curve/name_value_file.h"
-#include "gorm/cor/process.h"
+#include "kvo/os/fork_guard.h"
 #include "ps/wkp_topic_reader.h"
 #include "rr/wkp_channel.h"
 #include "runtime/runtime.h"
@@ -18,7 +18,7 @@ namespace gorm::cor {
 namespace {
 
 void CheckUsable(const network::uri& uri) {
-    if (in_forked_child()) {
+    if (kvo::os::InForkedChild()) {
         throw Error("\"" + uri.string() +
                     "\" cannot be used: the middleware works only in the process that forked "
                     "this one");

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "gorm/cor/process.h"
+#include "kvo/os/fork_guard.h"
 #include "transport/log.h"
 
 #include <atomic>
@@ -41,7 +41,7 @@ public:
 
     /// No run begins any more, and none is in progress but the caller's own.
     void Remove() noexcept {
-        if (in_forked_child()) {
+        if (kvo::os::InForkedChild()) {
             return;  // the thread that runs it is not here
         }
         // [slot] Acquire: what a run that has ended did is visible.

@@ -1,8 +1,8 @@
 #include "transport/poll_loop.h"
 
 #include "gorm/cor/errors.h"
-#include "gorm/cor/process.h"
-#include "transport/event_fd.h"
+#include "kvo/os/event_fd.h"
+#include "kvo/os/fork_guard.h"
 #include "transport/log.h"
 
 #include <algorithm>
@@ -73,7 +73,7 @@ struct PollLoop::State {
     bool RunPosted();  // false: stopped, and nothing is left
     long PollTimeout() const;
 
-    EventFd wake;
+    kvo::os::EventFd wake;
     mutable std::mutex mutex;
     std::condition_variable changed;           // a Run is done, or the thread has ended
     std::deque<std::function<void()>> posted;  // under the mutex
@@ -171,7 +171,7 @@ PollLoop::PollLoop(const char* thread_name) : state_(std::make_shared<State>()) 
 }
 
 PollLoop::~PollLoop() {
-    if (in_forked_child()) {
+    if (kvo::os::InForkedChild()) {
         // The thread is not in this process, but its stack and its share of the state are.
         static_cast<void>(thread_.release());
         return;
@@ -201,7 +201,7 @@ void PollLoop::Main(const std::shared_ptr<State>& state) {
 }
 
 bool PollLoop::Post(std::function<void()> function) {
-    if (in_forked_child()) {
+    if (kvo::os::InForkedChild()) {
         return false;
     }
     bool first = false;
@@ -220,7 +220,7 @@ bool PollLoop::Post(std::function<void()> function) {
 }
 
 void PollLoop::Run(const std::function<void()>& function) {
-    if (in_forked_child()) {
+    if (kvo::os::InForkedChild()) {
         return;
     }
     if (here()) {
@@ -292,7 +292,7 @@ void PollLoop::Unwatch(zmq::socket_ref socket) {
 }
 
 void PollLoop::Stop() {
-    if (thread_ == nullptr || in_forked_child()) {
+    if (thread_ == nullptr || kvo::os::InForkedChild()) {
         return;
     }
     {

@@ -1,11 +1,12 @@
 #include "kvo/memory/inspection.h"
 
+#include "kvo/os/hex.h"
+#include "kvo/os/regular_file.h"
 #include "layout/segment.h"
 #include "layout/slot_content.h"
 #include "layout/tags.h"
 #include "lifetime/process_observer.h"
 #include "lifetime/segment_state.h"
-#include "mapping.h"
 
 #include <algorithm>
 #include <chrono>
@@ -22,11 +23,6 @@ constexpr unsigned kOwnerNonceBits = 48;
 
 constexpr int kLooks = 50;
 constexpr std::chrono::milliseconds kBetweenLooks{2};
-
-std::string Hex(const Uuid& uuid) {
-    const std::string path = Segment::ControlPath("", uuid);
-    return path.substr(0, path.find('.'));
-}
 
 ObservedProcess WriterOf(const Segment& segment, const ProcessObserver& processes) {
     const std::uint64_t role = segment.words().writer_role.load(kRelaxed);
@@ -208,10 +204,10 @@ bool AnybodyLives(const Segment& segment, const ProcessObserver& processes) {
 
 FileReport InspectStreamFile(const std::string& path) {
     const auto segment = Segment::Observe(path);
-    const ProcessObserver processes(DirectoryOf(path));
+    const ProcessObserver processes(os::DirectoryOf(path));
     FileReport report;
     report.stream = segment->stream();
-    report.uuid = Hex(segment->uuid());
+    report.uuid = os::ToHex(segment->uuid().data(), segment->uuid().size());
     report.epoch = segment->epoch();
     report.created_ms = segment->created_ms();
     report.checksums = segment->asks_for_checksums();
@@ -226,7 +222,7 @@ FileReport InspectStreamFile(const std::string& path) {
 
 std::vector<std::string> CheckStreamFile(const std::string& path) {
     const auto segment = Segment::Observe(path);
-    const ProcessObserver processes(DirectoryOf(path));
+    const ProcessObserver processes(os::DirectoryOf(path));
     std::vector<std::string> broken = Rules(*segment, processes).Broken();
     for (int look = 1; look < kLooks && !broken.empty(); ++look) {
         if (!AnybodyLives(*segment, processes)) {

@@ -1,6 +1,6 @@
 #include "layout/copy_out.h"
 
-#include "kvo/crash_point.h"
+#include "kvo/os/crash_point.h"
 
 #include <cstring>
 

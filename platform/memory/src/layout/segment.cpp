@@ -1,6 +1,10 @@
 #include "layout/segment.h"
 
-#include "kvo/crash_point.h"
+#include "kvo/os/crash_point.h"
+#include "kvo/os/file_descriptor.h"
+#include "kvo/os/hex.h"
+#include "kvo/os/mapped_file.h"
+#include "kvo/os/regular_file.h"
 #include "layout/geometry.h"
 
 #include <algorithm>
@@ -15,7 +19,7 @@ namespace {
 constexpr int kOpenAttempts = 10;
 
 template <class T>
-T* View(const Mapping& mapping, std::uint64_t offset) {
+T* View(const os::MappedFile& mapping, std::uint64_t offset) {
     return reinterpret_cast<T*>(mapping.at(offset));
 }
 
@@ -77,12 +81,12 @@ StreamGeometry CheckHeader(const std::string& path, const layout::HeaderFields& 
 }
 
 // Null when the file is gone or belongs to another segment: the pair was replaced meanwhile.
-std::unique_ptr<Mapping> OpenControl(const std::string& path, const Uuid& uuid,
-                                     Mapping::Access access) {
+std::unique_ptr<os::MappedFile> OpenControl(const std::string& path, const Uuid& uuid,
+                                            os::MappedFile::Access access) {
     std::uint64_t bytes = 0;
-    FileDescriptor file;
+    os::FileDescriptor file;
     try {
-        file = OpenRegularFile(path, access, bytes);
+        file = os::OpenRegularFile(path, access, bytes);
     } catch (const std::system_error& error) {
         if (error.code() == std::errc::no_such_file_or_directory) {
             return nullptr;
@@ -93,7 +97,7 @@ std::unique_ptr<Mapping> OpenControl(const std::string& path, const Uuid& uuid,
         Refuse(path, std::to_string(bytes) + " bytes instead of " +
                          std::to_string(layout::kControlBytes));
     }
-    auto mapping = std::make_unique<Mapping>(file.get(), bytes, access, path);
+    auto mapping = std::make_unique<os::MappedFile>(file.get(), bytes, access, path);
     const auto* header = View<layout::ControlHeader>(*mapping, 0);
     // [control-ready] Acquire: pairs with the creator's last write, which the rename orders.
     if (header->magic.load(std::memory_order_acquire) != layout::kControlMagic ||
@@ -109,14 +113,9 @@ std::unique_ptr<Mapping> OpenControl(const std::string& path, const Uuid& uuid,
 }  // namespace
 
 std::string Segment::ControlPath(const std::string& data_path, const Uuid& uuid) {
-    static constexpr char kDigits[] = "0123456789abcdef";
     const auto slash = data_path.rfind('/');
-    std::string path = slash == std::string::npos ? "" : data_path.substr(0, slash + 1);
-    for (const unsigned char byte : uuid) {
-        path += kDigits[byte >> 4];
-        path += kDigits[byte & 15];
-    }
-    return path + ".pins";
+    const std::string folder = slash == std::string::npos ? "" : data_path.substr(0, slash + 1);
+    return folder + os::ToHex(uuid.data(), uuid.size()) + ".pins";
 }
 
 std::shared_ptr<Segment> Segment::Open(const std::string& path, Access access) {
@@ -131,11 +130,11 @@ std::shared_ptr<Segment> Segment::Open(const std::string& path, Access data_acce
                                        Access control_access) {
     for (int attempt = 0; attempt < kOpenAttempts; ++attempt) {
         std::uint64_t bytes = 0;
-        const FileDescriptor file = OpenRegularFile(path, data_access, bytes);
+        const os::FileDescriptor file = os::OpenRegularFile(path, data_access, bytes);
         if (bytes < layout::kIndexOffset) {
             Refuse(path, "only " + std::to_string(bytes) + " bytes");
         }
-        Mapping data(file.get(), bytes, data_access, path);
+        os::MappedFile data(file.get(), bytes, data_access, path);
         const auto* header = View<layout::DataHeader>(data, 0);
         // [data-ready] Acquire: pairs with the creator's last write, which the rename orders.
         if (header->magic.load(std::memory_order_acquire) != layout::kDataMagic) {
@@ -156,7 +155,8 @@ std::shared_ptr<Segment> Segment::Open(const std::string& path, Access data_acce
     Refuse(path, "its control file is missing");
 }
 
-Segment::Segment(Mapping data, const layout::HeaderFields& fields, const StreamGeometry& geometry)
+Segment::Segment(os::MappedFile data, const layout::HeaderFields& fields,
+                 const StreamGeometry& geometry)
     : data_mapping_(std::move(data)),
       geometry_(geometry),
       epoch_(fields.epoch),
@@ -174,7 +174,7 @@ Segment::Segment(Mapping data, const layout::HeaderFields& fields, const StreamG
     payloads_ = data_mapping_.at(offsets.payload);
 }
 
-void Segment::AttachControl(Mapping control) {
+void Segment::AttachControl(os::MappedFile control) {
     control_mapping_ = std::move(control);
     control_ = View<layout::ControlHeader>(control_mapping_, 0);
     rows_ = View<layout::ReaderRow>(control_mapping_, layout::kRowsOffset);

@@ -1,8 +1,8 @@
 #pragma once
 
 #include "kvo/memory/stream_file.h"
+#include "kvo/os/mapped_file.h"
 #include "layout/stream_file_layout.h"
-#include "mapping.h"
 
 #include <memory>
 #include <string>
@@ -14,7 +14,7 @@ namespace kvo {
 /// Threads: any.
 class Segment {
 public:
-    using Access = Mapping::Access;
+    using Access = os::MappedFile::Access;
 
     /// Opens what lies at the path. The control file is always mapped for writing, the data file
     /// only for Access::kWrite. Throws std::runtime_error naming file and fault.
@@ -52,11 +52,12 @@ public:
 
 private:
     static std::shared_ptr<Segment> Open(const std::string& path, Access data, Access control);
-    Segment(Mapping data, const layout::HeaderFields& fields, const StreamGeometry& geometry);
-    void AttachControl(Mapping control);
+    Segment(os::MappedFile data, const layout::HeaderFields& fields,
+            const StreamGeometry& geometry);
+    void AttachControl(os::MappedFile control);
 
-    Mapping data_mapping_;
-    Mapping control_mapping_;
+    os::MappedFile data_mapping_;
+    os::MappedFile control_mapping_;
     StreamGeometry geometry_;
     Uuid uuid_{};
     std::uint64_t epoch_ = 0;

@@ -1,9 +1,13 @@
 #include "kvo/memory/process_lock.h"
 
-#include "fork_guard.h"
+#include "kvo/os/file_access.h"
+#include "kvo/os/file_descriptor.h"
+#include "kvo/os/fork_guard.h"
+#include "kvo/os/process_identity.h"
+#include "kvo/os/random_bytes.h"
+#include "kvo/os/regular_file.h"
+#include "kvo/os/system_error.h"
 #include "lifetime/process_record.h"
-#include "mapping.h"
-#include "random_bytes.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -24,33 +28,6 @@ namespace {
 // While the directory's owner removes an unused file it holds every byte, for some microseconds.
 constexpr int kJoinAttempts = 200;
 
-class Identity {
-public:
-    static Identity& OfThisProcess() {
-        static auto& identity = *new Identity;  // outlives every user
-        return identity;
-    }
-    void Set(const ProcessIdentity& identity) {
-        const std::lock_guard lock(mutex_);
-        if (!identity_) {
-            identity_ = identity;
-        }
-    }
-    ProcessIdentity Get() {
-        const std::lock_guard lock(mutex_);
-        if (!identity_) {
-            ProcessIdentity drawn;
-            FillRandom(drawn.data(), drawn.size());
-            identity_ = drawn;
-        }
-        return *identity_;
-    }
-
-private:
-    std::mutex mutex_;
-    std::optional<ProcessIdentity> identity_;
-};
-
 // The lock file of one directory as this process holds it. POSIX locks go with any descriptor of
 // the file that the process closes, so there is one, and it is closed only when the file has
 // been unlinked. Threads: any.
@@ -66,11 +43,11 @@ public:
     void DropUser();
     bool Lives(const ProcessTag& tag) const;
     std::optional<ProcessTag> Resolve(std::uint16_t number, std::uint32_t nonce_low) const;
-    std::vector<std::pair<ProcessIdentity, ProcessTag>> Joined() const;
+    std::vector<std::pair<os::ProcessIdentity, ProcessTag>> Joined() const;
     bool AnybodyElse(int own_users) const;
-    void LetIn(const FileAccess& access) {
+    void LetIn(const os::FileAccess& access) {
         const std::lock_guard lock(mutex_);
-        SetAccess(file_.get(), access.shared_mode(), access.group, path_);
+        os::SetPermissions(file_.get(), access.shared_mode(), access.group, path_);
     }
     bool Remove(int own_users);
 
@@ -81,7 +58,7 @@ public:
 
 private:
     void OpenCurrentFile();
-    bool PathIsOurFile() const;
+    bool PathIsOurFile() const { return os::IsFileAt(path_, file_.get()); }
     std::uint16_t TakeAnyByte() const;
     bool SetLock(short type, off_t first, off_t count) const;
     bool HeldByOther(off_t first, off_t count) const;
@@ -90,32 +67,24 @@ private:
 
     const std::string path_;
     mutable std::mutex mutex_;  // all below
-    FileDescriptor file_;
+    os::FileDescriptor file_;
     int users_ = 0;
     ProcessTag own_;
 };
-
-bool DirectoryLock::PathIsOurFile() const {
-    struct stat ours {};
-    struct stat there {};
-    return file_.get() >= 0 && ::fstat(file_.get(), &ours) == 0 &&
-           ::lstat(path_.c_str(), &there) == 0 && ours.st_dev == there.st_dev &&
-           ours.st_ino == there.st_ino;
-}
 
 void DirectoryLock::OpenCurrentFile() {
     if (PathIsOurFile()) {
         return;
     }
-    FileDescriptor file(
+    os::FileDescriptor file(
         ::open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0660));
     if (file.get() < 0) {
-        ThrowOpening(path_);
+        os::ThrowOpening(path_);
     }
     // All records have their room from the start: on a full file system nobody could join.
     struct stat status {};
     if (::fstat(file.get(), &status) == 0 && status.st_size < kProcessLockBytes) {
-        ReserveBytes(file.get(), kProcessLockBytes, path_);
+        os::ReserveBytes(file.get(), kProcessLockBytes, path_);
     }
     file_ = std::move(file);
 }
@@ -148,7 +117,7 @@ ProcessRecord DirectoryLock::ReadRecord(std::uint16_t number) const {
 void DirectoryLock::WriteRecord(std::uint16_t number, const ProcessRecord& record) const {
     const ssize_t put = ::pwrite(file_.get(), &record, sizeof record, RecordOffset(number));
     if (put != static_cast<ssize_t>(sizeof record)) {
-        ThrowErrno(put < 0 ? errno : ENOSPC, "writing " + path_);
+        os::ThrowErrno(put < 0 ? errno : ENOSPC, "writing " + path_);
     }
 }
 
@@ -182,9 +151,9 @@ ProcessTag DirectoryLock::AddUser() {
             continue;
         }
         ProcessRecord record{};
-        FillRandom(&record.nonce, sizeof record.nonce);
+        os::FillRandom(&record.nonce, sizeof record.nonce);
         record.nonce = (record.nonce & ((1ULL << 48) - 1)) | 1;
-        record.identity = Identity::OfThisProcess().Get();
+        record.identity = os::OwnProcessIdentity();
         record.process_id = static_cast<std::uint32_t>(::getpid());
         try {
             WriteRecord(number, record);
@@ -196,7 +165,7 @@ ProcessTag DirectoryLock::AddUser() {
         users_ = 1;
         return own_;
     }
-    ThrowErrno(EUSERS, "no free process number in " + path_);
+    os::ThrowErrno(EUSERS, "no free process number in " + path_);
 }
 
 void DirectoryLock::DropUser() {
@@ -238,13 +207,13 @@ std::optional<ProcessTag> DirectoryLock::Resolve(std::uint16_t number,
     return ProcessTag{number, nonce};
 }
 
-std::vector<std::pair<ProcessIdentity, ProcessTag>> DirectoryLock::Joined() const {
+std::vector<std::pair<os::ProcessIdentity, ProcessTag>> DirectoryLock::Joined() const {
     const std::lock_guard lock(mutex_);
     std::vector<ProcessRecord> records(kMaxProcesses + 1);
     const ssize_t got = ::pread(file_.get(), records.data(), records.size() * sizeof(ProcessRecord),
                                 kRecordsOffset);
     records.resize(got > 0 ? static_cast<std::size_t>(got) / sizeof(ProcessRecord) : 0);
-    std::vector<std::pair<ProcessIdentity, ProcessTag>> joined;
+    std::vector<std::pair<os::ProcessIdentity, ProcessTag>> joined;
     for (std::size_t number = 1; number < records.size(); ++number) {
         if (const ProcessRecord& record = records[number]; record.nonce != 0) {
             joined.push_back({record.identity, {static_cast<std::uint16_t>(number), record.nonce}});
@@ -322,29 +291,25 @@ public:
 };
 
 std::shared_ptr<ProcessLock> ProcessLock::ForDirectory(const std::string& directory) {
-    WatchForks();
-    if (InForkedChild()) {
-        ThrowErrno(EPERM, "process lock of " + directory + " in a forked child");
+    os::WatchForks();
+    if (os::InForkedChild()) {
+        os::ThrowErrno(EPERM, "process lock of " + directory + " in a forked child");
     }
     return std::shared_ptr<ProcessLock>(
         new ProcessLock(std::make_unique<Impl>(Directories::OfThisProcess().Get(directory))));
 }
 
-void ProcessLock::SetProcessIdentity(const ProcessIdentity& identity) {
-    Identity::OfThisProcess().Set(identity);
-}
-
 ProcessLock::ProcessLock(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
 
 ProcessLock::~ProcessLock() {
-    if (!InForkedChild() && impl_->joined_.number != 0) {
+    if (!os::InForkedChild() && impl_->joined_.number != 0) {
         impl_->directory_->DropUser();
     }
 }
 
 ProcessTag ProcessLock::Join() {
-    if (InForkedChild()) {
-        ThrowErrno(EPERM, "joining in a forked child");
+    if (os::InForkedChild()) {
+        os::ThrowErrno(EPERM, "joining in a forked child");
     }
     const std::lock_guard lock(impl_->mutex_);
     if (impl_->joined_.number == 0) {
@@ -354,31 +319,31 @@ ProcessTag ProcessLock::Join() {
 }
 
 bool ProcessLock::Lives(const ProcessTag& tag) const {
-    return !InForkedChild() && impl_->directory_->Lives(tag);
+    return !os::InForkedChild() && impl_->directory_->Lives(tag);
 }
 
 std::optional<ProcessTag> ProcessLock::Resolve(std::uint16_t number,
                                                std::uint32_t nonce_low) const {
-    return InForkedChild() ? std::nullopt : impl_->directory_->Resolve(number, nonce_low);
+    return os::InForkedChild() ? std::nullopt : impl_->directory_->Resolve(number, nonce_low);
 }
 
-std::vector<std::pair<ProcessIdentity, ProcessTag>> ProcessLock::Joined() const {
-    return InForkedChild() ? std::vector<std::pair<ProcessIdentity, ProcessTag>>{}
-                           : impl_->directory_->Joined();
+std::vector<std::pair<os::ProcessIdentity, ProcessTag>> ProcessLock::Joined() const {
+    return os::InForkedChild() ? std::vector<std::pair<os::ProcessIdentity, ProcessTag>>{}
+                               : impl_->directory_->Joined();
 }
 
 bool ProcessLock::AnybodyElse() const {
-    return !InForkedChild() && impl_->directory_->AnybodyElse(impl_->users());
+    return !os::InForkedChild() && impl_->directory_->AnybodyElse(impl_->users());
 }
 
-void ProcessLock::LetIn(const FileAccess& access) {
-    if (!InForkedChild()) {
+void ProcessLock::LetIn(const os::FileAccess& access) {
+    if (!os::InForkedChild()) {
         impl_->directory_->LetIn(access);
     }
 }
 
 bool ProcessLock::RemoveIfUnused() {
-    if (InForkedChild()) {
+    if (os::InForkedChild()) {
         return false;
     }
     const bool removed = impl_->directory_->Remove(impl_->users());

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "kvo/memory/process_lock.h"
+#include "kvo/os/process_identity.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -16,7 +17,7 @@ inline constexpr off_t kRecordsOffset = 4096;
 // Written by the holder of the byte.
 struct ProcessRecord {
     std::uint64_t nonce;  // 0: nobody
-    ProcessIdentity identity;
+    os::ProcessIdentity identity;
     std::uint32_t process_id;  // for people; in the writer's own namespace
     std::uint32_t room[9];
 };

@@ -1,13 +1,18 @@
 #include "kvo/memory/stream_file.h"
 
-#include "fork_guard.h"
-#include "kvo/crash_point.h"
+#include "kvo/os/crash_point.h"
+#include "kvo/os/file_access.h"
+#include "kvo/os/file_descriptor.h"
+#include "kvo/os/fork_guard.h"
+#include "kvo/os/mapped_file.h"
+#include "kvo/os/new_file.h"
+#include "kvo/os/random_bytes.h"
+#include "kvo/os/regular_file.h"
+#include "kvo/os/system_error.h"
 #include "layout/geometry.h"
 #include "layout/segment.h"
 #include "layout/tags.h"
 #include "lifetime/segment_state.h"
-#include "mapping.h"
-#include "random_bytes.h"
 #include "read/reader_row.h"
 
 #include <algorithm>
@@ -26,50 +31,14 @@ namespace {
 
 void UnlinkIfThere(const std::string& path) {
     if (::unlink(path.c_str()) != 0 && errno != ENOENT) {
-        ThrowErrno(errno, "removing " + path);
+        os::ThrowErrno(errno, "removing " + path);
     }
 }
 
-// A file under construction: gone with the object unless it was kept.
-class NewFile {
-public:
-    NewFile(std::string path, std::uint64_t bytes, std::uint32_t mode,
-            std::optional<std::uint32_t> group)
-        : path_(std::move(path)) {
-        const FileDescriptor file(
-            ::open(path_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600));
-        if (file.get() < 0) {
-            ThrowErrno(errno, "creating " + path_);
-        }
-        try {
-            SetAccess(file.get(), mode, group, path_);
-            ReserveBytes(file.get(), bytes, path_);
-            mapping_ = Mapping(file.get(), bytes, Mapping::Access::kWrite, path_);
-        } catch (...) {
-            ::unlink(path_.c_str());
-            throw;
-        }
-    }
-    NewFile(const NewFile&) = delete;
-    NewFile& operator=(const NewFile&) = delete;
-    ~NewFile() {
-        if (!kept_) {
-            ::unlink(path_.c_str());
-        }
-    }
-    const std::string& path() const { return path_; }
-    unsigned char* begin() const { return mapping_.at(0); }
-    void Keep() { kept_ = true; }
-
-private:
-    const std::string path_;
-    Mapping mapping_;
-    bool kept_ = false;
-};
-
 // Of the segment that the path names now, if it names one; what is no stream file is nobody's.
 std::optional<Uuid> UuidAt(const std::string& path) {
-    const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+    const os::FileDescriptor file(
+        ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
     unsigned char bytes[sizeof(layout::DataHeader)];
     if (file.get() < 0 || ::pread(file.get(), bytes, sizeof bytes, 0) != sizeof bytes) {
         return std::nullopt;
@@ -167,15 +136,15 @@ private:
 };
 
 WriterState MappedStreamFile::writer_state() const {
-    return InForkedChild() ? WriterState{} : WriterStateOf(*segment_);
+    return os::InForkedChild() ? WriterState{} : WriterStateOf(*segment_);
 }
 
 std::vector<ReaderState> MappedStreamFile::readers() const {
-    return InForkedChild() ? std::vector<ReaderState>{} : ReaderStatesOf(*segment_);
+    return os::InForkedChild() ? std::vector<ReaderState>{} : ReaderStatesOf(*segment_);
 }
 
 void MappedStreamFile::Retire() {
-    if (!InForkedChild()) {
+    if (!os::InForkedChild()) {
         // relaxed: the writer may see it a write later; whether a sample was in time is a race
         // that order does not settle.
         segment_->words().state.store(layout::kRetired, std::memory_order_relaxed);
@@ -185,7 +154,7 @@ void MappedStreamFile::Retire() {
 int MappedStreamFile::ReapDeadReaders(ProcessLock& lock) {
     int reaped = 0;
     // Every row, not only those below the mark: a reader may have died between claim and mark.
-    for (std::uint32_t number = 0; !InForkedChild() && number < layout::kRows; ++number) {
+    for (std::uint32_t number = 0; !os::InForkedChild() && number < layout::kRows; ++number) {
         auto& row = segment_->row(number);
         // relaxed: only an exchange from this very value follows.
         std::uint64_t owner = row.owner.load(std::memory_order_relaxed);
@@ -203,7 +172,7 @@ int MappedStreamFile::ReapDeadReaders(ProcessLock& lock) {
 }
 
 bool MappedStreamFile::InUse(const ProcessLock& lock) const {
-    if (InForkedChild()) {
+    if (os::InForkedChild()) {
         return false;
     }
     const std::uint64_t role = Role();
@@ -221,7 +190,7 @@ bool MappedStreamFile::InUse(const ProcessLock& lock) const {
 }
 
 void MappedStreamFile::Remove() {
-    if (InForkedChild()) {
+    if (os::InForkedChild()) {
         return;
     }
     // In this order nobody finds a data file whose control file is missing for good.
@@ -237,8 +206,8 @@ void MappedStreamFile::Remove() {
 StreamFile::~StreamFile() = default;
 
 std::unique_ptr<StreamFile> StreamFile::Create(const Creation& creation) {
-    if (InForkedChild()) {
-        ThrowErrno(EPERM, "creating " + creation.path + " in a forked child");
+    if (os::InForkedChild()) {
+        os::ThrowErrno(EPERM, "creating " + creation.path + " in a forked child");
     }
     if (creation.stream.empty() || creation.stream.size() >= sizeof layout::HeaderFields::stream) {
         throw std::invalid_argument("stream identifier of " +
@@ -249,14 +218,14 @@ std::unique_ptr<StreamFile> StreamFile::Create(const Creation& creation) {
         throw std::invalid_argument("impossible " + fault);
     }
     Uuid uuid;
-    FillRandom(uuid.data(), uuid.size());
+    os::FillRandom(uuid.data(), uuid.size());
     const std::string control_path = Segment::ControlPath(creation.path, uuid);
-    const FileAccess& access = creation.access;
-    NewFile control(control_path, creation.geometry.control_bytes, access.shared_mode(),
-                    access.group);
+    const os::FileAccess& access = creation.access;
+    os::NewFile control(control_path, creation.geometry.control_bytes, access.shared_mode(),
+                        access.group);
     KVO_CRASH_POINT("control file made");
-    NewFile data(std::filesystem::path(control_path).replace_extension(".new").string(),
-                 creation.geometry.file_bytes, access.mode, access.group);
+    os::NewFile data(std::filesystem::path(control_path).replace_extension(".new").string(),
+                     creation.geometry.file_bytes, access.mode, access.group);
     KVO_CRASH_POINT("data file made");
     FillControl(control.begin(), uuid);
     KVO_CRASH_POINT("control file filled");
@@ -268,7 +237,7 @@ std::unique_ptr<StreamFile> StreamFile::Create(const Creation& creation) {
 
     const auto replaced = UuidAt(creation.path);
     if (::rename(data.path().c_str(), creation.path.c_str()) != 0) {
-        ThrowErrno(errno, "putting " + creation.path + " in place");
+        os::ThrowErrno(errno, "putting " + creation.path + " in place");
     }
     KVO_CRASH_POINT("data file in place");
     data.Keep();
@@ -281,8 +250,8 @@ std::unique_ptr<StreamFile> StreamFile::Create(const Creation& creation) {
 }
 
 std::unique_ptr<StreamFile> StreamFile::Open(const std::string& path) {
-    if (InForkedChild()) {
-        ThrowErrno(EPERM, "opening " + path + " in a forked child");
+    if (os::InForkedChild()) {
+        os::ThrowErrno(EPERM, "opening " + path + " in a forked child");
     }
     return std::make_unique<MappedStreamFile>(path, Segment::Open(path, Segment::Access::kWrite));
 }

@@ -1,7 +1,7 @@
 #include "read/accessor_reader.h"
 
 #include "kvo/KvoLogger.h"
-#include "mapping.h"
+#include "kvo/os/regular_file.h"
 
 #include <algorithm>
 #include <exception>
@@ -103,7 +103,7 @@ void AccessorReader::StartReading() {
             place_.next = current_->FirstYoung(settings_.max_age_ns);
             place_.signalled = place_.next - 1;
         }
-        fault = current_->ClaimRow(DirectoryOf(settings_.path));
+        fault = current_->ClaimRow(os::DirectoryOf(settings_.path));
         current_->PublishLedger(counters_, place_.next);
     }
     if (!fault.empty()) {

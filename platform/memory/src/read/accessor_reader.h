@@ -1,7 +1,7 @@
 #pragma once
 
-#include "kvo/memory/light_mutex.h"
 #include "kvo/memory/memory_accessor.h"
+#include "kvo/os/light_mutex.h"
 #include "read/sample_reader.h"
 #include "read/sample_store.h"
 
@@ -85,7 +85,7 @@ private:
     DataAvailable signal_;
 
     std::mutex open_mutex_;                  // one opens at a time; taken before mutex_
-    mutable LightMutex mutex_;               // all below
+    mutable os::LightMutex mutex_;           // all below
     std::unique_ptr<SampleReader> current_;  // null: closed
     std::uint64_t last_epoch_ = 0;           // of the segment that was mapped last
     Place place_;

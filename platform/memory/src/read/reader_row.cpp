@@ -1,7 +1,7 @@
 #include "read/reader_row.h"
 
-#include "fork_guard.h"
-#include "kvo/crash_point.h"
+#include "kvo/os/crash_point.h"
+#include "kvo/os/fork_guard.h"
 #include "layout/tags.h"
 
 namespace kvo {
@@ -84,7 +84,7 @@ ReaderRow::ReaderRow(std::shared_ptr<Segment> segment, std::shared_ptr<ProcessLo
 }
 
 ReaderRow::~ReaderRow() {
-    if (!InForkedChild()) {
+    if (!os::InForkedChild()) {
         ReleaseRow(row_);
     }
 }
@@ -134,7 +134,7 @@ void ReaderRow::RaiseMark() {
 }
 
 [[gnu::hot]] void ReaderRow::Unpin(int pin) {
-    if (InForkedChild()) {
+    if (os::InForkedChild()) {
         return;
     }
     // [unpin] Release: the scan that reads 0 is behind everything read through this pin.

@@ -1,7 +1,7 @@
 #include "write/accessor_writer.h"
 
 #include "kvo/KvoLogger.h"
-#include "mapping.h"
+#include "kvo/os/regular_file.h"
 
 #include <stdexcept>
 #include <utility>
@@ -77,7 +77,7 @@ void AccessorWriter::Install(std::shared_ptr<Segment> segment) {
         throw std::runtime_error("it is of stream \"" + segment->stream() + "\", not \"" + stream_ +
                                  "\"");
     }
-    auto lock_file = ProcessLock::ForDirectory(DirectoryOf(path_));
+    auto lock_file = ProcessLock::ForDirectory(os::DirectoryOf(path_));
     auto writer = std::make_unique<SampleWriter>(std::move(segment), std::move(lock_file));
     const std::lock_guard lock(mutex_);
     writer_.swap(writer);

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "kvo/memory/light_mutex.h"
 #include "kvo/memory/memory_accessor.h"
+#include "kvo/os/light_mutex.h"
 #include "write/sample_writer.h"
 
 #include <atomic>
@@ -52,7 +52,7 @@ private:
     std::atomic<bool> compute_checksum_{false};
 
     std::mutex open_mutex_;                 // one opens at a time; taken before mutex_
-    mutable LightMutex mutex_;              // those below
+    mutable os::LightMutex mutex_;          // those below
     std::unique_ptr<SampleWriter> writer_;  // null: not a writer
     bool discard_logged_ = false;
     bool drop_logged_ = false;

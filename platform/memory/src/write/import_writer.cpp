@@ -1,7 +1,7 @@
 #include "kvo/memory/import_writer.h"
 
 #include "kvo/memory/process_lock.h"
-#include "mapping.h"
+#include "kvo/os/regular_file.h"
 #include "write/sample_writer.h"
 
 namespace kvo {
@@ -10,7 +10,7 @@ class ImportWriter::Impl {
 public:
     explicit Impl(const std::string& path)
         : writer(Segment::Open(path, Segment::Access::kWrite),
-                 ProcessLock::ForDirectory(DirectoryOf(path))) {}
+                 ProcessLock::ForDirectory(os::DirectoryOf(path))) {}
 
     SampleWriter writer;
 };

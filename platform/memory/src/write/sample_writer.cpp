@@ -1,7 +1,7 @@
 #include "write/sample_writer.h"
 
-#include "fork_guard.h"
-#include "kvo/crash_point.h"
+#include "kvo/os/crash_point.h"
+#include "kvo/os/fork_guard.h"
 #include "layout/copy_out.h"
 #include "layout/slot_content.h"
 #include "layout/tags.h"
@@ -52,7 +52,7 @@ SampleWriter::SampleWriter(std::shared_ptr<Segment> segment, std::shared_ptr<Pro
 }
 
 SampleWriter::~SampleWriter() {
-    if (!InForkedChild()) {
+    if (!os::InForkedChild()) {
         // [role] Release: the next writer sees all that we wrote.
         std::uint64_t own = role_;
         segment_->words().writer_role.compare_exchange_strong(own, 0, std::memory_order_release,

@@ -1,3 +1,4 @@
+#include "kvo/os/regular_file.h"
 #include "local/topic_ring.h"
 #include "temp_directory.h"
 
@@ -70,8 +71,9 @@ protected:
     std::string Events() const { return EventsPath(directory_, "/a"); }
     template <class T>
     T& MapEvents() const {
-        static std::vector<SharedFile> mapped;  // to the end of the process
-        mapped.push_back(SharedFile::Open(Events(), sizeof(T), SharedFile::Mode::kWrite));
+        static std::vector<kvo::os::MappedFile> mapped;  // to the end of the process
+        mapped.push_back(
+            kvo::os::MapTrustedFile(Events(), sizeof(T), kvo::os::MappedFile::Access::kWrite));
         return mapped.back().as<T>();
     }
     template <class T>

@@ -1,6 +1,6 @@
 #include "echo.h"
-#include "gorm/cor/lock_file.h"
 #include "gorm/cor/ps/publisher.h"
+#include "kvo/os/lock_file.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -52,7 +52,7 @@ TEST_F(LocalEndpointTest, AForkedChildAndADeadServerLeaveThePortToOthers) {
     int status = -1;
     ASSERT_EQ(child, ::waitpid(child, &status, 0));
     EXPECT_EQ(0, status);
-    EXPECT_TRUE(LockFile::IsHeld(PathOf(server.port(), ".lock")));
+    EXPECT_TRUE(kvo::os::LockFile::IsHeld(PathOf(server.port(), ".lock")));
     EXPECT_EQ("still", MakeClient(server.uri())->Say("still"));
 
     // As a killed server leaves them: nobody holds the lock, and nobody listens.
@@ -60,7 +60,7 @@ TEST_F(LocalEndpointTest, AForkedChildAndADeadServerLeaveThePortToOthers) {
     { std::ofstream(PathOf(server.port(), ".lock")) << "1\nsomebody"; }
     { std::ofstream(PathOf(1, ".lock")) << "1\nsomebody"; }
     { std::ofstream(PathOf(1, ".sock")); }
-    EXPECT_FALSE(LockFile::IsHeld(PathOf(server.port(), ".lock")));
+    EXPECT_FALSE(kvo::os::LockFile::IsHeld(PathOf(server.port(), ".lock")));
     server.Start(Here());
     EXPECT_FALSE(fs::exists(PathOf(1, ".sock")));
     EXPECT_THAT(MakeClient(server.uri())->Say("who"), HasSubstr("local"));
@@ -93,7 +93,7 @@ TEST_F(LocalEndpointTest, AClientFindsTheServerOnWhicheverSocketAndHoweverLateIt
 
 TEST_F(LocalEndpointTest, ASocketThatTakesNobodyInKeepsNobodyFromTcp) {
     EchoServer server;
-    const LockFile lock(PathOf(server.port(), ".lock"), "nobody", 0644);
+    const kvo::os::LockFile lock(PathOf(server.port(), ".lock"), "nobody", 0644);
     zmq::context_t context;
     zmq::socket_t deaf(context, zmq::socket_type::stream);  // speaks another protocol
     deaf.bind("ipc://" + PathOf(server.port(), ".sock"));

@@ -1,6 +1,6 @@
 #include "echo.h"
-#include "gorm/cor/process.h"
 #include "gorm/cor/rr/packing.h"
+#include "kvo/os/process_identity.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -34,7 +34,7 @@ TEST(RequestReply, ManyThreadsAndClientsGetTheirOwnAnswers) {
     for (auto& thread : threads) {
         EXPECT_EQ(0, thread.get());
     }
-    const auto& identity = process_identity();
+    const auto& identity = kvo::os::OwnProcessIdentity();
     EXPECT_EQ(rr::PackResult(std::string(identity.begin(), identity.end())),
               clients[0]->CallAs("WhoAmI", rr::PackParams()));
 }

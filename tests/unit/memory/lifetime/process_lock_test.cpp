@@ -1,5 +1,6 @@
 #include "kvo/memory/process_lock.h"
 
+#include "kvo/os/process_identity.h"
 #include "memory_fixture.h"
 #include "peer_process.h"
 
@@ -7,14 +8,6 @@
 
 namespace kvo::test {
 namespace {
-
-// The first identity that a process sets or needs stays, so it is set before any test.
-const ProcessIdentity kIdentity{1, 2, 3};
-const bool identity_set = [] {
-    ProcessLock::SetProcessIdentity(kIdentity);
-    ProcessLock::SetProcessIdentity({4, 5, 6});
-    return true;
-}();
 
 class ProcessLockTest : public MemoryTest {
 protected:
@@ -63,11 +56,11 @@ TEST_F(ProcessLockTest, APeerLivesUntilItIsKilled) {
 }
 
 TEST_F(ProcessLockTest, TheRecordsTellWhoHasJoinedWithWhichIdentity) {
-    ASSERT_TRUE(identity_set);
     const auto lock = ProcessLock::ForDirectory(directory_);
     EXPECT_TRUE(lock->Joined().empty());
     const ProcessTag tag = lock->Join();
-    const std::vector<std::pair<ProcessIdentity, ProcessTag>> expected{{kIdentity, tag}};
+    const std::vector<std::pair<os::ProcessIdentity, ProcessTag>> expected{
+        {os::OwnProcessIdentity(), tag}};
     EXPECT_EQ(lock->Joined(), expected);
 }
 

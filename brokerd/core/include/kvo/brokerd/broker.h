@@ -3,6 +3,7 @@
 #include "kvo/brokerd/broker_state.h"
 #include "kvo/brokerd/federation_engine.h"
 #include "kvo/memory/stream_file.h"
+#include "kvo/os/file_access.h"
 
 #include <chrono>
 #include <cstdint>
@@ -53,7 +54,7 @@ struct BrokerOptions {
     std::uint32_t user_streams = 0;
     std::uint64_t user_memory_bytes = 0;
     SpareSlots spare_slots;
-    FileAccess file_access;
+    os::FileAccess file_access;
     // What other brokers call this one, and its exported topics; unlike for any two that work
     // together. Empty: the host's name and the port.
     std::string name;

@@ -2,6 +2,7 @@
 
 #include "gorm/cor/curve.h"
 #include "gorm/cor/export.h"
+#include "kvo/os/file_access.h"
 
 #include <memory>
 #include <optional>
@@ -9,12 +10,6 @@
 #include <sys/types.h>
 
 namespace gorm::cor {
-
-/// Who else may use the files of a local topic.
-struct FileAccess {
-    mode_t mode = 0600;
-    gid_t group = static_cast<gid_t>(-1);  // -1: the process's own
-};
 
 /// How a server or publisher can be reached beside TCP.
 struct Serving {
@@ -26,7 +21,7 @@ struct Serving {
     /// Where a publisher keeps its local topics; made when it is missing, with what lies in it
     /// owned by the publisher. Empty: there are none.
     std::string topic_directory;
-    FileAccess topic_access;
+    kvo::os::FileAccess topic_access;
     /// Not empty: told to whoever wants to serve the same port of this host.
     std::string note = "server";
     /// Whoever comes over TCP needs a key that is allowed; null: TCP asks for none. Does not hold

@@ -1,8 +1,8 @@
 #pragma once
 
 #include "kvo/memory/data_sample.h"
-#include "kvo/memory/light_mutex.h"
 #include "kvo/memory_export.h"
+#include "kvo/os/light_mutex.h"
 
 #include <boost/signals2/signal.hpp>
 
@@ -37,7 +37,8 @@ struct KVO_MEMORY_EXPORT IsolatingCombiner {
 /// Like any signal of its kind, but for the mutex: it is raised for every sample.
 using DataAvailable =
     boost::signals2::signal<void(), IsolatingCombiner, int, std::less<int>, boost::function<void()>,
-                            boost::function<void(const boost::signals2::connection&)>, LightMutex>;
+                            boost::function<void(const boost::signals2::connection&)>,
+                            os::LightMutex>;
 
 /// What a reader did not get, by cause. Samples of all epochs since the accessor was made.
 struct ReaderCounters {

@@ -1,7 +1,8 @@
 #pragma once
 
-#include "kvo/memory/file_access.h"
 #include "kvo/memory_export.h"
+#include "kvo/os/file_access.h"
+#include "kvo/os/process_identity.h"
 
 #include <array>
 #include <cstdint>
@@ -12,8 +13,6 @@
 #include <vector>
 
 namespace kvo {
-
-using ProcessIdentity = std::array<unsigned char, 16>;
 
 inline constexpr std::uint16_t kMaxProcesses = 4095;  // that use one directory at a time
 
@@ -38,10 +37,6 @@ public:
     /// std::system_error naming the file.
     static std::shared_ptr<ProcessLock> ForDirectory(const std::string& directory);
 
-    /// What this process writes beside its byte, the same in every directory; the first call
-    /// holds. Without it a random one is drawn.
-    static void SetProcessIdentity(const ProcessIdentity& identity);
-
     ProcessLock(const ProcessLock&) = delete;
     ProcessLock& operator=(const ProcessLock&) = delete;
     ~ProcessLock();
@@ -54,7 +49,7 @@ public:
     bool Lives(const ProcessTag& tag) const;
 
     /// Who has joined with which identity, by the records alone: some may have died since.
-    std::vector<std::pair<ProcessIdentity, ProcessTag>> Joined() const;
+    std::vector<std::pair<os::ProcessIdentity, ProcessTag>> Joined() const;
 
     /// The living process with this number whose nonce ends in these bits.
     std::optional<ProcessTag> Resolve(std::uint16_t number, std::uint32_t nonce_low) const;
@@ -64,7 +59,7 @@ public:
 
     /// Lets those use the directory that the access is meant for. For the owner of the directory.
     /// Throws std::system_error naming the file.
-    void LetIn(const FileAccess& access);
+    void LetIn(const os::FileAccess& access);
 
     /// Removes the lock file when AnybodyElse() is false; @return whether it did. For the owner of
     /// the directory.

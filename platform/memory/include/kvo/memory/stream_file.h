@@ -1,8 +1,8 @@
 #pragma once
 
-#include "kvo/memory/file_access.h"
 #include "kvo/memory/process_lock.h"
 #include "kvo/memory_export.h"
+#include "kvo/os/file_access.h"
 
 #include <array>
 #include <cstdint>
@@ -86,7 +86,7 @@ public:
         std::uint64_t epoch = 0;
         KeyDigest key_digest{};
         bool checksum = false;
-        FileAccess access;
+        os::FileAccess access;
     };
     /// Makes both files with their whole size reserved and puts them in place; ready last. Throws
     /// std::system_error (ENOSPC: no room) and then leaves nothing behind and the old file alone.

@@ -1,16 +1,16 @@
 #pragma once
 
-#include "kvo/memory_export.h"
+#include "kvo/os_export.h"
 
 #include <atomic>
 
-namespace kvo {
+namespace kvo::os {
 
 /// A mutex that keeps no account of its owner: taking and leaving it while nobody else wants it
 /// is one exchange each. What it guards takes so little time that the bookkeeping of std::mutex
 /// would be a sixth of it. Who finds it taken sleeps in the kernel.
 /// Threads: any. Not recursive, not between processes.
-class KVO_MEMORY_EXPORT LightMutex {
+class KVO_OS_EXPORT LightMutex {
 public:
     LightMutex() = default;
     LightMutex(const LightMutex&) = delete;
@@ -44,4 +44,4 @@ private:
     std::atomic<int> state_{kFree};
 };
 
-}  // namespace kvo
+}  // namespace kvo::os

@@ -1,4 +1,7 @@
-#include "gorm/cor/lock_file.h"
+#include "kvo/os/lock_file.h"
+
+#include "kvo/os/regular_file.h"
+#include "kvo/os/system_error.h"
 
 #include <array>
 #include <cerrno>
@@ -7,20 +10,15 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <system_error>
 #include <thread>
 #include <unistd.h>
 
-namespace gorm::cor {
+namespace kvo::os {
 namespace {
 
-// Whoever tidies up after a dead holder has the lock for a moment.
+// A process that tidies up after a dead holder has the lock for a moment.
 constexpr int kAttempts = 100;
 constexpr std::chrono::milliseconds kPause{1};
-
-[[noreturn]] void Fail(const std::string& what) {
-    throw std::system_error(errno, std::generic_category(), what);
-}
 
 // Of an open file, not of a process: it is seen by others of the same process, and the closing of
 // another descriptor of the file leaves it alone.
@@ -31,13 +29,6 @@ struct flock WholeFile() {
     return lock;
 }
 
-bool NamesTheSameFile(const std::string& path, int file) {
-    struct stat there {};
-    struct stat ours {};
-    return ::lstat(path.c_str(), &there) == 0 && ::fstat(file, &ours) == 0 &&
-           there.st_dev == ours.st_dev && there.st_ino == ours.st_ino;
-}
-
 struct Holder {
     std::string process = "unknown";
     std::string note;
@@ -45,13 +36,9 @@ struct Holder {
 
 Holder HolderOf(const std::string& path) {
     Holder holder;
-    const int file = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
-    if (file < 0) {
-        return holder;
-    }
+    const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
     std::array<char, 1024> bytes{};
-    const ssize_t got = ::pread(file, bytes.data(), bytes.size(), 0);
-    ::close(file);
+    const ssize_t got = ::pread(file.get(), bytes.data(), bytes.size(), 0);
     if (got > 0) {
         const std::string text(bytes.data(), static_cast<std::size_t>(got));
         const std::size_t line = text.find('\n');
@@ -78,30 +65,29 @@ LockFile::LockFile(std::string path, const std::string& note, mode_t mode)
         std::this_thread::sleep_for(kPause);
     }
     const std::string content = std::to_string(owner_) + (note.empty() ? "" : "\n" + note);
-    if (::fchmod(file_, mode) != 0 || ::ftruncate(file_, 0) != 0 ||
-        ::pwrite(file_, content.data(), content.size(), 0) !=
+    if (::fchmod(file_.get(), mode) != 0 || ::ftruncate(file_.get(), 0) != 0 ||
+        ::pwrite(file_.get(), content.data(), content.size(), 0) !=
             static_cast<ssize_t>(content.size())) {
-        const int error = errno;
-        ::close(file_);
-        throw std::system_error(error, std::generic_category(), "cannot write " + path_);
+        ThrowErrno(errno, "cannot write " + path_);
     }
 }
 
 bool LockFile::TryLock(mode_t mode) {
     for (;;) {
-        file_ = ::open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, mode);
-        if (file_ < 0) {
-            Fail("cannot open " + path_);
+        FileDescriptor file(
+            ::open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, mode));
+        if (!file.valid()) {
+            ThrowErrno(errno, "cannot open " + path_);
         }
         struct flock lock = WholeFile();
-        if (::fcntl(file_, F_OFD_SETLK, &lock) != 0) {
-            ::close(file_);
+        if (::fcntl(file.get(), F_OFD_SETLK, &lock) != 0) {
             return false;
         }
-        if (NamesTheSameFile(path_, file_)) {
+        if (IsFileAt(path_, file.get())) {
+            file_ = std::move(file);
             return true;
         }
-        ::close(file_);  // its holder has just removed it
+        // Its holder has just removed it.
     }
 }
 
@@ -111,20 +97,14 @@ LockFile::~LockFile() {
         // A child of fork() may have the descriptor too, so closing ours would not be enough.
         struct flock lock = WholeFile();
         lock.l_type = F_UNLCK;
-        ::fcntl(file_, F_OFD_SETLK, &lock);
+        ::fcntl(file_.get(), F_OFD_SETLK, &lock);
     }
-    ::close(file_);
 }
 
 bool LockFile::IsHeld(const std::string& path) {
-    const int file = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
-    if (file < 0) {
-        return false;
-    }
+    const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
     struct flock lock = WholeFile();
-    const bool held = ::fcntl(file, F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
-    ::close(file);
-    return held;
+    return ::fcntl(file.get(), F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
 }
 
-}  // namespace gorm::cor
+}  // namespace kvo::os

@@ -1,11 +1,11 @@
-#include "random_bytes.h"
+#include "kvo/os/random_bytes.h"
 
-#include "mapping.h"
+#include "kvo/os/system_error.h"
 
 #include <cerrno>
 #include <sys/random.h>
 
-namespace kvo {
+namespace kvo::os {
 
 void FillRandom(void* bytes, std::size_t count) {
     auto* at = static_cast<unsigned char*>(bytes);
@@ -21,4 +21,4 @@ void FillRandom(void* bytes, std::size_t count) {
     }
 }
 
-}  // namespace kvo
+}  // namespace kvo::os

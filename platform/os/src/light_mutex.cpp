@@ -1,6 +1,6 @@
-#include "kvo/memory/light_mutex.h"
+#include "kvo/os/light_mutex.h"
 
-namespace kvo {
+namespace kvo::os {
 
 // Others may wait as well, so it is left as awaited; at worst one is woken for nothing.
 void LightMutex::LockWhenFree() {
@@ -13,4 +13,4 @@ void LightMutex::WakeOne() {
     state_.notify_one();
 }
 
-}  // namespace kvo
+}  // namespace kvo::os
