@@ -65,6 +65,14 @@ std::unique_ptr<std::thread> StartWithoutSignals(Function function) {
     }
 }
 
+kvo::os::EventFd MakeWake() {
+    try {
+        return {};
+    } catch (const std::system_error& error) {
+        throw Error(error.what());
+    }
+}
+
 }  // namespace
 
 struct PollLoop::State {
@@ -73,7 +81,7 @@ struct PollLoop::State {
     bool RunPosted();  // false: stopped, and nothing is left
     long PollTimeout() const;
 
-    kvo::os::EventFd wake;
+    kvo::os::EventFd wake = MakeWake();
     mutable std::mutex mutex;
     std::condition_variable changed;           // a Run is done, or the thread has ended
     std::deque<std::function<void()>> posted;  // under the mutex

@@ -133,12 +133,11 @@ TEST_F(HostileRingTest, FilesThatAreNoRingAreNotOpenedAndGiveWayToOne) {
         Damage damage;
     } cases[] = {
         {"no file", "", put([](auto&) {})},
-        {"empty", "is no file of", [](auto& path) { fs::resize_file(path, 0); }},
-        {"short", "is no file of",
-         [](auto& path) { fs::resize_file(path, fs::file_size(path) - 1); }},
-        {"a pipe", "is no file of",
+        {"empty", "has 0 bytes, not", [](auto& path) { fs::resize_file(path, 0); }},
+        {"short", "bytes, not", [](auto& path) { fs::resize_file(path, fs::file_size(path) - 1); }},
+        {"a pipe", "is no regular file",
          put([](auto& path) { EXPECT_EQ(0, ::mkfifo(path.c_str(), 0600)); })},
-        {"a directory", "is no file of", put([](auto& path) { fs::create_directory(path); })},
+        {"a directory", "is no regular file", put([](auto& path) { fs::create_directory(path); })},
         {"behind a link", "symbolic links", put([](auto& path) {
              fs::copy_file("/proc/self/exe", path + ".behind");  // long enough
              fs::create_symlink(path + ".behind", path);
