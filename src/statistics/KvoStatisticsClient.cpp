@@ -15,7 +15,7 @@ namespace kvo {
 namespace {
 
 constexpr auto kReplyTime = std::chrono::milliseconds(3000);
-constexpr auto kConnectWait = boost::chrono::seconds(10);
+constexpr auto kStatisticsConnectWait = boost::chrono::seconds(10);
 constexpr std::uint64_t kNanosecondsPerMillisecond = 1'000'000;
 constexpr std::int64_t kNanosecondsPerSecond = 1'000'000'000;
 
@@ -69,7 +69,7 @@ void KvoStatisticsClient::Init(std::string broker_uri) {
             factory.getClient<DataBrokerRegistrationSync>(broker, qos, {}));
         auto connected = state->broker_client.Call(
             "Connect", [](DataBrokerRegistrationSync& client) { return client.Connect(); });
-        if (connected.wait_for(kConnectWait) == boost::future_status::ready) {
+        if (connected.wait_for(kStatisticsConnectWait) == boost::future_status::ready) {
             Log(1, "KvoStatisticsClient: Broker connection established");
         } else {
             Log(4, "KvoStatisticsClient: Broker connection failed");

@@ -26,7 +26,7 @@ private:
     std::string stream_;
 };
 
-constexpr std::uint32_t kElements = 3;
+constexpr std::uint32_t kNotificationElements = 3;
 // Nothing here is deeper or longer. The middleware bounds the message.
 constexpr std::size_t kMaxElements = 16;
 
@@ -41,7 +41,8 @@ public:
                 msgpack::unpack_limit(kMaxElements, kMaxElements, bytes.size(), bytes.size(), 0,
                                       kMaxElements));
             const msgpack::object& array = handle.get();
-            if (array.type != msgpack::type::ARRAY || array.via.array.size < kElements) {
+            if (array.type != msgpack::type::ARRAY ||
+                array.via.array.size < kNotificationElements) {
                 return {};
             }
             const msgpack::object* const elements = array.via.array.ptr;
@@ -62,7 +63,7 @@ public:
         const auto& notification = *static_cast<const Notification*>(sample);
         msgpack::sbuffer buffer;
         msgpack::packer<msgpack::sbuffer> packer(buffer);
-        packer.pack_array(kElements);
+        packer.pack_array(kNotificationElements);
         packer.pack(static_cast<std::uint32_t>(notification.get_notification_type()));
         packer.pack(notification.get_data_stream_identifier());
         packer.pack(static_cast<std::uint32_t>(instance_event));

@@ -13,12 +13,11 @@
 namespace kvo::brokerd {
 namespace {
 
-using Clock = std::chrono::steady_clock;
 using Key = std::pair<std::uint32_t, std::uint32_t>;  // user, group
 
-constexpr std::chrono::seconds kKept{30};
+constexpr std::chrono::seconds kCacheTime{30};
 // The broker's loop stands for so long, once for each user.
-constexpr std::chrono::milliseconds kPatience{200};
+constexpr std::chrono::milliseconds kLookupWait{200};
 constexpr std::size_t kMostEntries = 1000;
 constexpr int kMostGroups = 65'536;  // of the kernel
 
@@ -57,7 +56,7 @@ Account LookUp(const Key& key) {
 struct SystemAccounts::State {
     struct Entry {
         std::optional<Account> account;
-        Clock::time_point found;
+        std::chrono::steady_clock::time_point found;
         bool asked = false;  // a look-up is under way
     };
     std::mutex mutex;
@@ -76,18 +75,19 @@ Account SystemAccounts::Of(std::uint32_t user, std::uint32_t group) {
         std::erase_if(state_->entries, [](const auto& entry) { return !entry.second.asked; });
     }
     State::Entry& entry = state_->entries[key];
-    if (!entry.asked && (!entry.account || Clock::now() - entry.found > kKept)) {
+    if (!entry.asked &&
+        (!entry.account || std::chrono::steady_clock::now() - entry.found > kCacheTime)) {
         entry.asked = true;
         try {
             // Detached: nobody could end it while another host does not answer.
             std::thread([state = state_, key] {
                 Account account = LookUp(key);
                 const std::lock_guard guard(state->mutex);
-                state->entries[key] = {std::move(account), Clock::now(), false};
+                state->entries[key] = {std::move(account), std::chrono::steady_clock::now(), false};
                 state->changed.notify_all();
             }).detach();
             if (!entry.account) {
-                state_->changed.wait_for(lock, kPatience,
+                state_->changed.wait_for(lock, kLookupWait,
                                          [&entry] { return entry.account.has_value(); });
             }
         } catch (const std::system_error&) {  // no thread: asked again next time

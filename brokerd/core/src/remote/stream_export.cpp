@@ -11,7 +11,6 @@
 namespace kvo::brokerd {
 namespace {
 
-constexpr auto kRelaxed = std::memory_order_relaxed;
 // Whoever signals wakes the thread; this is for a publisher that dies between writing and that.
 constexpr std::chrono::milliseconds kLongestSleep{200};
 constexpr std::chrono::seconds kFarewell{1};
@@ -33,13 +32,13 @@ StreamExport::StreamExport(const Order& order, FederationEngine& engine,
 }
 
 StreamExport::~StreamExport() {
-    stopping_.store(true, kRelaxed);
+    stopping_.store(true, std::memory_order_relaxed);
     Signal();
     thread_.join();
 }
 
 void StreamExport::Abandon() {
-    abandoned_.store(true, kRelaxed);
+    abandoned_.store(true, std::memory_order_relaxed);
 }
 
 void StreamExport::Signal() {
@@ -55,12 +54,12 @@ void StreamExport::Signal() {
 }
 
 void StreamExport::Run() {
-    while (!stopping_.load(kRelaxed)) {
+    while (!stopping_.load(std::memory_order_relaxed)) {
         if (watch_ != nullptr) {
             watch_->Look();  // before the file, so that what comes after is not slept through
         }
         Send();
-        if (!stopping_.load(kRelaxed)) {
+        if (!stopping_.load(std::memory_order_relaxed)) {
             Sleep();
         }
     }
@@ -79,13 +78,14 @@ void StreamExport::Sleep() {
 
 void StreamExport::Send() {
     const auto begun = std::chrono::steady_clock::now();
-    while (!abandoned_.load(kRelaxed)) {
+    while (!abandoned_.load(std::memory_order_relaxed)) {
         DataSample* sample = nullptr;
         accessor_->get_data_packet(nullptr, nullptr, nullptr, nullptr, nullptr, &sample);
         // Each time, since where a slow host holds the export up there is always a next sample.
         const ReaderCounters counters = accessor_->reader_counters();
-        overtaken_.store(counters.lost + counters.checksum_failures, kRelaxed);
-        sending_ms_.store(sample != nullptr ? sample->timestamp_ms() : 0, kRelaxed);
+        overtaken_.store(counters.lost + counters.checksum_failures, std::memory_order_relaxed);
+        sending_ms_.store(sample != nullptr ? sample->timestamp_ms() : 0,
+                          std::memory_order_relaxed);
         if (sample == nullptr) {
             break;
         }
@@ -100,12 +100,13 @@ void StreamExport::Send() {
         remote.payload = sample->payload();
         remote.payload_bytes = static_cast<std::uint32_t>(sample->payload_size());
         if (writer_->Write(remote)) {
-            samples_.fetch_add(1, kRelaxed);
-            bytes_.fetch_add(remote.payload_bytes, kRelaxed);
+            samples_.fetch_add(1, std::memory_order_relaxed);
+            bytes_.fetch_add(remote.payload_bytes, std::memory_order_relaxed);
         } else {
-            held_up_.fetch_add(1, kRelaxed);
+            held_up_.fetch_add(1, std::memory_order_relaxed);
         }
-        if (stopping_.load(kRelaxed) && std::chrono::steady_clock::now() - begun > kFarewell) {
+        if (stopping_.load(std::memory_order_relaxed) &&
+            std::chrono::steady_clock::now() - begun > kFarewell) {
             break;
         }
     }
@@ -113,11 +114,12 @@ void StreamExport::Send() {
 
 TransferState StreamExport::State() const {
     TransferState state;
-    state.samples = samples_.load(kRelaxed);
-    state.payload_bytes = bytes_.load(kRelaxed);
-    state.overtaken = overtaken_.load(kRelaxed);
-    state.held_up = held_up_.load(kRelaxed);
-    if (const std::uint64_t written_ms = sending_ms_.load(kRelaxed); written_ms != 0) {
+    state.samples = samples_.load(std::memory_order_relaxed);
+    state.payload_bytes = bytes_.load(std::memory_order_relaxed);
+    state.overtaken = overtaken_.load(std::memory_order_relaxed);
+    state.held_up = held_up_.load(std::memory_order_relaxed);
+    if (const std::uint64_t written_ms = sending_ms_.load(std::memory_order_relaxed);
+        written_ms != 0) {
         const auto now = std::chrono::system_clock::now().time_since_epoch();
         state.behind = std::max(std::chrono::duration_cast<std::chrono::milliseconds>(now) -
                                     std::chrono::milliseconds(written_ms),

@@ -6,7 +6,6 @@
 namespace kvo::brokerd {
 namespace {
 
-constexpr auto kRelaxed = std::memory_order_relaxed;
 constexpr std::chrono::milliseconds kLongestWait{500};
 
 }  // namespace
@@ -20,7 +19,7 @@ StreamImport::StreamImport(const Order& order, FederationEngine& engine, Calls c
 }
 
 StreamImport::~StreamImport() {
-    stopping_.store(true, kRelaxed);  // the thread is joined
+    stopping_.store(true, std::memory_order_relaxed);  // the thread is joined
     reader_->Wake();
     thread_.join();
 }
@@ -28,7 +27,7 @@ StreamImport::~StreamImport() {
 void StreamImport::Run() {
     const RemoteReader::Receiver receiver = [this](const RemoteSample& sample) { Take(sample); };
     bool linked = false;
-    while (!stopping_.load(kRelaxed)) {
+    while (!stopping_.load(std::memory_order_relaxed)) {
         reader_->Take(kLongestWait, receiver);
         if (const bool now = reader_->has_writer(); now != linked) {
             linked = now;
@@ -50,7 +49,7 @@ void StreamImport::Take(const RemoteSample& sample) {
         return;  // sent once more after the link was away, or both together and to us alone
     }
     if (last_ != 0) {
-        lost_.fetch_add(sample.sequence - last_ - 1, kRelaxed);
+        lost_.fetch_add(sample.sequence - last_ - 1, std::memory_order_relaxed);
     }
     last_ = sample.sequence;
     ImportedSample imported;
@@ -63,20 +62,20 @@ void StreamImport::Take(const RemoteSample& sample) {
     imported.timestamp_ms = sample.timestamp_ms;
     imported.sequence_number = sample.sequence;
     if (!file_.Write(imported)) {
-        not_taken_.fetch_add(1, kRelaxed);
+        not_taken_.fetch_add(1, std::memory_order_relaxed);
         return;
     }
-    samples_.fetch_add(1, kRelaxed);
-    bytes_.fetch_add(sample.payload_bytes, kRelaxed);
+    samples_.fetch_add(1, std::memory_order_relaxed);
+    bytes_.fetch_add(sample.payload_bytes, std::memory_order_relaxed);
     calls_.written();
 }
 
 TransferState StreamImport::State() const {
     TransferState state;
-    state.samples = samples_.load(kRelaxed);
-    state.payload_bytes = bytes_.load(kRelaxed);
-    state.lost_on_the_way = lost_.load(kRelaxed);
-    state.not_taken = not_taken_.load(kRelaxed);
+    state.samples = samples_.load(std::memory_order_relaxed);
+    state.payload_bytes = bytes_.load(std::memory_order_relaxed);
+    state.lost_on_the_way = lost_.load(std::memory_order_relaxed);
+    state.not_taken = not_taken_.load(std::memory_order_relaxed);
     return state;
 }
 

@@ -6,7 +6,7 @@
 namespace kvo::brokerd {
 namespace {
 
-constexpr std::size_t kKept = 1000;
+constexpr std::size_t kKeptEvents = 1000;
 
 std::uint64_t NowMs() {
     return static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
@@ -18,7 +18,7 @@ std::uint64_t NowMs() {
 
 void EventLog::Add(std::string kind, std::string stream, std::string text) {
     events_.push_back({NowMs(), std::move(kind), std::move(stream), std::move(text)});
-    if (events_.size() > kKept) {
+    if (events_.size() > kKeptEvents) {
         events_.pop_front();
     }
 }

@@ -5,7 +5,7 @@
 namespace kvo::brokerd {
 namespace {
 
-constexpr std::size_t kKept = 1000;
+constexpr std::size_t kKeptRefusals = 1000;
 
 }  // namespace
 
@@ -17,7 +17,7 @@ void Refusals::Keep(const std::string& asker, const std::string& stream, std::st
     if (reasons_.insert_or_assign(key, std::move(reason)).second) {
         order_.push_back(key);
     }
-    if (order_.size() > kKept) {
+    if (order_.size() > kKeptRefusals) {
         reasons_.erase(order_.front());
         order_.pop_front();
     }

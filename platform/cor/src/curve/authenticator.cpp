@@ -1,5 +1,6 @@
 #include "curve/authenticator.h"
 
+#include "curve/key_size.h"
 #include "transport/bounds.h"
 #include "transport/sockets.h"
 
@@ -24,8 +25,6 @@ enum Frame {
     kKey,
     kFrames
 };
-constexpr std::size_t kKeyBytes = 32;
-constexpr std::size_t kKeyCharacters = 40;
 
 std::string TextOf(const zmq::message_t& key) {
     std::array<char, kKeyCharacters + 1> text{};

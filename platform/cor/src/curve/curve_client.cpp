@@ -1,5 +1,6 @@
 #include "curve/curve_client.h"
 
+#include "curve/key_size.h"
 #include "gorm/cor/errors.h"
 
 namespace gorm::cor {
@@ -7,7 +8,6 @@ namespace {
 
 constexpr const char* kSecretKeyFile = "secret-key-file";
 const std::string kServerKey = "server-key";
-constexpr std::size_t kKeyCharacters = 40;
 
 }  // namespace
 

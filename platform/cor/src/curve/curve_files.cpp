@@ -1,3 +1,4 @@
+#include "curve/key_size.h"
 #include "curve/name_value_file.h"
 #include "gorm/cor/curve.h"
 #include "gorm/cor/errors.h"
@@ -17,8 +18,6 @@
 namespace gorm::cor {
 namespace {
 
-constexpr std::size_t kKeyCharacters = 40;
-constexpr std::size_t kKeyBytes = 32;
 using KeyText = std::array<char, kKeyCharacters + 1>;
 
 bool IsKey(const std::string& text) {

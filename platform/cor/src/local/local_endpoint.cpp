@@ -24,7 +24,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr int kAttempts = 10;
+constexpr int kClaimAttempts = 10;
 constexpr mode_t kLockMode = 0644;  // whoever connects asks whether it is held
 constexpr mode_t kSocketMode = 0666;
 
@@ -93,13 +93,13 @@ LocalEndpoint::LocalEndpoint(const std::string& directory, std::uint16_t port,
             lock_.emplace(LockPath(directory_.path, port), note, kLockMode);
         } catch (const kvo::os::LockHeld& held) {
             // Without a note it is held by somebody who tidies up.
-            if (!held.note().empty() || attempt == kAttempts) {
+            if (!held.note().empty() || attempt == kClaimAttempts) {
                 throw;
             }
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         } catch (const std::system_error& error) {
             // The last one to leave may have removed the directory just now.
-            if (error.code() != std::errc::no_such_file_or_directory || attempt == kAttempts) {
+            if (error.code() != std::errc::no_such_file_or_directory || attempt == kClaimAttempts) {
                 throw;
             }
         }

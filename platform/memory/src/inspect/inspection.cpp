@@ -17,7 +17,6 @@ namespace kvo {
 namespace {
 
 // Loads are relaxed: figures of one moment, or looked at again before anything is said of them.
-constexpr auto kRelaxed = std::memory_order_relaxed;
 constexpr unsigned kRoleNonceBits = 32;
 constexpr unsigned kOwnerNonceBits = 48;
 
@@ -25,13 +24,13 @@ constexpr int kLooks = 50;
 constexpr std::chrono::milliseconds kBetweenLooks{2};
 
 ObservedProcess WriterOf(const Segment& segment, const ProcessObserver& processes) {
-    const std::uint64_t role = segment.words().writer_role.load(kRelaxed);
+    const std::uint64_t role = segment.words().writer_role.load(std::memory_order_relaxed);
     return processes.Look(RoleNumber(role), RoleNonce(role), kRoleNonceBits);
 }
 
 ObservedProcess ReaderOf(const Segment& segment, std::uint32_t row,
                          const ProcessObserver& processes) {
-    const ProcessTag owner = UnpackOwner(segment.row(row).owner.load(kRelaxed));
+    const ProcessTag owner = UnpackOwner(segment.row(row).owner.load(std::memory_order_relaxed));
     return processes.Look(owner.number, owner.nonce, kOwnerNonceBits);
 }
 
@@ -40,14 +39,14 @@ ObservedReader Observe(const Segment& segment, const ReaderState& state,
     ObservedReader reader;
     reader.state = state;
     reader.process = ReaderOf(segment, state.row, processes);
-    const std::uint64_t newest = segment.words().head.load(kRelaxed);
+    const std::uint64_t newest = segment.words().head.load(std::memory_order_relaxed);
     const bool placed = state.next_sequence > 0 && state.next_sequence <= newest;
     reader.lag = placed ? newest - state.next_sequence + 1 : 0;
-    reader.copied = segment.ledger(state.row).copied.load(kRelaxed);
+    reader.copied = segment.ledger(state.row).copied.load(std::memory_order_relaxed);
     for (const auto& cell : segment.row(state.row).pins) {
-        const std::uint32_t pin = cell.load(kRelaxed);
+        const std::uint32_t pin = cell.load(std::memory_order_relaxed);
         if (pin >= 1 && pin <= segment.geometry().slot_count) {
-            const std::uint64_t word = segment.slot(pin - 1).word.load(kRelaxed);
+            const std::uint64_t word = segment.slot(pin - 1).word.load(std::memory_order_relaxed);
             const layout::SlotState slot_state = layout::WordState(word);
             const bool content =
                 slot_state == layout::SlotState::kValid || slot_state == layout::SlotState::kClosed;
@@ -95,22 +94,23 @@ private:
 
 void Rules::CheckWords() {
     const auto& words = segment_.words();
-    const std::uint32_t state = words.state.load(kRelaxed);
+    const std::uint32_t state = words.state.load(std::memory_order_relaxed);
     Demand(state == layout::kActive || state == layout::kRetired,
            "the state is " + std::to_string(state));
-    const std::uint32_t mark = segment_.control().mark.load(kRelaxed);
+    const std::uint32_t mark = segment_.control().mark.load(std::memory_order_relaxed);
     Demand(mark <= geometry_.pinning_rows, "the mark of used rows is " + std::to_string(mark) +
                                                ", only " + std::to_string(geometry_.pinning_rows) +
                                                " may pin");
-    const std::uint64_t head = words.head.load(kRelaxed);
-    const std::uint64_t written = segment_.writer_counters().written.load(kRelaxed);
+    const std::uint64_t head = words.head.load(std::memory_order_relaxed);
+    const std::uint64_t written =
+        segment_.writer_counters().written.load(std::memory_order_relaxed);
     Demand(written <= head && head <= written + 1,
            std::to_string(written) + " samples are counted, the newest is number " +
                std::to_string(head));
 }
 
 void Rules::CheckSlots() {
-    const std::uint64_t head = segment_.words().head.load(kRelaxed);
+    const std::uint64_t head = segment_.words().head.load(std::memory_order_relaxed);
     std::map<std::uint64_t, std::uint32_t> holders;
     std::uint32_t valid = 0;
     for (std::uint32_t slot = 0; slot < geometry_.slot_count; ++slot) {
@@ -168,20 +168,20 @@ void Rules::CheckRow(std::uint32_t number) {
     const bool owned = row.owner.load(std::memory_order_acquire) != 0;
     const bool lives = owned && ReaderOf(segment_, number, processes_).lives;
     for (std::uint32_t k = 0; k < layout::kMaxPinsPerRow; ++k) {
-        const std::uint32_t pin = row.pins[k].load(kRelaxed);
+        const std::uint32_t pin = row.pins[k].load(std::memory_order_relaxed);
         if (pin == 0) {
             continue;
         }
         Demand(owned, name + " has a pin and no owner");
         Demand(number < geometry_.pinning_rows && k < geometry_.pins_per_row,
                name + " has a pin where none may be");
-        Demand(!owned || number < segment_.control().mark.load(kRelaxed),
+        Demand(!owned || number < segment_.control().mark.load(std::memory_order_relaxed),
                name + " has a pin above the mark of used rows");
         if (pin > geometry_.slot_count) {
             Demand(false, name + " pins slot " + std::to_string(pin - 1) + " of " +
                               std::to_string(geometry_.slot_count));
         } else if (lives) {
-            const std::uint64_t word = segment_.slot(pin - 1).word.load(kRelaxed);
+            const std::uint64_t word = segment_.slot(pin - 1).word.load(std::memory_order_relaxed);
             Demand(layout::WordState(word) != layout::SlotState::kWriting,
                    Slot(pin - 1) + " is written while " + name + " pins it");
         }

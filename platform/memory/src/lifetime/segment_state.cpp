@@ -8,22 +8,21 @@ namespace kvo {
 namespace {
 
 // relaxed everywhere: nothing that others wrote is read on the account of these.
-constexpr auto kRelaxed = std::memory_order_relaxed;
 
 }  // namespace
 
 WriterState WriterStateOf(const Segment& segment) {
     const auto& counters = segment.writer_counters();
-    const std::uint64_t role = segment.words().writer_role.load(kRelaxed);
+    const std::uint64_t role = segment.words().writer_role.load(std::memory_order_relaxed);
     WriterState state;
     state.retired = segment.retired();
     state.writer = {RoleNumber(role), RoleNonce(role)};
-    state.newest_sequence = segment.words().head.load(kRelaxed);
-    state.written = counters.written.load(kRelaxed);
-    state.payload_bytes = counters.payload_bytes.load(kRelaxed);
-    state.dropped = counters.dropped.load(kRelaxed);
-    state.discarded = counters.discarded.load(kRelaxed);
-    state.last_write_ms = counters.last_write_ms.load(kRelaxed);
+    state.newest_sequence = segment.words().head.load(std::memory_order_relaxed);
+    state.written = counters.written.load(std::memory_order_relaxed);
+    state.payload_bytes = counters.payload_bytes.load(std::memory_order_relaxed);
+    state.dropped = counters.dropped.load(std::memory_order_relaxed);
+    state.discarded = counters.discarded.load(std::memory_order_relaxed);
+    state.last_write_ms = counters.last_write_ms.load(std::memory_order_relaxed);
     return state;
 }
 
@@ -31,7 +30,7 @@ std::vector<ReaderState> ReaderStatesOf(const Segment& segment) {
     std::vector<ReaderState> readers;
     for (std::uint32_t number = 0; number < layout::kRows; ++number) {
         const auto& row = segment.row(number);
-        const std::uint64_t owner = row.owner.load(kRelaxed);
+        const std::uint64_t owner = row.owner.load(std::memory_order_relaxed);
         if (owner == 0) {
             continue;
         }
@@ -39,15 +38,15 @@ std::vector<ReaderState> ReaderStatesOf(const Segment& segment) {
         ReaderState reader;
         reader.row = number;
         reader.reader = UnpackOwner(owner);
-        reader.pins = static_cast<std::uint32_t>(
-            std::count_if(std::begin(row.pins), std::end(row.pins),
-                          [](const auto& pin) { return pin.load(kRelaxed) != 0; }));
-        reader.next_sequence = ledger.next_sequence.load(kRelaxed);
-        reader.read = ledger.read.load(kRelaxed);
-        reader.lost = ledger.lost.load(kRelaxed);
-        reader.replaced = ledger.replaced.load(kRelaxed);
-        reader.stale = ledger.stale.load(kRelaxed);
-        reader.checksum_failures = ledger.checksum_failures.load(kRelaxed);
+        reader.pins = static_cast<std::uint32_t>(std::count_if(
+            std::begin(row.pins), std::end(row.pins),
+            [](const auto& pin) { return pin.load(std::memory_order_relaxed) != 0; }));
+        reader.next_sequence = ledger.next_sequence.load(std::memory_order_relaxed);
+        reader.read = ledger.read.load(std::memory_order_relaxed);
+        reader.lost = ledger.lost.load(std::memory_order_relaxed);
+        reader.replaced = ledger.replaced.load(std::memory_order_relaxed);
+        reader.stale = ledger.stale.load(std::memory_order_relaxed);
+        reader.checksum_failures = ledger.checksum_failures.load(std::memory_order_relaxed);
         readers.push_back(reader);
     }
     return readers;

@@ -16,8 +16,6 @@
 namespace kvo {
 namespace {
 
-constexpr auto kRelaxed = std::memory_order_relaxed;
-
 // Slots of this size in turn have left the caches when the writer comes back to the first one.
 constexpr std::uint64_t kUncachedBytes = 16U << 20;
 // A copy of this many bytes takes long enough for its way through memory to matter.
@@ -30,7 +28,7 @@ std::uint64_t BytesInTurn(const StreamGeometry& geometry) {
 // Tells writers of one process apart.
 std::uint16_t NextInstance() {
     static std::atomic<std::uint16_t> last{0};
-    return last.fetch_add(1, kRelaxed);  // relaxed: only the number counts.
+    return last.fetch_add(1, std::memory_order_relaxed);  // relaxed: only the number counts.
 }
 
 }  // namespace
@@ -56,18 +54,20 @@ SampleWriter::~SampleWriter() {
         // [role] Release: the next writer sees all that we wrote.
         std::uint64_t own = role_;
         segment_->words().writer_role.compare_exchange_strong(own, 0, std::memory_order_release,
-                                                              kRelaxed);
+                                                              std::memory_order_relaxed);
     }
 }
 
 void SampleWriter::TakeRole() {
     role_ = PackRole(lock_->Join(), NextInstance());
     auto& word = segment_->words().writer_role;
-    std::uint64_t holder = word.load(kRelaxed);  // relaxed: an exchange from this value follows.
+    std::uint64_t holder =
+        word.load(std::memory_order_relaxed);  // relaxed: an exchange from this value follows.
     while (holder == 0 || !lock_->Resolve(RoleNumber(holder), RoleNonce(holder))) {
         // [role] Acquire: what the former writer stored is visible. A dead writer released
         // nothing; its stores are visible because the kernel has seen it end.
-        if (word.compare_exchange_weak(holder, role_, std::memory_order_acq_rel, kRelaxed)) {
+        if (word.compare_exchange_weak(holder, role_, std::memory_order_acq_rel,
+                                       std::memory_order_relaxed)) {
             return;
         }
     }
@@ -78,7 +78,8 @@ void SampleWriter::TakeRole() {
 void SampleWriter::Recover() {
     std::vector<Written> valid;
     for (std::uint32_t slot = 0; slot < segment_->geometry().slot_count; ++slot) {
-        const std::uint64_t word = segment_->slot(slot).word.load(kRelaxed);  // [role] orders it
+        const std::uint64_t word =
+            segment_->slot(slot).word.load(std::memory_order_relaxed);  // [role] orders it
         if (layout::WordState(word) == layout::SlotState::kValid) {
             valid.push_back({layout::WordVersion(word), slot});
         } else {
@@ -100,28 +101,28 @@ void SampleWriter::Recover() {
     }
     // [newest] Release: who reads the version finds it in the index.
     segment_->words().head.store(newest_, std::memory_order_release);
-    scan_round_ = segment_->words().scan_round.load(kRelaxed);  // [role] orders it
+    scan_round_ = segment_->words().scan_round.load(std::memory_order_relaxed);  // [role] orders it
     std::fill(seen_pinned_.begin(), seen_pinned_.end(), scan_round_);
 
     auto& counters = segment_->writer_counters();
-    counters.written.store(newest_, kRelaxed);
-    payload_bytes_ = counters.payload_bytes.load(kRelaxed);
-    dropped_ = counters.dropped.load(kRelaxed);
-    discarded_ = counters.discarded.load(kRelaxed);
+    counters.written.store(newest_, std::memory_order_relaxed);
+    payload_bytes_ = counters.payload_bytes.load(std::memory_order_relaxed);
+    dropped_ = counters.dropped.load(std::memory_order_relaxed);
+    discarded_ = counters.discarded.load(std::memory_order_relaxed);
 }
 
 [[gnu::hot]] SampleWriter::Outcome SampleWriter::Write(const SampleInput& sample) {
     // relaxed stores of counters: shown to people, nothing is decided on them.
     auto& counters = segment_->writer_counters();
     if (segment_->retired()) {
-        counters.discarded.store(++discarded_, kRelaxed);
+        counters.discarded.store(++discarded_, std::memory_order_relaxed);
         return Outcome::kDiscarded;
     }
     if (stock_.empty() || stale_.size() >= segment_->geometry().close_batch) {
         Refill();
     }
     if (stock_.empty() || newest_ >= layout::kMaxVersion) {
-        counters.dropped.store(++dropped_, kRelaxed);
+        counters.dropped.store(++dropped_, std::memory_order_relaxed);
         return Outcome::kDropped;
     }
     const Written added{newest_ + 1, stock_.back()};
@@ -150,9 +151,10 @@ void SampleWriter::Recover() {
     newest_ = added.version;
     AddToRing(added);
     payload_bytes_ += sample.payload_bytes;
-    counters.written.store(newest_, kRelaxed);  // versions count from 1 without gaps
-    counters.payload_bytes.store(payload_bytes_, kRelaxed);
-    counters.last_write_ms.store(last_write_ms_ = sample.timestamp_ms, kRelaxed);
+    counters.written.store(newest_,
+                           std::memory_order_relaxed);  // versions count from 1 without gaps
+    counters.payload_bytes.store(payload_bytes_, std::memory_order_relaxed);
+    counters.last_write_ms.store(last_write_ms_ = sample.timestamp_ms, std::memory_order_relaxed);
     return Outcome::kWritten;
 }
 
@@ -164,19 +166,21 @@ void SampleWriter::Fill(std::uint32_t slot, const SampleInput& sample) const {
         std::memcpy(bytes + sample.payload_bytes, sample.metadata, sample.metadata_bytes);
     }
     auto& header = segment_->slot(slot);
-    header.payload_bytes.store(sample.payload_bytes, kRelaxed);
-    header.metadata_bytes.store(sample.metadata_bytes, kRelaxed);
-    header.sample_tag.store(sample.sample_tag, kRelaxed);
-    header.topic_id.store(sample.topic_id, kRelaxed);
-    header.timestamp_ms.store(sample.timestamp_ms, kRelaxed);
-    header.monotonic_ns.store(MonotonicTick(), kRelaxed);
+    header.payload_bytes.store(sample.payload_bytes, std::memory_order_relaxed);
+    header.metadata_bytes.store(sample.metadata_bytes, std::memory_order_relaxed);
+    header.sample_tag.store(sample.sample_tag, std::memory_order_relaxed);
+    header.topic_id.store(sample.topic_id, std::memory_order_relaxed);
+    header.timestamp_ms.store(sample.timestamp_ms, std::memory_order_relaxed);
+    header.monotonic_ns.store(MonotonicTick(), std::memory_order_relaxed);
     const bool checksum = sample.checksum || segment_->asks_for_checksums();
     header.checksum.store(
-        checksum ? ChecksumOf(bytes, sample.payload_bytes, sample.metadata_bytes) : 0, kRelaxed);
+        checksum ? ChecksumOf(bytes, sample.payload_bytes, sample.metadata_bytes) : 0,
+        std::memory_order_relaxed);
     const Next next = LikelyNext();
-    header.flags.store((checksum ? layout::kSlotHasChecksum : 0) | next.promise, kRelaxed);
-    header.next_slot.store(next.slot_plus_1, kRelaxed);
-    header.source_sequence.store(sample.source_sequence, kRelaxed);
+    header.flags.store((checksum ? layout::kSlotHasChecksum : 0) | next.promise,
+                       std::memory_order_relaxed);
+    header.next_slot.store(next.slot_plus_1, std::memory_order_relaxed);
+    header.source_sequence.store(sample.source_sequence, std::memory_order_relaxed);
 }
 
 void SampleWriter::CopyPayload(unsigned char* to, const SampleInput& sample) const {
