@@ -101,7 +101,7 @@ public:
               Runtime::Get().context(),
               Address::ToConnect(
                   network::uri("wkp.ps://127.0.0.1:" + std::to_string(port) + kTopic), "wkp.ps"),
-              std::chrono::microseconds(0), std::make_shared<TextCodec>()),
+              std::make_shared<TextCodec>()),
           registration_(reader_.Listen([this](const ps::SampleCodec::Decoded& event) {
               const auto& text = *std::static_pointer_cast<const std::string>(event.sample);
               if (text == kNews) {

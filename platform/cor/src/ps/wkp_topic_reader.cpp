@@ -19,7 +19,6 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -28,14 +27,6 @@ namespace {
 
 // How often a reader looks whether its ring still has a server, or whether there is one.
 constexpr std::chrono::seconds kRingCheck{1};
-constexpr int kLooksPerClock = 16;
-
-// Tells the processor that this thread waits in a loop.
-void Pause() {
-#ifdef __SSE2__
-    __builtin_ia32_pause();
-#endif
-}
 
 zmq::socket_t MakeSubscription(zmq::context_t& context, const Address& address,
                                const std::string& topic) {
@@ -66,11 +57,10 @@ class WkpTopicReader::Feed : public std::enable_shared_from_this<Feed> {
 public:
     using Slot = ListenerSlot<SampleCodec::Decoded>;
 
-    Feed(zmq::context_t& context, const Address& address, std::chrono::microseconds spin,
-         std::shared_ptr<const SampleCodec> codec, PollLoop& loop)
+    Feed(zmq::context_t& context, const Address& address, std::shared_ptr<const SampleCodec> codec,
+         PollLoop& loop)
         : context_(context),
           address_(address),
-          spin_(spin),
           topic_(address.path + '\0'),
           codec_(std::move(codec)),
           loop_(loop),
@@ -110,8 +100,6 @@ private:
     void LeaveRing();
     void FollowRing();
     bool TakeFromRing(Slot& current);
-    void AwaitChange(std::uint32_t seen);
-    bool Spin(std::uint32_t seen);
     bool ServerIsGone();
     void OpenSocket();
     void CloseSocket();
@@ -122,8 +110,7 @@ private:
 
     zmq::context_t& context_;
     const Address address_;
-    const std::chrono::microseconds spin_;  // while events follow each other within it
-    const std::string topic_;               // as on the wire
+    const std::string topic_;  // as on the wire
     const std::shared_ptr<const SampleCodec> codec_;
     PollLoop& loop_;  // used while not stopped
 
@@ -138,7 +125,6 @@ private:
     // Delivery thread only
     std::string ring_directory_;
     std::chrono::steady_clock::time_point ring_checked_;
-    std::chrono::steady_clock::time_point waited_;  // when it last began to spin
     std::optional<zmq::socket_t> socket_;
     // Where the next ring is to be entered: as the socket has told, or empty: at its start, since
     // it is the successor of what we had. None: there was nothing before.
@@ -216,35 +202,9 @@ void WkpTopicReader::Feed::LeaveRing() {
                 LeaveRing();
                 return;
             }
-            AwaitChange(seen);
+            ring_->Sleep(seen, kRingCheck);
         }
     }
-}
-
-void WkpTopicReader::Feed::AwaitChange(std::uint32_t seen) {
-    if (spin_.count() == 0 || !Spin(seen)) {
-        ring_->Sleep(seen, kRingCheck);
-    }
-}
-
-// While events follow each other quickly the next one is looked for before sleeping: it then needs
-// no waking, which costs whoever tells of it as well. @return whether something has happened.
-bool WkpTopicReader::Feed::Spin(std::uint32_t seen) {
-    const auto begun = std::chrono::steady_clock::now();
-    if (begun - std::exchange(waited_, begun) >= spin_) {
-        return false;
-    }
-    do {
-        for (int i = 0; i < kLooksPerClock; ++i) {
-            if (ring_->word() != seen) {
-                return true;
-            }
-            Pause();
-        }
-        // Whoever tells of the next one may be waiting for this very processor.
-        std::this_thread::yield();
-    } while (std::chrono::steady_clock::now() < begun + spin_);
-    return false;
 }
 
 // Nothing is waiting.
@@ -373,9 +333,8 @@ void WkpTopicReader::Feed::Stop() {
 }
 
 WkpTopicReader::WkpTopicReader(zmq::context_t& context, const Address& address,
-                               std::chrono::microseconds spin,
                                std::shared_ptr<const SampleCodec> codec)
-    : feed_(std::make_shared<Feed>(context, address, spin, std::move(codec), loop_)) {
+    : feed_(std::make_shared<Feed>(context, address, std::move(codec), loop_)) {
     loop_.Run([this] {
         // Whoever publishes goes to sleep some time after it has told of a sample. On its processor
         // the delivery would wait for that.

@@ -6,7 +6,6 @@
 
 #include <zmq.hpp>
 
-#include <chrono>
 #include <memory>
 
 namespace gorm::cor::ps {
@@ -15,9 +14,7 @@ namespace gorm::cor::ps {
 class WkpTopicReader final : public TopicReader {
 public:
     /// Subscribes at once; throws Error.
-    /// @param spin while local events follow each other within this time, the delivery thread looks
-    /// for the next one for as long before it sleeps.
-    WkpTopicReader(zmq::context_t& context, const Address& address, std::chrono::microseconds spin,
+    WkpTopicReader(zmq::context_t& context, const Address& address,
                    std::shared_ptr<const SampleCodec> codec);
     ~WkpTopicReader() override;
 

@@ -121,8 +121,6 @@ TEST_F(CurveTest, PropertiesComeFromAFileThatTheEnvironmentNames) {
     for (const auto& [properties, fault] :
          {std::pair<Properties, std::string>{{{"colour", "red"}}, "colour"},
           {{{"server-key", "short"}}, "40 characters"},
-          {{{"local-spin-us", "1001"}}, "0 to 1000"},
-          {{{"local-spin-us", "5us"}}, "5us"},
           {{{"server-key", server_.public_key}}, "secret-key-file"},
           {With("missing", server_.public_key), "missing"}}) {
         EXPECT_THAT(

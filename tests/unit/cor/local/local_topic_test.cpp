@@ -73,9 +73,9 @@ protected:
                 {nullptr, ps::FilterMode::kAll, {ps::InstanceEvent::kUpdated}});
         }
     };
-    std::unique_ptr<Subscription> Subscribe(const Properties& properties = {}) {
+    std::unique_ptr<Subscription> Subscribe() {
         auto subscription = std::make_unique<Subscription>();
-        subscription->subscriber = test::Subscribe(publisher_->port(), "/a", properties);
+        subscription->subscriber = test::Subscribe(publisher_->port(), "/a");
         return subscription;
     }
 
@@ -178,7 +178,7 @@ TEST_F(LocalTopicTest, NobodySleepsThroughABeginningOrAnEnd) {
     int slow = 0;
     for (int round = 0; round < kRounds; ++round) {
         const auto begin = Clock::now();
-        auto subscription = Subscribe({{"local-spin-us", round % 2 == 0 ? "0" : "20"}});
+        auto subscription = Subscribe();
         for (int i = round % 50; i > 0; --i) {
             std::this_thread::yield();
         }
