@@ -6,8 +6,8 @@
 #include "local/runtime_directory.h"
 #include "local/topic_ring.h"
 #include "ps/wkp_topic_reader.h"
-#include "runtime/runtime.h"
 #include "transport/address.h"
+#include "transport/context.h"
 
 #include <algorithm>
 #include <atomic>
@@ -98,7 +98,7 @@ public:
     Subscriber(std::uint16_t port, const std::atomic<int>& data)
         : data_(data),
           reader_(
-              Runtime::Get().context(),
+              transport_context(),
               Address::ToConnect(
                   network::uri("wkp.ps://127.0.0.1:" + std::to_string(port) + kTopic), "wkp.ps"),
               std::make_shared<TextCodec>()),

@@ -2,6 +2,7 @@
 
 #include "curve/key_size.h"
 #include "transport/bounds.h"
+#include "transport/context.h"
 #include "transport/sockets.h"
 
 #include <array>
@@ -43,17 +44,22 @@ Authenticator::Authenticator(zmq::context_t& context)
     loop_.Run([this] { loop_.Watch(socket_, [this] { Answer(); }); });
 }
 
-void Authenticator::Add(const CurveServer::Impl& server) {
-    loop_.Run([&] { servers_[server.domain()] = &server; });
+Authenticator& Authenticator::Get() {
+    static auto* const authenticator = new Authenticator(transport_context());
+    return *authenticator;
 }
 
-void Authenticator::Remove(const CurveServer::Impl& server) {
-    loop_.Run([&] { servers_.erase(server.domain()); });
+void Authenticator::Add(const CurveDomain& domain) {
+    loop_.Run([&] { domains_[domain.name()] = &domain; });
+}
+
+void Authenticator::Remove(const CurveDomain& domain) {
+    loop_.Run([&] { domains_.erase(domain.name()); });
 }
 
 bool Authenticator::IsAllowed(const std::vector<zmq::message_t>& request, std::string& user) {
-    const auto server = servers_.find(std::string(View(request[kDomain])));
-    if (View(request[kRequestVersion]) != kVersion || server == servers_.end()) {
+    const auto domain = domains_.find(std::string(View(request[kDomain])));
+    if (View(request[kRequestVersion]) != kVersion || domain == domains_.end()) {
         return false;
     }
     // Where a server asks for CURVE the transport lets nobody come without, so this one came over a
@@ -62,7 +68,7 @@ bool Authenticator::IsAllowed(const std::vector<zmq::message_t>& request, std::s
         return true;
     }
     const std::string key = request.size() == kFrames ? TextOf(request[kKey]) : std::string();
-    if (server->second->NameOf(key).empty()) {
+    if (domain->second->NameOf(key).empty()) {
         const std::string address(View(request[kAddress]));
         refusals_.Tell(address,
                        "peer " + address + " refused: its public key " + key + " is not allowed");

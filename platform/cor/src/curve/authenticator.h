@@ -1,6 +1,6 @@
 #pragma once
 
-#include "curve/curve_server.h"
+#include "curve/curve_domain.h"
 #include "transport/log.h"
 #include "transport/poll_loop.h"
 
@@ -16,19 +16,21 @@ namespace gorm::cor {
 /// 27). The transport has room for one in a process. Threads: any.
 class Authenticator {
 public:
-    explicit Authenticator(zmq::context_t& context);
+    /// Starts its thread at the first use. Never destroyed.
+    static Authenticator& Get();
 
-    /// @param server must be removed before it goes.
-    void Add(const CurveServer::Impl& server);
-    void Remove(const CurveServer::Impl& server);
+    /// @param domain must be removed before it goes.
+    void Add(const CurveDomain& domain);
+    void Remove(const CurveDomain& domain);
 
 private:
+    explicit Authenticator(zmq::context_t& context);
     void Answer();
     /// @param user by which its servers know the peer.
     bool IsAllowed(const std::vector<zmq::message_t>& request, std::string& user);
 
     // Its thread only
-    std::map<std::string, const CurveServer::Impl*> servers_;  // by domain
+    std::map<std::string, const CurveDomain*> domains_;  // by name
     zmq::socket_t socket_;
     FaultLog refusals_;
 

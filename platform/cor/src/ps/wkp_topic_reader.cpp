@@ -51,6 +51,10 @@ zmq::socket_t MakeSubscription(zmq::context_t& context, const Address& address,
 
 }  // namespace
 
+SampleCodec::~SampleCodec() = default;
+
+TopicReader::~TopicReader() = default;
+
 /// What arrives, and who listens. Goes by the topic's ring in shared memory where it has one, and
 /// over a socket else; chooses anew when the ring is over, and looks for one while there is none.
 class WkpTopicReader::Feed : public std::enable_shared_from_this<Feed> {

@@ -1,6 +1,6 @@
 #include "rr/router.h"
 
-#include "curve/curve_server.h"
+#include "curve/curve_domain.h"
 #include "kvo/os/process_identity.h"
 #include "local/local_peer.h"
 #include "transport/bounds.h"
@@ -43,7 +43,7 @@ zmq::socket_t MakeRouter(zmq::context_t& context, const Router::Settings& settin
     // The last answers still leave when the server goes.
     socket.set(zmq::sockopt::linger, 1000);
     if (settings.curve != nullptr) {
-        settings.curve->impl().Secure(socket);
+        settings.curve->domain().Secure(socket);
     }
     return socket;
 }

@@ -34,6 +34,8 @@ std::uint32_t NextCallId() {
 
 }  // namespace
 
+Channel::~Channel() = default;
+
 /// A thread inside Request; Close waits for it to leave.
 class WkpChannel::Visit {
 public:

@@ -1,25 +1,38 @@
 #include "gorm/cor/cor.h"
 
-#include "gorm/cor/ps/sample_codec.h"
-#include "gorm/cor/ps/subscriber.h"
-#include "runtime/runtime.h"
+#include "runtime/type_loader.h"
 #include "runtime/wkp_cor.h"
+#include "transport/address.h"
+#include "transport/context.h"
 
 namespace gorm::cor {
+namespace {
 
-ps::SampleCodec::~SampleCodec() = default;
+/// What the middleware has once per process. Any thread.
+struct Runtime {
+    TypeLoader types;
+    VekFactory factory;
+    WkpCor wkp{transport_context()};
+};
 
-ps::TopicReader::~TopicReader() = default;
+// Never destroyed, since the middleware's threads and the application's static objects may use it
+// until the process ends.
+Runtime& runtime() {
+    static auto* const instance = new Runtime;
+    return *instance;
+}
+
+}  // namespace
 
 Cor::~Cor() = default;
 
 std::shared_ptr<const ps::SampleCodec> Cor::FindSample(const char* name, const char* library_name) {
-    return Runtime::Get().types().Sample(name, library_name);
+    return runtime().types.Sample(name, library_name);
 }
 
 std::unique_ptr<rr::Client> Cor::CreateClient(const char* name, const char* library_name,
                                               std::unique_ptr<rr::Channel> channel) {
-    return Runtime::Get().types().Interface(name, library_name)(std::move(channel));
+    return runtime().types.Interface(name, library_name)(std::move(channel));
 }
 
 Cor& VekFactory::getCor(const network::uri& uri) {
@@ -27,12 +40,12 @@ Cor& VekFactory::getCor(const network::uri& uri) {
         throw UnknownScheme("no binding for the scheme of \"" + uri.string() + "\"; known are " +
                             kRequestScheme + " and " + kTopicScheme);
     }
-    return Runtime::Get().wkp();
+    return runtime().wkp;
 }
 
 VekFactory& loadCorForUri(const std::string& text, const Properties& properties) {
     const network::uri uri(text);
-    VekFactory& factory = Runtime::Get().factory();
+    VekFactory& factory = runtime().factory;
     factory.getCor(uri);
     if (!properties.empty()) {
         throw Error("unknown property \"" + properties.begin()->first + "\" for \"" + text + "\"");

@@ -5,7 +5,6 @@
 #include "kvo/os/fork_guard.h"
 #include "ps/wkp_topic_reader.h"
 #include "rr/wkp_channel.h"
-#include "runtime/runtime.h"
 #include "transport/address.h"
 
 #include <cstdlib>
@@ -41,18 +40,23 @@ Properties WkpCor::getDefaultProperties() const {
     return file == nullptr || file[0] == '\0' ? Properties{} : ReadNameValueFile(file);
 }
 
+rr::ClientHub& WkpCor::hub() {
+    std::call_once(hub_made_, [this] { hub_ = std::make_unique<rr::ClientHub>(context_); });
+    return *hub_;
+}
+
 std::unique_ptr<rr::Channel> WkpCor::OpenChannel(const network::uri& uri,
                                                  const rr::qos::QoSList& qos,
                                                  const Properties& properties) {
     Address address = AddressOf(uri, kRequestScheme, properties);
-    return std::make_unique<rr::WkpChannel>(Runtime::Get().hub(), std::move(address), qos);
+    return std::make_unique<rr::WkpChannel>(hub(), std::move(address), qos);
 }
 
 std::unique_ptr<ps::TopicReader> WkpCor::OpenTopicReader(
     const network::uri& uri, std::shared_ptr<const ps::SampleCodec> codec,
     const Properties& properties) {
-    return std::make_unique<ps::WkpTopicReader>(
-        Runtime::Get().context(), AddressOf(uri, kTopicScheme, properties), std::move(codec));
+    return std::make_unique<ps::WkpTopicReader>(context_, AddressOf(uri, kTopicScheme, properties),
+                                                std::move(codec));
 }
 
 }  // namespace gorm::cor

@@ -10,6 +10,9 @@ namespace gorm::cor {
 
 struct CurveClient;
 
+inline constexpr const char* kRequestScheme = "wkp.rr";
+inline constexpr const char* kTopicScheme = "wkp.ps";
+
 /// Where a URI of the binding leads.
 struct Address {
     std::string text;      // the URI, for messages

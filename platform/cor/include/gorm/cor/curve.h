@@ -32,6 +32,8 @@ using AllowedKeys = std::map<std::string, std::string>;
 /// are passed over. Throws naming file and line.
 GORM_COR_EXPORT AllowedKeys ReadAllowedKeys(const std::string& path);
 
+class CurveDomain;
+
 /// The keys of a server and who may connect to it over TCP. Several servers may share it.
 /// Threads: any.
 class GORM_COR_EXPORT CurveServer {
@@ -46,11 +48,11 @@ public:
     /// What the key is called; empty: it is not allowed.
     std::string NameOf(const std::string& public_key) const;
 
-    class Impl;  // for the sockets of the binding
-    Impl& impl() const { return *impl_; }
+    /// For the sockets of the binding.
+    CurveDomain& domain() const { return *domain_; }
 
 private:
-    std::unique_ptr<Impl> impl_;
+    std::unique_ptr<CurveDomain> domain_;
 };
 
 }  // namespace gorm::cor

@@ -1,14 +1,14 @@
-#include "curve/curve_server.h"
 #include "gorm/cor/ps/publisher.h"
+
+#include "curve/curve_domain.h"
 #include "kvo/os/crash_point.h"
 #include "kvo/os/file_access.h"
 #include "kvo/os/fork_guard.h"
 #include "local/local_endpoint.h"
 #include "local/topic_ring.h"
-#include "runtime/runtime.h"
-#include "runtime/wkp_cor.h"
 #include "transport/address.h"
 #include "transport/bounds.h"
+#include "transport/context.h"
 #include "transport/log.h"
 #include "transport/service_loop_impl.h"
 #include "transport/sockets.h"
@@ -88,14 +88,14 @@ Publisher::Impl::Impl(PollLoop& service_loop, const Address& address, const Serv
     : loop(service_loop),
       topic_directory_(serving.topic_directory),
       topic_access_(serving.topic_access),
-      socket_(MakeXpub(Runtime::Get().context(), address)),
-      monitor_(Runtime::Get().context(), socket_, ZMQ_EVENT_CLOSED | ZMQ_EVENT_CLOSE_FAILED) {
+      socket_(MakeXpub(transport_context(), address)),
+      monitor_(transport_context(), socket_, ZMQ_EVENT_CLOSED | ZMQ_EVENT_CLOSE_FAILED) {
     if (address.port != 0) {
         BindLocal(serving, address, address.port);
     }
     if (serving.curve != nullptr) {
         curve_ = serving.curve;
-        curve_->impl().Secure(socket_);
+        curve_->domain().Secure(socket_);
     }
     tcp_ = Bind(socket_, address.endpoint, address.text);
     port = PortOf(tcp_);
@@ -120,7 +120,7 @@ Publisher::Impl::~Impl() {
 
 void Publisher::Impl::BindLocal(const Serving& serving, const Address& address, std::uint16_t at) {
     local_endpoint_ = ServeLocal(serving, address, at, [&](const std::string& endpoint) {
-        CurveServer::Impl::Open(socket_);
+        CurveDomain::Open(socket_);
         local_ = Bind(socket_, endpoint, address.text);
     });
 }

@@ -9,10 +9,12 @@
 
 namespace gorm::cor {
 
+/// The keys of a server and the peers that may connect, under a name of their own.
 /// Threads: any.
-class CurveServer::Impl {
+class CurveDomain {
 public:
-    Impl(CurveKeys keys, AllowedKeys allowed);
+    /// Throws Error.
+    CurveDomain(CurveKeys keys, AllowedKeys allowed);
 
     /// Makes the endpoints that the socket is bound to from now on ask for CURVE.
     void Secure(zmq::socket_t& socket) const;
@@ -29,11 +31,11 @@ public:
         const auto found = allowed_.find(public_key);
         return found == allowed_.end() ? std::string() : found->second;
     }
-    const std::string& domain() const { return domain_; }
+    const std::string& name() const { return name_; }
 
 private:
     const CurveKeys keys_;
-    const std::string domain_;  // by which the transport asks for our peers
+    const std::string name_;  // by which the transport asks for our peers
     mutable std::mutex mutex_;
     AllowedKeys allowed_;  // under the mutex
 };

@@ -1,7 +1,5 @@
-#include "gorm/cor/rr/channel.h"
 #include "gorm/cor/rr/client.h"
-#include "gorm/cor/rr/qos.h"
-#include "gorm/cor/rr/service.h"
+
 #include "kvo/os/fork_guard.h"
 
 #include <condition_variable>
@@ -26,10 +24,6 @@ Departure& departure() {
 }
 
 }  // namespace
-
-Channel::~Channel() = default;
-
-Service::~Service() = default;
 
 Client::~Client() = default;
 
@@ -60,13 +54,4 @@ void Client::AwaitUsers() noexcept {
     place.left.wait(lock, [this] { return users_.load(std::memory_order_acquire) == kClosing; });
 }
 
-namespace qos {
-
-QoS::~QoS() = default;
-
-ReplyTime::ReplyTime(std::chrono::milliseconds duration) : duration_(duration) {}
-
-ReplyTime::~ReplyTime() = default;
-
-}  // namespace qos
 }  // namespace gorm::cor::rr

@@ -1,12 +1,12 @@
 #include "gorm/cor/rr/server.h"
+
 #include "kvo/os/fork_guard.h"
 #include "local/local_endpoint.h"
 #include "rr/router.h"
 #include "rr/wire.h"
-#include "runtime/runtime.h"
-#include "runtime/wkp_cor.h"
 #include "transport/address.h"
 #include "transport/bounds.h"
+#include "transport/context.h"
 #include "transport/service_loop_impl.h"
 
 #include <map>
@@ -15,6 +15,8 @@
 #include <utility>
 
 namespace gorm::cor::rr {
+
+Service::~Service() = default;
 
 /// Lives on the loop.
 class Server::Impl final : public RouterUser {
@@ -49,7 +51,7 @@ private:
 Server::Impl::Impl(PollLoop& service_loop, const Address& address, Service& service,
                    const ServerOptions& options)
     : loop(service_loop), path_(address.path), service_(service), options_(options) {
-    zmq::context_t& context = Runtime::Get().context();
+    zmq::context_t& context = transport_context();
     Router::Settings tcp;
     tcp.endpoint = address.endpoint;
     tcp.text = address.text;
