@@ -1,7 +1,7 @@
 #pragma once
 
-#include "gorm/cor/cor.h"
 #include "gorm/cor/curve.h"
+#include "gorm/cor/properties.h"
 
 #include <zmq.hpp>
 

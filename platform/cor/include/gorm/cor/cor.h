@@ -2,6 +2,7 @@
 
 #include "gorm/cor/errors.h"
 #include "gorm/cor/export.h"
+#include "gorm/cor/properties.h"
 #include "gorm/cor/ps/subscriber.h"
 #include "gorm/cor/rr/channel.h"
 #include "gorm/cor/rr/client.h"
@@ -9,14 +10,11 @@
 #include "gorm/cor/type_traits.h"
 #include "network/uri.hpp"
 
-#include <map>
 #include <memory>
 #include <string>
 #include <utility>
 
 namespace gorm::cor {
-
-using Properties = std::map<std::string, std::string>;
 
 /// One binding of the middleware to a transport. Any thread.
 class GORM_COR_EXPORT Cor {
