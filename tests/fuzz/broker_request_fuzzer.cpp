@@ -61,7 +61,7 @@ public:
             gated_
                 .Dispatch({identity, identity, gorm::cor::LocalPeer{1, 1, 1}}, call->method,
                           call->params())
-                .Then([&](const gorm::cor::rr::Ending<std::string>& outcome) {
+                .Then([&](const gorm::cor::rr::Result<std::string>& outcome) {
                     const std::uint32_t id = call->id.value_or(0);
                     answer = outcome.value ? gorm::cor::rr::EncodeResult(id, *outcome.value)
                                            : gorm::cor::rr::EncodeError(id, outcome.error);

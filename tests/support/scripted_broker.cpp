@@ -262,7 +262,7 @@ StreamFile& ScriptedBroker::CreateStream(const std::string& stream, int max_payl
     return *stream_files_.back();
 }
 
-gorm::cor::rr::Eventual<std::string> ScriptedBroker::Dispatch(const gorm::cor::rr::Caller&,
+gorm::cor::rr::Deferred<std::string> ScriptedBroker::Dispatch(const gorm::cor::rr::Caller&,
                                                               std::string_view method,
                                                               const msgpack::object& params) {
     const std::string operation(method);

@@ -90,7 +90,7 @@ public:
 private:
     // On the loop.
     void OpenTopic(const std::string& stream);
-    gorm::cor::rr::Eventual<std::string> Dispatch(const gorm::cor::rr::Caller& caller,
+    gorm::cor::rr::Deferred<std::string> Dispatch(const gorm::cor::rr::Caller& caller,
                                                   std::string_view method,
                                                   const msgpack::object& params) override;
 

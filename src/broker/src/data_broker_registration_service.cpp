@@ -12,12 +12,12 @@ namespace {
 using gorm::cor::rr::Caller;
 using Handler = DataBrokerRegistrationHandler;
 
-using Packed = gorm::cor::rr::Eventual<std::string>;
+using Packed = gorm::cor::rr::Deferred<std::string>;
 
 template <class T>
-constexpr bool kComesLater = false;
+constexpr bool kIsDeferred = false;
 template <class T>
-constexpr bool kComesLater<gorm::cor::rr::Eventual<T>> = true;
+constexpr bool kIsDeferred<gorm::cor::rr::Deferred<T>> = true;
 
 // How one operation is called, with the types of its parameters and its result.
 template <auto Operation>
@@ -35,7 +35,7 @@ struct Decoded<Operation> {
                 if constexpr (std::is_void_v<Result>) {
                     (handler.*Operation)(caller, argument...);
                     return gorm::cor::rr::PackNil();
-                } else if constexpr (kComesLater<Result>) {
+                } else if constexpr (kIsDeferred<Result>) {
                     return (handler.*Operation)(caller, argument...).Map([](const auto& result) {
                         return gorm::cor::rr::PackResult(result);
                     });

@@ -63,7 +63,7 @@ std::string Describe(const Peer& peer) {
 
 }  // namespace
 
-rr::Eventual<std::string> EchoServer::Dispatch(const rr::Caller& caller, std::string_view method,
+rr::Deferred<std::string> EchoServer::Dispatch(const rr::Caller& caller, std::string_view method,
                                                const msgpack::object& params) {
     if (method == "WhoAmI") {
         return rr::PackResult(caller.identity);

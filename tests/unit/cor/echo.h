@@ -78,7 +78,7 @@ public:
     void Stop() { server_.reset(); }
     std::uint16_t port() const { return port_; }
     std::string uri() const { return "wkp.rr://127.0.0.1:" + std::to_string(port_) + "/test/Echo"; }
-    rr::Eventual<std::string> Dispatch(const rr::Caller& caller, std::string_view method,
+    rr::Deferred<std::string> Dispatch(const rr::Caller& caller, std::string_view method,
                                        const msgpack::object& params) override;
 
     /// Runs the function on the loop whenever Say is called, before it is answered.
@@ -96,7 +96,7 @@ public:
             const auto waiting = std::exchange(later_, {});
             for (const auto& result : waiting) {
                 answer.empty() ? result.Fail("it was not to be")
-                               : result.Give(rr::PackResult(answer));
+                               : result.Resolve(rr::PackResult(answer));
             }
             return waiting.size();
         });
@@ -126,7 +126,7 @@ private:
     const int max_pending_answers_;
     const std::size_t max_connections_;
     int long_calls_ = 0;                            // on the loop only
-    std::vector<rr::Eventual<std::string>> later_;  // on the loop only
+    std::vector<rr::Deferred<std::string>> later_;  // on the loop only
     std::function<void()> on_say_;  // on the loop only, which is therefore destroyed first
     ServiceLoop loop_;
     std::uint16_t port_ = 0;

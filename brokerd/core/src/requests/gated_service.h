@@ -18,7 +18,7 @@ public:
     GatedService(gorm::cor::rr::Service& service, RequestGate& gate, Clock clock)
         : service_(service), gate_(gate), clock_(std::move(clock)) {}
 
-    gorm::cor::rr::Eventual<std::string> Dispatch(const gorm::cor::rr::Caller& caller,
+    gorm::cor::rr::Deferred<std::string> Dispatch(const gorm::cor::rr::Caller& caller,
                                                   std::string_view method,
                                                   const msgpack::object& params) override {
         if (method != "SendHeartbeat" && method != "NotifyNewData" && method != "RelayNewData" &&

@@ -146,7 +146,7 @@ std::int32_t RequestHandler::Subscribe(const Caller& caller, const std::string& 
 }
 
 // A subscriber's latency can not be watched: the clocks of two hosts differ.
-RequestHandler::Eventual<std::int32_t> RequestHandler::AddSubscriber(
+RequestHandler::Deferred<std::int32_t> RequestHandler::AddSubscriber(
     const Caller& caller, const std::string& subscriber_uuid, const std::string& stream,
     const std::string& remote_broker_uri, std::int32_t /*latency_ms*/, std::int32_t deadline_s) {
     if (const std::string fault = WhyNot(caller, Right::kSubscribe, stream); !fault.empty()) {
@@ -166,11 +166,12 @@ RequestHandler::Eventual<std::int32_t> RequestHandler::AddSubscriber(
     } catch (const std::exception& error) {
         return Tell(caller, stream, {kUnknownRemoteBroker, error.what()});
     }
-    Eventual<std::int32_t> answer;
+    Deferred<std::int32_t> answer;
     remote_.Bring(broker, stream, deadline_s,
                   [this, caller, subscriber_uuid, stream, answer](const Verdict& verdict, bool) {
-                      answer.Give(verdict.refused() ? Tell(caller, stream, verdict)
-                                                    : Subscribe(caller, subscriber_uuid, stream));
+                      answer.Resolve(verdict.refused()
+                                         ? Tell(caller, stream, verdict)
+                                         : Subscribe(caller, subscriber_uuid, stream));
                   });
     return answer;
 }
@@ -249,7 +250,7 @@ bool RequestHandler::HasLocalPublisher(const Caller& /*caller*/, const std::stri
     return registry_.IsPublished(stream);
 }
 
-RequestHandler::Eventual<bool> RequestHandler::HasRemotePublisher(
+RequestHandler::Deferred<bool> RequestHandler::HasRemotePublisher(
     const Caller& caller, const std::string& remote_broker_uri, const std::string& stream) {
     DemandName(stream);
     if (const std::string fault = access_.WhyNot(caller.peer, Right::kSubscribe, stream);
@@ -264,12 +265,12 @@ RequestHandler::Eventual<bool> RequestHandler::HasRemotePublisher(
         reasons_.Keep(AskerOf(caller), stream, error.what());
         return false;
     }
-    Eventual<bool> answer;
+    Deferred<bool> answer;
     remote_.Look(broker, stream, [this, caller, stream, answer](const Verdict& verdict, bool) {
         if (verdict.refused()) {
             reasons_.Keep(AskerOf(caller), stream, verdict.reason);
         }
-        answer.Give(!verdict.refused());
+        answer.Resolve(!verdict.refused());
     });
     return answer;
 }

@@ -53,7 +53,7 @@ public:
     std::int32_t RemovePublisher(const Caller& caller, const std::string& stream) override;
     void NotifyNewData(const Caller& caller, const std::string& stream) override;
     void RelayNewData(const Caller& caller, const std::string& stream) override;
-    Eventual<std::int32_t> AddSubscriber(const Caller& caller, const std::string& subscriber_uuid,
+    Deferred<std::int32_t> AddSubscriber(const Caller& caller, const std::string& subscriber_uuid,
                                          const std::string& stream,
                                          const std::string& remote_broker_uri,
                                          std::int32_t latency_ms, std::int32_t deadline_s) override;
@@ -69,7 +69,7 @@ public:
     std::string GetExistingShmPath(const Caller& caller, const std::string& stream) override;
     bool IsStreamIdFree(const Caller& caller, const std::string& stream) override;
     bool HasLocalPublisher(const Caller& caller, const std::string& stream) override;
-    Eventual<bool> HasRemotePublisher(const Caller& caller, const std::string& remote_broker_uri,
+    Deferred<bool> HasRemotePublisher(const Caller& caller, const std::string& remote_broker_uri,
                                       const std::string& stream) override;
     void ReportDataWritten(const Caller& caller, const std::string& stream,
                            std::int32_t payload_size, std::int64_t written_ms) override;

@@ -200,13 +200,13 @@ void Router::Handle(std::vector<zmq::message_t>& frames) {
     if (link != nullptr) {
         Introduce(*link, caller);
     }
-    const Eventual<std::string> answer =
+    const Deferred<std::string> answer =
         link != nullptr && link->refused ? user_.TooMany(*call) : user_.Answer(caller, path, *call);
     if (!call->id) {
         return;
     }
     answer.Then([router = std::weak_ptr(self_), peer,
-                 at = std::string(path)](const Ending<std::string>& outcome) {
+                 at = std::string(path)](const Result<std::string>& outcome) {
         if (const auto self = router.lock(); self != nullptr && outcome.value) {
             (*self)->Send(peer, at, *outcome.value);
         }

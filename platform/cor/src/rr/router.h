@@ -27,7 +27,7 @@ public:
     virtual bool Begins(const Caller& caller) = 0;
     /// A connection that has begun is gone.
     virtual void Ended(const Caller& caller) = 0;
-    virtual Eventual<std::string> Answer(const Caller& caller, std::string_view path,
+    virtual Deferred<std::string> Answer(const Caller& caller, std::string_view path,
                                          const Call& call) = 0;
     virtual std::string TooMany(const Call& call) const = 0;
 };

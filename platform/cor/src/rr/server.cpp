@@ -33,7 +33,7 @@ public:
 
     bool Begins(const Caller& caller) override;
     void Ended(const Caller& caller) override;
-    Eventual<std::string> Answer(const Caller& caller, std::string_view path,
+    Deferred<std::string> Answer(const Caller& caller, std::string_view path,
                                  const Call& call) override;
     std::string TooMany(const Call& call) const override;
 
@@ -119,7 +119,7 @@ std::string Server::Impl::TooMany(const Call& call) const {
 
 namespace {
 
-std::string EncodeOutcome(std::uint32_t id, const Ending<std::string>& outcome) {
+std::string EncodeOutcome(std::uint32_t id, const Result<std::string>& outcome) {
     if (!outcome.value) {
         return EncodeError(id, outcome.error);
     }
@@ -135,17 +135,17 @@ std::string EncodeOutcome(std::uint32_t id, const Ending<std::string>& outcome) 
 
 }  // namespace
 
-Eventual<std::string> Server::Impl::Answer(const Caller& caller, std::string_view path,
+Deferred<std::string> Server::Impl::Answer(const Caller& caller, std::string_view path,
                                            const Call& call) {
     const std::uint32_t id = call.id.value_or(0);
     try {
         if (path != path_) {
             return EncodeError(id, "nothing is served at the path of the request");
         }
-        Eventual<std::string> answer;
+        Deferred<std::string> answer;
         service_.Dispatch(caller, call.method, call.params())
-            .Then([answer, id](const Ending<std::string>& outcome) {
-                answer.Give(EncodeOutcome(id, outcome));
+            .Then([answer, id](const Result<std::string>& outcome) {
+                answer.Resolve(EncodeOutcome(id, outcome));
             });
         return answer;
     } catch (const std::exception& error) {

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "gorm/cor/rr/eventual.h"
+#include "gorm/cor/rr/deferred.h"
 #include "gorm/cor/rr/service.h"
 #include "kvo/broker_interface_export.h"
 
@@ -18,7 +18,7 @@ class KVO_BROKER_INTERFACE_EXPORT DataBrokerRegistrationHandler {
 public:
     using Caller = gorm::cor::rr::Caller;
     template <class T>
-    using Eventual = gorm::cor::rr::Eventual<T>;
+    using Deferred = gorm::cor::rr::Deferred<T>;
 
     virtual ~DataBrokerRegistrationHandler();
 
@@ -31,7 +31,7 @@ public:
     virtual std::int32_t RemovePublisher(const Caller&, const std::string& stream) = 0;
     virtual void NotifyNewData(const Caller&, const std::string& stream) = 0;
     virtual void RelayNewData(const Caller&, const std::string& stream) = 0;
-    virtual Eventual<std::int32_t> AddSubscriber(const Caller&, const std::string& subscriber_uuid,
+    virtual Deferred<std::int32_t> AddSubscriber(const Caller&, const std::string& subscriber_uuid,
                                                  const std::string& stream,
                                                  const std::string& remote_broker_uri,
                                                  std::int32_t latency_ms,
@@ -48,7 +48,7 @@ public:
     virtual std::string GetExistingShmPath(const Caller&, const std::string& stream) = 0;
     virtual bool IsStreamIdFree(const Caller&, const std::string& stream) = 0;
     virtual bool HasLocalPublisher(const Caller&, const std::string& stream) = 0;
-    virtual Eventual<bool> HasRemotePublisher(const Caller&, const std::string& remote_broker_uri,
+    virtual Deferred<bool> HasRemotePublisher(const Caller&, const std::string& remote_broker_uri,
                                               const std::string& stream) = 0;
     virtual void ReportDataWritten(const Caller&, const std::string& stream,
                                    std::int32_t payload_size, std::int64_t written_ms) = 0;

@@ -3,7 +3,7 @@
 #include "gorm/cor/errors.h"
 #include "gorm/cor/export.h"
 #include "gorm/cor/peer.h"
-#include "gorm/cor/rr/eventual.h"
+#include "gorm/cor/rr/deferred.h"
 
 #include <msgpack.hpp>
 
@@ -27,7 +27,7 @@ public:
     /// Runs on the loop of the server. @return the packed result, which may come later, also after
     /// the server has gone. What is thrown (any std::exception) goes to the caller as the text of
     /// an error response.
-    virtual Eventual<std::string> Dispatch(const Caller& caller, std::string_view method,
+    virtual Deferred<std::string> Dispatch(const Caller& caller, std::string_view method,
                                            const msgpack::object& params) = 0;
 };
 
