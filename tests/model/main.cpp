@@ -39,7 +39,6 @@ constexpr Configuration kCopying{.samples = 3, .reads = 2, .copies = true};
 constexpr Configuration kCompeting{.samples = 3, .readers = 2, .reads = 2};
 constexpr Configuration kTwoRows{.rows = 2, .samples = 2, .readers = 2};
 constexpr Configuration kTakenOver{.samples = 3, .writer_crashes = true};
-constexpr Configuration kFollowed{.batch = 3, .samples = 4, .readers = 0, .writer_crashes = true};
 constexpr Configuration kReaped{.samples = 2, .readers = 2, .reader_crashes = 1, .reapers = 1};
 constexpr Configuration EverybodyCrashes(unsigned readers) {
     return {.samples = 2,
@@ -67,7 +66,6 @@ std::vector<Case> Cases() {
         {"two readers, one row, two samples retained", two_retained, kAll, kAll},
         {"two readers, two rows", kTwoRows, kAll, kAll},
         {"one reader, the writer is replaced", kTakenOver, kAll, kAll},
-        {"what a writer promises, it is replaced", kFollowed, kAll, kAll},
         {"two readers that crash and return, a reaper", kReaped, kAll, kSc | kTso},
         {"two readers and the writer crash", writer_too, kAll, kSc | kTso},
         {"one reader, everybody crashes", EverybodyCrashes(1), kAll, kAll},
@@ -106,8 +104,6 @@ std::vector<Seed> Seeds() {
         {"reaper stops at the mark", Mistake::kReaperStopsAtMark, kReaped, kAll},
         {"one slot short", Mistake::kSlotShort, kSmall, kAll},
         {"one of the newest closed", Mistake::kNewestClosed, kSmall, kAll},
-        {"promise without the round", Mistake::kPromiseWithoutRound, kFollowed, kAll},
-        {"closed counts as absent", Mistake::kClosedCountsAsAbsent, kFollowed, kAll},
     };
 }
 

@@ -91,7 +91,6 @@ constexpr const char* kFaults[] = {
     "one of the newest samples is not readable",
     "a row that is in use belongs to somebody else",
     "a row or a pin is left at the end",
-    "a promise hides a sample",
 };
 enum FaultNumber : std::uint32_t {
     kTorn = 1,
@@ -100,7 +99,6 @@ enum FaultNumber : std::uint32_t {
     kNotRetained,
     kStolenRow,
     kLeft,
-    kHidden,
 };
 
 std::uint8_t ProcessOf(unsigned thread, unsigned life) {
@@ -124,7 +122,6 @@ private:
     bool Reaper();
 
     void Sort();
-    Promise NextSlot();
     void AfterPublish();
     void TakeOver();
     void NextRow(Step look, Step when_all);
@@ -170,11 +167,6 @@ private:
     const unsigned index;
 };
 
-// The version of the first sample that is written in the search.
-unsigned FirstWritten(const Configuration& c) {
-    return c.slots() + 1;
-}
-
 unsigned CountPlace(const Configuration& c, const Thread& t, Place place) {
     return static_cast<unsigned>(std::count(t.places.begin(), t.places.begin() + c.slots(), place));
 }
@@ -218,19 +210,6 @@ void Machine::Sort() {
         s.fault = kNoSlot;
     }
     Begin();
-}
-
-// While a sample is written: where the next one goes, unless a refill comes before.
-Promise Machine::NextSlot() {
-    const unsigned ring = CountPlace(c, t, kRing) + 1;
-    const unsigned leaving = ring > c.retained ? ring - c.retained : 0;
-    if (CountPlace(c, t, kStale) + leaving >= c.batch) {
-        return {};
-    }
-    t.places[t.slot] = kRing;
-    const unsigned slot = Extreme(c, t, kStock, true);
-    t.places[t.slot] = kStock;
-    return slot == kMaxSlots ? Promise{} : Promise{static_cast<std::uint8_t>(slot + 1), t.round};
 }
 
 void Machine::AfterPublish() {
@@ -308,7 +287,6 @@ bool Machine::Writer() {
                 return false;
             }
             t.words[t.slot] = Pack(t.version, kValid);
-            s.promises.at(t.version - FirstWritten(c)) = NextSlot();
             t.step = kMoveHead;
             return true;
         case kMoveHead:
@@ -656,19 +634,6 @@ void Return(const Configuration& c, State& s, unsigned index, const Thread& befo
     t.step = kLookAtRow;
 }
 
-// Whether a reader that has read the version and looks at the promised slot and the round takes a
-// sample for absent that it may have been told of. Words, rounds and `head` only grow, so that it
-// makes no difference that a reader looks at one after the other.
-bool Hides(const Configuration& c, const State& s, unsigned version, const Promise& promise) {
-    if (promise.slot_plus_1 == 0 || s.cells[kHead] <= version ||
-        (s.cells[kRound] != promise.round && c.mistake != Mistake::kPromiseWithoutRound)) {
-        return false;
-    }
-    const std::uint8_t word = s.cells[WordCell(promise.slot_plus_1 - 1U)];
-    const std::uint8_t awaited = Pack(version + 1, kValid);
-    return word < awaited || (word > awaited && c.mistake == Mistake::kClosedCountsAsAbsent);
-}
-
 }  // namespace
 
 State Initial(const Configuration& c) {
@@ -739,11 +704,6 @@ const char* Fault(const Configuration& c, const State& s) {
         const auto* const words = &s.cells[WordCell(0)];
         if (std::find(words, words + c.slots(), Pack(version, kValid)) == words + c.slots()) {
             return kFaults[kNotRetained];
-        }
-    }
-    for (unsigned i = 0; i < kMostSamples; ++i) {
-        if (Hides(c, s, FirstWritten(c) + i, s.promises[i])) {
-            return kFaults[kHidden];
         }
     }
     return kFaults[s.fault];

@@ -28,10 +28,8 @@ enum class Mistake {
     kLiveReaderReaped,
     kReapersPlainStores,  // two reapers clear a row without taking it over
     kReaperStopsAtMark,
-    kSlotShort,             // N + Z * P slots
-    kNewestClosed,          // one of the newest N is closed
-    kPromiseWithoutRound,   // a promise is believed whatever the round is
-    kClosedCountsAsAbsent,  // and so while its slot is no longer readable
+    kSlotShort,     // N + Z * P slots
+    kNewestClosed,  // one of the newest N is closed
 };
 
 struct Configuration {
@@ -40,8 +38,7 @@ struct Configuration {
     unsigned retained = 1;  // N
     unsigned rows = 1;      // Z; a reader has one pin
     unsigned batch = 2;     // B
-    unsigned samples = 3;   // written in the search, after every slot has been used once; less
-                            // than kMostSamples
+    unsigned samples = 3;   // written in the search, after every slot has been used once
     unsigned readers = 1;
     unsigned reads = 1;           // of each reader before it gives its row back
     bool copies = false;          // readers without a pin copy

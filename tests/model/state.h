@@ -15,7 +15,6 @@ enum class MemoryModel { kSc, kTso, kPso };
 inline constexpr unsigned kMaxSlots = 7;
 inline constexpr unsigned kMaxRows = 2;
 inline constexpr unsigned kThreads = 6;
-inline constexpr unsigned kMostSamples = 5;  // a successor leaves the number out that was begun
 inline constexpr unsigned kCells = 3 * kMaxSlots + 2 * kMaxRows + 3;
 inline constexpr unsigned kBufferEntries = 8;
 
@@ -46,15 +45,8 @@ struct Thread {
     std::array<BufferedStore, kBufferEntries> buffer;  // oldest first, zero behind the last
 };
 
-// Where the sample behind a written one will be, as that one's header says.
-struct Promise {
-    std::uint8_t slot_plus_1;  // 0: nothing is promised
-    std::uint8_t round;        // as long as the promise holds
-};
-
 struct State {
     std::array<std::uint8_t, kCells> cells;
-    std::array<Promise, kMostSamples> promises;  // of the samples written in the search
     std::array<Thread, kThreads> threads;
     std::uint32_t dead;   // processes that have died, one bit each
     std::uint32_t fault;  // what a step noticed: an index of kFaults in protocol.cpp; 0: nothing

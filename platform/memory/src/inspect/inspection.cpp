@@ -138,7 +138,7 @@ void Rules::CheckSlots() {
 void Rules::CheckContent(std::uint32_t slot, std::uint64_t word) {
     SlotContent content;
     LoadContent(segment_, slot, content);
-    const bool intact = !content.has_checksum() || content.damaged ||
+    const bool intact = !content.has_checksum || content.damaged ||
                         ChecksumOf(segment_.payload(slot), content.payload_bytes,
                                    content.metadata_bytes) == content.checksum;
     if (segment_.slot(slot).word.load(std::memory_order_acquire) == word) {

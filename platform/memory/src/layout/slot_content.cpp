@@ -22,8 +22,7 @@ namespace kvo {
     content.timestamp_ms = header.timestamp_ms.load(relaxed);
     content.monotonic_ns = header.monotonic_ns.load(relaxed);
     content.checksum = header.checksum.load(relaxed);
-    content.flags = header.flags.load(relaxed);
-    content.next_slot = header.next_slot.load(relaxed);
+    content.has_checksum = (header.flags.load(relaxed) & layout::kSlotHasChecksum) != 0;
     const std::uint64_t source_sequence = header.source_sequence.load(relaxed);
     // It was a version elsewhere; anything else is no number of a sample.
     content.source_sequence = source_sequence <= layout::kMaxVersion ? source_sequence : 0;

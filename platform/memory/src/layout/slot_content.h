@@ -17,11 +17,9 @@ struct SlotContent {
     std::uint64_t timestamp_ms = 0;
     std::uint64_t monotonic_ns = 0;
     std::uint64_t checksum = 0;
-    bool damaged = false;               // a size did not fit
-    std::uint32_t flags = 0;            // as in the header
-    std::uint32_t next_slot = 0;        // the same; need not exist
+    bool damaged = false;  // a size did not fit
+    bool has_checksum = false;
     std::uint64_t source_sequence = 0;  // 0: the version
-    bool has_checksum() const { return (flags & layout::kSlotHasChecksum) != 0; }
     std::size_t total_bytes() const { return std::size_t{payload_bytes} + metadata_bytes; }
 };
 

@@ -13,7 +13,7 @@ namespace kvo::layout {
 
 inline constexpr std::uint32_t kDataMagic = 0x31445356;     // "VSD1" in a little-endian dump
 inline constexpr std::uint32_t kControlMagic = 0x31435356;  // "VSC1"
-inline constexpr std::uint16_t kLayoutVersion = 1;
+inline constexpr std::uint16_t kLayoutVersion = 2;
 inline constexpr std::uint32_t kByteOrderTag = 0x01020304;
 inline constexpr std::uint64_t kPageBytes = 4096;
 inline constexpr std::uint32_t kMaxPinsPerRow = 6;
@@ -131,14 +131,6 @@ constexpr SlotState WordState(std::uint64_t word) {
 }
 
 inline constexpr std::uint32_t kSlotHasChecksum = 1;
-// The next version will be in `next_slot` and nowhere else for as long as `scan_round` has the
-// value whose low bits stand in the flags above these.
-inline constexpr std::uint32_t kSlotPromisesNext = 2;
-inline constexpr unsigned kPromiseRoundShift = 8;
-inline constexpr std::uint32_t kPromiseBits = kSlotPromisesNext | ~0U << kPromiseRoundShift;
-constexpr std::uint32_t PackPromise(std::uint64_t scan_round) {
-    return kSlotPromisesNext | static_cast<std::uint32_t>(scan_round) << kPromiseRoundShift;
-}
 
 // One per slot; role's holder writes. Atomics, because a copying reader may look while the slot
 // is written anew; it checks the word afterwards.
@@ -151,10 +143,8 @@ struct SlotHeader {
     std::atomic<std::uint64_t> timestamp_ms;  // the caller's, since the Unix epoch
     std::atomic<std::uint64_t> monotonic_ns;  // CLOCK_MONOTONIC of the host, for ages
     std::atomic<std::uint64_t> checksum;      // XXH3 64, seed: payload_bytes
-    std::atomic<std::uint32_t> flags;         // kSlotHasChecksum, PackPromise()
-    // The slot, plus 1, that the next version will probably be in; 0: not known yet. A hint: who
-    // follows it compares that slot's word.
-    std::atomic<std::uint32_t> next_slot;
+    std::atomic<std::uint32_t> flags;         // kSlotHasChecksum
+    std::uint32_t unused;                     // 0
     // In a stream brought from another host: the number that the sample has there. 0: the version.
     std::atomic<std::uint64_t> source_sequence;
 };

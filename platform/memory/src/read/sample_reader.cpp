@@ -13,9 +13,6 @@ constexpr int kPinAttempts = 3;
 // Bounded: a writer that overtakes us every time is faster than we can read, and the caller has
 // to learn that instead of waiting here.
 constexpr int kOvertakings = 8;
-// So many samples that were there at the first look are a backlog: the writer is far ahead. Who
-// fetches ahead sooner takes lines away that the writer is about to fill.
-constexpr unsigned kBacklog = 32;
 
 bool TooOld(const SlotContent& content, std::uint64_t now_ns, std::uint64_t max_age_ns) {
     return max_age_ns != 0 && now_ns > content.monotonic_ns &&
@@ -72,25 +69,11 @@ std::uint64_t SampleReader::FirstYoung(std::uint64_t max_age_ns) const {
     return newest + 1;
 }
 
-// Finds out whether a sample is there with looks at as few of the writer's lines as possible: a
-// busy writer would have to fetch each of them back. First at the word of the likely slot. Where
-// the writer has promised that slot, that is all. Else at the index, and at `head` last.
+// The index tells whether a sample is there, and unlike `head` its line does not change with every
+// sample: a busy writer would have to fetch that back.
 [[gnu::hot]] void SampleReader::LookFor(std::uint64_t version) {
     if (version <= known_newest_) {
         return;
-    }
-    if (likely_slot_ != kNoSlot) {
-        const std::uint64_t valid = layout::PackWord(version, layout::SlotState::kValid);
-        const std::uint64_t word =
-            segment_->slot(likely_slot_).word.load(std::memory_order_acquire);  // [slot-ready]
-        if (word == valid) {
-            known_newest_ = version;
-            return;
-        }
-        // A word beyond that one says that the version has been there: closed, or overwritten.
-        if (word < valid && PromiseHolds(version)) {
-            return;
-        }
     }
     const std::uint64_t entry = LoadIndex(*segment_, version);
     if (entry == layout::PackIndex(version, layout::IndexSlot(entry))) {
@@ -106,16 +89,6 @@ void SampleReader::LookForUnread(std::uint64_t next) {
     if (next <= known_newest_) {
         LookForNewest();
     }
-}
-
-// While it holds, the version is written into the likely slot or not at all. Asked after the look
-// at that slot's word: words and rounds only grow, so that a round which has not changed by now
-// had not changed then.
-bool SampleReader::PromiseHolds(std::uint64_t version) const {
-    // [promise] Acquire: who was told of a version that another writer has put elsewhere sees the
-    // round that this writer began before.
-    return version == promised_version_ &&
-           segment_->words().scan_round.load(std::memory_order_acquire) == promised_round_;
 }
 
 [[gnu::hot]] bool SampleReader::TakeNext(std::uint64_t max_age_ns, std::uint64_t& next,
@@ -151,12 +124,10 @@ bool SampleReader::PromiseHolds(std::uint64_t version) const {
         } else {
             ++counters.read;
             counters.copied += taken.bytes == taken.copy.data() ? 1 : 0;
-            Follow(taken);
             return true;
         }
     }
     taken.pin = {};
-    taken_in_a_row_ = 0;
     return false;
 }
 
@@ -177,7 +148,7 @@ bool SampleReader::Pin(std::uint64_t version, TakenSample& taken) const {
         if (attempt > 0 && version < OldestRetained(Newest())) {
             return false;
         }
-        const auto slot = Find(version);
+        const auto slot = FindSlot(*segment_, version);
         if (!slot) {
             continue;
         }
@@ -198,34 +169,10 @@ bool SampleReader::Pin(std::uint64_t version, TakenSample& taken) const {
     return false;
 }
 
-std::optional<std::uint32_t> SampleReader::Find(std::uint64_t version) const {
-    if (likely_slot_ != kNoSlot &&
-        segment_->slot(likely_slot_).word.load(std::memory_order_relaxed) ==
-            layout::PackWord(version, layout::SlotState::kValid)) {
-        return likely_slot_;
-    }
-    return FindSlot(*segment_, version);
-}
-
-void SampleReader::Follow(const TakenSample& taken) {
-    const std::uint32_t likely = taken.content.next_slot;
-    likely_slot_ = likely >= 1 && likely <= segment_->geometry().slot_count ? likely - 1 : kNoSlot;
-    // Relaxed: whatever is read here counts only while it is still there at the next look. All of
-    // its bits, since those in the header come again after 2^24 rounds.
-    promised_round_ = segment_->words().scan_round.load(std::memory_order_relaxed);
-    const bool promised = likely_slot_ != kNoSlot && (taken.content.flags & layout::kPromiseBits) ==
-                                                         layout::PackPromise(promised_round_);
-    promised_version_ = promised ? taken.sequence_number + 1 : 0;
-    if (likely_slot_ != kNoSlot && ++taken_in_a_row_ > kBacklog) {
-        __builtin_prefetch(&segment_->slot(likely_slot_));
-        __builtin_prefetch(segment_->payload(likely_slot_));
-    }
-}
-
 bool SampleReader::Intact(TakenSample& taken) const {
     const SlotContent& content = taken.content;
-    const bool checked = content.has_checksum() || segment_->asks_for_checksums();
-    if (content.damaged || (checked && !content.has_checksum())) [[unlikely]] {
+    const bool checked = content.has_checksum || segment_->asks_for_checksums();
+    if (content.damaged || (checked && !content.has_checksum)) [[unlikely]] {
         return false;
     }
     taken.checksum_state = checked ? ChecksumState::kVerified : ChecksumState::kNone;

@@ -8,7 +8,6 @@
 
 #include <cstdint>
 #include <memory>
-#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -63,25 +62,15 @@ public:
     void PublishLedger(const ReaderCounters& counters, std::uint64_t next) const;
 
 private:
-    static constexpr std::uint32_t kNoSlot = layout::kMaxSlots;
-
     bool Read(std::uint64_t version, TakenSample& taken) const;
     bool Pin(std::uint64_t version, TakenSample& taken) const;
     bool Intact(TakenSample& taken) const;
     void LookFor(std::uint64_t version);
-    bool PromiseHolds(std::uint64_t version) const;
-    std::optional<std::uint32_t> Find(std::uint64_t version) const;
-    void Follow(const TakenSample& taken);
 
     const std::shared_ptr<Segment> segment_;
     boost::intrusive_ptr<ReaderRow> row_;  // null: none
     bool row_tried_ = false;
     std::uint64_t known_newest_ = 0;
-    std::uint32_t likely_slot_ = kNoSlot;  // of the version behind the one that was read last
-    // The version that is in no other slot than the likely one while `scan_round` is this.
-    std::uint64_t promised_version_ = 0;  // 0: none
-    std::uint64_t promised_round_ = 0;
-    unsigned taken_in_a_row_ = 0;  // since the last time that there was nothing
 };
 
 }  // namespace kvo

@@ -176,10 +176,7 @@ void SampleWriter::Fill(std::uint32_t slot, const SampleInput& sample) const {
     header.checksum.store(
         checksum ? ChecksumOf(bytes, sample.payload_bytes, sample.metadata_bytes) : 0,
         std::memory_order_relaxed);
-    const Next next = LikelyNext();
-    header.flags.store((checksum ? layout::kSlotHasChecksum : 0) | next.promise,
-                       std::memory_order_relaxed);
-    header.next_slot.store(next.slot_plus_1, std::memory_order_relaxed);
+    header.flags.store(checksum ? layout::kSlotHasChecksum : 0, std::memory_order_relaxed);
     header.source_sequence.store(sample.source_sequence, std::memory_order_relaxed);
 }
 
@@ -191,20 +188,6 @@ void SampleWriter::CopyPayload(unsigned char* to, const SampleInput& sample) con
     } else if (sample.payload_bytes > 0) {
         std::memcpy(to, sample.payload, sample.payload_bytes);
     }
-}
-
-// While a sample is written: where the one after it goes. That is the slot that leaves the ring,
-// if a refill comes first and no reader holds it. Else it is the slot below the top of the stock,
-// and that is a promise: only a refill could change it, and a refill, also the one with which a
-// successor of this writer begins, raises the round before anything else is written.
-SampleWriter::Next SampleWriter::LikelyNext() const {
-    if (ring_used_ == ring_.size() && stale_.size() + 1 >= segment_->geometry().close_batch) {
-        return {ring_[ring_next_].slot + 1, 0};
-    }
-    if (stock_.size() < 2) {
-        return {};
-    }
-    return {stock_[stock_.size() - 2] + 1, layout::PackPromise(scan_round_)};
 }
 
 [[gnu::hot]] void SampleWriter::AddToRing(const Written& sample) {
@@ -251,8 +234,6 @@ SampleWriter::Next SampleWriter::LikelyNext() const {
     const StreamGeometry& geometry = segment_->geometry();
     // [pin-or-closed] One sequentially consistent store a batch, between closing and scanning: a
     // reader whose pin the scan below does not see, sees this round, and with it the closed word.
-    // [promise] It also ends what was promised before: no version is put anywhere but into the
-    // promised slot until this is stored. Killed before it, the next writer stores it first.
     segment_->words().scan_round.store(scan_round_, std::memory_order_seq_cst);
     KVO_CRASH_POINT("refill round");
     // [mark] Loaded after the round. Clamped: readers may write anything there.

@@ -64,11 +64,6 @@ private:
     void ScanPins();
     void Fill(std::uint32_t slot, const SampleInput& sample) const;
     void CopyPayload(unsigned char* to, const SampleInput& sample) const;
-    struct Next {
-        std::uint32_t slot_plus_1 = 0;
-        std::uint32_t promise = 0;  // flag bits
-    };
-    Next LikelyNext() const;
     void AddToRing(const Written& sample);
 
     const std::shared_ptr<Segment> segment_;

@@ -29,7 +29,7 @@ TEST_F(DamagedFileTest, HeadersThatDoNotAddUpAreRefusedWithAReason) {
         std::function<void(Fields&)> damage;
     };
     const std::vector<Case> cases{
-        {"layout version 2", [](Fields& f) { f.layout_version = 2; }},
+        {"layout version 1, known is 2", [](Fields& f) { f.layout_version = 1; }},
         {"damaged header", [](Fields& f) { f.header_bytes = 8; }},
         {"foreign byte order", [](Fields& f) { f.byte_order = 0x04030201; }},
         {"unknown features", [](Fields& f) { f.features |= 2; }},
