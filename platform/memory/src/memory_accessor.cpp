@@ -118,7 +118,7 @@ void KvoMemoryAccessor::Reattach() {
         throw std::invalid_argument("KvoMemoryAccessor: slot index of " +
                                     std::to_string(slot_index) + " refused: only -1");
     }
-    SampleInput sample;
+    SampleView sample;
     sample.payload = payload;
     sample.metadata = metadata;
     sample.sample_tag = sample_tag;

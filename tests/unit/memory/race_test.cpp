@@ -97,12 +97,11 @@ TEST_P(RaceTest, EverySampleIsWholeAndInOrderAndGapsAreCounted) {
     }
     for (std::uint64_t number = 1; number <= kSamples; ++number) {
         const Content content = WordsOf(number);
-        SampleInput sample;
+        SampleView sample;
         sample.payload = reinterpret_cast<const unsigned char*>(content.data());
         sample.payload_bytes = kPayload;
         sample.sample_tag = static_cast<std::int32_t>(number);
-        sample.checksum = number % 2 == 0;
-        EXPECT_EQ(writer.Write(sample), SampleWriter::Outcome::kWritten);
+        EXPECT_EQ(writer.Write(sample, number % 2 == 0), SampleWriter::Outcome::kWritten);
         if (number % 16 == 0) {
             std::this_thread::yield();  // a reader that never runs sees no races
         }

@@ -52,7 +52,7 @@ void StreamImport::Take(const RemoteSample& sample) {
         lost_.fetch_add(sample.sequence - last_ - 1, std::memory_order_relaxed);
     }
     last_ = sample.sequence;
-    ImportedSample imported;
+    SampleView imported;
     imported.payload = sample.payload;
     imported.payload_bytes = sample.payload_bytes;
     imported.metadata = sample.metadata;
@@ -60,7 +60,8 @@ void StreamImport::Take(const RemoteSample& sample) {
     imported.sample_tag = sample.sample_tag;
     imported.topic_id = sample.topic_id;
     imported.timestamp_ms = sample.timestamp_ms;
-    imported.sequence_number = sample.sequence;
+    imported.source_epoch = sample.epoch;
+    imported.source_sequence = sample.sequence;
     if (!file_.Write(imported)) {
         not_taken_.fetch_add(1, std::memory_order_relaxed);
         return;

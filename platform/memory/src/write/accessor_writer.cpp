@@ -90,7 +90,7 @@ void AccessorWriter::Close() {
     writer_.reset();
 }
 
-[[gnu::hot]] void AccessorWriter::Write(SampleInput& sample, std::int64_t payload_bytes,
+[[gnu::hot]] void AccessorWriter::Write(SampleView& sample, std::int64_t payload_bytes,
                                         std::int64_t metadata_bytes) {
     SampleWriter::Outcome outcome{};
     {
@@ -103,8 +103,8 @@ void AccessorWriter::Close() {
             CheckSize("payload", payload_bytes, geometry.max_payload_bytes, sample.payload);
         sample.metadata_bytes =
             CheckSize("metadata", metadata_bytes, geometry.max_metadata_bytes, sample.metadata);
-        sample.checksum = compute_checksum_.load(std::memory_order_relaxed);  // a setting
-        outcome = writer_->Write(sample);
+        // relaxed: a setting.
+        outcome = writer_->Write(sample, compute_checksum_.load(std::memory_order_relaxed));
     }
     if (outcome != SampleWriter::Outcome::kWritten) {
         Complain(outcome);

@@ -37,7 +37,7 @@ public:
         compute_checksum_.store(compute, std::memory_order_relaxed);  // relaxed: a setting
     }
     /// Throws std::logic_error, std::invalid_argument; see KvoMemoryAccessor::WriteData.
-    void Write(SampleInput& sample, std::int64_t payload_bytes, std::int64_t metadata_bytes);
+    void Write(SampleView& sample, std::int64_t payload_bytes, std::int64_t metadata_bytes);
 
     WriterCounters counters() const;
 

@@ -111,7 +111,7 @@ void SampleWriter::Recover() {
     discarded_ = counters.discarded.load(std::memory_order_relaxed);
 }
 
-[[gnu::hot]] SampleWriter::Outcome SampleWriter::Write(const SampleInput& sample) {
+[[gnu::hot]] SampleWriter::Outcome SampleWriter::Write(const SampleView& sample, bool checksum) {
     // relaxed stores of counters: shown to people, nothing is decided on them.
     auto& counters = segment_->writer_counters();
     if (segment_->retired()) {
@@ -130,7 +130,7 @@ void SampleWriter::Recover() {
     KVO_CRASH_POINT("write begun");
     BeginOverwrite(word, added.version);
     KVO_CRASH_POINT("write marked");
-    Fill(added.slot, sample);
+    Fill(added.slot, sample, checksum || segment_->asks_for_checksums());
     KVO_CRASH_POINT("write filled");
     // [slot-ready] Release: who acquires this word sees header and payload above. Killed before
     // this line, the slot still says "writing": nobody reads it and the next writer uses it
@@ -159,7 +159,7 @@ void SampleWriter::Recover() {
 }
 
 // relaxed: the slot's word, stored by the caller before and after, says what these belong to.
-void SampleWriter::Fill(std::uint32_t slot, const SampleInput& sample) const {
+void SampleWriter::Fill(std::uint32_t slot, const SampleView& sample, bool checksum) const {
     unsigned char* bytes = segment_->payload(slot);
     CopyPayload(bytes, sample);
     if (sample.metadata_bytes > 0) {
@@ -172,7 +172,6 @@ void SampleWriter::Fill(std::uint32_t slot, const SampleInput& sample) const {
     header.topic_id.store(sample.topic_id, std::memory_order_relaxed);
     header.timestamp_ms.store(sample.timestamp_ms, std::memory_order_relaxed);
     header.monotonic_ns.store(MonotonicTick(), std::memory_order_relaxed);
-    const bool checksum = sample.checksum || segment_->asks_for_checksums();
     header.checksum.store(
         checksum ? ChecksumOf(bytes, sample.payload_bytes, sample.metadata_bytes) : 0,
         std::memory_order_relaxed);
@@ -180,7 +179,7 @@ void SampleWriter::Fill(std::uint32_t slot, const SampleInput& sample) const {
     header.source_sequence.store(sample.source_sequence, std::memory_order_relaxed);
 }
 
-void SampleWriter::CopyPayload(unsigned char* to, const SampleInput& sample) const {
+void SampleWriter::CopyPayload(unsigned char* to, const SampleView& sample) const {
     // After a pause the caches belong to others.
     const bool uncached = slots_leave_caches_ || sample.timestamp_ms != last_write_ms_;
     if (sample.payload_bytes >= kBulkBytes && uncached) {

@@ -2,6 +2,7 @@
 
 #include "kvo/memory/memory_accessor.h"
 #include "kvo/memory/process_lock.h"
+#include "kvo/memory/sample_view.h"
 #include "layout/segment.h"
 
 #include <cstdint>
@@ -9,19 +10,6 @@
 #include <vector>
 
 namespace kvo {
-
-/// What a sample consists of; sizes have been checked against the segment's geometry.
-struct SampleInput {
-    const unsigned char* payload = nullptr;
-    std::uint32_t payload_bytes = 0;
-    const unsigned char* metadata = nullptr;
-    std::uint32_t metadata_bytes = 0;
-    std::int32_t sample_tag = 0;
-    std::int32_t topic_id = 0;
-    std::uint64_t timestamp_ms = 0;
-    bool checksum = false;
-    std::uint64_t source_sequence = 0;  // 0: the sample is of this host
-};
 
 /// The one writer of a segment, as long as it lives.
 ///
@@ -48,7 +36,9 @@ public:
     ~SampleWriter();
 
     /// Never blocks, allocates nothing.
-    Outcome Write(const SampleInput& sample);
+    /// @param sample sizes have been checked against the segment's geometry.
+    /// @param checksum computed also where the stream does not ask for one.
+    Outcome Write(const SampleView& sample, bool checksum = false);
 
     const Segment& segment() const { return *segment_; }
     WriterCounters counters() const;
@@ -62,8 +52,8 @@ private:
     void Recover();
     void Refill();
     void ScanPins();
-    void Fill(std::uint32_t slot, const SampleInput& sample) const;
-    void CopyPayload(unsigned char* to, const SampleInput& sample) const;
+    void Fill(std::uint32_t slot, const SampleView& sample, bool checksum) const;
+    void CopyPayload(unsigned char* to, const SampleView& sample) const;
     void AddToRing(const Written& sample);
 
     const std::shared_ptr<Segment> segment_;

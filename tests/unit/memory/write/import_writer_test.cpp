@@ -17,7 +17,7 @@ protected:
     static bool Import(ImportWriter& writer, std::uint64_t number) {
         const Bytes bytes = ContentOf(number);
         const Bytes metadata{1, 2, 3};
-        ImportedSample sample;
+        SampleView sample;
         sample.payload = bytes.data();
         sample.payload_bytes = kPayload;
         sample.metadata = metadata.data();
@@ -25,7 +25,7 @@ protected:
         sample.sample_tag = -5;
         sample.topic_id = 9;
         sample.timestamp_ms = 1234567890123;
-        sample.sequence_number = number;
+        sample.source_sequence = number;
         return writer.Write(sample);
     }
 };
@@ -59,9 +59,9 @@ TEST_F(ImportWriterTest, WhatDoesNotFitIsNotWritten) {
     const auto file = Create(4);
     ImportWriter writer(path_);
     const Bytes bytes(5000);
-    ImportedSample sample;
+    SampleView sample;
     sample.payload = sample.metadata = bytes.data();
-    sample.sequence_number = 1;
+    sample.source_sequence = 1;
     sample.payload_bytes = kPayload + 1;
     EXPECT_FALSE(writer.Write(sample));
     sample.payload_bytes = 0;
