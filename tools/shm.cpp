@@ -80,11 +80,11 @@ ExitCode List(const ShmOptions& options) {
 
 void PrintReader(const ObservedReader& reader) {
     const ReaderState& state = reader.state;
-    std::cout << "reader in row " << state.row << ": " << ProcessText(reader.process) << "\n  next "
-              << state.next_sequence << ", " << reader.lag << " behind, read " << state.read
-              << " (copied " << reader.copied << "), lost " << state.lost << ", replaced "
-              << state.replaced << ", stale " << state.stale << ", wrong checksum "
-              << state.checksum_failures << "\n  pins:";
+    std::cout << "reader entry " << state.entry << ": " << ProcessText(reader.process)
+              << "\n  next " << state.next_sequence << ", " << reader.lag << " behind, read "
+              << state.read << " (copied " << reader.copied << "), lost " << state.lost
+              << ", superseded " << state.superseded << ", expired " << state.expired
+              << ", wrong checksum " << state.checksum_failures << "\n  pins:";
     for (const std::uint64_t sequence : reader.pinned) {
         std::cout << ' ' << sequence;
     }
@@ -109,9 +109,9 @@ void Print(const std::string& file, const FileReport& report) {
     line("slots", std::to_string(geometry.slot_count) + " of " +
                       std::to_string(geometry.slot_stride) +
                       " bytes: " + std::to_string(geometry.retained_samples) + " retained + " +
-                      std::to_string(geometry.pinning_rows) + " rows * " +
-                      std::to_string(geometry.pins_per_row) + " pins + " +
-                      std::to_string(geometry.close_batch) + " closed at a time");
+                      std::to_string(geometry.pinning_entries) + " reader entries * " +
+                      std::to_string(geometry.pins_per_entry) + " pins + " +
+                      std::to_string(geometry.reclaim_batch) + " closed at a time");
     line("bytes", geometry.total_bytes());
     line("writer", ProcessText(report.writer_process));
     line("newest sample", writer.newest_sequence);

@@ -61,7 +61,7 @@ std::unique_ptr<KvoMemoryAccessor> BenchStream::ReaderOf(const std::string& path
 
 int BenchStream::slots_in_turn() const {
     const StreamGeometry& geometry = file_->geometry();
-    return static_cast<int>(geometry.retained_samples + geometry.close_batch);
+    return static_cast<int>(geometry.retained_samples + geometry.reclaim_batch);
 }
 
 std::vector<unsigned char*> BenchStream::MapSlots() const {

@@ -254,7 +254,7 @@ std::vector<Setting> MakeSettings() {
             [](auto& c) -> auto& { return c.broker.spare_slots.budget_bytes; }),
         Number(
             "pins-per-reader", "Samples that a reader holds without a copy, 1 to 6", false,
-            [](auto& c) -> auto& { return c.broker.spare_slots.pins_per_row; }, 1, 6),
+            [](auto& c) -> auto& { return c.broker.spare_slots.pins_per_entry; }, 1, 6),
         Number(
             "max-connections", "Most connections at a time", false,
             [](auto& c) -> auto& { return c.broker.max_connections; }, 1, 1'000'000),

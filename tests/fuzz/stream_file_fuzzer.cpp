@@ -90,8 +90,8 @@ public:
             {true, layout::kIndexOffset, offsets.index_entries * sizeof(layout::IndexEntry)},
             {true, offsets.slot_headers, slots * sizeof(layout::SlotHeader)},
             {false, 0, sizeof(layout::ControlHeader)},
-            {false, layout::kRowsOffset, 8 * sizeof(layout::ReaderRow)},
-            {false, layout::kLedgerOffset, 8 * sizeof(layout::LedgerEntry)},
+            {false, layout::kReaderEntriesOffset, 8 * sizeof(layout::ReaderEntry)},
+            {false, layout::kReaderStatisticsOffset, 8 * sizeof(layout::ReaderStatistics)},
         }};
     }
 

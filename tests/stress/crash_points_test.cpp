@@ -47,7 +47,7 @@ void Write(KvoMemoryAccessor& writer, int samples) {
     Demand(writer.writer_counters().dropped == 0, "the writer found no slot");
 }
 
-// One row may pin: a second reader copies.
+// One reader entry may pin: a second reader copies.
 std::unique_ptr<StreamFile> Create(const std::string& path, std::uint64_t epoch) {
     return kvo::test::CreateStream(path, kStream, kPayload, kRetained, kvo::test::Spare(0), epoch);
 }
@@ -133,7 +133,7 @@ public:
     void CheckEnd(int signal) override {
         if (signal == SIGKILL) {
             Demand(file_->ReapDeadReaders(*lock_) >= 0 && file_->readers().empty(),
-                   "rows are left");
+                   "reader entries are left");
         } else if (role_ != "creator") {  // which has removed it
             DemandSound(path_);
         }
@@ -143,7 +143,7 @@ private:
     void CheckSuccession(int signal) {
         DemandSound(path_);
         if (signal == SIGSTOP) {
-            // It lives, so its segment is given up for a new one, which it can not touch.
+            // It lives, so its segment is given up for a new one, which it cannot touch.
             auto next = Create(path_, 2);
             file_->Retire();
             file_ = std::move(next);

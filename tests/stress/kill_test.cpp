@@ -133,9 +133,10 @@ private:
         const std::uint64_t lost = counters.lost - lost_;
         const char* fault = nullptr;
         if (head.epoch == epoch_) {
-            fault = number <= number_              ? "comes after a newer one"
-                    : number - number_ - 1 != lost ? "follows a gap that the ledger does not tell"
-                                                   : nullptr;
+            fault = number <= number_ ? "comes after a newer one"
+                    : number - number_ - 1 != lost
+                        ? "follows a gap that the reader statistics do not tell"
+                        : nullptr;
         } else {
             fault = head.epoch < epoch_ ? "is of an epoch that was left" : nullptr;
             totals_.epochs.fetch_add(1, std::memory_order_relaxed);
@@ -168,7 +169,7 @@ public:
         MakeSegment();
     }
     void MakeSegment() {
-        // Some rows may pin, the others copy.
+        // Some reader entries may pin, the others copy.
         auto file = kvo::test::CreateStream(path_, kStream, kMaxPayload, kRetained,
                                             kvo::test::Spare(64 << 10), ++epoch_);
         if (file_ != nullptr) {
@@ -184,7 +185,7 @@ public:
         for (const std::string& fault : kvo::CheckStreamFile(path_)) {
             Demand(false, fault);
         }
-        Demand(file_->readers().empty(), "rows are left");
+        Demand(file_->readers().empty(), "reader entries are left");
         file_->Remove();
         file_.reset();
         lock_->RemoveIfUnused();
@@ -263,7 +264,7 @@ private:
     void Report(Clock::time_point begin) const {
         const double seconds = std::chrono::duration<double>(Clock::now() - begin).count();
         std::cout << kills_ << " kills, " << stops_ << " stops, " << reaped_
-                  << " rows taken back in " << seconds << " s; " << totals_.written.load()
+                  << " reader entries taken back in " << seconds << " s; " << totals_.written.load()
                   << " samples written, " << totals_.read.load() << " read, of these "
                   << totals_.copied.load() << " by copy; " << totals_.lost.load() << " lost, "
                   << totals_.epochs.load() << " changes of epoch" << std::endl;

@@ -10,10 +10,10 @@
 /// A stream file and its users, without a broker.
 namespace kvo::test {
 
-inline SpareSlots Spare(std::uint64_t bytes, std::uint32_t pins = SpareSlots{}.pins_per_row) {
+inline SpareSlots Spare(std::uint64_t bytes, std::uint32_t pins = SpareSlots{}.pins_per_entry) {
     SpareSlots spare;
     spare.budget_bytes = bytes;
-    spare.pins_per_row = pins;
+    spare.pins_per_entry = pins;
     return spare;
 }
 

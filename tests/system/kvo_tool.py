@@ -182,7 +182,7 @@ class KvoTool(unittest.TestCase):
         path = paths["watched"]
         code, report, _ = self.run_kvo("shm", "show", path)
         self.assertIn(f"process {publisher.pid}\n", report.decode())
-        self.assertIn(f"reader in row 0: process {subscriber.pid}\n", report.decode())
+        self.assertIn(f"reader entry 0: process {subscriber.pid}\n", report.decode())
         self.assertEqual(self.run_kvo("shm", "check", path)[:2],
                          (0, f"{path}: sound\n".encode()))
         code, report, _ = self.run_kvo("shm", "check", path, BROKER_PROGRAM)

@@ -39,7 +39,7 @@ void IsolatingCombiner::Report(const char* what) const {
         logger, 4, std::string("KvoMemoryAccessor: a slot of the new-data signal threw: ") + what);
 }
 
-// Threads: any. `initialized` is set by whoever opens last; the halves have their own locks.
+// Threads: any. `initialized` is set by the last opening; the halves have their own locks.
 class KvoMemoryAccessor::Impl {
 public:
     explicit Impl(const AccessorReader::Settings& settings)

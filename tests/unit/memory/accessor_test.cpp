@@ -101,11 +101,11 @@ TEST_F(AccessorTest, FailureToOpenIsLoggedWithItsReason) {
 }
 
 TEST_F(AccessorTest, TwoPinsAreEnoughToHoldOneSampleAndWhoHasNoneCopies) {
-    const auto file = Create(2, Spare(0, 2));  // one row may pin
+    const auto file = Create(2, Spare(0, 2));  // one reader entry may pin
     const auto writer = Writer();
     const auto pinning = Reader();
     const auto copying = Reader();
-    ASSERT_EQ(file->geometry().pinning_rows, 1U);
+    ASSERT_EQ(file->geometry().pinning_entries, 1U);
     const DataSample* held[2] = {};
     for (std::uint64_t number = 1; number <= 60; ++number) {
         Write(*writer, number, number);
@@ -137,11 +137,11 @@ TEST_F(AccessorTest, ReadersBeyondTheTableGetCopies) {
     const auto file = Create(2);
     const auto writer = Writer();
     std::vector<std::unique_ptr<KvoMemoryAccessor>> readers;
-    for (std::uint32_t i = 0; i <= kReaderRows; ++i) {
+    for (std::uint32_t i = 0; i <= kReaderEntries; ++i) {
         readers.push_back(Reader());
     }
-    EXPECT_EQ(logger_.Count("all 256 rows are taken"), 1U);
-    EXPECT_EQ(file->readers().size(), kReaderRows);
+    EXPECT_EQ(logger_.Count("all 256 reader entries are taken"), 1U);
+    EXPECT_EQ(file->readers().size(), kReaderEntries);
     Write(*writer, 1, 3);
     for (const auto& reader : readers) {
         EXPECT_EQ(TakeAll(*reader), (std::vector<std::uint64_t>{2, 3}));
@@ -216,7 +216,8 @@ TEST_F(AccessorTest, NewReaderTakesADeadOnesRowOverWithoutAReaper) {
     peer.Kill();
     const auto reader = Reader();
     EXPECT_EQ(TakeAll(*reader), (std::vector<std::uint64_t>{1}));
-    EXPECT_EQ(reader->reader_counters().copied, 0U) << "the row that may pin is its own now";
+    EXPECT_EQ(reader->reader_counters().copied, 0U)
+        << "the reader entry that may pin is its own now";
     ASSERT_EQ(file->readers().size(), 1U);
     EXPECT_EQ(file->readers()[0].pins, 1U) << "not the dead one's";
 }

@@ -17,7 +17,7 @@ struct Shape {
     std::int64_t retained;
     std::uint32_t pins;
     int held;         // samples that a reader holds
-    bool few_spares;  // one row may pin
+    bool few_spares;  // one reader entry may pin
     friend std::ostream& operator<<(std::ostream& out, const Shape& shape) {
         return out << shape.name;
     }
@@ -48,7 +48,7 @@ protected:
 
 void RaceTest::ReadToTheEnd(const std::shared_ptr<Segment>& segment, int held) const {
     SampleReader reader(segment);
-    ASSERT_EQ(reader.ClaimRow(directory_), "");
+    ASSERT_EQ(reader.ClaimEntry(directory_), "");
     SampleStore store(held);
     std::vector<DataSample*> kept;
     ReaderCounters counters;

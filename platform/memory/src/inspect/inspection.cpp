@@ -16,21 +16,22 @@
 namespace kvo {
 namespace {
 
-// Loads are relaxed: figures of one moment, or looked at again before anything is said of them.
+// Loads are relaxed: figures of one moment, or checked again before anything is reported.
 constexpr unsigned kRoleNonceBits = 32;
 constexpr unsigned kOwnerNonceBits = 48;
 
-constexpr int kLooks = 50;
-constexpr std::chrono::milliseconds kBetweenLooks{2};
+constexpr int kChecks = 50;
+constexpr std::chrono::milliseconds kBetweenChecks{2};
 
 ObservedProcess WriterOf(const Segment& segment, const ProcessObserver& processes) {
     const std::uint64_t role = segment.words().writer_role.load(std::memory_order_relaxed);
     return processes.Look(RoleNumber(role), RoleNonce(role), kRoleNonceBits);
 }
 
-ObservedProcess ReaderOf(const Segment& segment, std::uint32_t row,
+ObservedProcess ReaderOf(const Segment& segment, std::uint32_t entry,
                          const ProcessObserver& processes) {
-    const ProcessTag owner = UnpackOwner(segment.row(row).owner.load(std::memory_order_relaxed));
+    const ProcessTag owner =
+        UnpackOwner(segment.reader_entry(entry).owner.load(std::memory_order_relaxed));
     return processes.Look(owner.number, owner.nonce, kOwnerNonceBits);
 }
 
@@ -38,12 +39,12 @@ ObservedReader Observe(const Segment& segment, const ReaderState& state,
                        const ProcessObserver& processes) {
     ObservedReader reader;
     reader.state = state;
-    reader.process = ReaderOf(segment, state.row, processes);
+    reader.process = ReaderOf(segment, state.entry, processes);
     const std::uint64_t newest = segment.words().head.load(std::memory_order_relaxed);
     const bool placed = state.next_sequence > 0 && state.next_sequence <= newest;
     reader.lag = placed ? newest - state.next_sequence + 1 : 0;
-    reader.copied = segment.ledger(state.row).copied.load(std::memory_order_relaxed);
-    for (const auto& cell : segment.row(state.row).pins) {
+    reader.copied = segment.reader_statistics(state.entry).copied.load(std::memory_order_relaxed);
+    for (const auto& cell : segment.reader_entry(state.entry).pins) {
         const std::uint32_t pin = cell.load(std::memory_order_relaxed);
         if (pin >= 1 && pin <= segment.geometry().slot_count) {
             const std::uint64_t word = segment.slot(pin - 1).word.load(std::memory_order_relaxed);
@@ -66,8 +67,8 @@ public:
         CheckWords();
         CheckSlots();
         CheckRetained();
-        for (std::uint32_t row = 0; row < layout::kRows; ++row) {
-            CheckRow(row);
+        for (std::uint32_t entry = 0; entry < layout::kReaderEntries; ++entry) {
+            CheckReaderEntry(entry);
         }
         return std::move(broken_);
     }
@@ -84,7 +85,7 @@ private:
     void CheckSlots();
     void CheckContent(std::uint32_t slot, std::uint64_t word);
     void CheckRetained();
-    void CheckRow(std::uint32_t number);
+    void CheckReaderEntry(std::uint32_t number);
 
     const Segment& segment_;
     const ProcessObserver& processes_;
@@ -97,10 +98,10 @@ void Rules::CheckWords() {
     const std::uint32_t state = words.state.load(std::memory_order_relaxed);
     Demand(state == layout::kActive || state == layout::kRetired,
            "the state is " + std::to_string(state));
-    const std::uint32_t mark = segment_.control().mark.load(std::memory_order_relaxed);
-    Demand(mark <= geometry_.pinning_rows, "the mark of used rows is " + std::to_string(mark) +
-                                               ", only " + std::to_string(geometry_.pinning_rows) +
-                                               " may pin");
+    const std::uint32_t used = segment_.control().used_entries.load(std::memory_order_relaxed);
+    Demand(used <= geometry_.pinning_entries,
+           std::to_string(used) + " reader entries are marked as used" + ", only " +
+               std::to_string(geometry_.pinning_entries) + " may pin");
     const std::uint64_t head = words.head.load(std::memory_order_relaxed);
     const std::uint64_t written =
         segment_.writer_counters().written.load(std::memory_order_relaxed);
@@ -130,7 +131,7 @@ void Rules::CheckSlots() {
         CheckContent(slot, word);
     }
     // The newest ones, what waits to be closed, and one between its word and the head.
-    const std::uint32_t most = geometry_.retained_samples + geometry_.close_batch + 1;
+    const std::uint32_t most = geometry_.retained_samples + geometry_.reclaim_batch + 1;
     Demand(valid <= most,
            std::to_string(valid) + " slots take pins, at most " + std::to_string(most) + " may");
 }
@@ -151,32 +152,32 @@ void Rules::CheckContent(std::uint32_t slot, std::uint64_t word) {
 void Rules::CheckRetained() {
     const std::uint64_t head = segment_.words().head.load(std::memory_order_acquire);
     const std::uint64_t retained = std::min<std::uint64_t>(head, geometry_.retained_samples);
-    // Counted from 0: a head that nobody honest wrote may be the last number there is.
+    // Counted from 0: an untrusted head may be the last number there is.
     for (std::uint64_t back = 0; back < retained; ++back) {
         const std::uint64_t version = head - back;
         const auto slot = FindSlot(segment_, version);
         const bool there = slot && segment_.slot(*slot).word.load(std::memory_order_acquire) ==
                                        layout::PackWord(version, layout::SlotState::kValid);
         Demand(there, "sample " + std::to_string(version) + " of the newest " +
-                          std::to_string(retained) + " can not be read");
+                          std::to_string(retained) + " cannot be read");
     }
 }
 
-void Rules::CheckRow(std::uint32_t number) {
-    const auto& row = segment_.row(number);
-    const std::string name = "row " + std::to_string(number);
-    const bool owned = row.owner.load(std::memory_order_acquire) != 0;
+void Rules::CheckReaderEntry(std::uint32_t number) {
+    const auto& entry = segment_.reader_entry(number);
+    const std::string name = "reader entry " + std::to_string(number);
+    const bool owned = entry.owner.load(std::memory_order_acquire) != 0;
     const bool lives = owned && ReaderOf(segment_, number, processes_).lives;
-    for (std::uint32_t k = 0; k < layout::kMaxPinsPerRow; ++k) {
-        const std::uint32_t pin = row.pins[k].load(std::memory_order_relaxed);
+    for (std::uint32_t k = 0; k < layout::kMaxPinsPerEntry; ++k) {
+        const std::uint32_t pin = entry.pins[k].load(std::memory_order_relaxed);
         if (pin == 0) {
             continue;
         }
         Demand(owned, name + " has a pin and no owner");
-        Demand(number < geometry_.pinning_rows && k < geometry_.pins_per_row,
+        Demand(number < geometry_.pinning_entries && k < geometry_.pins_per_entry,
                name + " has a pin where none may be");
-        Demand(!owned || number < segment_.control().mark.load(std::memory_order_relaxed),
-               name + " has a pin above the mark of used rows");
+        Demand(!owned || number < segment_.control().used_entries.load(std::memory_order_relaxed),
+               name + " has a pin above the used ones");
         if (pin > geometry_.slot_count) {
             Demand(false, name + " pins slot " + std::to_string(pin - 1) + " of " +
                               std::to_string(geometry_.slot_count));
@@ -188,12 +189,12 @@ void Rules::CheckRow(std::uint32_t number) {
     }
 }
 
-bool AnybodyLives(const Segment& segment, const ProcessObserver& processes) {
+bool AnyProcessLives(const Segment& segment, const ProcessObserver& processes) {
     if (WriterOf(segment, processes).lives) {
         return true;
     }
-    for (std::uint32_t row = 0; row < layout::kRows; ++row) {
-        if (ReaderOf(segment, row, processes).lives) {
+    for (std::uint32_t entry = 0; entry < layout::kReaderEntries; ++entry) {
+        if (ReaderOf(segment, entry, processes).lives) {
             return true;
         }
     }
@@ -224,11 +225,11 @@ std::vector<std::string> CheckStreamFile(const std::string& path) {
     const auto segment = Segment::Observe(path);
     const ProcessObserver processes(os::DirectoryOf(path));
     std::vector<std::string> broken = Rules(*segment, processes).Broken();
-    for (int look = 1; look < kLooks && !broken.empty(); ++look) {
-        if (!AnybodyLives(*segment, processes)) {
+    for (int check = 1; check < kChecks && !broken.empty(); ++check) {
+        if (!AnyProcessLives(*segment, processes)) {
             break;
         }
-        std::this_thread::sleep_for(kBetweenLooks);
+        std::this_thread::sleep_for(kBetweenChecks);
         const std::vector<std::string> again = Rules(*segment, processes).Broken();
         // What is broken stays broken; what was a step on the way is not seen twice.
         std::erase_if(broken, [&](const std::string& text) {

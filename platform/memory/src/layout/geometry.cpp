@@ -12,7 +12,7 @@ namespace kvo {
 namespace {
 
 constexpr std::uint64_t kMaxPayload = std::numeric_limits<std::int32_t>::max();
-constexpr std::uint32_t kMaxCloseBatch = 32;
+constexpr std::uint32_t kMaxReclaimBatch = 32;
 
 constexpr std::uint64_t RoundUp(std::uint64_t value, std::uint64_t multiple) {
     return (value + multiple - 1) / multiple * multiple;
@@ -27,9 +27,9 @@ void Demand(bool condition, const char* what, std::int64_t value, std::uint64_t 
 
 // Closing many slots at a time spreads the cost of one scan; with large slots the copy outweighs
 // the scan, and every slot more costs memory.
-std::uint32_t CloseBatchFor(std::uint64_t slot_bytes) {
+std::uint32_t ReclaimBatchFor(std::uint64_t slot_bytes) {
     if (slot_bytes <= 4096) {
-        return kMaxCloseBatch;
+        return kMaxReclaimBatch;
     }
     return slot_bytes < (256U << 10) ? 8 : 1;
 }
@@ -55,7 +55,7 @@ FileOffsets OffsetsOf(const StreamGeometry& geometry) {
     return offsets;
 }
 
-std::string FaultOf(const StreamGeometry& geometry) {
+std::string CheckGeometry(const StreamGeometry& geometry) {
     const auto& g = geometry;
     if (g.max_payload_bytes < 1 || g.max_payload_bytes > kMaxPayload) {
         return "payload size " + std::to_string(g.max_payload_bytes);
@@ -66,13 +66,13 @@ std::string FaultOf(const StreamGeometry& geometry) {
     if (g.retained_samples < 1 || g.retained_samples > layout::kMaxSlots) {
         return "number of samples " + std::to_string(g.retained_samples);
     }
-    if (g.pinning_rows < 1 || g.pinning_rows > layout::kRows || g.pins_per_row < 1 ||
-        g.pins_per_row > layout::kMaxPinsPerRow || g.close_batch < 1 ||
-        g.close_batch > kMaxCloseBatch) {
+    if (g.pinning_entries < 1 || g.pinning_entries > layout::kReaderEntries ||
+        g.pins_per_entry < 1 || g.pins_per_entry > layout::kMaxPinsPerEntry ||
+        g.reclaim_batch < 1 || g.reclaim_batch > kMaxReclaimBatch) {
         return "pin limits";
     }
     const auto slots =
-        std::uint64_t{g.retained_samples} + g.pinning_rows * g.pins_per_row + g.close_batch;
+        std::uint64_t{g.retained_samples} + g.pinning_entries * g.pins_per_entry + g.reclaim_batch;
     if (g.slot_count != slots || slots > layout::kMaxSlots) {
         return "slot count " + std::to_string(g.slot_count);
     }
@@ -104,24 +104,25 @@ StreamGeometry PlanGeometry(std::int64_t max_payload_bytes, std::int64_t retaine
            "sample size", max_payload_bytes, kMaxPayload);
     Demand(retained_samples >= 1 && retained_samples <= layout::kMaxSlots, "number of samples",
            retained_samples, layout::kMaxSlots);
-    Demand(spare.pins_per_row >= 1 && spare.pins_per_row <= layout::kMaxPinsPerRow,
-           "pins of a reader", spare.pins_per_row, layout::kMaxPinsPerRow);
+    Demand(spare.pins_per_entry >= 1 && spare.pins_per_entry <= layout::kMaxPinsPerEntry,
+           "pins of a reader", spare.pins_per_entry, layout::kMaxPinsPerEntry);
 
     StreamGeometry g;
     g.max_payload_bytes = static_cast<std::uint32_t>(max_payload_bytes);
     g.retained_samples = static_cast<std::uint32_t>(retained_samples);
-    g.pins_per_row = spare.pins_per_row;
+    g.pins_per_entry = spare.pins_per_entry;
     g.slot_stride = StrideOf(g.max_payload_bytes, g.max_metadata_bytes);
 
-    const std::uint64_t least = std::max(spare.least, g.pins_per_row + 1);
+    const std::uint64_t least = std::max(spare.least, g.pins_per_entry + 1);
     const std::uint64_t most = std::max<std::uint64_t>(spare.most, least);
     const auto slots =
         static_cast<std::uint32_t>(std::clamp(spare.budget_bytes / g.slot_stride, least, most));
     // With few spare slots most of them serve readers.
-    g.close_batch = std::min(CloseBatchFor(g.slot_stride), std::max(1U, slots / 4));
-    g.pinning_rows = std::clamp((slots - g.close_batch) / g.pins_per_row, 1U, layout::kRows);
+    g.reclaim_batch = std::min(ReclaimBatchFor(g.slot_stride), std::max(1U, slots / 4));
+    g.pinning_entries =
+        std::clamp((slots - g.reclaim_batch) / g.pins_per_entry, 1U, layout::kReaderEntries);
 
-    const auto total = retained_samples + g.pinning_rows * g.pins_per_row + g.close_batch;
+    const auto total = retained_samples + g.pinning_entries * g.pins_per_entry + g.reclaim_batch;
     Demand(total <= layout::kMaxSlots, "number of slots", total, layout::kMaxSlots);
     g.slot_count = static_cast<std::uint32_t>(total);
     g.file_bytes = OffsetsOf(g).file_bytes;

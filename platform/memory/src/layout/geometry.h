@@ -20,8 +20,8 @@ FileOffsets OffsetsOf(const StreamGeometry& geometry);
 
 std::uint64_t StrideOf(std::uint64_t max_payload_bytes, std::uint64_t max_metadata_bytes);
 
-/// What is wrong with a geometry, whoever made it; empty: nothing.
-std::string FaultOf(const StreamGeometry& geometry);
+/// What is wrong with a geometry; empty: nothing.
+std::string CheckGeometry(const StreamGeometry& geometry);
 
 std::uint64_t HeaderDigest(const layout::HeaderFields& fields);
 

@@ -32,9 +32,9 @@ StreamGeometry GeometryOf(const layout::HeaderFields& fields) {
     g.max_payload_bytes = fields.max_payload_bytes;
     g.max_metadata_bytes = fields.max_metadata_bytes;
     g.retained_samples = fields.retained_samples;
-    g.pinning_rows = fields.pinning_rows;
-    g.pins_per_row = fields.pins_per_row;
-    g.close_batch = fields.close_batch;
+    g.pinning_entries = fields.pinning_entries;
+    g.pins_per_entry = fields.pins_per_entry;
+    g.reclaim_batch = fields.reclaim_batch;
     g.slot_count = fields.slot_count;
     g.slot_stride = fields.slot_stride;
     g.file_bytes = fields.file_bytes;
@@ -60,14 +60,15 @@ StreamGeometry CheckHeader(const std::string& path, const layout::HeaderFields& 
         Refuse(path, "unknown features " + std::to_string(fields.features));
     }
     const StreamGeometry geometry = GeometryOf(fields);
-    if (const std::string fault = FaultOf(geometry); !fault.empty()) {
+    if (const std::string fault = CheckGeometry(geometry); !fault.empty()) {
         Refuse(path, "impossible " + fault);
     }
     const FileOffsets offsets = OffsetsOf(geometry);
     if (fields.index_entries != offsets.index_entries ||
         fields.index_offset != layout::kIndexOffset ||
         fields.slot_headers_offset != offsets.slot_headers ||
-        fields.payload_offset != offsets.payload || fields.reader_rows != layout::kRows) {
+        fields.payload_offset != offsets.payload ||
+        fields.reader_entries != layout::kReaderEntries) {
         Refuse(path, "impossible offsets");
     }
     if (fields.stream_bytes < 1 || fields.stream_bytes >= sizeof fields.stream) {
@@ -101,7 +102,8 @@ std::unique_ptr<os::MappedFile> OpenControl(const std::string& path, const Uuid&
     const auto* header = View<layout::ControlHeader>(*mapping, 0);
     // [control-ready] Acquire: pairs with the creator's last write, which the rename orders.
     if (header->magic.load(std::memory_order_acquire) != layout::kControlMagic ||
-        header->layout_version != layout::kLayoutVersion || header->reader_rows != layout::kRows) {
+        header->layout_version != layout::kLayoutVersion ||
+        header->reader_entries != layout::kReaderEntries) {
         Refuse(path, "no control file of layout version " + std::to_string(layout::kLayoutVersion));
     }
     if (std::memcmp(header->uuid, uuid.data(), uuid.size()) != 0) {
@@ -177,8 +179,9 @@ Segment::Segment(os::MappedFile data, const layout::HeaderFields& fields,
 void Segment::AttachControl(os::MappedFile control) {
     control_mapping_ = std::move(control);
     control_ = View<layout::ControlHeader>(control_mapping_, 0);
-    rows_ = View<layout::ReaderRow>(control_mapping_, layout::kRowsOffset);
-    ledger_ = View<layout::LedgerEntry>(control_mapping_, layout::kLedgerOffset);
+    reader_entries_ = View<layout::ReaderEntry>(control_mapping_, layout::kReaderEntriesOffset);
+    reader_statistics_ =
+        View<layout::ReaderStatistics>(control_mapping_, layout::kReaderStatisticsOffset);
 }
 
 }  // namespace kvo

@@ -10,16 +10,16 @@
 namespace kvo {
 
 /// An opened pair of data file and control file, checked once; everything that is constant in
-/// them has been copied, so that later changes by anybody do not matter.
+/// them has been copied, so that later changes by other processes do not matter.
 /// Threads: any.
 class Segment {
 public:
     using Access = os::MappedFile::Access;
 
-    /// Opens what lies at the path. The control file is always mapped for writing, the data file
+    /// Opens the file at the path. The control file is always mapped for writing, the data file
     /// only for Access::kWrite. Throws std::runtime_error naming file and fault.
     static std::shared_ptr<Segment> Open(const std::string& path, Access access);
-    /// The same for who only looks: both files are mapped read-only.
+    /// The same without taking part: both files are mapped read-only.
     static std::shared_ptr<Segment> Observe(const std::string& path);
 
     /// The control file of a segment lies beside the data file.
@@ -42,8 +42,12 @@ public:
         return payloads_ + slot * geometry_.slot_stride;
     }
     layout::ControlHeader& control() const { return *control_; }
-    layout::ReaderRow& row(std::uint32_t number) const { return rows_[number]; }
-    layout::LedgerEntry& ledger(std::uint32_t row) const { return ledger_[row]; }
+    layout::ReaderEntry& reader_entry(std::uint32_t number) const {
+        return reader_entries_[number];
+    }
+    layout::ReaderStatistics& reader_statistics(std::uint32_t number) const {
+        return reader_statistics_[number];
+    }
 
     bool retired() const {
         // relaxed: what is decided on it may be decided a moment later as well.
@@ -73,8 +77,8 @@ private:
     layout::SlotHeader* slots_ = nullptr;
     unsigned char* payloads_ = nullptr;
     layout::ControlHeader* control_ = nullptr;
-    layout::ReaderRow* rows_ = nullptr;
-    layout::LedgerEntry* ledger_ = nullptr;
+    layout::ReaderEntry* reader_entries_ = nullptr;
+    layout::ReaderStatistics* reader_statistics_ = nullptr;
 };
 
 }  // namespace kvo

@@ -104,7 +104,7 @@ bool DirectoryLock::HeldByOther(off_t first, off_t count) const {
     lock.l_whence = SEEK_SET;
     lock.l_start = first;
     lock.l_len = count;
-    // Who can not ask must not declare anybody dead.
+    // Who cannot ask must not declare anybody dead.
     return ::fcntl(file_.get(), F_GETLK, &lock) != 0 || lock.l_type != F_UNLCK;
 }
 

@@ -4,12 +4,8 @@
 
 #include <algorithm>
 
+// relaxed everywhere: nothing that other processes wrote is read on the account of these.
 namespace kvo {
-namespace {
-
-// relaxed everywhere: nothing that others wrote is read on the account of these.
-
-}  // namespace
 
 WriterState WriterStateOf(const Segment& segment) {
     const auto& counters = segment.writer_counters();
@@ -28,25 +24,25 @@ WriterState WriterStateOf(const Segment& segment) {
 
 std::vector<ReaderState> ReaderStatesOf(const Segment& segment) {
     std::vector<ReaderState> readers;
-    for (std::uint32_t number = 0; number < layout::kRows; ++number) {
-        const auto& row = segment.row(number);
-        const std::uint64_t owner = row.owner.load(std::memory_order_relaxed);
+    for (std::uint32_t number = 0; number < layout::kReaderEntries; ++number) {
+        const auto& entry = segment.reader_entry(number);
+        const std::uint64_t owner = entry.owner.load(std::memory_order_relaxed);
         if (owner == 0) {
             continue;
         }
-        const auto& ledger = segment.ledger(number);
+        const auto& statistics = segment.reader_statistics(number);
         ReaderState reader;
-        reader.row = number;
+        reader.entry = number;
         reader.reader = UnpackOwner(owner);
         reader.pins = static_cast<std::uint32_t>(std::count_if(
-            std::begin(row.pins), std::end(row.pins),
+            std::begin(entry.pins), std::end(entry.pins),
             [](const auto& pin) { return pin.load(std::memory_order_relaxed) != 0; }));
-        reader.next_sequence = ledger.next_sequence.load(std::memory_order_relaxed);
-        reader.read = ledger.read.load(std::memory_order_relaxed);
-        reader.lost = ledger.lost.load(std::memory_order_relaxed);
-        reader.replaced = ledger.replaced.load(std::memory_order_relaxed);
-        reader.stale = ledger.stale.load(std::memory_order_relaxed);
-        reader.checksum_failures = ledger.checksum_failures.load(std::memory_order_relaxed);
+        reader.next_sequence = statistics.next_sequence.load(std::memory_order_relaxed);
+        reader.read = statistics.read.load(std::memory_order_relaxed);
+        reader.lost = statistics.lost.load(std::memory_order_relaxed);
+        reader.superseded = statistics.superseded.load(std::memory_order_relaxed);
+        reader.expired = statistics.expired.load(std::memory_order_relaxed);
+        reader.checksum_failures = statistics.checksum_failures.load(std::memory_order_relaxed);
         readers.push_back(reader);
     }
     return readers;

@@ -13,7 +13,7 @@
 #include "layout/segment.h"
 #include "layout/tags.h"
 #include "lifetime/segment_state.h"
-#include "read/reader_row.h"
+#include "read/reader_entry.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -35,7 +35,7 @@ void UnlinkIfThere(const std::string& path) {
     }
 }
 
-// Of the segment that the path names now, if it names one; what is no stream file is nobody's.
+// Of the segment that the path names now; none: it names no stream file.
 std::optional<Uuid> UuidAt(const std::string& path) {
     const os::FileDescriptor file(
         ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
@@ -59,9 +59,9 @@ void FillControl(unsigned char* begin, const Uuid& uuid) {
     auto* header = reinterpret_cast<layout::ControlHeader*>(begin);
     header->layout_version = layout::kLayoutVersion;
     header->header_bytes = sizeof(layout::ControlHeader);
-    header->reader_rows = layout::kRows;
+    header->reader_entries = layout::kReaderEntries;
     std::memcpy(header->uuid, uuid.data(), uuid.size());
-    // [control-ready] Release: who acquires the magic sees the rest of the header.
+    // [control-ready] Release: a load with acquire of the magic sees the rest of the header.
     header->magic.store(layout::kControlMagic, std::memory_order_release);
 }
 
@@ -74,15 +74,15 @@ void FillData(unsigned char* begin, const StreamFile::Creation& creation, const 
     fields.header_bytes = sizeof(layout::DataHeader);
     fields.byte_order = layout::kByteOrderTag;
     fields.features = creation.checksum ? layout::kFeatureChecksum : 0;
-    fields.reader_rows = layout::kRows;
+    fields.reader_entries = layout::kReaderEntries;
     std::memcpy(fields.uuid, uuid.data(), uuid.size());
     fields.epoch = creation.epoch;
     fields.max_payload_bytes = g.max_payload_bytes;
     fields.max_metadata_bytes = g.max_metadata_bytes;
     fields.retained_samples = g.retained_samples;
-    fields.pinning_rows = g.pinning_rows;
-    fields.pins_per_row = g.pins_per_row;
-    fields.close_batch = g.close_batch;
+    fields.pinning_entries = g.pinning_entries;
+    fields.pins_per_entry = g.pins_per_entry;
+    fields.reclaim_batch = g.reclaim_batch;
     fields.slot_count = g.slot_count;
     fields.index_entries = offsets.index_entries;
     fields.slot_stride = g.slot_stride;
@@ -98,7 +98,7 @@ void FillData(unsigned char* begin, const StreamFile::Creation& creation, const 
     fields.stream_bytes = static_cast<std::uint32_t>(creation.stream.size());
     std::memcpy(fields.stream, creation.stream.data(), creation.stream.size());
     fields.header_digest = HeaderDigest(fields);
-    // [data-ready] Release: who acquires the magic sees the whole header.
+    // [data-ready] Release: a load with acquire of the magic sees the whole header.
     header->magic.store(layout::kDataMagic, std::memory_order_release);
 }
 
@@ -127,7 +127,7 @@ public:
 
 private:
     std::uint64_t Role() const {
-        // relaxed: who asks wants a name; nothing that the writer wrote is read on its account.
+        // relaxed: only the name is used; nothing that the writer wrote is read on its account.
         return segment_->words().writer_role.load(std::memory_order_relaxed);
     }
 
@@ -153,18 +153,19 @@ void MappedStreamFile::Retire() {
 
 int MappedStreamFile::ReapDeadReaders(ProcessLock& lock) {
     int reaped = 0;
-    // Every row, not only those below the mark: a reader may have died between claim and mark.
-    for (std::uint32_t number = 0; !os::InForkedChild() && number < layout::kRows; ++number) {
-        auto& row = segment_->row(number);
+    // Every entry, not only the used ones: a reader may have died between claim and count.
+    for (std::uint32_t number = 0; !os::InForkedChild() && number < layout::kReaderEntries;
+         ++number) {
+        auto& entry = segment_->reader_entry(number);
         // relaxed: only an exchange from this very value follows.
-        std::uint64_t owner = row.owner.load(std::memory_order_relaxed);
+        std::uint64_t owner = entry.owner.load(std::memory_order_relaxed);
         if (owner == 0 || lock.Lives(UnpackOwner(owner))) {
             continue;
         }
-        // A row is taken over before it is cleared, so that of several reapers one clears it and
-        // nobody's newly claimed row is. If we die here we are the dead owner.
-        if (TakeRowOver(row, owner, lock.Join())) {
-            ReleaseRow(row);
+        // An entry is taken over before it is cleared, so that of several reapers one clears it
+        // and no newly claimed entry is cleared. Killed here, this process is the dead owner.
+        if (TakeEntryOver(entry, owner, lock.Join())) {
+            ReleaseEntry(entry);
             ++reaped;
         }
     }
@@ -179,9 +180,10 @@ bool MappedStreamFile::InUse(const ProcessLock& lock) const {
     if (role != 0 && lock.Resolve(RoleNumber(role), RoleNonce(role))) {
         return true;
     }
-    for (std::uint32_t number = 0; number < layout::kRows; ++number) {
+    for (std::uint32_t number = 0; number < layout::kReaderEntries; ++number) {
         // relaxed: as in Role().
-        const std::uint64_t owner = segment_->row(number).owner.load(std::memory_order_relaxed);
+        const std::uint64_t owner =
+            segment_->reader_entry(number).owner.load(std::memory_order_relaxed);
         if (owner != 0 && lock.Lives(UnpackOwner(owner))) {
             return true;
         }
@@ -193,7 +195,7 @@ void MappedStreamFile::Remove() {
     if (os::InForkedChild()) {
         return;
     }
-    // In this order nobody finds a data file whose control file is missing for good.
+    // In this order no process finds a data file with its control file missing for good.
     if (UuidAt(path_) == segment_->uuid()) {
         UnlinkIfThere(path_);
     }
@@ -214,7 +216,7 @@ std::unique_ptr<StreamFile> StreamFile::Create(const Creation& creation) {
                                     std::to_string(creation.stream.size()) +
                                     " bytes refused: 1 to 255");
     }
-    if (const std::string fault = FaultOf(creation.geometry); !fault.empty()) {
+    if (const std::string fault = CheckGeometry(creation.geometry); !fault.empty()) {
         throw std::invalid_argument("impossible " + fault);
     }
     Uuid uuid;
@@ -231,7 +233,7 @@ std::unique_ptr<StreamFile> StreamFile::Create(const Creation& creation) {
     KVO_CRASH_POINT("control file filled");
     FillData(data.begin(), creation, uuid);
     KVO_CRASH_POINT("data file filled");
-    // Looked at as others will, while nothing is in place yet.
+    // Checked as other processes will check it, while nothing is in place yet.
     auto segment = Segment::Open(data.path(), Segment::Access::kWrite);
     auto file = std::make_unique<MappedStreamFile>(creation.path, std::move(segment));
 

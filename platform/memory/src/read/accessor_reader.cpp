@@ -76,7 +76,7 @@ void AccessorReader::LeaveSegment() {
 
 void AccessorReader::BeginAnewInNewEpoch() {
     if (current_ != nullptr && place_.set && place_.epoch != current_epoch()) {
-        counters_.replaced += place_.left_unread;
+        counters_.superseded += place_.left_unread;
         counters_.lost += place_.left_lost;
         place_ = {};
     }
@@ -103,12 +103,12 @@ void AccessorReader::StartReading() {
             place_.next = current_->FirstYoung(settings_.max_age_ns);
             place_.signalled = place_.next - 1;
         }
-        fault = current_->ClaimRow(os::DirectoryOf(settings_.path));
-        current_->PublishLedger(counters_, place_.next);
+        fault = current_->ClaimEntry(os::DirectoryOf(settings_.path));
+        current_->PublishStatistics(counters_, place_.next);
     }
     if (!fault.empty()) {
-        Log(3,
-            "no row in the reader table of " + settings_.path + ", samples are copied: " + fault);
+        Log(3, "no free entry in the reader table of " + settings_.path +
+                   ", samples are copied: " + fault);
     }
 }
 
@@ -159,7 +159,7 @@ std::uint64_t AccessorReader::Unread() const {
     last = last == 0 ? newest : last;
     const std::uint64_t next =
         std::max({place_.signalled + 1, place_.next, current_->OldestRetained(newest)});
-    if (next > std::min(last, newest) || signal_.empty()) {  // which looks at every slot
+    if (next > std::min(last, newest) || signal_.empty()) {  // empty() checks every slot
         return false;
     }
     place_.signalled = next;
@@ -174,7 +174,7 @@ std::uint64_t AccessorReader::Unread() const {
     }
 }
 
-bool AccessorReader::LookForSuccessor() {
+bool AccessorReader::OpenSuccessor() {
     {
         const std::lock_guard lock(mutex_);
         if (ended_ || (current_ != nullptr && !current_->segment().retired() && !publisher_gone_)) {
@@ -199,7 +199,7 @@ bool AccessorReader::LookForSuccessor() {
 void AccessorReader::NewData() {
     // First what the old segment still holds, then what a newer one brings.
     SignalUnread();
-    if (LookForSuccessor()) {
+    if (OpenSuccessor()) {
         SignalUnread();
     }
 }
@@ -214,14 +214,14 @@ void AccessorReader::NewData() {
             return packet;
         }
         if (count) {
-            current_->LookForUnread(place_.next);
+            current_->ProbeUnread(place_.next);
         }
         if (current_->TakeNext(settings_.max_age_ns, place_.next, counters_, store_.spare(),
                                damaged_)) {
             packet.sample = store_.HandOut();
         }
         packet.unread = current_->Unread(place_.next, current_->known_newest());
-        current_->PublishLedger(counters_, place_.next);
+        current_->PublishStatistics(counters_, place_.next);
         damaged = !damaged_.empty();
     }
     if (damaged) {

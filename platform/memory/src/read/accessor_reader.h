@@ -68,7 +68,7 @@ private:
     enum class Wanted { kAny, kNewerEpoch };
 
     OpenOutcome OpenPath(Wanted wanted, std::string& fault);
-    bool LookForSuccessor();
+    bool OpenSuccessor();
     void SignalUnread();
     bool ClaimSignal(std::uint64_t& last);
     void Log(int level, const std::string& message);

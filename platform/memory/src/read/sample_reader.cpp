@@ -8,10 +8,10 @@
 namespace kvo {
 namespace {
 
-// A miss means that the writer has moved on; looking again finds where to.
+// A miss means that the writer has moved on; the next attempt finds where to.
 constexpr int kPinAttempts = 3;
-// Bounded: a writer that overtakes us every time is faster than we can read, and the caller has
-// to learn that instead of waiting here.
+// Bounded: a writer that overwrites each sample before it is pinned is faster than this reader, and
+// the caller has to learn that instead of waiting here.
 constexpr int kOvertakings = 8;
 
 bool TooOld(const SlotContent& content, std::uint64_t now_ns, std::uint64_t max_age_ns) {
@@ -21,14 +21,16 @@ bool TooOld(const SlotContent& content, std::uint64_t now_ns, std::uint64_t max_
 
 }  // namespace
 
-std::string SampleReader::ClaimRow(const std::string& directory) {
-    if (row_tried_) {
+std::string SampleReader::ClaimEntry(const std::string& directory) {
+    if (entry_tried_) {
         return {};
     }
-    row_tried_ = true;
+    entry_tried_ = true;
     try {
-        row_ = ReaderRow::Claim(segment_, ProcessLock::ForDirectory(directory));
-        return row_ != nullptr ? "" : "all " + std::to_string(layout::kRows) + " rows are taken";
+        entry_ = ReaderEntry::Claim(segment_, ProcessLock::ForDirectory(directory));
+        return entry_ != nullptr
+                   ? ""
+                   : "all " + std::to_string(layout::kReaderEntries) + " reader entries are taken";
     } catch (const std::exception& error) {
         return error.what();
     }
@@ -69,9 +71,9 @@ std::uint64_t SampleReader::FirstYoung(std::uint64_t max_age_ns) const {
     return newest + 1;
 }
 
-// The index tells whether a sample is there, and unlike `head` its line does not change with every
-// sample: a busy writer would have to fetch that back.
-[[gnu::hot]] void SampleReader::LookFor(std::uint64_t version) {
+// Asks the index, not `head`: the line of `head` changes with every sample, and a busy writer would
+// have to fetch it back after each load.
+[[gnu::hot]] void SampleReader::Probe(std::uint64_t version) {
     if (version <= known_newest_) {
         return;
     }
@@ -80,14 +82,14 @@ std::uint64_t SampleReader::FirstYoung(std::uint64_t max_age_ns) const {
         known_newest_ = version;
     } else if (entry != 0 && entry != layout::PackIndex(version - segment_->index_mask() - 1,
                                                         layout::IndexSlot(entry))) {
-        LookForNewest();  // the entry is neither the one before nor the one looked for
+        RefreshNewest();  // the entry is neither the one before nor the one looked for
     }
 }
 
-void SampleReader::LookForUnread(std::uint64_t next) {
-    LookFor(next);
+void SampleReader::ProbeUnread(std::uint64_t next) {
+    Probe(next);
     if (next <= known_newest_) {
-        LookForNewest();
+        RefreshNewest();
     }
 }
 
@@ -95,7 +97,7 @@ void SampleReader::LookForUnread(std::uint64_t next) {
                                          ReaderCounters& counters, TakenSample& taken,
                                          std::vector<std::uint64_t>& damaged) {
     const std::uint64_t now_ns = max_age_ns != 0 ? MonotonicTick() : 0;
-    LookFor(next);
+    Probe(next);
     int overtakings = 0;
     while (next <= known_newest_) {
         if (const std::uint64_t oldest = OldestRetained(known_newest_); next < oldest)
@@ -105,7 +107,7 @@ void SampleReader::LookForUnread(std::uint64_t next) {
         }
         taken.pin = {};
         if (!Read(next, taken)) [[unlikely]] {
-            LookForNewest();
+            RefreshNewest();
             if (next >= OldestRetained(known_newest_)) {  // its place in the index was given on
                 ++counters.lost;
                 ++next;
@@ -117,7 +119,7 @@ void SampleReader::LookForUnread(std::uint64_t next) {
         }
         taken.sequence_number = next++;
         if (TooOld(taken.content, now_ns, max_age_ns)) [[unlikely]] {
-            ++counters.stale;
+            ++counters.expired;
         } else if (!Intact(taken)) [[unlikely]] {
             ++counters.checksum_failures;
             damaged.push_back(taken.sequence_number);
@@ -132,7 +134,7 @@ void SampleReader::LookForUnread(std::uint64_t next) {
 }
 
 bool SampleReader::Read(std::uint64_t version, TakenSample& taken) const {
-    if (row_ != nullptr && Pin(version, taken)) [[likely]] {
+    if (entry_ != nullptr && Pin(version, taken)) [[likely]] {
         return true;
     }
     const auto slot = FindSlot(*segment_, version);
@@ -153,16 +155,16 @@ bool SampleReader::Pin(std::uint64_t version, TakenSample& taken) const {
             continue;
         }
         __builtin_prefetch(segment_->payload(*slot));
-        int pin = ReaderRow::kNoPin;
-        switch (row_->Pin(*slot, version, pin)) {
-            case ReaderRow::PinOutcome::kPinned:
-                taken.pin = PinHold(row_, pin);
+        int pin = ReaderEntry::kNoPin;
+        switch (entry_->Pin(*slot, version, pin)) {
+            case ReaderEntry::PinOutcome::kPinned:
+                taken.pin = PinHold(entry_, pin);
                 LoadContent(*segment_, *slot, taken.content);
                 taken.bytes = segment_->payload(*slot);
                 return true;
-            case ReaderRow::PinOutcome::kMissed:
+            case ReaderEntry::PinOutcome::kMissed:
                 break;
-            case ReaderRow::PinOutcome::kNoRoom:
+            case ReaderEntry::PinOutcome::kNoRoom:
                 return false;
         }
     }
@@ -180,9 +182,9 @@ bool SampleReader::Intact(TakenSample& taken) const {
                            content.checksum;
 }
 
-void SampleReader::PublishLedger(const ReaderCounters& counters, std::uint64_t next) const {
-    if (row_ != nullptr) {
-        row_->PublishLedger(counters, next);
+void SampleReader::PublishStatistics(const ReaderCounters& counters, std::uint64_t next) const {
+    if (entry_ != nullptr) {
+        entry_->PublishStatistics(counters, next);
     }
 }
 

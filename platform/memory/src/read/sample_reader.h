@@ -4,7 +4,7 @@
 #include "kvo/memory/memory_accessor.h"
 #include "layout/segment.h"
 #include "layout/slot_content.h"
-#include "read/reader_row.h"
+#include "read/reader_entry.h"
 
 #include <cstdint>
 #include <memory>
@@ -32,19 +32,19 @@ public:
 
     const Segment& segment() const { return *segment_; }
 
-    /// Claims a row of the segment's table, if that has not been tried before; without one every
-    /// sample is copied. @return what went wrong; empty: nothing.
-    std::string ClaimRow(const std::string& directory);
+    /// Claims an entry of the segment's reader table, if that has not been tried before; without
+    /// one every sample is copied. @return what went wrong; empty: nothing.
+    std::string ClaimEntry(const std::string& directory);
 
     std::uint64_t Newest() const;
     std::uint64_t OldestRetained(std::uint64_t newest) const;
-    /// The first sample to read for who has read none: the oldest that is young enough.
+    /// The first sample for a reader without a place: the oldest that is young enough.
     std::uint64_t FirstYoung(std::uint64_t max_age_ns) const;
 
     /// How many samples are to be had from `next` on, of those up to `newest`.
     std::uint64_t Unread(std::uint64_t next, std::uint64_t newest) const;
 
-    /// Takes the first sample from `next` on that can be had, and counts those that can not.
+    /// Takes the first sample from `next` on that can be had, and counts those that cannot.
     /// @param max_age_ns 0: any age.
     /// @param taken      its copy's memory is used again.
     /// @param damaged    gets the sequence numbers of those skipped for their checksum.
@@ -52,24 +52,24 @@ public:
     bool TakeNext(std::uint64_t max_age_ns, std::uint64_t& next, ReaderCounters& counters,
                   TakenSample& taken, std::vector<std::uint64_t>& damaged);
 
-    /// What TakeNext() believes to be the newest sample. It looks for itself when it needs to;
-    /// who wants to know exactly looks before.
+    /// What TakeNext() believes to be the newest sample. It refreshes this when it needs to; a
+    /// caller that wants the exact number refreshes it before.
     std::uint64_t known_newest() const { return known_newest_; }
-    void LookForNewest() { known_newest_ = Newest(); }
-    /// The same if there is a sample from `next` on; that there is none costs a busy writer less.
-    void LookForUnread(std::uint64_t next);
+    void RefreshNewest() { known_newest_ = Newest(); }
+    /// The same if there is a sample from `next` on; to find none costs a busy writer less.
+    void ProbeUnread(std::uint64_t next);
 
-    void PublishLedger(const ReaderCounters& counters, std::uint64_t next) const;
+    void PublishStatistics(const ReaderCounters& counters, std::uint64_t next) const;
 
 private:
     bool Read(std::uint64_t version, TakenSample& taken) const;
     bool Pin(std::uint64_t version, TakenSample& taken) const;
     bool Intact(TakenSample& taken) const;
-    void LookFor(std::uint64_t version);
+    void Probe(std::uint64_t version);
 
     const std::shared_ptr<Segment> segment_;
-    boost::intrusive_ptr<ReaderRow> row_;  // null: none
-    bool row_tried_ = false;
+    boost::intrusive_ptr<ReaderEntry> entry_;  // null: none
+    bool entry_tried_ = false;
     std::uint64_t known_newest_ = 0;
 };
 

@@ -9,14 +9,14 @@
 
 namespace kvo {
 
-/// The samples that an application may still look at: each with its pin, and through it row and
-/// mapping, or with its copy. Threads: one at a time; the samples themselves any.
+/// The samples that an application may still use: each with its pin, and through it reader entry
+/// and mapping, or with its copy. Threads: one at a time; the samples themselves any.
 class SampleStore {
 public:
     /// @param accessor_argument how many samples stay valid; below 1: 1.
     explicit SampleStore(int accessor_argument);
 
-    /// Where the next sample is to be taken to; nobody looks at it.
+    /// The place for the next sample; no application knows it.
     TakenSample& spare() { return places_[spare_]->taken; }
 
     /// Hands out what was taken to spare() and ends the oldest sample if there are too many now.

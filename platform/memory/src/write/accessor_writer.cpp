@@ -107,28 +107,28 @@ void AccessorWriter::Close() {
         outcome = writer_->Write(sample, compute_checksum_.load(std::memory_order_relaxed));
     }
     if (outcome != SampleWriter::Outcome::kWritten) {
-        Complain(outcome);
+        LogOnce(outcome);
     }
 }
 
 // Once per segment and kind.
-void AccessorWriter::Complain(SampleWriter::Outcome outcome) {
-    std::string complaint;
+void AccessorWriter::LogOnce(SampleWriter::Outcome outcome) {
+    std::string message;
     {
         const std::lock_guard lock(mutex_);
         if (outcome == SampleWriter::Outcome::kDropped) {
             if (!std::exchange(drop_logged_, true)) {
-                complaint = "sample dropped, no slot of " + path_ +
-                            " is free: somebody pins in rows that are not his";
+                message = "sample dropped, no slot of " + path_ +
+                          " is free: a process wrote another reader's entry";
             }
         } else if (writer_ != nullptr && !std::exchange(discard_logged_, true)) {
-            complaint = "sample discarded, the segment of " + path_ + " (epoch " +
-                        std::to_string(writer_->segment().epoch()) +
-                        ") is retired; so are those that follow";
+            message = "sample discarded, the segment of " + path_ + " (epoch " +
+                      std::to_string(writer_->segment().epoch()) +
+                      ") is retired; so are those that follow";
         }
     }
-    if (!complaint.empty()) {
-        Log(3, complaint);
+    if (!message.empty()) {
+        Log(3, message);
     }
 }
 

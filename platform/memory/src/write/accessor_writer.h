@@ -23,7 +23,7 @@ public:
 
     bool active() const;
 
-    /// Takes the role of the segment at the path, whose geometry must be this one.
+    /// Takes the role of the segment at the path; its geometry must be this one.
     /// @return whether this is the writer now; if not, the reason is logged.
     bool Start(int max_payload_bytes, int max_metadata_bytes);
 
@@ -43,7 +43,7 @@ public:
 
 private:
     void Install(std::shared_ptr<Segment> segment);
-    void Complain(SampleWriter::Outcome outcome);
+    void LogOnce(SampleWriter::Outcome outcome);
     void Log(int level, const std::string& message) const;
 
     const std::string path_;

@@ -22,7 +22,8 @@ constexpr std::uint64_t kUncachedBytes = 16U << 20;
 constexpr std::uint32_t kBulkBytes = 512U << 10;
 
 std::uint64_t BytesInTurn(const StreamGeometry& geometry) {
-    return (std::uint64_t{geometry.retained_samples} + geometry.close_batch) * geometry.slot_stride;
+    return (std::uint64_t{geometry.retained_samples} + geometry.reclaim_batch) *
+           geometry.slot_stride;
 }
 
 // Tells writers of one process apart.
@@ -41,7 +42,7 @@ SampleWriter::SampleWriter(std::shared_ptr<Segment> segment, std::shared_ptr<Pro
     ring_.resize(geometry.retained_samples);
     stale_.reserve(geometry.slot_count);
     pending_.reserve(geometry.slot_count);
-    stock_.reserve(geometry.slot_count);
+    free_.reserve(geometry.slot_count);
     seen_pinned_.resize(geometry.slot_count);
     TakeRole();
     KVO_CRASH_POINT("role taken");
@@ -51,7 +52,7 @@ SampleWriter::SampleWriter(std::shared_ptr<Segment> segment, std::shared_ptr<Pro
 
 SampleWriter::~SampleWriter() {
     if (!os::InForkedChild()) {
-        // [role] Release: the next writer sees all that we wrote.
+        // [role] Release: the next writer sees all stores of this one.
         std::uint64_t own = role_;
         segment_->words().writer_role.compare_exchange_strong(own, 0, std::memory_order_release,
                                                               std::memory_order_relaxed);
@@ -99,7 +100,7 @@ void SampleWriter::Recover() {
         AddToRing(*sample);
         newest_ = sample->version;
     }
-    // [newest] Release: who reads the version finds it in the index.
+    // [newest] Release: a reader that loads the version finds it in the index.
     segment_->words().head.store(newest_, std::memory_order_release);
     scan_round_ = segment_->words().scan_round.load(std::memory_order_relaxed);  // [role] orders it
     std::fill(seen_pinned_.begin(), seen_pinned_.end(), scan_round_);
@@ -118,36 +119,36 @@ void SampleWriter::Recover() {
         counters.discarded.store(++discarded_, std::memory_order_relaxed);
         return Outcome::kDiscarded;
     }
-    if (stock_.empty() || stale_.size() >= segment_->geometry().close_batch) {
-        Refill();
+    if (free_.empty() || stale_.size() >= segment_->geometry().reclaim_batch) {
+        Reclaim();
     }
-    if (stock_.empty() || newest_ >= layout::kMaxVersion) {
+    if (free_.empty() || newest_ >= layout::kMaxVersion) {
         counters.dropped.store(++dropped_, std::memory_order_relaxed);
         return Outcome::kDropped;
     }
-    const Written added{newest_ + 1, stock_.back()};
+    const Written added{newest_ + 1, free_.back()};
     auto& word = segment_->slot(added.slot).word;
     KVO_CRASH_POINT("write begun");
     BeginOverwrite(word, added.version);
     KVO_CRASH_POINT("write marked");
     Fill(added.slot, sample, checksum || segment_->asks_for_checksums());
     KVO_CRASH_POINT("write filled");
-    // [slot-ready] Release: who acquires this word sees header and payload above. Killed before
-    // this line, the slot still says "writing": nobody reads it and the next writer uses it
-    // again. Killed after it, the sample counts and the next writer enters it in the index.
+    // [slot-ready] Release: a load with acquire of this word sees header and payload above. Killed
+    // before this line, the slot still says "writing": no reader takes it and the next writer uses
+    // it again. Killed after it, the sample counts and the next writer enters it in the index.
     word.store(layout::PackWord(added.version, layout::SlotState::kValid),
                std::memory_order_release);
     KVO_CRASH_POINT("write valid");
-    // [indexed] Release: who acquires the entry sees the valid word. Killed after this line,
-    // readers may have the sample already; the next writer counts it as well.
+    // [indexed] Release: a load with acquire of the entry sees the valid word. Killed after this
+    // line, readers may have the sample already; the next writer counts it as well.
     segment_->index(added.version)
         .store(layout::PackIndex(added.version, added.slot), std::memory_order_release);
     KVO_CRASH_POINT("write indexed");
-    // [newest] Release: who reads the version finds it in the index.
+    // [newest] Release: a reader that loads the version finds it in the index.
     segment_->words().head.store(added.version, std::memory_order_release);
     KVO_CRASH_POINT("write announced");
 
-    stock_.pop_back();
+    free_.pop_back();
     newest_ = added.version;
     AddToRing(added);
     payload_bytes_ += sample.payload_bytes;
@@ -200,29 +201,29 @@ void SampleWriter::CopyPayload(unsigned char* to, const SampleView& sample) cons
     ring_next_ = ring_next_ + 1 == ring_.size() ? 0 : ring_next_ + 1;
 }
 
-[[gnu::hot]] void SampleWriter::Refill() {
+[[gnu::hot]] void SampleWriter::Reclaim() {
     for (const Written& sample : stale_) {
         // [slot-closed] Release: a reader that sees this also sees the N newer samples. Closed is
         // for good: content intact, no new pin, never valid again, so a crash undoes nothing.
         segment_->slot(sample.slot)
             .word.store(layout::PackWord(sample.version, layout::SlotState::kClosed),
                         std::memory_order_release);
-        KVO_CRASH_POINT("refill closing");
+        KVO_CRASH_POINT("reclaim closing");
     }
     ScanPins();
-    KVO_CRASH_POINT("refill scanned");
+    KVO_CRASH_POINT("reclaim scanned");
     const std::size_t pending_before = pending_.size();
     std::size_t kept = 0;
     for (std::size_t i = 0; i < pending_before; ++i) {
         if (seen_pinned_[pending_[i]] == scan_round_) {
             pending_[kept++] = pending_[i];
         } else {
-            stock_.push_back(pending_[i]);
+            free_.push_back(pending_[i]);
         }
     }
     pending_.resize(kept);
     for (const Written& sample : stale_) {  // oldest first: the warmest comes to the top
-        auto& list = seen_pinned_[sample.slot] == scan_round_ ? pending_ : stock_;
+        auto& list = seen_pinned_[sample.slot] == scan_round_ ? pending_ : free_;
         list.push_back(sample.slot);
     }
     stale_.clear();
@@ -234,15 +235,15 @@ void SampleWriter::CopyPayload(unsigned char* to, const SampleView& sample) cons
     // [pin-or-closed] One sequentially consistent store a batch, between closing and scanning: a
     // reader whose pin the scan below does not see, sees this round, and with it the closed word.
     segment_->words().scan_round.store(scan_round_, std::memory_order_seq_cst);
-    KVO_CRASH_POINT("refill round");
-    // [mark] Loaded after the round. Clamped: readers may write anything there.
-    const std::uint32_t rows =
-        std::min(segment_->control().mark.load(std::memory_order_seq_cst), geometry.pinning_rows);
-    for (std::uint32_t number = 0; number < rows; ++number) {
-        const auto& row = segment_->row(number);
-        for (std::uint32_t k = 0; k < geometry.pins_per_row; ++k) {
-            // [pin-or-closed], and [unpin]: behind a 0 lies the holder's last look.
-            const std::uint32_t pin = row.pins[k].load(std::memory_order_seq_cst);
+    KVO_CRASH_POINT("reclaim round");
+    // [used-entries] Loaded after the round. Clamped: readers may write anything there.
+    const std::uint32_t entries = std::min(
+        segment_->control().used_entries.load(std::memory_order_seq_cst), geometry.pinning_entries);
+    for (std::uint32_t number = 0; number < entries; ++number) {
+        const auto& entry = segment_->reader_entry(number);
+        for (std::uint32_t k = 0; k < geometry.pins_per_entry; ++k) {
+            // [pin-or-closed], and [unpin]: a 0 comes after the holder's last access.
+            const std::uint32_t pin = entry.pins[k].load(std::memory_order_seq_cst);
             if (pin >= 1 && pin <= geometry.slot_count) {
                 seen_pinned_[pin - 1] = scan_round_;
             }

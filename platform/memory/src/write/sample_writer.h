@@ -14,21 +14,21 @@ namespace kvo {
 /// The one writer of a segment, as long as it lives.
 ///
 /// Every slot is in exactly one of four private lists: the ring (the newest N, VALID), stale
-/// (behind the ring, still VALID), pending (CLOSED, but a reader holds it) and stock (free to be
-/// written). A slot gets from stale or pending to the stock only by a scan of all pins that began
-/// after it was closed. The lists are not in the file: a successor trusts nobody's stock and
-/// makes its own from the slots' words.
+/// (behind the ring, still VALID), pending (CLOSED, but a reader holds it) and free. A slot
+/// gets from stale or pending to the free list only by a scan of all pins that began after it was
+/// closed. The lists are not in the file: a successor rebuilds them from the slots' words and
+/// starts with an empty free list.
 /// Threads: one at a time.
 class SampleWriter {
 public:
     enum class Outcome {
         kWritten,
-        kDropped,    // readers hold more slots than there are rows and pins for
+        kDropped,    // readers hold more slots than there are pins for
         kDiscarded,  // the segment is retired
     };
 
     /// Takes the writer's role; throws std::runtime_error when a living writer has it,
-    /// std::system_error when this process can not join.
+    /// std::system_error when this process cannot join.
     /// @param segment opened for writing.
     SampleWriter(std::shared_ptr<Segment> segment, std::shared_ptr<ProcessLock> lock);
     SampleWriter(const SampleWriter&) = delete;
@@ -50,14 +50,14 @@ private:
     };
     void TakeRole();
     void Recover();
-    void Refill();
+    void Reclaim();
     void ScanPins();
     void Fill(std::uint32_t slot, const SampleView& sample, bool checksum) const;
     void CopyPayload(unsigned char* to, const SampleView& sample) const;
     void AddToRing(const Written& sample);
 
     const std::shared_ptr<Segment> segment_;
-    const std::shared_ptr<ProcessLock> lock_;  // the role is ours for as long as we are joined
+    const std::shared_ptr<ProcessLock> lock_;  // joined for as long as the role is held
     const bool slots_leave_caches_;            // between two writes of the same one
     std::uint64_t role_ = 0;
 
@@ -68,7 +68,7 @@ private:
     std::size_t ring_next_ = 0;
     std::vector<Written> stale_;
     std::vector<std::uint32_t> pending_;
-    std::vector<std::uint32_t> stock_;        // last in, first out: the warmest slot
+    std::vector<std::uint32_t> free_;         // last in, first out: the warmest slot
     std::vector<std::uint64_t> seen_pinned_;  // per slot: the last round that saw a pin on it
 
     // As they stand in the file, where they are only written.

@@ -40,21 +40,23 @@ TEST_F(InspectionTest, EveryBrokenRuleIsNamed) {
     } cases[] = {
         {[](Segment& s) { s.words().state = 9; }, "the state is 9"},
         {[](Segment& s) { s.words().head = 30; }, "the newest is number 30"},
-        {[](Segment& s) { s.control().mark = 300; }, "the mark of used rows is 300"},
-        {[](Segment& s) { s.index(19) = 0; }, "sample 19 of the newest 4 can not be read"},
+        {[](Segment& s) { s.control().used_entries = 300; },
+         "300 reader entries are marked as used"},
+        {[](Segment& s) { s.index(19) = 0; }, "sample 19 of the newest 4 cannot be read"},
         {[](Segment& s) { s.slot(FindSlot(s, 18).value()).word = PackWord(17, SlotState::kValid); },
          "both hold sample 17"},
         {[](Segment& s) { s.slot(FindSlot(s, 20).value()).payload_bytes = kPayload + 1; },
          "sizes that do not fit"},
         {[](Segment& s) { s.payload(FindSlot(s, 20).value())[3] ^= 1; }, "another checksum"},
-        {[](Segment& s) { s.row(3).pins[0] = 1; }, "row 3 has a pin and no owner"},
-        {[](Segment& s) { s.row(0).pins[1] = 100'000; }, "pins slot 99999"},
-        {[](Segment& s) { s.row(0).pins[5] = 1; }, "where none may be"},
+        {[](Segment& s) { s.reader_entry(3).pins[0] = 1; },
+         "reader entry 3 has a pin and no owner"},
+        {[](Segment& s) { s.reader_entry(0).pins[1] = 100'000; }, "pins slot 99999"},
+        {[](Segment& s) { s.reader_entry(0).pins[5] = 1; }, "where none may be"},
         {[](Segment& s) {
-             s.row(0).pins[0] = 1;
-             s.control().mark = 0;
+             s.reader_entry(0).pins[0] = 1;
+             s.control().used_entries = 0;
          },
-         "above the mark"},
+         "above the used ones"},
         {[](Segment& s) {
              for (std::uint32_t slot = 0; slot < s.geometry().slot_count; ++slot) {
                  s.slot(slot).word = PackWord(slot % 20 + 1, SlotState::kValid);
@@ -93,10 +95,10 @@ TEST_F(InspectionTest, SamplesOlderThanTheReadersMaximumAreSkippedAndCounted) {
             old ? 0 : std::numeric_limits<std::int64_t>::max();
     }
     EXPECT_EQ(TakeAll(*early), (std::vector<std::uint64_t>{3, 5, 6}));
-    EXPECT_EQ(early->reader_counters().stale, 3U);
+    EXPECT_EQ(early->reader_counters().expired, 3U);
     const auto late = Reader(1, kSecond);
     EXPECT_EQ(TakeAll(*late), (std::vector<std::uint64_t>{3, 5, 6}));
-    EXPECT_EQ(late->reader_counters().stale, 1U) << "it began at 3";
+    EXPECT_EQ(late->reader_counters().expired, 1U) << "it began at 3";
     EXPECT_EQ(TakeAll(*Reader(1, 0)).size(), 6U);
     EXPECT_EQ(TakeAll(*Reader(1, std::numeric_limits<unsigned long>::max())).size(), 6U);
 }

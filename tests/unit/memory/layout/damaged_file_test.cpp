@@ -33,7 +33,7 @@ TEST_F(DamagedFileTest, HeadersThatDoNotAddUpAreRefusedWithAReason) {
         {"damaged header", [](Fields& f) { f.header_bytes = 8; }},
         {"foreign byte order", [](Fields& f) { f.byte_order = 0x04030201; }},
         {"unknown features", [](Fields& f) { f.features |= 2; }},
-        {"offsets", [](Fields& f) { f.reader_rows = 1 << 20; }},
+        {"offsets", [](Fields& f) { f.reader_entries = 1 << 20; }},
         {"payload size 0", [](Fields& f) { f.max_payload_bytes = 0; }},
         {"payload size", [](Fields& f) { f.max_payload_bytes = 0xFFFFFFFF; }},
         {"slot stride", [](Fields& f) { f.max_payload_bytes += 64; }},
@@ -41,9 +41,9 @@ TEST_F(DamagedFileTest, HeadersThatDoNotAddUpAreRefusedWithAReason) {
         {"number of samples 0", [](Fields& f) { f.retained_samples = 0; }},
         {"number of samples", [](Fields& f) { f.retained_samples = 0xFFFFFFFF; }},
         {"slot count", [](Fields& f) { f.retained_samples += 1; }},
-        {"pin limits", [](Fields& f) { f.pinning_rows = 257; }},
-        {"pin limits", [](Fields& f) { f.pins_per_row = 7; }},
-        {"pin limits", [](Fields& f) { f.close_batch = 0; }},
+        {"pin limits", [](Fields& f) { f.pinning_entries = 257; }},
+        {"pin limits", [](Fields& f) { f.pins_per_entry = 7; }},
+        {"pin limits", [](Fields& f) { f.reclaim_batch = 0; }},
         {"slot count", [](Fields& f) { f.slot_count = 0xFFFFFFFF; }},
         {"offsets", [](Fields& f) { f.index_entries = 1 << 30; }},
         {"slot stride", [](Fields& f) { f.slot_stride = 64; }},
@@ -96,14 +96,15 @@ TEST_F(DamagedFileTest, ForeignPinsTakeNoMoreSlotsThanThereAreForThem) {
     const auto file = Create(1, Spare(0, 6));
     const auto segment = Segment::Open(path_, Segment::Access::kWrite);
     const auto writer = Writer();
-    ASSERT_EQ(segment->geometry().pinning_rows, 1U);
+    ASSERT_EQ(segment->geometry().pinning_entries, 1U);
     ASSERT_LE(segment->geometry().slot_count, 8U);
-    segment->control().mark = 0xFFFFFFFF;
+    segment->control().used_entries = 0xFFFFFFFF;
     for (std::uint32_t k = 0; k < 6; ++k) {
-        segment->row(0).pins[k] = k % 2 == 0 ? k + 1 : 0xFFFFFFFF;
+        segment->reader_entry(0).pins[k] = k % 2 == 0 ? k + 1 : 0xFFFFFFFF;
     }
     Write(*writer, 1, 50);
-    EXPECT_EQ(writer->writer_counters().dropped, 0U) << "rows and pins are bounded by construction";
+    EXPECT_EQ(writer->writer_counters().dropped, 0U)
+        << "reader entries and pins are bounded by construction";
 }
 
 }  // namespace

@@ -20,16 +20,17 @@ TEST_F(EpochTest, ARetiredSegmentTakesNothingAndItsReaderCountsWhatItLeavesUnrea
     EXPECT_EQ(old->writer_state().discarded, 3U);
     EXPECT_EQ(logger_.Count("discarded"), 1U);
     reader->NewData();
-    EXPECT_EQ(reader->reader_counters().replaced, 0U) << "no successor yet";
+    EXPECT_EQ(reader->reader_counters().superseded, 0U) << "no successor yet";
     const auto successor = Create(4, Spare(), 2);
     writer->Reattach();
     Write(*writer, 1, 2);
     EXPECT_EQ(successor->writer_state().written, 2U);
     reader->NewData();
-    EXPECT_EQ(old->readers().size(), 1U) << "the sample that was taken still holds its row";
+    EXPECT_EQ(old->readers().size(), 1U)
+        << "the sample that was taken still holds its reader entry";
     EXPECT_EQ(TakeAll(*reader), (Numbers{1, 2}));
     EXPECT_TRUE(old->readers().empty());
-    EXPECT_EQ(reader->reader_counters().replaced, 3U);
+    EXPECT_EQ(reader->reader_counters().superseded, 3U);
     EXPECT_EQ(reader->reader_counters().lost, 2U);
 }
 
@@ -50,7 +51,7 @@ TEST_F(EpochTest, SlotsGetWhatIsUnreadBeforeTheSuccessorsSamples) {
     Write(*writer, 1, 2);
     reader->NewData();
     EXPECT_EQ(numbers, (Numbers{1, 2, 3, 1, 2}));
-    EXPECT_EQ(reader->reader_counters().replaced, 0U);
+    EXPECT_EQ(reader->reader_counters().superseded, 0U);
 }
 
 TEST_F(EpochTest, RegistrationNotificationsLeadToTheSuccessor) {
@@ -79,7 +80,7 @@ TEST_F(EpochTest, RegistrationNotificationsLeadToTheSuccessor) {
     reader->StartReading();
     EXPECT_TRUE(Holds(*held));
     EXPECT_EQ(TakeAll(*reader), (Numbers{1}));
-    EXPECT_EQ(reader->reader_counters().replaced, 1U);
+    EXPECT_EQ(reader->reader_counters().superseded, 1U);
 }
 
 TEST_F(EpochTest, SameEpochKeepsThePlaceHoweverOftenItIsOpenedOrCanNotBe) {
@@ -106,7 +107,7 @@ TEST_F(EpochTest, SameEpochKeepsThePlaceHoweverOftenItIsOpenedOrCanNotBe) {
     writer->Reattach();
     Write(*writer, 8, 8);
     EXPECT_EQ(TakeAll(*reader), (Numbers{4, 5, 6, 7, 8}));
-    EXPECT_EQ(reader->reader_counters().replaced + reader->reader_counters().lost, 0U);
+    EXPECT_EQ(reader->reader_counters().superseded + reader->reader_counters().lost, 0U);
 }
 
 // After SHM_DEL a missed PUB_REG is made up for by either.

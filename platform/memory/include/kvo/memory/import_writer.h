@@ -14,7 +14,7 @@ namespace kvo {
 class KVO_MEMORY_EXPORT ImportWriter {
 public:
     /// Takes the writer's role of the file. Throws std::runtime_error naming file and fault, and
-    /// std::system_error when this process can not join the directory.
+    /// std::system_error when this process cannot join the directory.
     explicit ImportWriter(const std::string& path);
     ImportWriter(const ImportWriter&) = delete;
     ImportWriter& operator=(const ImportWriter&) = delete;

@@ -7,13 +7,13 @@
 #include <string>
 #include <vector>
 
-// For tools: looking at stream files without taking part. Nothing is written, no lock is taken;
-// who uses the files does not notice.
+// For tools: stream files inspected without taking part. Nothing is written, no lock is taken;
+// the users of the files do not notice.
 namespace kvo {
 
 /// A process as the lock file of the directory knows it.
 struct ObservedProcess {
-    ProcessTag tag;  // number 0: nobody
+    ProcessTag tag;  // number 0: none
     bool lives = false;
     std::uint32_t process_id = 0;  // in its own namespace; 0: not known
 };
@@ -38,13 +38,13 @@ struct FileReport {
     std::vector<ObservedReader> readers;
 };
 
-/// Throws std::runtime_error naming file and fault when the header or the control file can not be
+/// Throws std::runtime_error naming file and fault when the header or the control file cannot be
 /// used. Processes of the caller's own process count as dead: the kernel shows no process its own
 /// locks. Threads: any.
 KVO_MEMORY_EXPORT FileReport InspectStreamFile(const std::string& path);
 
 /// What is wrong with a file: one sentence for each rule of docs/stream-file.md that is broken,
-/// none for a sound one. With a living writer or reader the rules are looked at again for some
+/// none for a sound one. With a living writer or reader the rules are checked again for some
 /// time, since their steps can be seen half done. Throws as InspectStreamFile.
 KVO_MEMORY_EXPORT std::vector<std::string> CheckStreamFile(const std::string& path);
 

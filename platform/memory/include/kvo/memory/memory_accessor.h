@@ -43,16 +43,16 @@ using DataAvailable =
 /// What a reader did not get, by cause. Samples of all epochs since the accessor was made.
 struct ReaderCounters {
     std::uint64_t read = 0;
-    std::uint64_t lost = 0;      // overwritten before this reader came to them
-    std::uint64_t replaced = 0;  // unread in an epoch that was left
-    std::uint64_t stale = 0;     // older than the reader's maximum age
+    std::uint64_t lost = 0;        // overwritten before this reader came to them
+    std::uint64_t superseded = 0;  // unread in an epoch that was left
+    std::uint64_t expired = 0;     // older than the reader's maximum age
     std::uint64_t checksum_failures = 0;
     std::uint64_t copied = 0;  // of the read ones: without a pin, from a copy
 };
 
 struct WriterCounters {
-    std::uint64_t written = 0;    // samples in this segment
-    std::uint64_t dropped = 0;    // no free slot (only after a reader wrote foreign rows)
+    std::uint64_t written = 0;  // samples in this segment
+    std::uint64_t dropped = 0;  // no free slot (only after a process wrote another reader's entry)
     std::uint64_t discarded = 0;  // written to a retired segment
 };
 
@@ -101,7 +101,7 @@ public:
     /// Ends signalling only.
     void StopReading();
     /// Raises DataAvailableSignal, on the calling thread, once for each unread sample that has
-    /// not been signalled. On a retired or closed segment it looks for a newer one at the path.
+    /// not been signalled. On a retired or closed segment it opens a newer one at the path.
     void NewData();
     void set_pub_unreg(bool publisher_gone);
     /// Leaves the segment; samples that were handed out stay valid.

@@ -10,12 +10,12 @@
 #include <string>
 #include <vector>
 
-// For the broker, which creates, retires and removes stream files, and for tools that look at
-// them. Applications use KvoMemoryAccessor.
+// For the broker, which creates, retires and removes stream files, and for tools that
+// inspect them. Applications use KvoMemoryAccessor.
 namespace kvo {
 
 inline constexpr std::uint32_t kMaxMetadataBytes = 1500;  // largest metadata of a sample
-inline constexpr std::uint32_t kReaderRows = 256;         // rows of a stream's reader table
+inline constexpr std::uint32_t kReaderEntries = 256;      // of a stream's reader table
 
 using Uuid = std::array<unsigned char, 16>;
 using KeyDigest = std::array<unsigned char, 16>;  // XXH3 128-bit of the publisher's key
@@ -23,14 +23,14 @@ using KeyDigest = std::array<unsigned char, 16>;  // XXH3 128-bit of the publish
 /// Digest of a publisher's key as it stands in the header of a stream file.
 KVO_MEMORY_EXPORT KeyDigest DigestKey(const std::string& publisher_key);
 
-/// The shape of a segment; docs/stream-file.md says why slots = retained + rows * pins + batch.
+/// The shape of a segment; docs/stream-file.md says why slots = retained + entries * pins + batch.
 struct StreamGeometry {
     std::uint32_t max_payload_bytes = 0;
     std::uint32_t max_metadata_bytes = kMaxMetadataBytes;
     std::uint32_t retained_samples = 0;  // N
-    std::uint32_t pinning_rows = 0;      // Z
-    std::uint32_t pins_per_row = 0;      // P
-    std::uint32_t close_batch = 0;       // B
+    std::uint32_t pinning_entries = 0;   // Z
+    std::uint32_t pins_per_entry = 0;    // P
+    std::uint32_t reclaim_batch = 0;     // B
     std::uint32_t slot_count = 0;
     std::uint64_t slot_stride = 0;  // bytes of one slot
     std::uint64_t file_bytes = 0;   // data file
@@ -42,7 +42,7 @@ struct SpareSlots {
     std::uint64_t budget_bytes = 16ULL << 20;  // spare slots fit into this much
     std::uint32_t least = 4;
     std::uint32_t most = 1024;
-    std::uint32_t pins_per_row = 2;  // 1 to 6
+    std::uint32_t pins_per_entry = 2;  // 1 to 6
 };
 
 /// Plans a segment; throws std::invalid_argument naming the value and the limit when a value is
@@ -64,14 +64,14 @@ struct WriterState {
 };
 
 struct ReaderState {
-    std::uint32_t row = 0;
+    std::uint32_t entry = 0;  // its number in the table
     ProcessTag reader;
     std::uint32_t pins = 0;
     std::uint64_t next_sequence = 0;
     std::uint64_t read = 0;
     std::uint64_t lost = 0;
-    std::uint64_t replaced = 0;
-    std::uint64_t stale = 0;
+    std::uint64_t superseded = 0;
+    std::uint64_t expired = 0;
     std::uint64_t checksum_failures = 0;
 };
 
@@ -109,9 +109,9 @@ public:
     virtual WriterState writer_state() const = 0;
     virtual std::vector<ReaderState> readers() const = 0;
 
-    /// No sample is written from now on; the writer is told at its next write.
+    /// No sample is written from now on; the writer learns it at its next write.
     virtual void Retire() = 0;
-    /// Takes the rows of dead readers back; @return how many.
+    /// Frees the entries of dead readers; @return how many.
     virtual int ReapDeadReaders(ProcessLock& lock) = 0;
     /// Whether the writer's or a reader's process lives.
     virtual bool InUse(const ProcessLock& lock) const = 0;
