@@ -1,66 +1,41 @@
 // kvo brokers: the brokers of other hosts that a broker works with, and the streams between them.
 #include "broker_probe.h"
 #include "command.h"
+#include "kvo/broker/remote_stream_state.h"
 #include "tool_log.h"
 
-#include <array>
+#include <algorithm>
+#include <iomanip>
 #include <iostream>
 #include <nlohmann/json.hpp>
-#include <sstream>
 #include <string>
 
 namespace kvo::tools {
 namespace {
 
-// One text of ListRemoteStreams.
-struct RemoteStream {
-    std::string direction;
-    std::string broker;
-    std::string stream;
-    std::string state;
-    // As the names of PrintJson().
-    std::array<std::uint64_t, 9> numbers{};
-};
-
-RemoteStream Parse(const std::string& line) {
-    std::istringstream text(line);
-    RemoteStream stream;
-    text >> stream.direction >> stream.broker >> stream.stream >> stream.state;
-    for (std::uint64_t& number : stream.numbers) {
-        text >> number;
-    }
-    return stream;
-}
-
-void PrintJson(const RemoteStream& stream) {
-    static constexpr std::array kNames{"samples",     "payload_bytes",   "samples_per_s",
-                                       "bytes_per_s", "lost_on_the_way", "not_taken",
-                                       "overtaken",   "held_up",         "deadlines_missed"};
+void PrintJson(const RemoteStreamState& state) {
     nlohmann::ordered_json json;
-    json["direction"] = stream.direction;
-    json["broker"] = stream.broker;
-    json["stream"] = stream.stream;
-    json["live"] = stream.state == "live";
-    for (std::size_t i = 0; i < kNames.size(); ++i) {
-        json[kNames[i]] = stream.numbers[i];
-    }
+    RemoteStreamState::ForEachField(
+        state, [&json](const char* name, const auto& field) { json[name] = field; });
     std::cout << json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) << '\n';
 }
 
-void Print(const RemoteStream& stream) {
-    const auto& [samples, bytes, samples_per_s, bytes_per_s, lost, not_taken, overtaken, held_up,
-                 deadlines] = stream.numbers;
-    const bool import = stream.direction == "import";
-    std::cout << stream.broker << (import ? " -> here   " : " <- here   ") << stream.stream << "   "
-              << stream.state << ", " << samples << " samples, " << bytes << " bytes, "
-              << samples_per_s << " samples/s, " << bytes_per_s << " bytes/s";
-    if (import) {
-        std::cout << "; lost on the way " << lost << ", not taken " << not_taken
-                  << ", deadlines missed " << deadlines << '\n';
-    } else {
-        std::cout << "; overwritten before they were sent " << overtaken << ", held up " << held_up
-                  << '\n';
+void Print(const RemoteStreamState& state) {
+    std::cout << state.broker << (state.import ? " -> here   " : " <- here   ") << state.stream
+              << "   " << (state.live ? "live" : "lost") << ", " << state.samples << " samples, "
+              << state.payload_bytes << " bytes, " << std::fixed << std::setprecision(0)
+              << state.samples_per_s << " samples/s, " << state.bytes_per_s << " bytes/s";
+    for (const TransferLoss& loss : kTransferLosses) {
+        if (loss.import == state.import) {
+            std::string name = loss.name;
+            std::replace(name.begin(), name.end(), '_', ' ');
+            std::cout << ", " << name << ' ' << state.*loss.count;
+        }
     }
+    if (state.import) {
+        std::cout << ", deadlines missed " << state.deadlines_missed;
+    }
+    std::cout << '\n';
 }
 
 }  // namespace
@@ -74,10 +49,11 @@ void AddBrokers(CLI::App& app, Action& action) {
         action = [json](const CommonOptions& common) {
             const ToolLog log(common.verbose);
             BrokerProbe broker(common.broker);
-            for (const std::string& line : broker.Ask([](DataBrokerRegistrationSync& client) {
+            for (const RemoteStreamState& state :
+                 broker.Ask([](DataBrokerRegistrationSync& client) {
                      return client.ListRemoteStreams();
                  })) {
-                *json ? PrintJson(Parse(line)) : Print(Parse(line));
+                *json ? PrintJson(state) : Print(state);
             }
             return ExitCode::kSuccess;
         };

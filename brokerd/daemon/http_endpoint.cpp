@@ -48,19 +48,10 @@ json ToJson(const BrokerEvent& event) {
 }
 
 json ToJson(const RemoteStreamState& state) {
-    return {{"broker", state.broker},
-            {"stream", state.stream},
-            {"direction", state.import ? "import" : "export"},
-            {"live", state.live},
-            {"samples", state.samples},
-            {"payload_bytes", state.payload_bytes},
-            {"samples_per_s", state.samples_per_s},
-            {"bytes_per_s", state.bytes_per_s},
-            {"lost_on_the_way", state.lost_on_the_way},
-            {"not_taken", state.not_taken},
-            {"overtaken", state.overtaken},
-            {"held_up", state.held_up},
-            {"deadlines_missed", state.deadlines_missed}};
+    json fields;
+    RemoteStreamState::ForEachField(
+        state, [&fields](const char* name, const auto& field) { fields[name] = field; });
+    return fields;
 }
 
 template <class T>

@@ -1,7 +1,8 @@
 #include "metrics.h"
 
+#include "kvo/broker/remote_stream_state.h"
+
 #include <algorithm>
-#include <initializer_list>
 #include <map>
 #include <prometheus/metric_family.h>
 #include <prometheus/text_serializer.h>
@@ -14,11 +15,6 @@ namespace {
 using prometheus::ClientMetric;
 using prometheus::MetricFamily;
 using prometheus::MetricType;
-
-struct Loss {
-    const char* cause;
-    std::uint64_t RemoteStreamState::*count;
-};
 
 const std::string& NameOf(const StreamState& stream) {
     return stream.name;
@@ -72,16 +68,17 @@ public:
     }
 
     // One value for each stream and cause.
-    void AddLosses(const char* name, const char* help,
-                   const std::vector<RemoteStreamState>& streams,
-                   std::initializer_list<Loss> losses) {
+    void AddLosses(const char* name, const char* help, bool import,
+                   const std::vector<RemoteStreamState>& streams) {
         std::vector<ClientMetric> metrics;
         for (const RemoteStreamState& stream : streams) {
-            for (const Loss& loss : losses) {
-                metrics.push_back(Metric(MetricType::Counter,
-                                         static_cast<double>(stream.*loss.count),
-                                         {ClientMetric::Label{"stream", stream.stream},
-                                          ClientMetric::Label{"cause", loss.cause}}));
+            for (const TransferLoss& loss : kTransferLosses) {
+                if (loss.import == import) {
+                    metrics.push_back(Metric(MetricType::Counter,
+                                             static_cast<double>(stream.*loss.count),
+                                             {ClientMetric::Label{"stream", stream.stream},
+                                              ClientMetric::Label{"cause", loss.name}}));
+                }
             }
         }
         families_.push_back(Family(name, help, MetricType::Counter, std::move(metrics)));
@@ -154,16 +151,12 @@ std::string MetricsOf(const BrokerState& state) {
     const auto imports = OneWay(state.remote_streams, true);
     families.AddTransfers("kvo_import", "from", imports);
     families.AddLosses("kvo_import_lost_total", "Samples of another broker that are missing here",
-                       imports,
-                       {{"on-the-way", &RemoteStreamState::lost_on_the_way},
-                        {"not-taken", &RemoteStreamState::not_taken}});
+                       true, imports);
     families.Add("kvo_import_deadlines_missed_total", "Times that no sample came in time", kCounter,
                  imports, [](const RemoteStreamState& s) { return s.deadlines_missed; });
     const auto exports = OneWay(state.remote_streams, false);
     families.AddTransfers("kvo_export", "to", exports);
-    families.AddLosses(
-        "kvo_export_lost_total", "Samples that were not sent", exports,
-        {{"overtaken", &RemoteStreamState::overtaken}, {"held-up", &RemoteStreamState::held_up}});
+    families.AddLosses("kvo_export_lost_total", "Samples that were not sent", false, exports);
     return families.Text();
 }
 

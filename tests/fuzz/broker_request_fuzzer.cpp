@@ -109,7 +109,7 @@ private:
                          nullptr};
     // Another broker that answers at once: it has the streams with an even number of letters.
     class NoTransfer final : public RemoteTransfer {
-        TransferState State() const override { return {}; }
+        TransferCounters Counters() const override { return {}; }
     };
     static void AskNobody(const std::string& broker, const std::string& stream, bool,
                           const std::function<void(const RemoteStreams::Answer&)>& answered) {
@@ -117,7 +117,7 @@ private:
         if (broker.size() % 2 == 0) {
             answer.verdict = {kUnknownRemoteBroker, "nobody is there"};
         }
-        answer.description = {"there", stream.size() % 2 == 0, broker.size(), 64, 4, false, 0, 0, 0,
+        answer.description = {"there", stream.size() % 2 == 0, broker.size(), 64, 4, false, 0, 0,
                               "topic"};
         answered(answer);
     }

@@ -6,6 +6,7 @@
 #include "gorm/cor/rr/service.h"
 #include "gorm/cor/service_loop.h"
 #include "kvo/broker/data_broker_registration_sync.h"
+#include "kvo/broker/stream_description.h"
 #include "kvo/memory/process_lock.h"
 #include "kvo/memory/stream_file.h"
 #include "temp_directory.h"
@@ -36,7 +37,7 @@ public:
     struct Silence {};  // answered when Resume() or Stop() comes, as Always says
     struct Nothing {};
     using Answer = std::variant<Nothing, bool, std::int32_t, std::string, std::vector<std::string>,
-                                Failure, Silence>;
+                                StreamDescription, Failure, Silence>;
 
     ScriptedBroker();
     ~ScriptedBroker() override;

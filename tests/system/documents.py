@@ -37,7 +37,7 @@ class Documents(unittest.TestCase):
         operations = OPERATION.findall(PROTOCOL)
         self.assertEqual(len(operations), OPERATIONS_OF_A_BROKER)
         values = {"string": "x", "int32": 1, "int64": 1, "bool": True}
-        results = {"string": str, "int32": int, "bool": bool, "strings": list,
+        results = {"string": str, "int32": int, "bool": bool, "strings": list, "map": dict, "maps": list,
                    "nothing": type(None)}
         for method, parameters, result_text in operations:
             types = re.findall(r": (\w+)", parameters)

@@ -155,7 +155,7 @@ class EverySample(RemoteStreams):
         # More where this machine was too slow to send to both as to one.
         self.assertGreaterEqual(int(json.loads(output)["exported"]), count)
         exports = self.remote_streams(1)
-        self.assertEqual([(e["overtaken"], e["held_up"]) for e in exports], [(0, 0)] * 2)
+        self.assertEqual([(e["overrun"], e["dropped_by_back_pressure"]) for e in exports], [(0, 0)] * 2)
 
     def test_small_and_frequent(self):
         self.pass_through("small", 4 * KIB, 1000, 3000, 3000)
@@ -357,7 +357,7 @@ class SlowHosts(RemoteStreams):
         self.assertGreater(of_slow, 10, of_fast)
         self.assertLess(of_slow, of_fast / 2)
         exports = {state["broker"]: state for state in self.remote_streams(1)}
-        lost = {host: exports[f"wkp.rr://{host}:5000"]["overtaken"] for host in ("host2", "host3")}
+        lost = {host: exports[f"wkp.rr://{host}:5000"]["overrun"] for host in ("host2", "host3")}
         self.assertGreater(lost["host3"], lost["host2"], "whose loss it is")
 
     @staticmethod

@@ -2,6 +2,8 @@
 
 #include "gorm/cor/rr/packing.h"
 #include "kvo/broker/data_broker_registration_sync.h"
+#include "kvo/broker/remote_stream_state.h"
+#include "kvo/broker/stream_description.h"
 #include "local_notifier.h"
 
 #include <exception>
@@ -129,12 +131,12 @@ public:
     std::string GetRefusalReason(const std::string& stream) override {
         return Request<std::string>("GetRefusalReason", stream);
     }
-    std::vector<std::string> DescribeStream(const std::string& stream,
-                                            const std::string& importer) override {
-        return Request<std::vector<std::string>>("DescribeStream", stream, importer);
+    StreamDescription DescribeStream(const std::string& stream,
+                                     const std::string& importer) override {
+        return Request<StreamDescription>("DescribeStream", stream, importer);
     }
-    std::vector<std::string> ListRemoteStreams() override {
-        return Request<std::vector<std::string>>("ListRemoteStreams");
+    std::vector<RemoteStreamState> ListRemoteStreams() override {
+        return Request<std::vector<RemoteStreamState>>("ListRemoteStreams");
     }
 
 private:

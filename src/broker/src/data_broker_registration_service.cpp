@@ -1,5 +1,7 @@
 #include "gorm/cor/rr/packing.h"
 #include "kvo/broker/data_broker_registration_handler.h"
+#include "kvo/broker/remote_stream_state.h"
+#include "kvo/broker/stream_description.h"
 
 #include <string_view>
 #include <tuple>

@@ -74,7 +74,7 @@ void ExportGroup::Signal() {
     }
 }
 
-void ExportGroup::Retire(Transfer& transfer, TransferState& before) {
+void ExportGroup::Retire(Transfer& transfer, TransferCounters& before) {
     if (transfer != nullptr) {
         before = TotalOf(before, transfer.get());
         calls_.end(std::move(transfer));
@@ -89,7 +89,7 @@ bool ExportGroup::Tick(TimePoint now) {
             continue;
         }
         Retire(importer.own, importer.before);
-        gone_ += importer.before;
+        gone_ = gone_ + importer.before;
         entry = importers_.erase(entry);
     }
     if (importers_.empty() && (!to_anybody_ || epoch_ == 0)) {
@@ -107,13 +107,14 @@ bool ExportGroup::Tick(TimePoint now) {
 }
 
 // Since it was asked last.
-bool ExportGroup::KeepsUp(const TransferState& state, std::uint64_t& lost) {
-    const std::uint64_t lost_now = state.overtaken + state.held_up;
-    return std::exchange(lost, lost_now) == lost_now && state.behind <= kBehind;
+bool ExportGroup::KeepsUp(const RemoteTransfer& transfer, std::uint64_t& lost) {
+    const TransferCounters counters = transfer.Counters();
+    const std::uint64_t lost_now = counters.overrun + counters.dropped_by_back_pressure;
+    return std::exchange(lost, lost_now) == lost_now && transfer.Lag() <= kBehind;
 }
 
 void ExportGroup::WatchTogether(TimePoint now) {
-    const bool slow = !KeepsUp(common_->State(), common_lost_);
+    const bool slow = !KeepsUp(*common_, common_lost_);
     if (!slow || importers_.size() < 2 || importers_.size() > kMostApart || now < together_until_) {
         up_to_date_ = now;
     } else if (now - up_to_date_ >= kPatience) {
@@ -183,10 +184,9 @@ void ExportGroup::WatchApart(TimePoint now) {
         if (importer.own == nullptr) {
             continue;  // it was refused
         }
-        const TransferState state = importer.own->State();
-        const std::uint64_t sent =
-            state.samples - std::exchange(importer.samples_seen, state.samples);
-        behind += KeepsUp(state, importer.lost) ? 0 : 1;
+        const std::uint64_t samples = importer.own->Counters().samples;
+        const std::uint64_t sent = samples - std::exchange(importer.samples_seen, samples);
+        behind += KeepsUp(*importer.own, importer.lost) ? 0 : 1;
         least = std::min(least, sent);
         most = std::max(most, sent);
     }
@@ -205,16 +205,14 @@ void ExportGroup::WatchApart(TimePoint now) {
     }
 }
 
-TransferState ExportGroup::SentTo(const Importer& importer) const {
-    TransferState total = TotalOf(common_before_, common_.get());
-    return total += TotalOf(importer.before, importer.own.get());
+TransferCounters ExportGroup::SentTo(const Importer& importer) const {
+    return TotalOf(common_before_, common_.get()) + TotalOf(importer.before, importer.own.get());
 }
 
-TransferState ExportGroup::Total() const {
-    TransferState total = TotalOf(common_before_, common_.get());
-    total += gone_;
+TransferCounters ExportGroup::Total() const {
+    TransferCounters total = TotalOf(common_before_, common_.get()) + gone_;
     for (const auto& [name, importer] : importers_) {
-        total += TotalOf(importer.before, importer.own.get());
+        total = total + TotalOf(importer.before, importer.own.get());
     }
     return total;
 }
@@ -229,7 +227,7 @@ std::vector<std::string> ExportGroup::Importers() const {
 
 std::vector<RemoteStreamState> ExportGroup::States() const {
     std::vector<RemoteStreamState> states;
-    const auto add = [&](const std::string& broker, const TransferState& total,
+    const auto add = [&](const std::string& broker, const TransferCounters& total,
                          const TransferRates& rates) {
         states.push_back(StateOf(total, rates));
         states.back().broker = broker;

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "kvo/brokerd/broker_state.h"
 #include "remote/remote_transfer.h"
+#include "remote/transfer_rates.h"
 #include "streams/supervised_time.h"
 
 #include <chrono>
@@ -55,37 +55,37 @@ public:
     std::vector<std::string> Importers() const;
     /// One for each broker, and one where there is none; without the stream's name.
     std::vector<RemoteStreamState> States() const;
-    TransferState Total() const;
+    TransferCounters Total() const;
 
 private:
     using Transfer = std::unique_ptr<RemoteTransfer>;
     struct Importer {
         TimePoint asked;
         Transfer own;                    // null while it shares the common one
-        TransferState before;            // of earlier own ones
+        TransferCounters before;         // of earlier own ones
         std::uint64_t samples_seen = 0;  // of the own one, at the last look
         std::uint64_t lost = 0;          // likewise
         TransferRates rates;
     };
 
     void Start();
-    void Retire(Transfer& transfer, TransferState& before);
-    static bool KeepsUp(const TransferState& state, std::uint64_t& lost);
+    void Retire(Transfer& transfer, TransferCounters& before);
+    static bool KeepsUp(const RemoteTransfer& transfer, std::uint64_t& lost);
     void WatchTogether(TimePoint now);
     void WatchApart(TimePoint now);
     void Part(TimePoint now);
     void Join(const std::string& why);
     void EndOwn();
     void StayTogether(TimePoint now);
-    TransferState SentTo(const Importer& importer) const;
+    TransferCounters SentTo(const Importer& importer) const;
 
     const Calls calls_;
     std::map<std::string, Importer> importers_;  // by the name under which they ask
-    TransferState gone_;                         // own transfers of others that were there
+    TransferCounters gone_;                      // own transfers of others that were there
     bool to_anybody_ = false;
     std::uint64_t epoch_ = 0;  // 0: nothing is sent
     Transfer common_;
-    TransferState common_before_;
+    TransferCounters common_before_;
     std::uint64_t common_lost_ = 0;  // at the last look
     TransferRates common_rates_;
 

@@ -2,6 +2,7 @@
 
 #include "gorm/cor/cor.h"
 #include "kvo/broker/data_broker_registration_sync.h"
+#include "kvo/broker/stream_description.h"
 #include "network/uri.hpp"
 #include "streams/stream_name.h"
 
@@ -111,6 +112,14 @@ std::string NumberOf(const std::string& host) {
     return found->number;
 }
 
+// Null: it can be used. The keys that other fields need are those of every answer.
+const char* CheckDescription(const StreamDescription& description) {
+    if (description.broker.empty()) {
+        return "names no broker";
+    }
+    return description.published && description.epoch == 0 ? "names no epoch" : nullptr;
+}
+
 // Keys are named by the host as it was written.
 gorm::cor::Properties PropertiesFor(const gorm::cor::Cor& cor, const std::string& host) {
     const gorm::cor::Properties defaults = cor.getDefaultProperties();
@@ -211,8 +220,12 @@ private:
             if (client_ == nullptr) {
                 Connect();
             }
-            answer.description = DecodeDescription(
-                client_->DescribeStream(question.stream, question.to_export ? importer_ : ""));
+            answer.description =
+                client_->DescribeStream(question.stream, question.to_export ? importer_ : "");
+            if (const char* const fault = CheckDescription(answer.description); fault != nullptr) {
+                throw gorm::cor::rr::RemoteError(std::string("DescribeStream: the answer ") +
+                                                 fault);
+            }
         } catch (const gorm::cor::rr::RemoteError& error) {
             answer.verdict = {kNoRemoteStream, "the broker " + uri_ + " does not give stream " +
                                                    Quoted(question.stream) + ": " + error.what()};

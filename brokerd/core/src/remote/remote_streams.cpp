@@ -304,7 +304,7 @@ void RemoteStreams::NewData(const std::string& stream) {
     }
 }
 
-void RemoteStreams::Retire(std::unique_ptr<RemoteTransfer>& transfer, TransferState& before) {
+void RemoteStreams::Retire(std::unique_ptr<RemoteTransfer>& transfer, TransferCounters& before) {
     if (transfer != nullptr) {
         before = TotalOf(before, transfer.get());
         calls_.end(std::move(transfer));
@@ -313,7 +313,7 @@ void RemoteStreams::Retire(std::unique_ptr<RemoteTransfer>& transfer, TransferSt
 
 void RemoteStreams::WatchDeadline(Import& import) {
     const TimePoint now = time_.Now();
-    const std::uint64_t samples = import.transfer->State().samples;
+    const std::uint64_t samples = import.transfer->Counters().samples;
     if (samples != import.samples_seen || !import.live) {
         import.samples_seen = samples;
         import.sample_seen = now;
@@ -400,7 +400,7 @@ std::vector<std::string> RemoteStreams::ConnectedBrokers() const {
     return {brokers.begin(), brokers.end()};
 }
 
-std::optional<TransferState> RemoteStreams::Imported(const std::string& stream) const {
+std::optional<TransferCounters> RemoteStreams::Imported(const std::string& stream) const {
     const auto found = imports_.find(stream);
     if (found == imports_.end()) {
         return std::nullopt;
@@ -408,7 +408,7 @@ std::optional<TransferState> RemoteStreams::Imported(const std::string& stream) 
     return TotalOf(found->second.before, found->second.transfer.get());
 }
 
-std::optional<TransferState> RemoteStreams::Exported(const std::string& stream) const {
+std::optional<TransferCounters> RemoteStreams::Exported(const std::string& stream) const {
     const auto found = exports_.find(stream);
     if (found == exports_.end()) {
         return std::nullopt;

@@ -1,9 +1,9 @@
 #pragma once
 
 #include "kvo/broker/stream_description.h"
-#include "kvo/brokerd/broker_state.h"
 #include "remote/export_group.h"
 #include "remote/remote_transfer.h"
+#include "remote/transfer_rates.h"
 #include "streams/stream_registry.h"
 #include "streams/supervised_time.h"
 #include "streams/verdict.h"
@@ -95,8 +95,8 @@ public:
     std::vector<std::string> ConnectedBrokers() const;
     std::vector<RemoteStreamState> States() const;
     /// What has come and gone since import or export began; none: there is no import or export.
-    std::optional<TransferState> Imported(const std::string& stream) const;
-    std::optional<TransferState> Exported(const std::string& stream) const;
+    std::optional<TransferCounters> Imported(const std::string& stream) const;
+    std::optional<TransferCounters> Exported(const std::string& stream) const;
 
 private:
     struct Import {
@@ -111,7 +111,7 @@ private:
         TimePoint asked;
         TimePoint begun;              // of the transfer
         std::string complaint;        // logged last, so that it is logged once
-        TransferState before;         // of earlier transfers
+        TransferCounters before;      // of earlier transfers
         std::int32_t deadline_s = 0;  // the shortest of the subscribers'; 0: none
         std::uint64_t deadlines_missed = 0;
         std::uint64_t samples_seen = 0;
@@ -130,7 +130,7 @@ private:
     ExportGroup& ExportOf(const std::string& stream);
     std::string Export(const std::string& stream, ExportGroup& group,
                        const StreamDescription& source);
-    void Retire(std::unique_ptr<RemoteTransfer>& transfer, TransferState& before);
+    void Retire(std::unique_ptr<RemoteTransfer>& transfer, TransferCounters& before);
 
     const std::string id_;
     const std::string name_;

@@ -83,7 +83,7 @@ void StreamExport::Send() {
         accessor_->get_data_packet(nullptr, nullptr, nullptr, nullptr, nullptr, &sample);
         // Each time, since where a slow host holds the export up there is always a next sample.
         const ReaderCounters counters = accessor_->reader_counters();
-        overtaken_.store(counters.lost + counters.checksum_failures, std::memory_order_relaxed);
+        overrun_.store(counters.lost + counters.checksum_failures, std::memory_order_relaxed);
         sending_ms_.store(sample != nullptr ? sample->timestamp_ms() : 0,
                           std::memory_order_relaxed);
         if (sample == nullptr) {
@@ -103,7 +103,7 @@ void StreamExport::Send() {
             samples_.fetch_add(1, std::memory_order_relaxed);
             bytes_.fetch_add(remote.payload_bytes, std::memory_order_relaxed);
         } else {
-            held_up_.fetch_add(1, std::memory_order_relaxed);
+            dropped_.fetch_add(1, std::memory_order_relaxed);
         }
         if (stopping_.load(std::memory_order_relaxed) &&
             std::chrono::steady_clock::now() - begun > kFarewell) {
@@ -112,20 +112,24 @@ void StreamExport::Send() {
     }
 }
 
-TransferState StreamExport::State() const {
-    TransferState state;
-    state.samples = samples_.load(std::memory_order_relaxed);
-    state.payload_bytes = bytes_.load(std::memory_order_relaxed);
-    state.overtaken = overtaken_.load(std::memory_order_relaxed);
-    state.held_up = held_up_.load(std::memory_order_relaxed);
-    if (const std::uint64_t written_ms = sending_ms_.load(std::memory_order_relaxed);
-        written_ms != 0) {
-        const auto now = std::chrono::system_clock::now().time_since_epoch();
-        state.behind = std::max(std::chrono::duration_cast<std::chrono::milliseconds>(now) -
-                                    std::chrono::milliseconds(written_ms),
-                                std::chrono::milliseconds(0));
+TransferCounters StreamExport::Counters() const {
+    TransferCounters counters;
+    counters.samples = samples_.load(std::memory_order_relaxed);
+    counters.payload_bytes = bytes_.load(std::memory_order_relaxed);
+    counters.overrun = overrun_.load(std::memory_order_relaxed);
+    counters.dropped_by_back_pressure = dropped_.load(std::memory_order_relaxed);
+    return counters;
+}
+
+std::chrono::milliseconds StreamExport::Lag() const {
+    const std::uint64_t written_ms = sending_ms_.load(std::memory_order_relaxed);
+    if (written_ms == 0) {
+        return std::chrono::milliseconds(0);
     }
-    return state;
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    return std::max(std::chrono::duration_cast<std::chrono::milliseconds>(now) -
+                        std::chrono::milliseconds(written_ms),
+                    std::chrono::milliseconds(0));
 }
 
 }  // namespace kvo::brokerd

@@ -40,7 +40,8 @@ public:
 
     void Signal() override;
     void Abandon() override;
-    TransferState State() const override;
+    TransferCounters Counters() const override;
+    std::chrono::milliseconds Lag() const override;
 
 private:
     void Run();
@@ -61,8 +62,8 @@ private:
     // relaxed all of them: shown to people.
     std::atomic<std::uint64_t> samples_{0};
     std::atomic<std::uint64_t> bytes_{0};
-    std::atomic<std::uint64_t> held_up_{0};
-    std::atomic<std::uint64_t> overtaken_{0};
+    std::atomic<std::uint64_t> dropped_{0};
+    std::atomic<std::uint64_t> overrun_{0};
     std::atomic<std::uint64_t> sending_ms_{0};  // when that sample was written; 0: nothing waits
 
     std::thread thread_;

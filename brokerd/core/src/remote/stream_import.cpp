@@ -63,7 +63,7 @@ void StreamImport::Take(const RemoteSample& sample) {
     imported.source_epoch = sample.epoch;
     imported.source_sequence = sample.sequence;
     if (!file_.Write(imported)) {
-        not_taken_.fetch_add(1, std::memory_order_relaxed);
+        rejected_.fetch_add(1, std::memory_order_relaxed);
         return;
     }
     samples_.fetch_add(1, std::memory_order_relaxed);
@@ -71,13 +71,13 @@ void StreamImport::Take(const RemoteSample& sample) {
     calls_.written();
 }
 
-TransferState StreamImport::State() const {
-    TransferState state;
-    state.samples = samples_.load(std::memory_order_relaxed);
-    state.payload_bytes = bytes_.load(std::memory_order_relaxed);
-    state.lost_on_the_way = lost_.load(std::memory_order_relaxed);
-    state.not_taken = not_taken_.load(std::memory_order_relaxed);
-    return state;
+TransferCounters StreamImport::Counters() const {
+    TransferCounters counters;
+    counters.samples = samples_.load(std::memory_order_relaxed);
+    counters.payload_bytes = bytes_.load(std::memory_order_relaxed);
+    counters.lost_in_transit = lost_.load(std::memory_order_relaxed);
+    counters.rejected = rejected_.load(std::memory_order_relaxed);
+    return counters;
 }
 
 }  // namespace kvo::brokerd

@@ -35,7 +35,7 @@ public:
     StreamImport& operator=(const StreamImport&) = delete;
     ~StreamImport() override;
 
-    TransferState State() const override;
+    TransferCounters Counters() const override;
 
 private:
     void Run();
@@ -55,7 +55,7 @@ private:
     std::atomic<std::uint64_t> samples_{0};
     std::atomic<std::uint64_t> bytes_{0};
     std::atomic<std::uint64_t> lost_{0};
-    std::atomic<std::uint64_t> not_taken_{0};
+    std::atomic<std::uint64_t> rejected_{0};
 
     std::thread thread_;
 };

@@ -1,5 +1,7 @@
 #include "requests/request_handler.h"
 
+#include "kvo/broker/remote_stream_state.h"
+#include "kvo/broker/stream_description.h"
 #include "remote/remote_brokers.h"
 #include "streams/stream_name.h"
 
@@ -12,17 +14,20 @@ namespace {
 
 constexpr std::size_t kMaxImporterBytes = 300;
 
-// The other broker and the stream have no spaces in them.
-std::string EncodeRemoteStream(const RemoteStreamState& state) {
-    std::string line = state.import ? "import" : "export";
-    line += ' ' + state.broker + ' ' + state.stream + (state.live ? " live" : " lost");
-    for (const std::uint64_t number :
-         {state.samples, state.payload_bytes, static_cast<std::uint64_t>(state.samples_per_s),
-          static_cast<std::uint64_t>(state.bytes_per_s), state.lost_on_the_way, state.not_taken,
-          state.overtaken, state.held_up, state.deadlines_missed}) {
-        line += ' ' + std::to_string(number);
+std::uint64_t LostBy(bool import, const TransferCounters& counters) {
+    std::uint64_t lost = 0;
+    for (const TransferLoss& loss : kTransferLosses) {
+        lost += loss.import == import ? counters.*loss.count : 0;
     }
-    return line;
+    return lost;
+}
+
+void AddLosses(std::vector<std::string>& elements, bool import, const TransferCounters& counters) {
+    for (const TransferLoss& loss : kTransferLosses) {
+        if (loss.import == import) {
+            elements.push_back(std::string(loss.name) + "=" + std::to_string(counters.*loss.count));
+        }
+    }
 }
 
 void DemandName(const std::string& stream) {
@@ -205,22 +210,19 @@ std::vector<std::string> RequestHandler::GetStreamStatistics(const Caller& calle
         std::to_string(statistics->subscribers),
         std::to_string(statistics->samples),
         std::to_string(statistics->payload_bytes),
-        std::to_string(statistics->dropped +
-                       (imported ? imported->lost_on_the_way + imported->not_taken : 0)),
+        std::to_string(statistics->dropped + (imported ? LostBy(true, *imported) : 0)),
         statistics->published     ? "1"
         : statistics->remote_live ? "2"
                                   : "0",
         statistics->path};
-    // Of streams that come from other hosts or go there also what did not arrive, by cause.
+    // Of streams between hosts also what did not arrive, by cause.
     if (imported) {
-        elements.push_back("remote-broker=" + statistics->remote_broker);
-        elements.push_back("lost-on-the-way=" + std::to_string(imported->lost_on_the_way));
-        elements.push_back("not-taken=" + std::to_string(imported->not_taken));
+        elements.push_back("remote_broker=" + statistics->remote_broker);
+        AddLosses(elements, true, *imported);
     }
     if (const auto exported = remote_.Exported(stream)) {
         elements.push_back("exported=" + std::to_string(exported->samples));
-        elements.push_back("export-overtaken=" + std::to_string(exported->overtaken));
-        elements.push_back("export-held-up=" + std::to_string(exported->held_up));
+        AddLosses(elements, false, *exported);
     }
     return elements;
 }
@@ -275,9 +277,8 @@ RequestHandler::Deferred<bool> RequestHandler::HasRemotePublisher(
     return answer;
 }
 
-std::vector<std::string> RequestHandler::DescribeStream(const Caller& caller,
-                                                        const std::string& stream,
-                                                        const std::string& importer) {
+StreamDescription RequestHandler::DescribeStream(const Caller& caller, const std::string& stream,
+                                                 const std::string& importer) {
     DemandName(stream);
     if (importer.size() > kMaxImporterBytes ||
         !std::all_of(importer.begin(), importer.end(),
@@ -289,15 +290,11 @@ std::vector<std::string> RequestHandler::DescribeStream(const Caller& caller,
         Record(caller, stream, "", fault);
         throw std::runtime_error(fault);
     }
-    return EncodeDescription(remote_.Describe(stream, importer));
+    return remote_.Describe(stream, importer);
 }
 
-std::vector<std::string> RequestHandler::ListRemoteStreams(const Caller& /*caller*/) {
-    std::vector<std::string> lines;
-    for (const RemoteStreamState& state : remote_.States()) {
-        lines.push_back(EncodeRemoteStream(state));
-    }
-    return lines;
+std::vector<RemoteStreamState> RequestHandler::ListRemoteStreams(const Caller& /*caller*/) {
+    return remote_.States();
 }
 
 void RequestHandler::ReportDataWritten(const Caller& caller, const std::string& stream,

@@ -78,9 +78,9 @@ public:
     std::vector<std::string> ListConnectedBrokers(const Caller& caller) override;
     std::vector<std::string> GetCapabilities(const Caller& caller) override;
     std::string GetRefusalReason(const Caller& caller, const std::string& stream) override;
-    std::vector<std::string> DescribeStream(const Caller& caller, const std::string& stream,
-                                            const std::string& importer) override;
-    std::vector<std::string> ListRemoteStreams(const Caller& caller) override;
+    StreamDescription DescribeStream(const Caller& caller, const std::string& stream,
+                                     const std::string& importer) override;
+    std::vector<RemoteStreamState> ListRemoteStreams(const Caller& caller) override;
 
 private:
     /// Empty: the caller may, or the name is no stream's and is refused as such.

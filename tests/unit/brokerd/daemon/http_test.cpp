@@ -58,26 +58,26 @@ TEST(MetricsTest, AnExportToSeveralBrokersIsCountedOnceAndLossesByCause) {
     to_one.stream = "s";
     to_one.live = true;
     to_one.samples = 7;
-    to_one.overtaken = 1;
-    to_one.held_up = 2;
+    to_one.overrun = 1;
+    to_one.dropped_by_back_pressure = 2;
     RemoteStreamState to_another = to_one;
     to_another.broker = "host3:5000";
     RemoteStreamState import;
     import.broker = "wkp.rr://host4:5000";
     import.stream = "t";
     import.import = true;
-    import.lost_on_the_way = 3;
-    import.not_taken = 4;
+    import.lost_in_transit = 3;
+    import.rejected = 4;
     BrokerState state;
     state.remote_streams = {import, to_one, to_another};
     const std::string text = MetricsOf(state);
     for (const char* line :
          {"kvo_export_live{stream=\"s\"} 1\n", "kvo_export_samples_total{stream=\"s\"} 7\n",
-          "kvo_export_lost_total{stream=\"s\",cause=\"overtaken\"} 1\n",
-          "kvo_export_lost_total{stream=\"s\",cause=\"held-up\"} 2\n",
+          "kvo_export_lost_total{stream=\"s\",cause=\"overrun\"} 1\n",
+          "kvo_export_lost_total{stream=\"s\",cause=\"dropped_by_back_pressure\"} 2\n",
           "kvo_import_live{stream=\"t\"} 0\n",
-          "kvo_import_lost_total{stream=\"t\",cause=\"on-the-way\"} 3\n",
-          "kvo_import_lost_total{stream=\"t\",cause=\"not-taken\"} 4\n"}) {
+          "kvo_import_lost_total{stream=\"t\",cause=\"lost_in_transit\"} 3\n",
+          "kvo_import_lost_total{stream=\"t\",cause=\"rejected\"} 4\n"}) {
         EXPECT_THAT(text, HasSubstr(line));
     }
     EXPECT_EQ(text.find("kvo_export_samples_total{"), text.rfind("kvo_export_samples_total{"));

@@ -24,8 +24,10 @@ protected:
             test_.running[to_] = this;
         }
         ~ScriptedTransfer() override { test_.running.erase(to_); }
-        TransferState State() const override { return state; }
-        TransferState state;
+        TransferCounters Counters() const override { return counters; }
+        std::chrono::milliseconds Lag() const override { return lag; }
+        TransferCounters counters;
+        std::chrono::milliseconds lag{0};
 
     private:
         ExportGroupTest& test_;
@@ -57,7 +59,7 @@ protected:
                 group->Asked(importer, now);
             }
             for (auto& [to, transfer] : running) {
-                transfer->state.samples += rates.count(to) != 0 ? rates[to] : 10;
+                transfer->counters.samples += rates.count(to) != 0 ? rates[to] : 10;
             }
             going_on = group->Tick(now);
         }
@@ -69,7 +71,7 @@ protected:
         }
         return names;
     }
-    void Behind(const std::string& to) { running.at(to)->state.behind = kOld; }
+    void Behind(const std::string& to) { running.at(to)->lag = kOld; }
 
     TimePoint now{std::chrono::hours(1)};
     std::vector<std::string> asking;
@@ -87,7 +89,7 @@ TEST_F(ExportGroupTest, ASlowBrokerIsSentToByItselfUntilItKeepsUp) {
     Pass(std::chrono::seconds(2));
     EXPECT_THAT(Running(), ElementsAre("")) << "one alone holds nobody up";
     Ask({"a", "b"});
-    running.at("")->state.behind = std::chrono::milliseconds(0);
+    running.at("")->lag = std::chrono::milliseconds(0);
     Pass(std::chrono::seconds(2));
     EXPECT_THAT(Running(), ElementsAre(""));
     const std::uint64_t samples = group->Total().samples;
@@ -102,7 +104,7 @@ TEST_F(ExportGroupTest, ASlowBrokerIsSentToByItselfUntilItKeepsUp) {
     Pass(std::chrono::minutes(10));
     EXPECT_THAT(Running(), ElementsAre("a", "b", "c"));
 
-    running.at("b")->state.behind = std::chrono::milliseconds(0);
+    running.at("b")->lag = std::chrono::milliseconds(0);
     Pass(std::chrono::seconds(50));
     EXPECT_THAT(Running(), ElementsAre("a", "b", "c"));
     Pass(std::chrono::seconds(20));
@@ -120,12 +122,12 @@ TEST_F(ExportGroupTest, ASlowBrokerIsSentToByItselfUntilItKeepsUp) {
 TEST_F(ExportGroupTest, SamplesThatAreOverwrittenCountAsBehind) {
     Ask({"a", "b"});
     for (int i = 0; i < 10 && running.count("") != 0; ++i) {
-        ++running.at("")->state.overtaken;
+        ++running.at("")->counters.overrun;
         Pass(std::chrono::milliseconds(0));
     }
     ASSERT_THAT(Running(), ElementsAre("a", "b"));
     for (int i = 0; i < 100; ++i) {
-        ++running.at("b")->state.held_up;
+        ++running.at("b")->counters.dropped_by_back_pressure;
         Pass(std::chrono::seconds(1));
     }
     EXPECT_THAT(Running(), ElementsAre("a", "b"));

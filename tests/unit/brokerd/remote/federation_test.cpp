@@ -7,8 +7,10 @@
 #include "kvo/KvoDataTransferFactory.h"
 #include "kvo/broker/broker_result.h"
 #include "kvo/broker/data_broker_registration_sync.h"
+#include "kvo/broker/remote_stream_state.h"
 #include "kvo/brokerd/broker.h"
 #include "kvo/memory/memory_accessor.h"
+#include "scripted_broker.h"
 #include "temp_directory.h"
 
 #include <gmock/gmock.h>
@@ -27,8 +29,10 @@
 namespace kvo::brokerd {
 namespace {
 
+using ::testing::AllOf;
 using ::testing::Contains;
 using ::testing::ElementsAre;
+using ::testing::Field;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Not;
@@ -262,8 +266,12 @@ TEST_P(FederationTest, SamplesArriveOnceInOrderAsTheyWereWritten) {
     EXPECT_FALSE(client->IsStreamIdFree("s"));
     EXPECT_THAT(client->ListConnectedBrokers(), ElementsAre(there->uri()));
     EXPECT_THAT(ClientOf(there->uri())->ListConnectedBrokers(), ElementsAre("wkp.rr://here:5000"));
-    EXPECT_THAT(client->ListRemoteStreams(),
-                ElementsAre(HasSubstr("import " + there->uri() + " s live 200 ")));
+    EXPECT_THAT(
+        client->ListRemoteStreams(),
+        ElementsAre(AllOf(
+            Field(&RemoteStreamState::import, true),
+            Field(&RemoteStreamState::broker, there->uri()), Field(&RemoteStreamState::stream, "s"),
+            Field(&RemoteStreamState::live, true), Field(&RemoteStreamState::samples, 200))));
 
     subscriber->UnregisterSubscriber();
     EXPECT_TRUE(Becomes([&] { return client->IsStreamIdFree("s"); }));
@@ -295,7 +303,7 @@ TEST_P(FederationTest, WhatIsMissingIsCountedAndANewPublisherIsFollowed) {
     ASSERT_NE(nullptr, sample);
     EXPECT_EQ(7U, sample->sequence_number());
     ASSERT_TRUE(
-        Becomes([&] { return client->GetStreamStatistics("s")[8] == "lost-on-the-way=5"; }));
+        Becomes([&] { return client->GetStreamStatistics("s")[8] == "lost_in_transit=5"; }));
     ASSERT_TRUE(Becomes([&] { return client->GetStreamStatistics("s")[5] == "2"; }));
 
     publisher.reset();
@@ -319,6 +327,14 @@ TEST_P(FederationTest, RefusalsNameWhatIsInTheWay) {
     expect("wkp.rr://host:0", kUnknownRemoteBroker, "no port from 1");
     expect("wkp.rr://127.0.0.1:1", kUnknownRemoteBroker, "no broker answers");
     expect(there->uri(), kNoRemoteStream, "has no publisher of stream");
+    test::ScriptedBroker foreign;
+    StreamDescription without_epoch;
+    without_epoch.broker = "id";
+    without_epoch.published = true;
+    foreign.Always("DescribeStream", without_epoch);
+    expect(foreign.uri(), kNoRemoteStream, "names no epoch");
+    foreign.Always("DescribeStream", std::vector<std::string>{"id", "1"});
+    expect(foreign.uri(), kNoRemoteStream, "of the wrong type");
     const auto publisher = Publish(there->uri());
     EXPECT_TRUE(client->HasRemotePublisher(there->uri(), "s"));
     EXPECT_TRUE(client->HasRemotePublisher(
@@ -331,7 +347,8 @@ TEST_P(FederationTest, RefusalsNameWhatIsInTheWay) {
     EXPECT_TRUE(without->IsStreamIdFree("s"));
     EXPECT_EQ(kRegistered, ClientOf(there->uri())->AddSubscriber("own", "s", there->uri(), 0, 0))
         << "the stream of the broker itself";
-    EXPECT_THAT(ClientOf(there->uri())->ListRemoteStreams(), Not(Contains(HasSubstr("import"))));
+    EXPECT_THAT(ClientOf(there->uri())->ListRemoteStreams(),
+                Not(Contains(Field(&RemoteStreamState::import, true))));
 }
 
 }  // namespace

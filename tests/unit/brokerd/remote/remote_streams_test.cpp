@@ -23,8 +23,8 @@ class ScriptedTransfer final : public RemoteTransfer {
 public:
     explicit ScriptedTransfer(int& running) : running_(running) { ++running_; }
     ~ScriptedTransfer() override { --running_; }
-    TransferState State() const override { return state; }
-    TransferState state;
+    TransferCounters Counters() const override { return counters; }
+    TransferCounters counters;
 
 private:
     int& running_;
@@ -245,8 +245,8 @@ TEST_F(RemoteStreamsTest, SubscribersSeeTheLinkGoAndComeAndKeepTheirSegment) {
 
 TEST_F(RemoteStreamsTest, ANewSegmentThereIsANewOneHere) {
     Import();
-    last->state.samples = 10;
-    last->state.lost_on_the_way = 3;
+    last->counters.samples = 10;
+    last->counters.lost_in_transit = 3;
     const std::uint64_t epoch = EpochOf("s");
     const std::uint64_t first_run = last_run;
     TakeEvents();
@@ -255,7 +255,7 @@ TEST_F(RemoteStreamsTest, ANewSegmentThereIsANewOneHere) {
     EXPECT_THAT(TakeEvents(), ElementsAre(Pair("s", PUB_REG)));
     EXPECT_LT(epoch, EpochOf("s"));
     EXPECT_EQ(1, running);
-    EXPECT_EQ(3U, remote->Imported("s").value().lost_on_the_way) << "counts go on";
+    EXPECT_EQ(3U, remote->Imported("s").value().lost_in_transit) << "counts go on";
     remote->Linked("s", first_run, false);
     EXPECT_THAT(TakeEvents(), IsEmpty()) << "what the old one says late does not count";
 
@@ -275,7 +275,7 @@ TEST_F(RemoteStreamsTest, ANewSegmentThereIsANewOneHere) {
 
 TEST_F(RemoteStreamsTest, SamplesThatFindNoWayAndDeadlinesThatPassAreTold) {
     Import(2);
-    last->state.samples = 1;
+    last->counters.samples = 1;
     for (int i = 0; i < 3; ++i) {
         PassSeconds(1);
         AnswerWith(Published(7));

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "kvo/broker/remote_stream_state.h"
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -10,7 +12,7 @@ namespace kvo::brokerd {
 struct StreamState {
     std::string name;
     bool published = false;
-    std::string remote_broker;  // that it is brought from; empty: it is of this host
+    std::string remote_broker;  // that it is imported from; empty: it is of this host
     bool remote_live = false;   // and whether it has a publisher there
     std::uint64_t subscribers = 0;
     std::uint64_t samples = 0;        // written in the present segment
@@ -30,23 +32,6 @@ struct ClientState {
     std::string stream;
     bool stalled = false;             // no heartbeat in time, but its process lives
     std::uint64_t silent_for_ms = 0;  // since its last heartbeat
-};
-
-/// One stream on its way between this broker and another one.
-struct RemoteStreamState {
-    std::string broker;  // URI of the other one, or what it calls itself
-    std::string stream;
-    bool import = false;  // it comes here; else it goes there
-    bool live = false;
-    std::uint64_t samples = 0;
-    std::uint64_t payload_bytes = 0;
-    double samples_per_s = 0;  // over the last seconds
-    double bytes_per_s = 0;
-    std::uint64_t lost_on_the_way = 0;   // import: numbers that never came
-    std::uint64_t not_taken = 0;         // import: did not fit the file
-    std::uint64_t overtaken = 0;         // export: overwritten before they were sent
-    std::uint64_t held_up = 0;           // export: given up, since a host took nothing
-    std::uint64_t deadlines_missed = 0;  // import: times that no sample came for a subscriber's
 };
 
 struct BrokerEvent {

@@ -11,6 +11,9 @@
 
 namespace kvo {
 
+struct RemoteStreamState;
+struct StreamDescription;
+
 /// The broker's side of DataBrokerRegistrationSync: the same operations in the same order, each
 /// with the caller. What a handler throws reaches the caller as the text of an error response.
 /// Where another broker may have to be asked first, the answer may come later.
@@ -57,9 +60,9 @@ public:
     virtual std::vector<std::string> ListConnectedBrokers(const Caller&) = 0;
     virtual std::vector<std::string> GetCapabilities(const Caller&) = 0;
     virtual std::string GetRefusalReason(const Caller&, const std::string& stream) = 0;
-    virtual std::vector<std::string> DescribeStream(const Caller&, const std::string& stream,
-                                                    const std::string& importer) = 0;
-    virtual std::vector<std::string> ListRemoteStreams(const Caller&) = 0;
+    virtual StreamDescription DescribeStream(const Caller&, const std::string& stream,
+                                             const std::string& importer) = 0;
+    virtual std::vector<RemoteStreamState> ListRemoteStreams(const Caller&) = 0;
 };
 
 /// The service that decodes calls and runs them on the handler, which must outlive it.

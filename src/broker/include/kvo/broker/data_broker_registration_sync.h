@@ -10,6 +10,9 @@
 
 namespace kvo {
 
+struct RemoteStreamState;
+struct StreamDescription;
+
 /// A broker's request/reply interface. Every call blocks until the answer is there and throws an
 /// exception derived from std::exception when none comes (gorm::cor::rr::ReplyTimeout,
 /// ConnectionLost, RemoteError), except the two one-way calls, which return at once.
@@ -62,14 +65,13 @@ public:
     /// Why this broker last refused the caller's process the stream, in a sentence with the values;
     /// empty: it did not. Brokers that do not know the question answer with an error.
     virtual std::string GetRefusalReason(const std::string& stream) = 0;
-    /// What another broker needs to bring the stream to its host: a StreamDescription as texts.
-    /// @param importer the asking broker, which wants the stream to be exported for some seconds
-    /// from now on; empty: who asks only looks.
-    virtual std::vector<std::string> DescribeStream(const std::string& stream,
-                                                    const std::string& importer) = 0;
-    /// The streams that come from other brokers and go to them, one in each text
-    /// (docs/protocol.md).
-    virtual std::vector<std::string> ListRemoteStreams() = 0;
+    /// What another broker needs to import the stream.
+    /// @param importer the calling broker, for which the stream is exported for some seconds from
+    /// now on; empty: nothing is exported.
+    virtual StreamDescription DescribeStream(const std::string& stream,
+                                             const std::string& importer) = 0;
+    /// The streams that this broker imports and exports.
+    virtual std::vector<RemoteStreamState> ListRemoteStreams() = 0;
 };
 
 }  // namespace kvo

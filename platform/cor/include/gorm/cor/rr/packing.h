@@ -13,6 +13,59 @@
 #include <utility>
 
 /// How calls are packed: for the stubs and services of interfaces. Any thread.
+///
+/// A result may be a struct with a static ForEachField(self, take), which hands each field to
+/// take(name, field): it travels as a map. Unknown keys are ignored, fields without a key keep
+/// their defaults.
+namespace gorm::cor::rr::detail {
+
+struct IgnoreField {
+    template <class Field>
+    void operator()(const char*, Field&) const {}
+};
+
+template <class T, class = void>
+constexpr bool kHasFields = false;
+template <class T>
+constexpr bool
+    kHasFields<T, std::void_t<decltype(T::ForEachField(std::declval<T&>(), IgnoreField{}))>> = true;
+
+}  // namespace gorm::cor::rr::detail
+
+template <class T>
+struct msgpack::adaptor::pack<T, std::enable_if_t<gorm::cor::rr::detail::kHasFields<T>>> {
+    template <class Stream>
+    msgpack::packer<Stream>& operator()(msgpack::packer<Stream>& out, const T& value) const {
+        std::uint32_t fields = 0;
+        T::ForEachField(value, [&](const char*, const auto&) { ++fields; });
+        out.pack_map(fields);
+        T::ForEachField(value, [&](const char* name, const auto& field) {
+            out.pack(name);
+            out.pack(field);
+        });
+        return out;
+    }
+};
+
+template <class T>
+struct msgpack::adaptor::convert<T, std::enable_if_t<gorm::cor::rr::detail::kHasFields<T>>> {
+    const msgpack::object& operator()(const msgpack::object& from, T& value) const {
+        if (from.type != msgpack::type::MAP) {
+            throw msgpack::type_error();
+        }
+        for (std::uint32_t i = 0; i < from.via.map.size; ++i) {
+            const msgpack::object_kv& entry = from.via.map.ptr[i];
+            const auto key = entry.key.as<std::string>();
+            T::ForEachField(value, [&](const char* name, auto& field) {
+                if (key == name) {
+                    entry.val.convert(field);
+                }
+            });
+        }
+        return from;
+    }
+};
+
 namespace gorm::cor::rr {
 
 /// One packed array with the arguments of a call.
