@@ -1,5 +1,5 @@
 // The module as the broker loads it, with both ends in this process.
-#include "remote/federation.h"
+#include "remote/federation_engine_loader.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -139,7 +139,7 @@ TEST_F(DdsEngineTest, WhatIsNoModuleIsRefusedByName) {
     options.module = "/nowhere/libkvo-federation-dds.so";
     const auto text = [&options] {
         try {
-            LoadFederationEngine(options);
+            static_cast<void>(LoadFederationEngine(options));
         } catch (const std::runtime_error& error) {
             return std::string(error.what());
         }

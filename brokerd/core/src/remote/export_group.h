@@ -1,10 +1,10 @@
 #pragma once
 
+#include "kvo/os/thread_bound.h"
 #include "remote/remote_transfer.h"
 #include "remote/transfer_rates.h"
 #include "streams/supervised_time.h"
 
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -17,83 +17,75 @@ namespace kvo::brokerd {
 
 /// Sends one stream of this host to the brokers that import it.
 ///
-/// They share one transfer, which costs as much as for a single one. It has to wait for the slowest
-/// of them, and does not know which that is. So when it does not keep up for a while, each gets
-/// a transfer of its own, which goes as fast as its way allows. They share one again when all
-/// of them have been up to date for a minute, or when none gets more by being alone: then it is
-/// the publisher that is too fast for this host.
-/// Threads: one.
+/// They share one transfer, which costs as much as one for a single broker but goes at the pace of
+/// the slowest of them, and does not know which that is. When it has not kept up for a while, the
+/// group splits: each importer gets a transfer of its own until its import ends.
+/// Threads: the loop.
 class ExportGroup {
 public:
     struct Calls {
         /// @param importer empty: for all. Throws std::runtime_error saying what is in the way.
         std::function<std::unique_ptr<RemoteTransfer>(const std::string& importer)> start;
-        /// Destroys it without anybody waiting.
+        /// Destroys it without blocking the caller.
         std::function<void(std::unique_ptr<RemoteTransfer>)> end;
         std::function<void(int level, const std::string& text)> log;
     };
     static constexpr std::size_t kMostImporters = 1000;
-    explicit ExportGroup(Calls calls);
+    explicit ExportGroup(Calls calls) : calls_(std::move(calls)) {}
 
-    /// A broker asks for the stream, for the first time or once more.
+    /// A broker requests the stream, for the first time or again.
     /// @return false: there are too many others.
-    bool Asked(const std::string& importer, TimePoint now);
-    /// From now on for programs that do not ask, too.
-    void SendToAnybody() { to_anybody_ = true; }
+    [[nodiscard]] bool Request(const std::string& importer, TimePoint now);
+    /// From now on also for programs that send no requests.
+    void SendAlways() { always_ = true; }
 
-    /// Sends a segment, and to whoever has come since. Throws std::runtime_error; what is sent
-    /// already goes on.
+    /// Sends a segment to all importers of now. Throws std::runtime_error; transfers that have
+    /// started go on.
     void Send(std::uint64_t epoch);
     /// There is no publisher.
     void Pause();
     void Signal();
 
-    /// @return false: nobody has asked for a while, so it is over.
-    bool Tick(TimePoint now);
+    /// @return false: no request came for a while, so the export is over.
+    [[nodiscard]] bool Tick(TimePoint now);
 
     bool sending() const { return epoch_ != 0; }
     std::vector<std::string> Importers() const;
-    /// One for each broker, and one where there is none; without the stream's name.
+    /// One for each importer, or one in all where there is none; without the stream's name.
     std::vector<RemoteStreamState> States() const;
     TransferCounters Total() const;
 
 private:
     using Transfer = std::unique_ptr<RemoteTransfer>;
     struct Importer {
-        TimePoint asked;
-        Transfer own;                    // null while it shares the common one
-        TransferCounters before;         // of earlier own ones
-        std::uint64_t samples_seen = 0;  // of the own one, at the last look
-        std::uint64_t lost = 0;          // likewise
+        TimePoint requested;
+        Transfer own;             // null while it uses the shared one
+        TransferCounters before;  // of earlier own ones
         TransferRates rates;
     };
 
     void Start();
-    void Retire(Transfer& transfer, TransferCounters& before);
-    static bool KeepsUp(const RemoteTransfer& transfer, std::uint64_t& lost);
-    void WatchTogether(TimePoint now);
-    void WatchApart(TimePoint now);
-    void Part(TimePoint now);
-    void Join(const std::string& why);
-    void EndOwn();
-    void StayTogether(TimePoint now);
+    void End(Transfer& transfer, TransferCounters& before);
+    void EndImporters(TimePoint now);
+    bool KeepsUp();
+    void WatchShared(TimePoint now);
+    void Split(TimePoint now);
     TransferCounters SentTo(const Importer& importer) const;
 
     const Calls calls_;
-    std::map<std::string, Importer> importers_;  // by the name under which they ask
-    TransferCounters gone_;                      // own transfers of others that were there
-    bool to_anybody_ = false;
+    const os::ThreadBound thread_;
+    std::map<std::string, Importer> importers_;  // by the name in their requests
+    TransferCounters ended_;                     // own transfers of earlier importers
+    bool always_ = false;
     std::uint64_t epoch_ = 0;  // 0: nothing is sent
-    Transfer common_;
-    TransferCounters common_before_;
-    std::uint64_t common_lost_ = 0;  // at the last look
-    TransferRates common_rates_;
+    bool split_ = false;       // until no importer is left
 
-    bool apart_ = false;
-    TimePoint up_to_date_;      // when all were last
-    TimePoint looked_;          // at those that are apart
-    TimePoint together_until_;  // at least
-    std::chrono::seconds pause_;
+    Transfer shared_;
+    TransferCounters shared_before_;
+    TransferRates shared_rates_;
+    std::uint64_t shared_lost_ = 0;  // when last probed
+    TimePoint kept_up_;              // the shared one, last
+    TimePoint retry_;                // no split before, since one has failed
 };
 
 }  // namespace kvo::brokerd

@@ -3,81 +3,28 @@
 #include "access/access.h"
 #include "gorm/cor/ps/topic_memory.h"
 #include "kvo/KvoLogger.h"
+#include "kvo/os/hex.h"
+#include "kvo/os/random_bytes.h"
+#include "remote/federation_engine_loader.h"
 #include "remote/remote_topic_name.h"
 #include "remote/stream_export.h"
 #include "remote/stream_import.h"
 
 #include <algorithm>
+#include <array>
 #include <atomic>
-#include <dlfcn.h>
-#include <random>
-#include <stdexcept>
 #include <utility>
 
 namespace kvo::brokerd {
 namespace {
 
-std::string DrawId() {
-    std::random_device random;
-    std::string id;
-    for (int i = 0; i < 4; ++i) {
-        id += std::to_string(random()) + (i < 3 ? "-" : "");
-    }
-    return id;
+std::string RandomId() {
+    std::array<unsigned char, 16> bytes{};
+    os::FillRandom(bytes.data(), bytes.size());
+    return os::ToHex(bytes.data(), bytes.size());
 }
 
 }  // namespace
-
-std::unique_ptr<FederationEngine> LoadFederationEngine(const FederationOptions& options) {
-    const std::string file = options.module.empty() ? kFederationModule : options.module;
-    // It starts threads that run to the end of the process, so it stays.
-    void* const module = ::dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
-    if (module == nullptr) {
-        const char* const fault = ::dlerror();
-        throw std::runtime_error("remote streams need the module " + file +
-                                 ", which can not be loaded: " + (fault != nullptr ? fault : "?"));
-    }
-    void* const symbol = ::dlsym(module, kMakeFederationEngine);
-    if (symbol == nullptr) {
-        throw std::runtime_error("the module " + file + " is no engine for remote streams");
-    }
-    const auto make = reinterpret_cast<MakeFederationEngine>(symbol);
-    return std::unique_ptr<FederationEngine>(make(kFederationAbi, options));
-}
-
-Federation::Reaper::Reaper() : thread_([this] { Run(); }) {}
-
-Federation::Reaper::~Reaper() {
-    {
-        const std::lock_guard lock(mutex_);
-        stopping_ = true;
-    }
-    changed_.notify_one();
-    thread_.join();
-}
-
-void Federation::Reaper::Take(std::unique_ptr<RemoteTransfer> transfer) {
-    {
-        const std::lock_guard lock(mutex_);
-        transfers_.push_back(std::move(transfer));
-    }
-    changed_.notify_one();
-}
-
-void Federation::Reaper::Run() {
-    std::unique_lock lock(mutex_);
-    for (;;) {
-        changed_.wait(lock, [this] { return stopping_ || !transfers_.empty(); });
-        if (transfers_.empty()) {
-            return;
-        }
-        auto transfer = std::move(transfers_.front());
-        transfers_.pop_front();
-        lock.unlock();
-        transfer.reset();
-        lock.lock();
-    }
-}
 
 Federation::Federation(Settings settings, gorm::cor::ServiceLoop& loop, StreamRegistry& registry,
                        const StreamFiles& files, const SupervisedTime& time, Topics& topics,
@@ -88,18 +35,19 @@ Federation::Federation(Settings settings, gorm::cor::ServiceLoop& loop, StreamRe
       topics_(topics),
       logger_(logger),
       brokers_(settings_.name, loop) {
-    streams_ = std::make_unique<RemoteStreams>(DrawId(), settings_.name, registry, time, Calls());
+    streams_ = std::make_unique<RemoteStreams>(RandomId(), settings_.name, registry, time, Calls());
 }
 
 Federation::~Federation() {
     *alive_ = false;
     streams_->EndAll();
     streams_.reset();
-    reaper_.reset();
+    disposer_.reset();
     engine_.reset();
 }
 
 void Federation::Tick() {
+    thread_.here();
     streams_->Tick();
     brokers_.ForgetIdle();
 }
@@ -132,7 +80,7 @@ RemoteStreams::Calls Federation::Calls() {
         return StartExport(order);
     };
     calls.end = [this](std::unique_ptr<RemoteTransfer> transfer) {
-        reaper_->Take(std::move(transfer));
+        disposer_->Dispose(std::move(transfer));
     };
     calls.always_exported = [this](const std::string& stream) {
         return std::any_of(
@@ -149,7 +97,7 @@ FederationEngine& Federation::Engine() {
     if (engine_ == nullptr) {
         engine_ = settings_.load ? settings_.load(settings_.engine)
                                  : LoadFederationEngine(settings_.engine);
-        reaper_ = std::make_unique<Reaper>();
+        disposer_ = std::make_unique<TransferDisposer>();
     }
     return *engine_;
 }
@@ -158,7 +106,7 @@ std::unique_ptr<RemoteTransfer> Federation::StartImport(const RemoteStreams::Imp
     const RemoteTopic topic{order.source.topic, order.source.retained_samples, 0,
                             order.source.max_payload_bytes};
     const std::string& stream = order.stream;
-    // Null: subscribers hear of new data through the loop alone.
+    // Null: subscribers are notified by the loop alone.
     const std::shared_ptr<gorm::cor::ps::LocalTopic> local =
         settings_.topic_directory.empty()
             ? nullptr
@@ -172,7 +120,7 @@ std::unique_ptr<RemoteTransfer> Federation::StartImport(const RemoteStreams::Imp
                 return;
             }
         }
-        // One that waits says it for all samples so far.
+        // One that is pending stands for all samples so far.
         if (!posted->exchange(true, std::memory_order_acq_rel)) {  // [relay-posted]
             PostIfAlive([this, stream, posted, relay = local != nullptr] {
                 posted->store(false, std::memory_order_release);  // [relay-posted]

@@ -2,19 +2,16 @@
 
 #include "gorm/cor/service_loop.h"
 #include "kvo/brokerd/federation_engine.h"
+#include "kvo/os/thread_bound.h"
 #include "remote/remote_brokers.h"
 #include "remote/remote_streams.h"
+#include "remote/transfer_disposer.h"
 #include "streams/stream_files.h"
 #include "streams/topics.h"
 
-#include <condition_variable>
-#include <cstdint>
-#include <deque>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace kvo {
@@ -23,11 +20,8 @@ class KvoLogger;
 
 namespace kvo::brokerd {
 
-/// Loads the engine's module. Throws std::runtime_error naming the file and what is wrong with it.
-std::unique_ptr<FederationEngine> LoadFederationEngine(const FederationOptions& options);
-
-/// What a broker needs to work with others: the streams between them, the engine that moves the
-/// samples, the questions to other brokers. The engine is loaded when it is first needed.
+/// The broker's work with brokers of other hosts: imports and exports, the engine that moves their
+/// samples, the requests to the others. The engine is loaded when it is first needed.
 /// Threads: the loop.
 class Federation {
 public:
@@ -51,27 +45,11 @@ public:
     void Tick();
 
 private:
-    /// Destroys transfers on a thread of its own, since the end of one may take a second.
-    class Reaper {
-    public:
-        Reaper();
-        ~Reaper();
-        void Take(std::unique_ptr<RemoteTransfer> transfer);
-
-    private:
-        void Run();
-        std::mutex mutex_;
-        std::condition_variable changed_;
-        std::deque<std::unique_ptr<RemoteTransfer>> transfers_;  // under the mutex
-        bool stopping_ = false;                                  // under the mutex
-        std::thread thread_;
-    };
-
     FederationEngine& Engine();
     std::unique_ptr<RemoteTransfer> StartImport(const RemoteStreams::ImportOrder& order);
     std::unique_ptr<RemoteTransfer> StartExport(const RemoteStreams::ExportOrder& order);
     RemoteStreams::Calls Calls();
-    /// For other threads: runs the function on the loop, unless we have gone by then.
+    /// For other threads: runs the function on the loop, unless this object is destroyed by then.
     template <class Function>
     void PostIfAlive(Function function);
 
@@ -80,9 +58,10 @@ private:
     const StreamFiles& files_;
     Topics& topics_;
     KvoLogger* const logger_;
+    const os::ThreadBound thread_;
     const std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
-    std::unique_ptr<FederationEngine> engine_;  // null: not needed yet
-    std::unique_ptr<Reaper> reaper_;            // null: likewise
+    std::unique_ptr<FederationEngine> engine_;    // null: not needed yet
+    std::unique_ptr<TransferDisposer> disposer_;  // null: likewise
     RemoteBrokers brokers_;
     std::unique_ptr<RemoteStreams> streams_;
 };

@@ -4,16 +4,13 @@
 #include "kvo/broker/data_broker_registration_sync.h"
 #include "kvo/broker/stream_description.h"
 #include "network/uri.hpp"
+#include "remote/broker_uri.h"
+#include "remote/host_lookup.h"
 #include "streams/stream_name.h"
 
 #include <algorithm>
-#include <arpa/inet.h>
-#include <array>
-#include <charconv>
 #include <chrono>
 #include <exception>
-#include <netdb.h>
-#include <optional>
 #include <stdexcept>
 #include <utility>
 
@@ -22,95 +19,11 @@ namespace {
 
 using SteadyClock = std::chrono::steady_clock;
 
-constexpr std::string_view kScheme = "wkp.rr";
-constexpr std::string_view kPath = "/broker/Broker1";
 // Together they are less than two seconds.
 constexpr std::chrono::milliseconds kNamePatience{600};
 constexpr std::chrono::milliseconds kReplyTime{1200};
 constexpr std::chrono::seconds kIdle{10};
 constexpr std::size_t kMostQuestions = 1000;  // that wait for one broker
-
-struct Place {
-    std::string host;
-    std::string port;
-};
-
-Place PlaceOf(const std::string& text) {
-    const auto refuse = [&text](const char* why) {
-        return std::runtime_error(Quoted(text) + " names no broker: " + why +
-                                  "; a broker's URI looks like wkp.rr://host:5000");
-    };
-    try {
-        const network::uri uri(text);
-        const std::string port(uri.port());
-        int number = 0;
-        const auto [end, error] = std::from_chars(port.data(), port.data() + port.size(), number);
-        if (uri.scheme() != kScheme) {
-            throw refuse("its scheme is another one");
-        }
-        if (error != std::errc() || end != port.data() + port.size() || number < 1 ||
-            number > 65535) {
-            throw refuse("it has no port from 1 to 65535");
-        }
-        if (!uri.path().empty() && uri.path() != "/" && uri.path() != kPath) {
-            throw refuse("its path is another one");
-        }
-        return {std::string(uri.host()), port};
-    } catch (const network::uri_syntax_error& error) {
-        throw refuse(error.what());
-    }
-}
-
-// The name server may be slow, and the transport would make everybody wait for it. Detached:
-// nobody could end it.
-std::string NumberOf(const std::string& host) {
-    struct Found {
-        std::mutex mutex;
-        std::condition_variable changed;
-        bool done = false;
-        int fault = 0;
-        std::string number;
-    };
-    std::string bare = host;
-    if (bare.size() > 2 && bare.front() == '[') {
-        bare = bare.substr(1, bare.size() - 2);
-    }
-    const auto found = std::make_shared<Found>();
-    std::thread([found, bare] {
-        addrinfo hints{};
-        hints.ai_socktype = SOCK_STREAM;
-        addrinfo* list = nullptr;
-        const int fault = ::getaddrinfo(bare.c_str(), nullptr, &hints, &list);
-        std::array<char, NI_MAXHOST> number{};
-        bool ipv6 = false;
-        if (fault == 0) {
-            // Brokers listen at IPv4 addresses, unless they have been told another one.
-            const addrinfo* chosen = list;
-            while (chosen != nullptr && chosen->ai_family != AF_INET) {
-                chosen = chosen->ai_next;
-            }
-            chosen = chosen != nullptr ? chosen : list;
-            ::getnameinfo(chosen->ai_addr, chosen->ai_addrlen, number.data(), number.size(),
-                          nullptr, 0, NI_NUMERICHOST);
-            ipv6 = chosen->ai_family == AF_INET6;
-            ::freeaddrinfo(list);
-        }
-        const std::lock_guard lock(found->mutex);
-        found->done = true;
-        found->fault = fault;
-        found->number = ipv6 ? "[" + std::string(number.data()) + "]" : number.data();
-        found->changed.notify_all();
-    }).detach();
-    std::unique_lock lock(found->mutex);
-    if (!found->changed.wait_for(lock, kNamePatience, [&found] { return found->done; })) {
-        throw std::runtime_error("the host " + host + " was not found in time");
-    }
-    if (found->fault != 0) {
-        throw std::runtime_error("the host " + host +
-                                 " is unknown: " + ::gai_strerror(found->fault));
-    }
-    return found->number;
-}
 
 // Null: it can be used. The keys that other fields need are those of every answer.
 const char* CheckDescription(const StreamDescription& description) {
@@ -129,11 +42,6 @@ gorm::cor::Properties PropertiesFor(const gorm::cor::Cor& cor, const std::string
 }
 
 }  // namespace
-
-std::string CompleteBrokerUri(const std::string& text) {
-    const Place place = PlaceOf(text);
-    return std::string(kScheme) + "://" + place.host + ":" + place.port;
-}
 
 /// One other broker. Shared by its thread, which may outlive the owner by a question.
 class RemoteBrokers::Peer {
@@ -202,7 +110,7 @@ private:
         client_.reset();
     }
 
-    // Nobody who has waited has to wait for the same once more.
+    // The questions that wait would run into the same time-out.
     void AnswerAll(const Answer& answer) {
         std::deque<Question> questions;
         {
@@ -238,9 +146,10 @@ private:
     }
 
     void Connect() {
-        const Place place = PlaceOf(uri_);
-        const std::string uri = std::string(kScheme) + "://" + NumberOf(place.host) + ":" +
-                                place.port + std::string(kPath);
+        const BrokerPlace place = PlaceOf(uri_);
+        const std::string uri = std::string(kBrokerScheme) + "://" +
+                                LookUpHost(place.host, kNamePatience) + ":" + place.port +
+                                std::string(kBrokerPath);
         auto& factory = gorm::cor::loadCorForUri(uri, {});
         const network::uri parsed(uri);
         const gorm::cor::rr::qos::QoSList qos{
@@ -265,7 +174,7 @@ private:
 };
 
 RemoteBrokers::RemoteBrokers(const std::string& name, gorm::cor::ServiceLoop& loop)
-    : own_uri_(std::string(kScheme) + "://" + name), loop_(loop) {}
+    : own_uri_(std::string(kBrokerScheme) + "://" + name), loop_(loop) {}
 
 RemoteBrokers::~RemoteBrokers() {
     for (const auto& [uri, peer] : peers_) {
@@ -275,6 +184,7 @@ RemoteBrokers::~RemoteBrokers() {
 
 void RemoteBrokers::Ask(const std::string& broker, const std::string& stream, bool to_export,
                         Answered answered) {
+    thread_.here();
     auto& peer = peers_[broker];
     if (peer == nullptr) {
         peer = std::make_shared<Peer>(broker, own_uri_, loop_);
@@ -289,6 +199,7 @@ void RemoteBrokers::Ask(const std::string& broker, const std::string& stream, bo
 }
 
 void RemoteBrokers::ForgetIdle() {
+    thread_.here();
     for (auto entry = peers_.begin(); entry != peers_.end();) {
         if (entry->second->idle()) {
             entry->second->Stop();  // at once, since it is idle

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "gorm/cor/service_loop.h"
+#include "kvo/os/thread_bound.h"
 #include "remote/remote_streams.h"
 
 #include <condition_variable>
@@ -14,8 +15,8 @@
 
 namespace kvo::brokerd {
 
-/// Asks other brokers off the loop, each on a thread of its own, so that one that does not answer
-/// keeps neither the loop nor the questions to others waiting. An answer or a refusal is there
+/// Sends requests to other brokers off the loop, to each on a thread of its own, so that one that
+/// does not answer blocks neither the loop nor the requests to others. An answer or a refusal comes
 /// within two seconds.
 /// Threads: the loop.
 class RemoteBrokers {
@@ -23,17 +24,17 @@ public:
     using Answer = RemoteStreams::Answer;
     using Answered = std::function<void(const Answer&)>;
 
-    /// @param name what others shall call this broker. @param loop gets the answers.
+    /// @param name by which others know this broker. @param loop runs the callbacks.
     RemoteBrokers(const std::string& name, gorm::cor::ServiceLoop& loop);
     RemoteBrokers(const RemoteBrokers&) = delete;
     RemoteBrokers& operator=(const RemoteBrokers&) = delete;
-    /// Questions that wait are not answered any more.
+    /// Pending questions stay without an answer.
     ~RemoteBrokers();
 
     void Ask(const std::string& broker, const std::string& stream, bool to_export,
              Answered answered);
 
-    /// What others know this broker as.
+    /// The importer in this broker's requests.
     const std::string& OwnUri() const { return own_uri_; }
 
     /// Ends the connections that have not been used for a while. To be called now and then.
@@ -43,10 +44,8 @@ private:
     class Peer;
     const std::string own_uri_;
     gorm::cor::ServiceLoop& loop_;
+    const os::ThreadBound thread_;
     std::map<std::string, std::shared_ptr<Peer>> peers_;  // by URI
 };
-
-/// The URI of a broker's requests, complete. Throws std::runtime_error saying why the text is none.
-std::string CompleteBrokerUri(const std::string& text);
 
 }  // namespace kvo::brokerd

@@ -26,23 +26,24 @@ RemoteStreams::RemoteStreams(std::string id, std::string name, StreamRegistry& r
       time_(time),
       calls_(std::move(calls)) {}
 
-void RemoteStreams::Bring(const std::string& broker, const std::string& stream,
-                          std::int32_t deadline_s, Done done) {
+void RemoteStreams::RequestImport(const std::string& broker, const std::string& stream,
+                                  std::int32_t deadline_s, Done done) {
+    thread_.here();
     const auto found = imports_.find(stream);
     if (found != imports_.end() && found->second.broker != broker) {
-        done({kStreamInUse, "stream " + Quoted(stream) + " is brought here from " +
+        done({kStreamInUse, "stream " + Quoted(stream) + " is imported from " +
                                 found->second.broker + " already"},
              false);
         return;
     }
     if (found == imports_.end() && registry_.IsPublished(stream)) {
-        // Whether it is asked for under another name of this broker is found out by asking.
-        Look(broker, stream, [stream, broker, done](const Verdict& verdict, bool local) {
+        // The URI may be another name of this broker: its answer tells.
+        Probe(broker, stream, [stream, broker, done](const Verdict& verdict, bool local) {
             done(local || verdict.refused()
                      ? verdict
                      : Verdict{kStreamInUse, "stream " + Quoted(stream) +
-                                                 " has a publisher of this host, so it can not " +
-                                                 "be brought from " + broker},
+                                                 " has a publisher of this host, so it cannot " +
+                                                 "be imported from " + broker},
                  local);
         });
         return;
@@ -63,7 +64,8 @@ void RemoteStreams::Bring(const std::string& broker, const std::string& stream,
     }
 }
 
-void RemoteStreams::Look(const std::string& broker, const std::string& stream, Done done) {
+void RemoteStreams::Probe(const std::string& broker, const std::string& stream, Done done) {
+    thread_.here();
     calls_.ask(broker, stream, false, [this, broker, stream, done](const Answer& answer) {
         if (answer.verdict.refused()) {
             done(answer.verdict, false);
@@ -89,14 +91,14 @@ void RemoteStreams::Ask(const std::string& stream, Import& import) {
     });
 }
 
-// One that has been there before is asked for as long as it has subscribers.
+// An import that has been live before is retried as long as it has subscribers.
 void RemoteStreams::Refuse(const std::string& stream, Import& import, const Verdict& verdict,
                            bool local) {
     const auto waiting = std::exchange(import.waiting, {});
     if (import.source.epoch == 0) {
         imports_.erase(stream);
     } else {
-        Complain(stream, import, verdict.reason);
+        LogOnce(stream, import, verdict.reason);
     }
     for (const Done& done : waiting) {
         done(verdict, local);
@@ -106,7 +108,7 @@ void RemoteStreams::Refuse(const std::string& stream, Import& import, const Verd
 void RemoteStreams::Answered(const std::string& stream, std::uint64_t run, const Answer& answer) {
     const auto found = imports_.find(stream);
     if (found == imports_.end() || found->second.run != run) {
-        return;  // it has ended, or begun anew, meanwhile
+        return;  // ended or restarted meanwhile
     }
     Import& import = found->second;
     import.asking = false;
@@ -117,7 +119,7 @@ void RemoteStreams::Answered(const std::string& stream, std::uint64_t run, const
         } else if (!import.linked) {
             Lose(stream, import, answer.verdict.reason);
         } else {
-            Complain(stream, import, answer.verdict.reason);
+            LogOnce(stream, import, answer.verdict.reason);
         }
         return;
     }
@@ -156,7 +158,7 @@ Verdict RemoteStreams::Begin(const std::string& stream, Import& import,
     } catch (const std::exception& error) {
         import.live = false;
         registry_.EndImport(stream);
-        return {kUnknownRemoteBroker, "stream " + Quoted(stream) + " can not be brought from " +
+        return {kUnknownRemoteBroker, "stream " + Quoted(stream) + " cannot be imported from " +
                                           import.broker + ": " + error.what()};
     }
     import.live = true;
@@ -164,11 +166,11 @@ Verdict RemoteStreams::Begin(const std::string& stream, Import& import,
     import.asked = time_.Now();
     import.sample_seen = time_.Now();
     import.samples_seen = 0;
-    import.complaint.clear();
+    import.last_logged.clear();
     return {};
 }
 
-// A live import keeps up with what its broker says of the stream; a lost one comes back.
+// A live import follows the description of its stream; a lost one may return.
 void RemoteStreams::Follow(const std::string& stream, Import& import,
                            const StreamDescription& source) {
     if (!source.published || source.topic.empty()) {
@@ -178,7 +180,7 @@ void RemoteStreams::Follow(const std::string& stream, Import& import,
     if (source.epoch == import.source.epoch && source.topic == import.source.topic) {
         if (!import.live && import.linked) {
             import.live = true;
-            import.complaint.clear();
+            import.last_logged.clear();
             registry_.ImportBack(stream);
         }
         return;
@@ -187,25 +189,26 @@ void RemoteStreams::Follow(const std::string& stream, Import& import,
         if (import.transfer != nullptr) {  // else its file has gone with it
             Lose(stream, import, verdict.reason);
         }
-        Complain(stream, import, verdict.reason);
+        LogOnce(stream, import, verdict.reason);
     }
 }
 
 void RemoteStreams::Lose(const std::string& stream, Import& import, const std::string& why) {
     if (std::exchange(import.live, false)) {
-        import.complaint = why;
+        import.last_logged = why;
         registry_.ImportLost(stream, why);
     }
 }
 
-void RemoteStreams::Complain(const std::string& stream, Import& import, const std::string& what) {
-    if (import.complaint != what) {
-        import.complaint = what;
+void RemoteStreams::LogOnce(const std::string& stream, Import& import, const std::string& what) {
+    if (import.last_logged != what) {
+        import.last_logged = what;
         calls_.log(3, "stream " + Quoted(stream) + ": " + what);
     }
 }
 
 void RemoteStreams::Linked(const std::string& stream, std::uint64_t run, bool linked) {
+    thread_.here();
     const auto found = imports_.find(stream);
     if (found == imports_.end() || found->second.run != run) {
         return;
@@ -213,7 +216,7 @@ void RemoteStreams::Linked(const std::string& stream, std::uint64_t run, bool li
     Import& import = found->second;
     import.linked = linked;
     if (!linked) {
-        Lose(stream, import, "its samples have no way here any more");
+        Lose(stream, import, "its samples do not arrive any more");
     }
     // The publisher may be another one by now.
     if (!import.asking) {
@@ -222,6 +225,7 @@ void RemoteStreams::Linked(const std::string& stream, std::uint64_t run, bool li
 }
 
 void RemoteStreams::Outdated(const std::string& stream, std::uint64_t run) {
+    thread_.here();
     const auto found = imports_.find(stream);
     if (found != imports_.end() && found->second.run == run && !found->second.asking) {
         Ask(stream, found->second);
@@ -229,6 +233,7 @@ void RemoteStreams::Outdated(const std::string& stream, std::uint64_t run) {
 }
 
 StreamDescription RemoteStreams::Describe(const std::string& stream, const std::string& importer) {
+    thread_.here();
     StreamDescription description = registry_.Describe(stream);
     if (importer.empty()) {
         description.broker = id_;
@@ -236,7 +241,7 @@ StreamDescription RemoteStreams::Describe(const std::string& stream, const std::
     }
     if (description.published || exports_.count(stream) != 0) {
         ExportGroup& group = ExportOf(stream);
-        if (!group.Asked(importer, time_.Now())) {
+        if (!group.Request(importer, time_.Now())) {
             throw std::runtime_error("stream " + Quoted(stream) + " is exported to " +
                                      std::to_string(ExportGroup::kMostImporters) +
                                      " brokers already");
@@ -245,7 +250,7 @@ StreamDescription RemoteStreams::Describe(const std::string& stream, const std::
             if (!group.sending()) {
                 exports_.erase(stream);
             }
-            throw std::runtime_error("stream " + Quoted(stream) + " can not be exported: " + fault);
+            throw std::runtime_error("stream " + Quoted(stream) + " cannot be exported: " + fault);
         }
     }
     if (description.published) {
@@ -267,7 +272,7 @@ ExportGroup& RemoteStreams::ExportOf(const std::string& stream) {
     return exports_.try_emplace(stream, std::move(calls)).first->second;
 }
 
-// Empty: it is sent while it has a publisher.
+// @return the fault; empty: the stream is sent while it has a publisher.
 std::string RemoteStreams::Export(const std::string& stream, ExportGroup& group,
                                   const StreamDescription& source) {
     if (!source.published) {
@@ -287,18 +292,20 @@ std::string RemoteStreams::Export(const std::string& stream, ExportGroup& group,
 }
 
 void RemoteStreams::PublisherChanged(const std::string& stream) {
+    thread_.here();
     const StreamDescription source = registry_.Describe(stream);
     if (calls_.always_exported(stream) && source.published) {
-        ExportOf(stream).SendToAnybody();
+        ExportOf(stream).SendAlways();
     }
     if (const auto found = exports_.find(stream); found != exports_.end()) {
         if (const std::string fault = Export(stream, found->second, source); !fault.empty()) {
-            calls_.log(4, "stream " + Quoted(stream) + " can not be exported: " + fault);
+            calls_.log(4, "stream " + Quoted(stream) + " cannot be exported: " + fault);
         }
     }
 }
 
 void RemoteStreams::NewData(const std::string& stream) {
+    thread_.here();
     if (const auto found = exports_.find(stream); found != exports_.end()) {
         found->second.Signal();
     }
@@ -324,7 +331,7 @@ void RemoteStreams::WatchDeadline(Import& import) {
     }
 }
 
-// False: it is over.
+// False: the import has ended.
 bool RemoteStreams::Supervise(const std::string& stream, Import& import) {
     if (!import.waiting.empty()) {
         return true;
@@ -340,7 +347,7 @@ bool RemoteStreams::Supervise(const std::string& stream, Import& import) {
     if (import.transfer != nullptr) {
         if (import.live && !import.linked && now - import.begun > kLinkPatience) {
             Lose(stream, import,
-                 "its samples find no way here; see domain, interfaces and firewalls");
+                 "its samples do not arrive; check domain, interfaces and firewalls");
         }
         WatchDeadline(import);
         import.rates.Update(TotalOf(import.before, import.transfer.get()), now);
@@ -352,6 +359,7 @@ bool RemoteStreams::Supervise(const std::string& stream, Import& import) {
 }
 
 void RemoteStreams::Tick() {
+    thread_.here();
     const TimePoint now = time_.Now();
     for (auto entry = imports_.begin(); entry != imports_.end();) {
         entry = Supervise(entry->first, entry->second) ? std::next(entry) : imports_.erase(entry);

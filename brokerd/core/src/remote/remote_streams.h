@@ -1,6 +1,7 @@
 #pragma once
 
 #include "kvo/broker/stream_description.h"
+#include "kvo/os/thread_bound.h"
 #include "remote/export_group.h"
 #include "remote/remote_transfer.h"
 #include "remote/transfer_rates.h"
@@ -18,14 +19,14 @@
 
 namespace kvo::brokerd {
 
-/// The streams that this broker has from others, and those that it gives to them: which there are,
-/// since when, and what subscribers are told. Knows neither sockets nor engines.
+/// The streams that this broker imports from others and exports to them: which there are, since
+/// when, and what subscribers are told. Knows neither sockets nor engines.
 ///
-/// An import begins with its first subscriber and ends with its last. It is live while the
-/// publisher there can be reached, and lost else; then it is asked for again every second.
-/// An export begins when another broker asks for it and ends when none has asked for a while; it
-/// sends while the stream has a publisher.
-/// Threads: one, which the calls come back on too.
+/// An import begins with its first subscriber and ends with its last. It is live while the remote
+/// publisher can be reached, otherwise lost and requested again every second.
+/// An export begins with the first request of another broker and ends when none has come for a
+/// while; it sends while the stream has a publisher.
+/// Threads: the loop, which runs the callbacks too.
 class RemoteStreams {
 public:
     /// What another broker has answered.
@@ -44,17 +45,18 @@ public:
         std::string importer;  // empty: for all
     };
     struct Calls {
-        /// Asks the broker, which shall export the stream or not; answers once, later.
+        /// Requests the description from the broker, with or without an export; answers once,
+        /// later.
         std::function<void(const std::string& broker, const std::string& stream, bool to_export,
                            std::function<void(const Answer&)> answered)>
             ask;
         /// The file is there. Throws std::runtime_error saying what is in the way.
         std::function<std::unique_ptr<RemoteTransfer>(const ImportOrder&)> start_import;
         std::function<std::unique_ptr<RemoteTransfer>(const ExportOrder&)> start_export;
-        /// Destroys it without anybody waiting.
+        /// Destroys it without blocking the caller.
         std::function<void(std::unique_ptr<RemoteTransfer>)> end;
         std::function<void(int level, const std::string& text)> log;
-        /// Whether a stream is exported as long as it has a publisher, though nobody asks.
+        /// Whether a stream is exported without requests, as long as it has a publisher.
         std::function<bool(const std::string& stream)> always_exported;
     };
     /// @param id unlike that of any other broker. @param name under which others find the topics
@@ -62,18 +64,18 @@ public:
     RemoteStreams(std::string id, std::string name, StreamRegistry& registry,
                   const SupervisedTime& time, Calls calls);
 
-    /// A stream that somebody wants to subscribe to is brought here. @param broker its URI.
+    /// Imports a stream for a new subscriber. @param broker its URI.
     /// @param done gets the verdict, at once or later; `local`: the stream is of this broker.
-    /// Whoever is told that it is there has to be added to the registry before done returns.
+    /// It adds the subscriber to the registry before it returns.
     using Done = std::function<void(const Verdict& verdict, bool local)>;
-    void Bring(const std::string& broker, const std::string& stream, std::int32_t deadline_s,
-               Done done);
+    void RequestImport(const std::string& broker, const std::string& stream,
+                       std::int32_t deadline_s, Done done);
 
-    /// Whether the stream has a publisher at the broker; the verdict says why not.
-    void Look(const std::string& broker, const std::string& stream, Done done);
+    /// Checks whether the stream has a publisher at the broker; the verdict says why not.
+    void Probe(const std::string& broker, const std::string& stream, Done done);
 
-    /// Another broker asks. @param importer what it is called; empty: it only looks. Throws
-    /// std::runtime_error when the stream can not be exported.
+    /// A request of another broker. @param importer its name; empty: nothing is exported. Throws
+    /// std::runtime_error when the stream cannot be exported.
     StreamDescription Describe(const std::string& stream, const std::string& importer);
 
     /// The publisher of a stream of this host has come, gone, or been replaced.
@@ -86,7 +88,7 @@ public:
     /// Of a running import: it takes an old segment.
     void Outdated(const std::string& stream, std::uint64_t run);
 
-    /// To be called often.
+    /// To be called every 50 ms or so.
     void Tick();
     /// Ends everything; the transfers are destroyed before it returns.
     void EndAll();
@@ -109,8 +111,8 @@ private:
         bool linked = false;
         bool asking = false;
         TimePoint asked;
-        TimePoint begun;              // of the transfer
-        std::string complaint;        // logged last, so that it is logged once
+        TimePoint begun;  // of the transfer
+        std::string last_logged;
         TransferCounters before;      // of earlier transfers
         std::int32_t deadline_s = 0;  // the shortest of the subscribers'; 0: none
         std::uint64_t deadlines_missed = 0;
@@ -123,7 +125,7 @@ private:
     Verdict Begin(const std::string& stream, Import& import, const StreamDescription& source);
     void Follow(const std::string& stream, Import& import, const StreamDescription& source);
     void Lose(const std::string& stream, Import& import, const std::string& why);
-    void Complain(const std::string& stream, Import& import, const std::string& what);
+    void LogOnce(const std::string& stream, Import& import, const std::string& what);
     void Refuse(const std::string& stream, Import& import, const Verdict& verdict, bool local);
     bool Supervise(const std::string& stream, Import& import);
     void WatchDeadline(Import& import);
@@ -137,6 +139,7 @@ private:
     StreamRegistry& registry_;
     const SupervisedTime& time_;
     const Calls calls_;
+    const os::ThreadBound thread_;
     std::map<std::string, Import> imports_;       // by stream
     std::map<std::string, ExportGroup> exports_;  // by stream
     std::uint64_t runs_ = 0;

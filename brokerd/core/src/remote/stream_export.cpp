@@ -11,7 +11,7 @@
 namespace kvo::brokerd {
 namespace {
 
-// Whoever signals wakes the thread; this is for a publisher that dies between writing and that.
+// A signal wakes the thread; the time-out is for a publisher that dies between writing and that.
 constexpr std::chrono::milliseconds kLongestSleep{200};
 constexpr std::chrono::seconds kFarewell{1};
 
@@ -24,7 +24,7 @@ StreamExport::StreamExport(const Order& order, FederationEngine& engine,
         std::make_unique<KvoMemoryAccessor>(order.path, order.stream, logger, /*max_age_ms=*/0,
                                             /*accessor_argument=*/1);
     if (!accessor_->get_is_initialized()) {
-        throw std::runtime_error("the stream file " + order.path + " can not be read");
+        throw std::runtime_error("the stream file " + order.path + " cannot be read");
     }
     accessor_->StartReading();
     writer_ = engine.MakeWriter(order.topic);
@@ -56,7 +56,7 @@ void StreamExport::Signal() {
 void StreamExport::Run() {
     while (!stopping_.load(std::memory_order_relaxed)) {
         if (watch_ != nullptr) {
-            watch_->Look();  // before the file, so that what comes after is not slept through
+            watch_->Look();  // before the file, so that no later sample is slept through
         }
         Send();
         if (!stopping_.load(std::memory_order_relaxed)) {
@@ -81,7 +81,7 @@ void StreamExport::Send() {
     while (!abandoned_.load(std::memory_order_relaxed)) {
         DataSample* sample = nullptr;
         accessor_->get_data_packet(nullptr, nullptr, nullptr, nullptr, nullptr, &sample);
-        // Each time, since where a slow host holds the export up there is always a next sample.
+        // Each time: under back-pressure there is always a next sample, so the loop does not end.
         const ReaderCounters counters = accessor_->reader_counters();
         overrun_.store(counters.lost + counters.checksum_failures, std::memory_order_relaxed);
         sending_ms_.store(sample != nullptr ? sample->timestamp_ms() : 0,

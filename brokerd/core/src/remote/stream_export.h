@@ -19,7 +19,7 @@ class KvoMemoryAccessor;
 namespace kvo::brokerd {
 
 /// Sends the samples of one segment to other hosts, on a thread of its own that reads the stream
-/// file as any reader does: whatever holds it up costs its own samples, never the publisher's.
+/// file as any reader does: back-pressure costs its own samples, never the publisher's.
 class StreamExport final : public RemoteTransfer {
 public:
     struct Order {

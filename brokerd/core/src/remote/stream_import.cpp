@@ -41,12 +41,12 @@ void StreamImport::Run() {
 
 void StreamImport::Take(const RemoteSample& sample) {
     if (sample.epoch != epoch_) {
-        // Those of a new one wait in the topic's history until its own import asks for them.
+        // Those of a new one stay in the topic's history until its own import requests them.
         other_epoch_ = other_epoch_ || sample.epoch > epoch_;
         return;
     }
     if (sample.sequence <= last_) {
-        return;  // sent once more after the link was away, or both together and to us alone
+        return;  // sent again after a disconnection, or on both topics
     }
     if (last_ != 0) {
         lost_.fetch_add(sample.sequence - last_ - 1, std::memory_order_relaxed);

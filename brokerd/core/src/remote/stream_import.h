@@ -13,15 +13,15 @@
 
 namespace kvo::brokerd {
 
-/// Takes the samples of one segment of another host into a stream file of this one, on a thread
-/// of its own. Each comes once and in order; those that are missing are counted.
+/// Copies the samples of one segment of another host into a stream file of this one, on a thread
+/// of its own: each once and in order; missing ones are counted.
 class StreamImport final : public RemoteTransfer {
 public:
     struct Order {
         std::string path;     // of the local stream file
-        std::uint64_t epoch;  // of the segment there; samples of others are not taken
+        std::uint64_t epoch;  // of the segment there; samples of others are dropped
         RemoteTopic topic;
-        std::string own_topic;  // of what is sent to this host alone
+        std::string own_topic;  // of the samples for this host alone
     };
     /// Called on the import's thread; must not block for long.
     struct Calls {

@@ -2,7 +2,7 @@
 
 #include "kvo/broker/remote_stream_state.h"
 #include "kvo/broker/stream_description.h"
-#include "remote/remote_brokers.h"
+#include "remote/broker_uri.h"
 #include "streams/stream_name.h"
 
 #include <algorithm>
@@ -172,12 +172,12 @@ RequestHandler::Deferred<std::int32_t> RequestHandler::AddSubscriber(
         return Tell(caller, stream, {kUnknownRemoteBroker, error.what()});
     }
     Deferred<std::int32_t> answer;
-    remote_.Bring(broker, stream, deadline_s,
-                  [this, caller, subscriber_uuid, stream, answer](const Verdict& verdict, bool) {
-                      answer.Resolve(verdict.refused()
-                                         ? Tell(caller, stream, verdict)
-                                         : Subscribe(caller, subscriber_uuid, stream));
-                  });
+    remote_.RequestImport(
+        broker, stream, deadline_s,
+        [this, caller, subscriber_uuid, stream, answer](const Verdict& verdict, bool) {
+            answer.Resolve(verdict.refused() ? Tell(caller, stream, verdict)
+                                             : Subscribe(caller, subscriber_uuid, stream));
+        });
     return answer;
 }
 
@@ -268,7 +268,7 @@ RequestHandler::Deferred<bool> RequestHandler::HasRemotePublisher(
         return false;
     }
     Deferred<bool> answer;
-    remote_.Look(broker, stream, [this, caller, stream, answer](const Verdict& verdict, bool) {
+    remote_.Probe(broker, stream, [this, caller, stream, answer](const Verdict& verdict, bool) {
         if (verdict.refused()) {
             reasons_.Keep(AskerOf(caller), stream, verdict.reason);
         }
@@ -283,7 +283,7 @@ StreamDescription RequestHandler::DescribeStream(const Caller& caller, const std
     if (importer.size() > kMaxImporterBytes ||
         !std::all_of(importer.begin(), importer.end(),
                      [](char c) { return c > ' ' && c <= '~'; })) {
-        throw std::runtime_error("this can not be the name of a broker: " + Quoted(importer));
+        throw std::runtime_error("this cannot be the name of a broker: " + Quoted(importer));
     }
     if (const std::string fault = access_.WhyNot(caller.peer, Right::kSubscribe, stream);
         !fault.empty()) {

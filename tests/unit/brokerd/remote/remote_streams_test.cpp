@@ -71,14 +71,15 @@ protected:
     /// Somebody subscribes; what he is told goes to `told`.
     void Subscribe(const std::string& uuid, const std::string& broker = kThere,
                    std::int32_t deadline_s = 0) {
-        remote->Bring(broker, "s", deadline_s, [this, uuid](const Verdict& verdict, bool local) {
-            told.emplace_back(uuid, verdict.code);
-            reason = verdict.reason;
-            was_local = local;
-            if (!verdict.refused()) {
-                registry->AddSubscriber("", uuid, "s");
-            }
-        });
+        remote->RequestImport(broker, "s", deadline_s,
+                              [this, uuid](const Verdict& verdict, bool local) {
+                                  told.emplace_back(uuid, verdict.code);
+                                  reason = verdict.reason;
+                                  was_local = local;
+                                  if (!verdict.refused()) {
+                                      registry->AddSubscriber("", uuid, "s");
+                                  }
+                              });
     }
     void Unsubscribe(const std::string& uuid) {
         registry->RemoveSubscriber("", "s", uuid, StreamRegistry::Whose::kOwn);
@@ -293,7 +294,7 @@ TEST_F(RemoteStreamsTest, SamplesThatFindNoWayAndDeadlinesThatPassAreTold) {
         AnswerWith(Published(8));
     }
     EXPECT_THAT(TakeEvents(), ElementsAre(Pair("s", PUB_UNREG)));
-    EXPECT_THAT(log, HasSubstr("find no way"));
+    EXPECT_THAT(log, HasSubstr("do not arrive"));
 }
 
 TEST_F(RemoteStreamsTest, AnExportRunsWhileThereIsAPublisherAndSomebodyAsks) {
