@@ -23,10 +23,10 @@
 namespace kvo::brokerd::dds {
 namespace {
 
-// A slow reader holds the writer up for so long; then the sample is counted as lost.
+// A slow reader blocks the writer for so long; then the sample is dropped and counted.
 constexpr dds_duration_t kLongestWrite = DDS_SECS(1);
 constexpr std::uint32_t kAtOnce = 16;
-// What waits for an import that is held up itself; beyond, its writer has to wait.
+// Samples that may wait for a slow import; beyond, its writer blocks.
 constexpr std::uint64_t kMostWaitingBytes = 64ULL << 20;
 constexpr std::uint64_t kMostWaiting = 10'000;
 
@@ -71,10 +71,10 @@ public:
           writer_(::dds_create_writer(participant, topic_.get(), QosOf(topic).get(), nullptr),
                   "making the writer") {}
 
-    bool Write(const RemoteSample& sample) override {
+    bool Write(const SampleView& sample) override {
         kvo_remote_Sample out{};
-        out.epoch = sample.epoch;
-        out.sequence_number = sample.sequence;
+        out.epoch = sample.source_epoch;
+        out.sequence_number = sample.source_sequence;
         out.timestamp_ms = sample.timestamp_ms;
         out.sample_tag = sample.sample_tag;
         out.topic_id = sample.topic_id;
@@ -87,10 +87,10 @@ public:
     }
 
 private:
-    // Who comes late gets the samples that readers of the publisher's host would find too. What
-    // readers have not got yet is kept beyond that: a burst shall not overtake them. No latency
-    // budget: with one the engine sends by a queue of its own, and whoever asks for less than is
-    // offered gets nothing. Sent at once is the best offer.
+    // A late reader gets the samples that readers of the publisher's host would find too. Samples
+    // that readers have not acknowledged are kept beyond that: a burst must not overwrite them. No
+    // latency budget: with one the engine sends by a queue of its own, and a reader that requests
+    // less than is offered gets nothing. Sent at once is the best offer.
     static Qos QosOf(const RemoteTopic& topic) {
         Qos qos = CommonQos();
         ::dds_qset_durability_service(
@@ -107,7 +107,7 @@ private:
     const Entity writer_;
 };
 
-// Only looks at the bytes that the engine has put together; they are copied once, by the receiver.
+// A view of the bytes that the engine has assembled; the receiver copies them, once.
 class TakenSample {
 public:
     explicit TakenSample(ddsi_serdata* data) : data_(data) {
@@ -119,7 +119,7 @@ public:
         ddsi_serdata_to_ser_unref(data_, &bytes_);
         ddsi_serdata_unref(data_);
     }
-    bool Parse(RemoteSample& sample) const {
+    bool Parse(SampleView& sample) const {
         return ParseSample(static_cast<const unsigned char*>(bytes_.iov_base), bytes_.iov_len,
                            sample);
     }
@@ -185,9 +185,9 @@ private:
             for (std::int32_t i = 0; i < count; ++i) {
                 const auto at = static_cast<std::size_t>(i);
                 const TakenSample sample(taken[at]);
-                RemoteSample remote;
-                if (infos[at].valid_data && sample.Parse(remote)) {
-                    receiver(remote);
+                SampleView view;
+                if (infos[at].valid_data && sample.Parse(view)) {
+                    receiver(view);
                 }
             }
             return count > 0;
@@ -269,7 +269,7 @@ public:
     }
 
 private:
-    std::unique_ptr<Entity> domain_;  // null: it is somebody else's in this process
+    std::unique_ptr<Entity> domain_;  // null: another engine of this process made it
     std::unique_ptr<Entity> participant_;
 };
 

@@ -47,12 +47,12 @@ private:
 
 }  // namespace
 
-bool ParseSample(const unsigned char* bytes, std::size_t size, RemoteSample& sample) {
+bool ParseSample(const unsigned char* bytes, std::size_t size, SampleView& sample) {
     if (size < kHeaderBytes) {
         return false;
     }
     Cursor cursor(bytes + kHeaderBytes, size - kHeaderBytes);
-    return cursor.Read(sample.epoch) && cursor.Read(sample.sequence) &&
+    return cursor.Read(sample.source_epoch) && cursor.Read(sample.source_sequence) &&
            cursor.Read(sample.timestamp_ms) && cursor.Read(sample.sample_tag) &&
            cursor.Read(sample.topic_id) &&
            cursor.ReadBytes(sample.metadata, sample.metadata_bytes) &&

@@ -39,9 +39,9 @@ protected:
         return topic;
     }
     static bool Write(RemoteWriter& writer, std::uint64_t number, const std::string& payload) {
-        RemoteSample sample;
-        sample.epoch = 3;
-        sample.sequence = number;
+        SampleView sample;
+        sample.source_epoch = 3;
+        sample.source_sequence = number;
         sample.timestamp_ms = 4;
         sample.sample_tag = 5;
         sample.topic_id = -6;
@@ -57,9 +57,9 @@ protected:
         std::vector<std::uint64_t> numbers;
         const auto end = std::chrono::steady_clock::now() + kDeadline;
         while (numbers.size() < count && std::chrono::steady_clock::now() < end) {
-            reader.Take(std::chrono::milliseconds(100), [&](const RemoteSample& sample) {
-                numbers.push_back(sample.sequence);
-                EXPECT_EQ(3U, sample.epoch);
+            reader.Take(std::chrono::milliseconds(100), [&](const SampleView& sample) {
+                numbers.push_back(sample.source_sequence);
+                EXPECT_EQ(3U, sample.source_epoch);
                 EXPECT_EQ(4U, sample.timestamp_ms);
                 EXPECT_EQ(5, sample.sample_tag);
                 EXPECT_EQ(-6, sample.topic_id);
@@ -102,7 +102,7 @@ TEST_F(DdsEngineTest, ReadersSeeWritersComeAndGo) {
     writer.reset();
     EXPECT_TRUE(Becomes([&] { return !reader->has_writer(); }));
     std::thread waker([&] { reader->Wake(); });
-    reader->Take(kDeadline, [](const RemoteSample&) {});
+    reader->Take(kDeadline, [](const SampleView&) {});
     waker.join();
 }
 

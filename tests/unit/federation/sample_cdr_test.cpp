@@ -31,7 +31,7 @@ std::vector<unsigned char> Serialised() {
 
 TEST(SampleCdr, NothingIsFoundBeyondTheEnd) {
     const auto bytes = Serialised();
-    RemoteSample sample;
+    SampleView sample;
     ASSERT_TRUE(ParseSample(bytes.data(), bytes.size(), sample));
     EXPECT_EQ("meta!", std::string(sample.metadata, sample.metadata + sample.metadata_bytes));
     EXPECT_EQ("pay", std::string(sample.payload, sample.payload + sample.payload_bytes));

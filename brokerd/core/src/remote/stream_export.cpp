@@ -89,19 +89,19 @@ void StreamExport::Send() {
         if (sample == nullptr) {
             break;
         }
-        RemoteSample remote;
-        remote.epoch = epoch_;
-        remote.sequence = sample->sequence_number();
-        remote.timestamp_ms = sample->timestamp_ms();
-        remote.sample_tag = sample->sample_tag();
-        remote.topic_id = sample->topic_id();
-        remote.metadata = sample->metadata();
-        remote.metadata_bytes = static_cast<std::uint32_t>(sample->metadata_size());
-        remote.payload = sample->payload();
-        remote.payload_bytes = static_cast<std::uint32_t>(sample->payload_size());
-        if (writer_->Write(remote)) {
+        SampleView view;
+        view.source_epoch = epoch_;
+        view.source_sequence = sample->sequence_number();
+        view.timestamp_ms = sample->timestamp_ms();
+        view.sample_tag = sample->sample_tag();
+        view.topic_id = sample->topic_id();
+        view.metadata = sample->metadata();
+        view.metadata_bytes = static_cast<std::uint32_t>(sample->metadata_size());
+        view.payload = sample->payload();
+        view.payload_bytes = static_cast<std::uint32_t>(sample->payload_size());
+        if (writer_->Write(view)) {
             samples_.fetch_add(1, std::memory_order_relaxed);
-            bytes_.fetch_add(remote.payload_bytes, std::memory_order_relaxed);
+            bytes_.fetch_add(view.payload_bytes, std::memory_order_relaxed);
         } else {
             dropped_.fetch_add(1, std::memory_order_relaxed);
         }

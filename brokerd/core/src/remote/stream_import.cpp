@@ -25,7 +25,7 @@ StreamImport::~StreamImport() {
 }
 
 void StreamImport::Run() {
-    const RemoteReader::Receiver receiver = [this](const RemoteSample& sample) { Take(sample); };
+    const RemoteReader::Receiver receiver = [this](const SampleView& sample) { Take(sample); };
     bool linked = false;
     while (!stopping_.load(std::memory_order_relaxed)) {
         reader_->Take(kLongestWait, receiver);
@@ -39,30 +39,20 @@ void StreamImport::Run() {
     }
 }
 
-void StreamImport::Take(const RemoteSample& sample) {
-    if (sample.epoch != epoch_) {
+void StreamImport::Take(const SampleView& sample) {
+    if (sample.source_epoch != epoch_) {
         // Those of a new one stay in the topic's history until its own import requests them.
-        other_epoch_ = other_epoch_ || sample.epoch > epoch_;
+        other_epoch_ = other_epoch_ || sample.source_epoch > epoch_;
         return;
     }
-    if (sample.sequence <= last_) {
+    if (sample.source_sequence <= last_) {
         return;  // sent again after a disconnection, or on both topics
     }
     if (last_ != 0) {
-        lost_.fetch_add(sample.sequence - last_ - 1, std::memory_order_relaxed);
+        lost_.fetch_add(sample.source_sequence - last_ - 1, std::memory_order_relaxed);
     }
-    last_ = sample.sequence;
-    SampleView imported;
-    imported.payload = sample.payload;
-    imported.payload_bytes = sample.payload_bytes;
-    imported.metadata = sample.metadata;
-    imported.metadata_bytes = sample.metadata_bytes;
-    imported.sample_tag = sample.sample_tag;
-    imported.topic_id = sample.topic_id;
-    imported.timestamp_ms = sample.timestamp_ms;
-    imported.source_epoch = sample.epoch;
-    imported.source_sequence = sample.sequence;
-    if (!file_.Write(imported)) {
+    last_ = sample.source_sequence;
+    if (!file_.Write(sample)) {
         rejected_.fetch_add(1, std::memory_order_relaxed);
         return;
     }

@@ -39,7 +39,7 @@ public:
 
 private:
     void Run();
-    void Take(const RemoteSample& sample);
+    void Take(const SampleView& sample);
 
     const std::uint64_t epoch_;
     const Calls calls_;

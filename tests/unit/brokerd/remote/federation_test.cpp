@@ -41,7 +41,7 @@ using ::testing::Not;
 class Network {
 public:
     struct Parcel {
-        RemoteSample sample;
+        SampleView sample;
         std::string metadata;
         std::string payload;
     };
@@ -73,7 +73,7 @@ public:
         network_.topics[topic_.name].history.clear();
         network_.changed.notify_all();
     }
-    bool Write(const RemoteSample& sample) override {
+    bool Write(const SampleView& sample) override {
         const auto text = [](const unsigned char* bytes, std::uint32_t count) {
             return std::string(bytes, bytes + count);
         };
@@ -123,7 +123,7 @@ public:
             parcels.swap(inbox.parcels);
         }
         for (const Network::Parcel& parcel : parcels) {
-            RemoteSample sample = parcel.sample;
+            SampleView sample = parcel.sample;
             sample.metadata = reinterpret_cast<const unsigned char*>(parcel.metadata.data());
             sample.payload = reinterpret_cast<const unsigned char*>(parcel.payload.data());
             receiver(sample);

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "kvo/memory/sample_view.h"
+
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -11,22 +13,9 @@
 // implements it belong to one build: kFederationAbi says so when the module is loaded.
 namespace kvo::brokerd {
 
-/// One sample on its way. The memory is the caller's, or the engine's until the receiver returns.
-struct RemoteSample {
-    std::uint64_t epoch = 0;     // of the segment that it comes from
-    std::uint64_t sequence = 0;  // within the epoch, from 1
-    std::uint64_t timestamp_ms = 0;
-    std::int32_t sample_tag = 0;
-    std::int32_t topic_id = 0;
-    const unsigned char* metadata = nullptr;
-    std::uint32_t metadata_bytes = 0;
-    const unsigned char* payload = nullptr;
-    std::uint32_t payload_bytes = 0;
-};
-
 struct RemoteTopic {
     std::string name;
-    std::uint32_t history = 1;    // samples that who comes late still gets
+    std::uint32_t history = 1;    // samples that a late reader still gets
     std::int32_t deadline_s = 0;  // what the writer offers; 0 and below: none
     std::uint32_t max_payload_bytes = 0;
 };
@@ -35,17 +24,17 @@ struct RemoteTopic {
 class RemoteWriter {
 public:
     virtual ~RemoteWriter() = default;
-    /// @return false: it was not taken within a second, since readers do not keep up.
-    virtual bool Write(const RemoteSample& sample) = 0;
+    /// @return false: dropped after a second of back-pressure by readers.
+    [[nodiscard]] virtual bool Write(const SampleView& sample) = 0;
 };
 
 /// The receiving end of one topic and of another like it. Threads: one, but for Wake().
 class RemoteReader {
 public:
-    using Receiver = std::function<void(const RemoteSample&)>;
+    using Receiver = std::function<void(const SampleView&)>;
     virtual ~RemoteReader() = default;
-    /// Waits at most so long until something has come or the writers have changed, and
-    /// hands each sample to the receiver.
+    /// Waits at most so long for samples or a change of writers and hands each sample to the
+    /// receiver, which must not keep the bytes.
     virtual void Take(std::chrono::milliseconds at_most, const Receiver& receiver) = 0;
     virtual void Wake() = 0;
     virtual bool has_writer() const = 0;
@@ -77,7 +66,7 @@ struct FederationOptions {
     std::string permissions;
 };
 
-inline constexpr int kFederationAbi = 2;
+inline constexpr int kFederationAbi = 3;
 inline constexpr const char* kFederationModule = "libkvo-federation-dds.so";
 
 /// The module's one function, under this name. Throws std::runtime_error.
