@@ -244,8 +244,8 @@ private:
 
     void LookOn() const {
         try {
-            kvo::InspectStreamFile(files_.path());
-            kvo::CheckStreamFile(files_.path());
+            static_cast<void>(kvo::InspectStreamFile(files_.path()));
+            static_cast<void>(kvo::CheckStreamFile(files_.path()));
         } catch (const std::runtime_error&) {  // refused
         }
     }

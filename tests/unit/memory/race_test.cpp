@@ -140,7 +140,7 @@ TEST_F(MemoryTest, AccessorOperationsMayRunAtOnce) {
     });
     std::thread restarter([&] {
         while (!done.load()) {
-            reader->OpenSharedMemory();
+            EXPECT_EQ(reader->OpenSharedMemory(), 1);
             reader->Reset();
             reader->StartReading();
             writer->Reattach();

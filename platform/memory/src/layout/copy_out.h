@@ -18,7 +18,8 @@ void BeginOverwrite(std::atomic<std::uint64_t>& word, std::uint64_t version);
 /// Reader: copies header, payload and metadata of one version out of a slot.
 /// @return false: the slot does not hold that version (any more); the out-values are garbage.
 // Out of line, as its code would lie between that of the reads by pin.
-[[gnu::noinline]] bool CopyOut(const Segment& segment, std::uint32_t slot, std::uint64_t version,
-                               SlotContent& content, std::vector<unsigned char>& bytes);
+[[nodiscard, gnu::noinline]] bool CopyOut(const Segment& segment, std::uint32_t slot,
+                                          std::uint64_t version, SlotContent& content,
+                                          std::vector<unsigned char>& bytes);
 
 }  // namespace kvo

@@ -21,7 +21,7 @@ FileOffsets OffsetsOf(const StreamGeometry& geometry);
 std::uint64_t StrideOf(std::uint64_t max_payload_bytes, std::uint64_t max_metadata_bytes);
 
 /// What is wrong with a geometry; empty: nothing.
-std::string CheckGeometry(const StreamGeometry& geometry);
+[[nodiscard]] std::string CheckGeometry(const StreamGeometry& geometry);
 
 std::uint64_t HeaderDigest(const layout::HeaderFields& fields);
 

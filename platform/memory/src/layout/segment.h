@@ -18,9 +18,9 @@ public:
 
     /// Opens the file at the path. The control file is always mapped for writing, the data file
     /// only for Access::kWrite. Throws std::runtime_error naming file and fault.
-    static std::shared_ptr<Segment> Open(const std::string& path, Access access);
+    [[nodiscard]] static std::shared_ptr<Segment> Open(const std::string& path, Access access);
     /// The same without taking part: both files are mapped read-only.
-    static std::shared_ptr<Segment> Observe(const std::string& path);
+    [[nodiscard]] static std::shared_ptr<Segment> Observe(const std::string& path);
 
     /// The control file of a segment lies beside the data file.
     static std::string ControlPath(const std::string& data_path, const Uuid& uuid);

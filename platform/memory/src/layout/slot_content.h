@@ -30,7 +30,7 @@ void LoadContent(const Segment& segment, std::uint32_t slot, SlotContent& conten
 std::uint64_t LoadIndex(const Segment& segment, std::uint64_t version);
 
 /// The slot that the index names for a version, if it names one.
-std::optional<std::uint32_t> FindSlot(const Segment& segment, std::uint64_t version);
+[[nodiscard]] std::optional<std::uint32_t> FindSlot(const Segment& segment, std::uint64_t version);
 
 /// XXH3 64 over payload and metadata as they lie in a slot.
 // Out of line, as its code would lie between that of the reads without one.

@@ -102,48 +102,50 @@ void FillData(unsigned char* begin, const StreamFile::Creation& creation, const 
     header->magic.store(layout::kDataMagic, std::memory_order_release);
 }
 
-class MappedStreamFile final : public StreamFile {
-public:
-    MappedStreamFile(std::string path, std::shared_ptr<Segment> segment)
-        : path_(std::move(path)), segment_(std::move(segment)) {}
+}  // namespace
 
-    const std::string& path() const override { return path_; }
-    std::string control_path() const override {
-        return Segment::ControlPath(path_, segment_->uuid());
-    }
-    const std::string& stream() const override { return segment_->stream(); }
-    const Uuid& uuid() const override { return segment_->uuid(); }
-    std::uint64_t epoch() const override { return segment_->epoch(); }
-    const StreamGeometry& geometry() const override { return segment_->geometry(); }
-    const KeyDigest& key_digest() const override { return segment_->key_digest(); }
-    bool asks_for_checksums() const override { return segment_->asks_for_checksums(); }
+StreamFile::StreamFile(std::string path, std::shared_ptr<Segment> segment)
+    : path_(std::move(path)), segment_(std::move(segment)) {}
 
-    WriterState writer_state() const override;
-    std::vector<ReaderState> readers() const override;
-    void Retire() override;
-    int ReapDeadReaders(ProcessLock& lock) override;
-    bool InUse(const ProcessLock& lock) const override;
-    void Remove() override;
+StreamFile::~StreamFile() = default;
 
-private:
-    std::uint64_t Role() const {
-        // relaxed: only the name is used; nothing that the writer wrote is read on its account.
-        return segment_->words().writer_role.load(std::memory_order_relaxed);
-    }
+std::string StreamFile::control_path() const {
+    return Segment::ControlPath(path_, segment_->uuid());
+}
 
-    const std::string path_;
-    const std::shared_ptr<Segment> segment_;
-};
+const std::string& StreamFile::stream() const {
+    return segment_->stream();
+}
 
-WriterState MappedStreamFile::writer_state() const {
+const Uuid& StreamFile::uuid() const {
+    return segment_->uuid();
+}
+
+std::uint64_t StreamFile::epoch() const {
+    return segment_->epoch();
+}
+
+const StreamGeometry& StreamFile::geometry() const {
+    return segment_->geometry();
+}
+
+const KeyDigest& StreamFile::key_digest() const {
+    return segment_->key_digest();
+}
+
+bool StreamFile::asks_for_checksums() const {
+    return segment_->asks_for_checksums();
+}
+
+WriterState StreamFile::writer_state() const {
     return os::InForkedChild() ? WriterState{} : WriterStateOf(*segment_);
 }
 
-std::vector<ReaderState> MappedStreamFile::readers() const {
+std::vector<ReaderState> StreamFile::readers() const {
     return os::InForkedChild() ? std::vector<ReaderState>{} : ReaderStatesOf(*segment_);
 }
 
-void MappedStreamFile::Retire() {
+void StreamFile::Retire() {
     if (!os::InForkedChild()) {
         // relaxed: the writer may see it a write later; whether a sample was in time is a race
         // that order does not settle.
@@ -151,7 +153,7 @@ void MappedStreamFile::Retire() {
     }
 }
 
-int MappedStreamFile::ReapDeadReaders(ProcessLock& lock) {
+int StreamFile::ReapDeadReaders(ProcessLock& lock) {
     int reaped = 0;
     // Every entry, not only the used ones: a reader may have died between claim and count.
     for (std::uint32_t number = 0; !os::InForkedChild() && number < layout::kReaderEntries;
@@ -172,16 +174,17 @@ int MappedStreamFile::ReapDeadReaders(ProcessLock& lock) {
     return reaped;
 }
 
-bool MappedStreamFile::InUse(const ProcessLock& lock) const {
+bool StreamFile::InUse(const ProcessLock& lock) const {
     if (os::InForkedChild()) {
         return false;
     }
-    const std::uint64_t role = Role();
+    // relaxed: only the name is used; nothing that the writer wrote is read on its account.
+    const std::uint64_t role = segment_->words().writer_role.load(std::memory_order_relaxed);
     if (role != 0 && lock.Resolve(RoleNumber(role), RoleNonce(role))) {
         return true;
     }
     for (std::uint32_t number = 0; number < layout::kReaderEntries; ++number) {
-        // relaxed: as in Role().
+        // relaxed: as above.
         const std::uint64_t owner =
             segment_->reader_entry(number).owner.load(std::memory_order_relaxed);
         if (owner != 0 && lock.Lives(UnpackOwner(owner))) {
@@ -191,7 +194,7 @@ bool MappedStreamFile::InUse(const ProcessLock& lock) const {
     return false;
 }
 
-void MappedStreamFile::Remove() {
+void StreamFile::Remove() {
     if (os::InForkedChild()) {
         return;
     }
@@ -202,10 +205,6 @@ void MappedStreamFile::Remove() {
     KVO_CRASH_POINT("data file removed");
     UnlinkIfThere(Segment::ControlPath(path_, segment_->uuid()));
 }
-
-}  // namespace
-
-StreamFile::~StreamFile() = default;
 
 std::unique_ptr<StreamFile> StreamFile::Create(const Creation& creation) {
     if (os::InForkedChild()) {
@@ -235,7 +234,7 @@ std::unique_ptr<StreamFile> StreamFile::Create(const Creation& creation) {
     KVO_CRASH_POINT("data file filled");
     // Checked as other processes will check it, while nothing is in place yet.
     auto segment = Segment::Open(data.path(), Segment::Access::kWrite);
-    auto file = std::make_unique<MappedStreamFile>(creation.path, std::move(segment));
+    std::unique_ptr<StreamFile> file(new StreamFile(creation.path, std::move(segment)));
 
     const auto replaced = UuidAt(creation.path);
     if (::rename(data.path().c_str(), creation.path.c_str()) != 0) {
@@ -255,7 +254,8 @@ std::unique_ptr<StreamFile> StreamFile::Open(const std::string& path) {
     if (os::InForkedChild()) {
         os::ThrowErrno(EPERM, "opening " + path + " in a forked child");
     }
-    return std::make_unique<MappedStreamFile>(path, Segment::Open(path, Segment::Access::kWrite));
+    return std::unique_ptr<StreamFile>(
+        new StreamFile(path, Segment::Open(path, Segment::Access::kWrite)));
 }
 
 }  // namespace kvo

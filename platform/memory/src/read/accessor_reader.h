@@ -30,7 +30,7 @@ public:
     explicit AccessorReader(Settings settings);
 
     /// As OpenSharedMemory; a failure is logged. @return whether the file at the path is mapped.
-    bool Open();
+    [[nodiscard]] bool Open();
     void Close();
     void Reset();
     void StartReading();
@@ -45,7 +45,7 @@ public:
     };
     /// @param take  false: only counts.
     /// @param count false: `unread` may be too low.
-    Packet TakeNext(bool take, bool count);
+    [[nodiscard]] Packet TakeNext(bool take, bool count);
 
     ReaderCounters counters() const;
     DataAvailable& signal() { return signal_; }
@@ -67,10 +67,10 @@ private:
     enum class OpenOutcome { kOpened, kUnchanged, kFailed };
     enum class Wanted { kAny, kNewerEpoch };
 
-    OpenOutcome OpenPath(Wanted wanted, std::string& fault);
-    bool OpenSuccessor();
+    [[nodiscard]] OpenOutcome OpenPath(Wanted wanted, std::string& fault);
+    [[nodiscard]] bool OpenSuccessor();
     void SignalUnread();
-    bool ClaimSignal(std::uint64_t& last);
+    [[nodiscard]] bool ClaimSignal(std::uint64_t& last);
     void Log(int level, const std::string& message);
     [[gnu::cold]] void LogDamaged();
 

@@ -4,6 +4,8 @@
 #include "kvo/os/fork_guard.h"
 #include "layout/tags.h"
 
+#include <cassert>
+
 namespace kvo {
 namespace {
 
@@ -105,6 +107,7 @@ void ReaderEntry::RaiseUsedEntries() {
 
 [[gnu::hot]] ReaderEntry::PinOutcome ReaderEntry::Pin(std::uint32_t slot, std::uint64_t version,
                                                       int& pin) {
+    assert(slot < segment_->geometry().slot_count);
     int free = 0;
     while (free < usable_pins_ && (used_ >> free & 1U) != 0) {
         ++free;
@@ -138,6 +141,7 @@ void ReaderEntry::RaiseUsedEntries() {
     if (os::InForkedChild()) {
         return;
     }
+    assert((used_ >> pin & 1U) != 0);
     // [unpin] Release: a scan that loads 0 comes after everything read through this pin.
     entry_.pins[pin].store(0, std::memory_order_release);
     KVO_CRASH_POINT("pin released");

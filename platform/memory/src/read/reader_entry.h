@@ -15,7 +15,8 @@ namespace kvo {
 
 /// Takes an entry over from `owner` (as it was loaded), which must be 0 or dead; @return false:
 /// another process was faster.
-bool TakeEntryOver(layout::ReaderEntry& entry, std::uint64_t owner, const ProcessTag& own);
+[[nodiscard]] bool TakeEntryOver(layout::ReaderEntry& entry, std::uint64_t owner,
+                                 const ProcessTag& own);
 
 /// Frees an own entry, pins first.
 void ReleaseEntry(layout::ReaderEntry& entry);
@@ -35,14 +36,14 @@ public:
 
     /// Claims a free entry, or a dead reader's, those that may pin first; null: the table is full.
     /// Throws std::system_error when this process cannot join.
-    static boost::intrusive_ptr<ReaderEntry> Claim(std::shared_ptr<Segment> segment,
-                                                   std::shared_ptr<ProcessLock> lock);
+    [[nodiscard]] static boost::intrusive_ptr<ReaderEntry> Claim(std::shared_ptr<Segment> segment,
+                                                                 std::shared_ptr<ProcessLock> lock);
     ReaderEntry(const ReaderEntry&) = delete;
     ReaderEntry& operator=(const ReaderEntry&) = delete;
     [[gnu::cold]] ~ReaderEntry();
 
     /// Keeps version's content in the slot from being overwritten until Unpin(pin).
-    PinOutcome Pin(std::uint32_t slot, std::uint64_t version, int& pin);
+    [[nodiscard]] PinOutcome Pin(std::uint32_t slot, std::uint64_t version, int& pin);
     void Unpin(int pin);
 
     void PublishStatistics(const ReaderCounters& counters, std::uint64_t next_sequence);

@@ -34,7 +34,7 @@ public:
 
     /// Claims an entry of the segment's reader table, if that has not been tried before; without
     /// one every sample is copied. @return what went wrong; empty: nothing.
-    std::string ClaimEntry(const std::string& directory);
+    [[nodiscard]] std::string ClaimEntry(const std::string& directory);
 
     std::uint64_t Newest() const;
     std::uint64_t OldestRetained(std::uint64_t newest) const;
@@ -49,8 +49,9 @@ public:
     /// @param taken      its copy's memory is used again.
     /// @param damaged    gets the sequence numbers of those skipped for their checksum.
     /// @return false: there is none up to known_newest().
-    bool TakeNext(std::uint64_t max_age_ns, std::uint64_t& next, ReaderCounters& counters,
-                  TakenSample& taken, std::vector<std::uint64_t>& damaged);
+    [[nodiscard]] bool TakeNext(std::uint64_t max_age_ns, std::uint64_t& next,
+                                ReaderCounters& counters, TakenSample& taken,
+                                std::vector<std::uint64_t>& damaged);
 
     /// What TakeNext() believes to be the newest sample. It refreshes this when it needs to; a
     /// caller that wants the exact number refreshes it before.
@@ -62,9 +63,9 @@ public:
     void PublishStatistics(const ReaderCounters& counters, std::uint64_t next) const;
 
 private:
-    bool Read(std::uint64_t version, TakenSample& taken) const;
-    bool Pin(std::uint64_t version, TakenSample& taken) const;
-    bool Intact(TakenSample& taken) const;
+    [[nodiscard]] bool Read(std::uint64_t version, TakenSample& taken) const;
+    [[nodiscard]] bool Pin(std::uint64_t version, TakenSample& taken) const;
+    [[nodiscard]] bool Intact(TakenSample& taken) const;
     void Probe(std::uint64_t version);
 
     const std::shared_ptr<Segment> segment_;

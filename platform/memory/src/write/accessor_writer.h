@@ -25,7 +25,7 @@ public:
 
     /// Takes the role of the segment at the path; its geometry must be this one.
     /// @return whether this is the writer now; if not, the reason is logged.
-    bool Start(int max_payload_bytes, int max_metadata_bytes);
+    [[nodiscard]] bool Start(int max_payload_bytes, int max_metadata_bytes);
 
     /// Goes over to the segment that is at the path now; without success the old one stays.
     void Reattach();

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cassert>
 #include <cstring>
 #include <stdexcept>
 #include <string>
@@ -113,6 +114,8 @@ void SampleWriter::Recover() {
 }
 
 [[gnu::hot]] SampleWriter::Outcome SampleWriter::Write(const SampleView& sample, bool checksum) {
+    assert(sample.payload_bytes <= segment_->geometry().max_payload_bytes &&
+           sample.metadata_bytes <= segment_->geometry().max_metadata_bytes);
     // relaxed stores of counters: shown to people, nothing is decided on them.
     auto& counters = segment_->writer_counters();
     if (segment_->retired()) {
@@ -227,6 +230,7 @@ void SampleWriter::CopyPayload(unsigned char* to, const SampleView& sample) cons
         list.push_back(sample.slot);
     }
     stale_.clear();
+    assert(ring_used_ + pending_.size() + free_.size() == segment_->geometry().slot_count);
 }
 
 [[gnu::hot]] void SampleWriter::ScanPins() {

@@ -38,7 +38,7 @@ public:
     /// Never blocks, allocates nothing.
     /// @param sample sizes have been checked against the segment's geometry.
     /// @param checksum computed also where the stream does not ask for one.
-    Outcome Write(const SampleView& sample, bool checksum = false);
+    [[nodiscard]] Outcome Write(const SampleView& sample, bool checksum = false);
 
     const Segment& segment() const { return *segment_; }
     WriterCounters counters() const;

@@ -14,7 +14,7 @@ protected:
     // The reason for which the file is refused; empty: it is not.
     std::string Refusal() const {
         try {
-            StreamFile::Open(path_);
+            static_cast<void>(StreamFile::Open(path_));
             return {};
         } catch (const std::exception& error) {
             return error.what();

@@ -12,10 +12,10 @@ namespace {
 using StreamFileTest = MemoryTest;
 
 TEST_F(StreamFileTest, ImpossibleGeometriesAreRefused) {
-    EXPECT_THROW(PlanGeometry(0, 1, {}), std::invalid_argument);
-    EXPECT_THROW(PlanGeometry(1, 0, {}), std::invalid_argument);
-    EXPECT_THROW(PlanGeometry(1LL << 31, 1, {}), std::invalid_argument);
-    EXPECT_THROW(PlanGeometry(1, 1 << 20, {}), std::invalid_argument);
+    EXPECT_THROW(static_cast<void>(PlanGeometry(0, 1, {})), std::invalid_argument);
+    EXPECT_THROW(static_cast<void>(PlanGeometry(1, 0, {})), std::invalid_argument);
+    EXPECT_THROW(static_cast<void>(PlanGeometry(1LL << 31, 1, {})), std::invalid_argument);
+    EXPECT_THROW(static_cast<void>(PlanGeometry(1, 1 << 20, {})), std::invalid_argument);
 }
 
 TEST_F(StreamFileTest, CreatedFileIsReservedAndOpensAsItWasMade) {
@@ -37,7 +37,7 @@ TEST_F(StreamFileTest, CreatedFileIsReservedAndOpensAsItWasMade) {
     ASSERT_EQ(::stat(path_.c_str(), &status), 0);
     EXPECT_GE(static_cast<std::uint64_t>(status.st_blocks) * 512, creation.geometry.file_bytes);
     creation.stream += 's';
-    EXPECT_THROW(StreamFile::Create(creation), std::invalid_argument);
+    EXPECT_THROW(static_cast<void>(StreamFile::Create(creation)), std::invalid_argument);
 }
 
 TEST_F(StreamFileTest, SuccessorReplacesThePairAndOutlivesTheRemovalOfTheOld) {

@@ -23,7 +23,7 @@ public:
     /// Copies the sample into the next free slot and makes it the newest. @return false: it is
     /// not there, since it does not fit its slot, the file is retired, or hostile readers hold
     /// every slot. Never blocks.
-    bool Write(const SampleView& sample);
+    [[nodiscard]] bool Write(const SampleView& sample);
 
 private:
     class Impl;

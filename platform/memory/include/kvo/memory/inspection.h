@@ -41,11 +41,11 @@ struct FileReport {
 /// Throws std::runtime_error naming file and fault when the header or the control file cannot be
 /// used. Processes of the caller's own process count as dead: the kernel shows no process its own
 /// locks. Threads: any.
-KVO_MEMORY_EXPORT FileReport InspectStreamFile(const std::string& path);
+[[nodiscard]] KVO_MEMORY_EXPORT FileReport InspectStreamFile(const std::string& path);
 
 /// What is wrong with a file: one sentence for each rule of docs/stream-file.md that is broken,
 /// none for a sound one. With a living writer or reader the rules are checked again for some
 /// time, since their steps can be seen half done. Throws as InspectStreamFile.
-KVO_MEMORY_EXPORT std::vector<std::string> CheckStreamFile(const std::string& path);
+[[nodiscard]] KVO_MEMORY_EXPORT std::vector<std::string> CheckStreamFile(const std::string& path);
 
 }  // namespace kvo

@@ -107,7 +107,7 @@ public:
     /// Leaves the segment; samples that were handed out stay valid.
     void CloseSharedMemory();
     /// @return 1 opened (or already the current one: nothing changes), -1 failed: nothing changes.
-    int OpenSharedMemory();
+    [[nodiscard]] int OpenSharedMemory();
     /// Begins anew when the epoch has changed; keeps its place when it has not.
     void Reset();
 

@@ -47,9 +47,9 @@ struct SpareSlots {
 
 /// Plans a segment; throws std::invalid_argument naming the value and the limit when a value is
 /// below 1 or the slots are too many for the layout.
-KVO_MEMORY_EXPORT StreamGeometry PlanGeometry(std::int64_t max_payload_bytes,
-                                              std::int64_t retained_samples,
-                                              const SpareSlots& spare);
+[[nodiscard]] KVO_MEMORY_EXPORT StreamGeometry PlanGeometry(std::int64_t max_payload_bytes,
+                                                            std::int64_t retained_samples,
+                                                            const SpareSlots& spare);
 
 struct WriterState {
     bool retired = false;
@@ -75,6 +75,8 @@ struct ReaderState {
     std::uint64_t checksum_failures = 0;
 };
 
+class Segment;
+
 /// The broker's hold on one segment: data file and control file, mapped for writing.
 /// Threads: one at a time.
 class KVO_MEMORY_EXPORT StreamFile {
@@ -90,33 +92,41 @@ public:
     };
     /// Makes both files with their whole size reserved and puts them in place; ready last. Throws
     /// std::system_error (ENOSPC: no room) and then leaves nothing behind and the old file alone.
-    static std::unique_ptr<StreamFile> Create(const Creation& creation);
+    [[nodiscard]] static std::unique_ptr<StreamFile> Create(const Creation& creation);
 
     /// Opens an existing pair and checks it; throws std::runtime_error naming file and fault.
-    static std::unique_ptr<StreamFile> Open(const std::string& path);
+    [[nodiscard]] static std::unique_ptr<StreamFile> Open(const std::string& path);
 
-    virtual ~StreamFile();
+    StreamFile(const StreamFile&) = delete;
+    StreamFile& operator=(const StreamFile&) = delete;
+    ~StreamFile();
 
-    virtual const std::string& path() const = 0;  // of the data file
-    virtual std::string control_path() const = 0;
-    virtual const std::string& stream() const = 0;
-    virtual const Uuid& uuid() const = 0;
-    virtual std::uint64_t epoch() const = 0;
-    virtual const StreamGeometry& geometry() const = 0;
-    virtual const KeyDigest& key_digest() const = 0;
-    virtual bool asks_for_checksums() const = 0;
+    const std::string& path() const { return path_; }  // of the data file
+    std::string control_path() const;
+    const std::string& stream() const;
+    const Uuid& uuid() const;
+    std::uint64_t epoch() const;
+    const StreamGeometry& geometry() const;
+    const KeyDigest& key_digest() const;
+    bool asks_for_checksums() const;
 
-    virtual WriterState writer_state() const = 0;
-    virtual std::vector<ReaderState> readers() const = 0;
+    WriterState writer_state() const;
+    std::vector<ReaderState> readers() const;
 
     /// No sample is written from now on; the writer learns it at its next write.
-    virtual void Retire() = 0;
+    void Retire();
     /// Frees the entries of dead readers; @return how many.
-    virtual int ReapDeadReaders(ProcessLock& lock) = 0;
+    int ReapDeadReaders(ProcessLock& lock);
     /// Whether the writer's or a reader's process lives.
-    virtual bool InUse(const ProcessLock& lock) const = 0;
+    [[nodiscard]] bool InUse(const ProcessLock& lock) const;
     /// Unlinks the control file, and the data file if the path still names this segment.
-    virtual void Remove() = 0;
+    void Remove();
+
+private:
+    StreamFile(std::string path, std::shared_ptr<Segment> segment);
+
+    const std::string path_;
+    const std::shared_ptr<Segment> segment_;
 };
 
 }  // namespace kvo
