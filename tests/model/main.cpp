@@ -34,13 +34,13 @@ constexpr unsigned kPso = 4;
 constexpr unsigned kAll = kSc | kTso | kPso;
 
 constexpr Configuration kSmall{
-    .retained = 1, .rows = 1, .batch = 2, .samples = 3, .readers = 1, .reads = 2};
+    .retained = 1, .entries = 1, .batch = 2, .samples = 3, .readers = 1, .reads = 2};
 constexpr Configuration kCopying{.samples = 3, .reads = 2, .copies = true};
 constexpr Configuration kCompeting{.samples = 3, .readers = 2, .reads = 2};
-constexpr Configuration kTwoRows{.rows = 2, .samples = 2, .readers = 2};
+constexpr Configuration kTwoEntries{.entries = 2, .samples = 2, .readers = 2};
 constexpr Configuration kTakenOver{.samples = 3, .writer_crashes = true};
 constexpr Configuration kReaped{.samples = 2, .readers = 2, .reader_crashes = 1, .reapers = 1};
-constexpr Configuration EverybodyCrashes(unsigned readers) {
+constexpr Configuration AllCrash(unsigned readers) {
     return {.samples = 2,
             .readers = readers,
             .copies = true,
@@ -62,15 +62,15 @@ std::vector<Case> Cases() {
     return {
         {"one reader, two samples each", kSmall, kAll, kAll},
         {"one reader that also copies", kCopying, kAll, kAll},
-        {"two readers, one row", kCompeting, kAll, kAll},
-        {"two readers, one row, two samples retained", two_retained, kAll, kAll},
-        {"two readers, two rows", kTwoRows, kAll, kAll},
+        {"two readers, one entry", kCompeting, kAll, kAll},
+        {"two readers, one entry, two samples retained", two_retained, kAll, kAll},
+        {"two readers, two entries", kTwoEntries, kAll, kAll},
         {"one reader, the writer is replaced", kTakenOver, kAll, kAll},
         {"two readers that crash and return, a reaper", kReaped, kAll, kSc | kTso},
         {"two readers and the writer crash", writer_too, kAll, kSc | kTso},
-        {"one reader, everybody crashes", EverybodyCrashes(1), kAll, kAll},
+        {"one reader, all crash", AllCrash(1), kAll, kAll},
         {"two readers, two reapers, all crash", two_reapers, kAll, kSc},
-        {"two readers, everybody crashes", EverybodyCrashes(2), kSc, 0},
+        {"two readers, all crash", AllCrash(2), kSc, 0},
     };
 }
 
@@ -86,22 +86,23 @@ std::vector<Seed> Seeds() {
         {"pin not awaited", Mistake::kPinNotSequential, kSmall, kTso | kPso},
         {"round not awaited", Mistake::kRoundNotSequential, kSmall, kTso | kPso},
         {"closed relaxed", Mistake::kClosedRelaxed, kSmall, kPso},
-        {"no second look", Mistake::kNoSecondLook, kSmall, kAll},
-        {"copy without second look", Mistake::kCopyWithoutSecondLook, kCopying, kAll},
-        {"mark loaded before closing", Mistake::kMarkLoadedBeforeClosing, kSmall, kAll},
+        {"no second load", Mistake::kNoSecondLoad, kSmall, kAll},
+        {"copy without second load", Mistake::kCopyWithoutSecondLoad, kCopying, kAll},
+        {"used entries loaded before closing", Mistake::kUsedEntriesLoadedBeforeClosing, kSmall,
+         kAll},
         {"scan before closing", Mistake::kScanBeforeClosing, kSmall, kAll},
-        {"mark raised after the pin", Mistake::kMarkRaisedAfterPin, kSmall, kAll},
-        {"mark raised by a store", Mistake::kMarkRaisedByStore, kTwoRows, kAll},
-        {"stock left valid", Mistake::kStockLeftValid, kSmall, kAll},
-        {"successor trusts the stock", Mistake::kSuccessorTrustsStock, kTakenOver, kAll},
+        {"used entries raised after the pin", Mistake::kUsedEntriesRaisedAfterPin, kSmall, kAll},
+        {"used entries raised by a store", Mistake::kUsedEntriesRaisedByStore, kTwoEntries, kAll},
+        {"free slots left valid", Mistake::kFreeLeftValid, kSmall, kAll},
+        {"successor trusts the free list", Mistake::kSuccessorTrustsFree, kTakenOver, kAll},
         {"owner cleared before the pin", Mistake::kOwnerClearedBeforePin, kCompeting, kAll},
         {"owner cleared relaxed", Mistake::kOwnerClearedRelaxed, kCompeting, kPso},
         {"valid relaxed", Mistake::kValidRelaxed, kSmall, kPso},
         {"payload not after writing", Mistake::kPayloadNotAfterWriting, kCopying, kPso},
-        {"row claimed by a store", Mistake::kClaimByStore, kCompeting, kAll},
+        {"entry claimed by a store", Mistake::kClaimByStore, kCompeting, kAll},
         {"living reader reaped", Mistake::kLiveReaderReaped, kCompeting, kAll},
         {"reapers without taking over", Mistake::kReapersPlainStores, kReaped, kAll},
-        {"reaper stops at the mark", Mistake::kReaperStopsAtMark, kReaped, kAll},
+        {"reaper stops at the used entries", Mistake::kReaperStopsAtUsedEntries, kReaped, kAll},
         {"one slot short", Mistake::kSlotShort, kSmall, kAll},
         {"one of the newest closed", Mistake::kNewestClosed, kSmall, kAll},
     };

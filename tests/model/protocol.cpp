@@ -21,18 +21,18 @@ constexpr SlotState StateOf(std::uint8_t word) {
 // Cells
 constexpr std::uint8_t kHead = 0;
 constexpr std::uint8_t kRound = 1;
-constexpr std::uint8_t kMark = 2;
+constexpr std::uint8_t kUsedEntries = 2;
 constexpr std::uint8_t WordCell(unsigned slot) {
     return static_cast<std::uint8_t>(3 + slot);
 }
 constexpr std::uint8_t PayloadCell(unsigned slot, unsigned half) {
     return static_cast<std::uint8_t>(3 + kMaxSlots + 2 * slot + half);
 }
-constexpr std::uint8_t OwnerCell(unsigned row) {
-    return static_cast<std::uint8_t>(3 + 3 * kMaxSlots + row);
+constexpr std::uint8_t OwnerCell(unsigned entry) {
+    return static_cast<std::uint8_t>(3 + 3 * kMaxSlots + entry);
 }
-constexpr std::uint8_t PinCell(unsigned row) {
-    return static_cast<std::uint8_t>(3 + 3 * kMaxSlots + kMaxRows + row);
+constexpr std::uint8_t PinCell(unsigned entry) {
+    return static_cast<std::uint8_t>(3 + 3 * kMaxSlots + kMaxEntries + entry);
 }
 
 // Threads: the writer, its successor, up to two readers, up to two reapers.
@@ -55,33 +55,33 @@ enum Step : std::uint8_t {
     kMoveHead,
     kClose,
     kNextRound,
-    kLoadMark,
+    kLoadScanLimit,
     kScan,
     // Reader
-    kLookAtRow,
-    kTakeRow,
+    kLoadOwner,
+    kTakeEntry,
     kClearTakenPin,
-    kLookAtMark,
-    kRaiseMark,
+    kLoadUsedEntries,
+    kRaiseUsedEntries,
     kChoose,
     kPin,
-    kLookAgain,
+    kLoadAgain,
     kReadFirst,
     kReadSecond,
     kUnpin,
     kCopyFirst,
     kCopySecond,
-    kCopyLookAgain,
+    kCopyLoadAgain,
     kRelease,
     kReleasePinLate,
     // Reaper
-    kReapLook,
+    kReapLoad,
     kReapTake,
     kReapPin,
     kReapOwner,
 };
 
-enum Place : std::uint8_t { kRing, kStale, kPending, kStock };
+enum Place : std::uint8_t { kRing, kStale, kPending, kFree };
 
 constexpr const char* kFaults[] = {
     nullptr,
@@ -89,15 +89,15 @@ constexpr const char* kFaults[] = {
     "a copied sample holds other bytes",
     "the writer has no slot",
     "one of the newest samples is not readable",
-    "a row that is in use belongs to somebody else",
-    "a row or a pin is left at the end",
+    "an entry that is in use belongs to another process",
+    "an entry or a pin is left at the end",
 };
 enum FaultNumber : std::uint32_t {
     kTorn = 1,
     kTornCopy,
     kNoSlot,
     kNotRetained,
-    kStolenRow,
+    kStolenEntry,
     kLeft,
 };
 
@@ -113,7 +113,7 @@ public:
 
     /// One step; false: the thread can make none now. @param choice where it has one.
     bool Run(unsigned choice);
-    /// Writer: takes a slot for the next sample, or begins a refill.
+    /// Writer: takes a slot for the next sample, or begins a reclaim.
     void Begin();
 
 private:
@@ -124,10 +124,14 @@ private:
     void Sort();
     void AfterPublish();
     void TakeOver();
-    void NextRow(Step look, Step when_all);
+    void NextEntry(Step load, Step when_all);
 
-    Step AfterClaim() const { return Is(Mistake::kMarkRaisedAfterPin) ? kChoose : kLookAtMark; }
-    Step AfterMark() const { return Is(Mistake::kMarkRaisedAfterPin) ? kReadFirst : kChoose; }
+    Step AfterClaim() const {
+        return Is(Mistake::kUsedEntriesRaisedAfterPin) ? kChoose : kLoadUsedEntries;
+    }
+    Step AfterUsedEntries() const {
+        return Is(Mistake::kUsedEntriesRaisedAfterPin) ? kReadFirst : kChoose;
+    }
 
     bool Is(Mistake mistake) const { return c.mistake == mistake; }
     bool Dead(std::uint8_t process) const { return (s.dead >> process & 1) != 0; }
@@ -189,24 +193,24 @@ void Machine::Begin() {
         t.step = kDone;
         return;
     }
-    if (CountPlace(c, t, kStock) == 0 || CountPlace(c, t, kStale) >= c.batch) {
-        t.step = Is(Mistake::kScanBeforeClosing) || Is(Mistake::kMarkLoadedBeforeClosing)
-                     ? kLoadMark
+    if (CountPlace(c, t, kFree) == 0 || CountPlace(c, t, kStale) >= c.batch) {
+        t.step = Is(Mistake::kScanBeforeClosing) || Is(Mistake::kUsedEntriesLoadedBeforeClosing)
+                     ? kLoadScanLimit
                      : kClose;
         return;
     }
-    t.slot = static_cast<std::uint8_t>(Extreme(c, t, kStock, true));
+    t.slot = static_cast<std::uint8_t>(Extreme(c, t, kFree, true));
     t.step = kBegin;
 }
 
 void Machine::Sort() {
     for (unsigned slot = 0; slot < c.slots(); ++slot) {
         if (t.places[slot] == kStale || t.places[slot] == kPending) {
-            t.places[slot] = (t.busy >> slot & 1) != 0 ? kPending : kStock;
+            t.places[slot] = (t.busy >> slot & 1) != 0 ? kPending : kFree;
         }
     }
     t.busy = 0;
-    if (CountPlace(c, t, kStock) == 0) {
+    if (CountPlace(c, t, kFree) == 0) {
         s.fault = kNoSlot;
     }
     Begin();
@@ -229,7 +233,7 @@ void Machine::TakeOver() {
     for (unsigned slot = 0; slot < c.slots(); ++slot) {
         const bool valid = StateOf(t.words[slot]) == kValid;
         newest = std::max(newest, VersionOf(t.words[slot]));
-        t.places[slot] = valid ? kRing : Is(Mistake::kSuccessorTrustsStock) ? kStock : kPending;
+        t.places[slot] = valid ? kRing : Is(Mistake::kSuccessorTrustsFree) ? kFree : kPending;
     }
     while (CountPlace(c, t, kRing) > c.retained) {
         t.places[Extreme(c, t, kRing, false)] = kStale;
@@ -297,7 +301,7 @@ bool Machine::Writer() {
             return true;
         case kClose: {
             const unsigned slot = Extreme(c, t, kStale, false);
-            if (slot == kMaxSlots || Is(Mistake::kStockLeftValid)) {
+            if (slot == kMaxSlots || Is(Mistake::kFreeLeftValid)) {
                 if (Is(Mistake::kScanBeforeClosing)) {
                     Sort();
                 } else {
@@ -325,23 +329,24 @@ bool Machine::Writer() {
                 StoreNow(kRound, t.round + 1U);
             }
             ++t.round;
-            t.step = Is(Mistake::kMarkLoadedBeforeClosing) ? kScan : kLoadMark;
+            t.step = Is(Mistake::kUsedEntriesLoadedBeforeClosing) ? kScan : kLoadScanLimit;
             return true;
-        case kLoadMark:
-            t.limit = std::min<std::uint8_t>(Load(kMark), static_cast<std::uint8_t>(c.rows));
-            t.row = 0;
-            t.step = Is(Mistake::kMarkLoadedBeforeClosing) ? kClose : kScan;
+        case kLoadScanLimit:
+            t.limit =
+                std::min<std::uint8_t>(Load(kUsedEntries), static_cast<std::uint8_t>(c.entries));
+            t.entry = 0;
+            t.step = Is(Mistake::kUsedEntriesLoadedBeforeClosing) ? kClose : kScan;
             return true;
         case kScan: {
-            if (t.row < t.limit) {
-                const std::uint8_t pin = Load(PinCell(t.row));
+            if (t.entry < t.limit) {
+                const std::uint8_t pin = Load(PinCell(t.entry));
                 if (pin != 0) {
                     t.busy = static_cast<std::uint8_t>(t.busy | 1U << (pin - 1));
                 }
-                ++t.row;
+                ++t.entry;
             }
-            if (t.row >= t.limit) {
-                t.row = 0;
+            if (t.entry >= t.limit) {
+                t.entry = 0;
                 t.limit = 0;
                 if (Is(Mistake::kScanBeforeClosing)) {
                     t.step = kClose;
@@ -356,69 +361,69 @@ bool Machine::Writer() {
     }
 }
 
-void Machine::NextRow(Step look, Step when_all) {
+void Machine::NextEntry(Step load, Step when_all) {
     t.seen = 0;
-    if (++t.row < c.rows) {
-        t.step = look;
+    if (++t.entry < c.entries) {
+        t.step = load;
     } else {
-        t.row = kMaxRows;
+        t.entry = kMaxEntries;
         t.step = when_all;
     }
 }
 
 bool Machine::Reader(unsigned choice) {
-    const bool has_row = t.row < kMaxRows;
+    const bool has_row = t.entry < kMaxEntries;
     if (t.step >= kClearTakenPin && t.step <= kRelease && has_row &&
-        s.cells[OwnerCell(t.row)] != t.process) {
-        s.fault = kStolenRow;
+        s.cells[OwnerCell(t.entry)] != t.process) {
+        s.fault = kStolenEntry;
     }
     switch (t.step) {
-        case kLookAtRow: {
-            const std::uint8_t owner = Load(OwnerCell(t.row));
+        case kLoadOwner: {
+            const std::uint8_t owner = Load(OwnerCell(t.entry));
             if (owner != 0 && !Dead(owner) && !Is(Mistake::kLiveReaderReaped)) {
-                NextRow(kLookAtRow, kChoose);
+                NextEntry(kLoadOwner, kChoose);
             } else {
                 t.seen = owner;
-                t.step = kTakeRow;
+                t.step = kTakeEntry;
             }
             return true;
         }
-        case kTakeRow:
+        case kTakeEntry:
             if (!Drained()) {
                 return false;
             }
-            if (s.cells[OwnerCell(t.row)] != t.seen && !Is(Mistake::kClaimByStore)) {
-                NextRow(kLookAtRow, kChoose);
+            if (s.cells[OwnerCell(t.entry)] != t.seen && !Is(Mistake::kClaimByStore)) {
+                NextEntry(kLoadOwner, kChoose);
                 return true;
             }
-            StoreNow(OwnerCell(t.row), t.process);
+            StoreNow(OwnerCell(t.entry), t.process);
             t.step = t.seen != 0 ? kClearTakenPin : AfterClaim();
             t.seen = 0;
             return true;
         case kClearTakenPin:
-            if (!Store(PinCell(t.row), 0, true)) {
+            if (!Store(PinCell(t.entry), 0, true)) {
                 return false;
             }
             t.step = AfterClaim();
             return true;
-        case kLookAtMark:
-            t.seen = Load(kMark);
-            if (t.seen > t.row) {
+        case kLoadUsedEntries:
+            t.seen = Load(kUsedEntries);
+            if (t.seen > t.entry) {
                 t.seen = 0;
-                t.step = AfterMark();
+                t.step = AfterUsedEntries();
             } else {
-                t.step = kRaiseMark;
+                t.step = kRaiseUsedEntries;
             }
             return true;
-        case kRaiseMark:
+        case kRaiseUsedEntries:
             if (!Drained()) {
                 return false;
             }
-            if (s.cells[kMark] == t.seen || Is(Mistake::kMarkRaisedByStore)) {
-                StoreNow(kMark, t.row + 1U);
-                t.step = AfterMark();
+            if (s.cells[kUsedEntries] == t.seen || Is(Mistake::kUsedEntriesRaisedByStore)) {
+                StoreNow(kUsedEntries, t.entry + 1U);
+                t.step = AfterUsedEntries();
             } else {
-                t.step = kLookAtMark;
+                t.step = kLoadUsedEntries;
             }
             t.seen = 0;
             return true;
@@ -448,21 +453,21 @@ bool Machine::Reader(unsigned choice) {
         }
         case kPin:
             if (Is(Mistake::kPinNotSequential)) {
-                if (!Store(PinCell(t.row), t.slot + 1U, true)) {
+                if (!Store(PinCell(t.entry), t.slot + 1U, true)) {
                     return false;
                 }
             } else {
                 if (!Drained()) {
                     return false;
                 }
-                StoreNow(PinCell(t.row), t.slot + 1U);
+                StoreNow(PinCell(t.entry), t.slot + 1U);
             }
-            t.step = Is(Mistake::kNoSecondLook) ? kReadFirst : kLookAgain;
+            t.step = Is(Mistake::kNoSecondLoad) ? kReadFirst : kLoadAgain;
             return true;
-        case kLookAgain:
-            t.step = Load(WordCell(t.slot)) != t.word   ? kUnpin
-                     : Is(Mistake::kMarkRaisedAfterPin) ? kLookAtMark
-                                                        : kReadFirst;
+        case kLoadAgain:
+            t.step = Load(WordCell(t.slot)) != t.word          ? kUnpin
+                     : Is(Mistake::kUsedEntriesRaisedAfterPin) ? kLoadUsedEntries
+                                                               : kReadFirst;
             return true;
         case kReadFirst:
         case kReadSecond:
@@ -472,9 +477,9 @@ bool Machine::Reader(unsigned choice) {
             t.step = t.step == kReadFirst ? kReadSecond : kUnpin;
             return true;
         case kUnpin: {
-            // With the mistake the last pin is given up after the row.
+            // With the mistake the last pin is given up after the entry.
             const bool late = Is(Mistake::kOwnerClearedBeforePin) && t.rounds == 1;
-            if (!late && !Store(PinCell(t.row), 0, true)) {
+            if (!late && !Store(PinCell(t.entry), 0, true)) {
                 return false;
             }
             t.slot = t.word = 0;
@@ -488,16 +493,16 @@ bool Machine::Reader(unsigned choice) {
             return true;
         case kCopySecond: {
             const std::uint8_t second = Load(PayloadCell(t.slot, 1));
-            // Two halves that agree are the version they name; else nobody's.
+            // Two halves that agree are the version they name; else of none.
             t.copied = second == t.copied ? t.copied : std::uint8_t{0};
-            t.step = kCopyLookAgain;
+            t.step = kCopyLoadAgain;
             return true;
         }
-        case kCopyLookAgain: {
+        case kCopyLoadAgain: {
             const std::uint8_t word = Load(WordCell(t.slot));
             const bool good = VersionOf(word) == VersionOf(t.word) &&
                               (StateOf(word) == kValid || StateOf(word) == kClosed);
-            if ((good || Is(Mistake::kCopyWithoutSecondLook)) && t.copied != VersionOf(t.word)) {
+            if ((good || Is(Mistake::kCopyWithoutSecondLoad)) && t.copied != VersionOf(t.word)) {
                 s.fault = kTornCopy;
             }
             t.slot = t.word = t.copied = 0;
@@ -506,21 +511,21 @@ bool Machine::Reader(unsigned choice) {
             return true;
         }
         case kRelease:
-            if (!Store(OwnerCell(t.row), 0, !Is(Mistake::kOwnerClearedRelaxed))) {
+            if (!Store(OwnerCell(t.entry), 0, !Is(Mistake::kOwnerClearedRelaxed))) {
                 return false;
             }
             if (Is(Mistake::kOwnerClearedBeforePin)) {
                 t.step = kReleasePinLate;
             } else {
-                t.row = kMaxRows;
+                t.entry = kMaxEntries;
                 t.step = kDone;
             }
             return true;
         case kReleasePinLate:
-            if (!Store(PinCell(t.row), 0, true)) {
+            if (!Store(PinCell(t.entry), 0, true)) {
                 return false;
             }
-            t.row = kMaxRows;
+            t.entry = kMaxEntries;
             t.step = kDone;
             return true;
         default:
@@ -530,19 +535,19 @@ bool Machine::Reader(unsigned choice) {
 
 bool Machine::Reaper() {
     const auto next = [&] {
-        NextRow(kReapLook, kDone);
+        NextEntry(kReapLoad, kDone);
         if (t.step == kDone && --t.rounds > 0) {
-            t.row = 0;
-            t.step = kReapLook;
+            t.entry = 0;
+            t.step = kReapLoad;
         }
     };
     switch (t.step) {
-        case kReapLook: {
-            if (Is(Mistake::kReaperStopsAtMark) && t.row >= Load(kMark)) {
+        case kReapLoad: {
+            if (Is(Mistake::kReaperStopsAtUsedEntries) && t.entry >= Load(kUsedEntries)) {
                 next();
                 return true;
             }
-            const std::uint8_t owner = Load(OwnerCell(t.row));
+            const std::uint8_t owner = Load(OwnerCell(t.entry));
             if (owner == 0 || (!Dead(owner) && !Is(Mistake::kLiveReaderReaped))) {
                 next();
             } else {
@@ -555,8 +560,8 @@ bool Machine::Reaper() {
             if (!Drained()) {
                 return false;
             }
-            if (s.cells[OwnerCell(t.row)] == t.seen) {
-                StoreNow(OwnerCell(t.row), t.process);
+            if (s.cells[OwnerCell(t.entry)] == t.seen) {
+                StoreNow(OwnerCell(t.entry), t.process);
                 t.seen = 0;
                 t.step = kReapPin;
             } else {
@@ -564,13 +569,13 @@ bool Machine::Reaper() {
             }
             return true;
         case kReapPin:
-            if (!Store(PinCell(t.row), 0, true)) {
+            if (!Store(PinCell(t.entry), 0, true)) {
                 return false;
             }
             t.step = kReapOwner;
             return true;
         case kReapOwner:
-            if (!Store(OwnerCell(t.row), 0, true)) {
+            if (!Store(OwnerCell(t.entry), 0, true)) {
                 return false;
             }
             next();
@@ -631,7 +636,7 @@ void Return(const Configuration& c, State& s, unsigned index, const Thread& befo
     t.process = static_cast<std::uint8_t>(before.process + kThreads);
     t.crashes = static_cast<std::uint8_t>(before.crashes - 1U);
     t.rounds = static_cast<std::uint8_t>(c.reads);
-    t.step = kLookAtRow;
+    t.step = kLoadOwner;
 }
 
 }  // namespace
@@ -642,13 +647,13 @@ State Initial(const Configuration& c) {
     writer.process = ProcessOf(kWriter, 0);
     writer.crashes = c.writer_crashes;
     writer.rounds = static_cast<std::uint8_t>(c.samples);
-    // As after one round: the newest samples in the ring, a full batch stale, the rest in stock.
+    // As after one round: the newest samples in the ring, a full batch stale, the rest free.
     for (unsigned slot = 0; slot < c.slots(); ++slot) {
         const unsigned age = c.slots() - 1 - slot;  // in samples
-        const bool stocked = age >= c.retained + c.batch;
+        const bool free = age >= c.retained + c.batch;
         const unsigned version = slot + 1;
-        writer.places[slot] = age < c.retained ? kRing : stocked ? kStock : kStale;
-        writer.words[slot] = Pack(version, stocked ? kClosed : kValid);
+        writer.places[slot] = age < c.retained ? kRing : free ? kFree : kStale;
+        writer.words[slot] = Pack(version, free ? kClosed : kValid);
         s.cells[WordCell(slot)] = writer.words[slot];
         s.cells[PayloadCell(slot, 0)] = s.cells[PayloadCell(slot, 1)] =
             static_cast<std::uint8_t>(version);
@@ -665,7 +670,7 @@ State Initial(const Configuration& c) {
             continue;
         }
         t.process = ProcessOf(i, 0);
-        t.step = reader ? kLookAtRow : kReapLook;
+        t.step = reader ? kLoadOwner : kReapLoad;
         t.crashes = static_cast<std::uint8_t>(reader ? c.reader_crashes : c.reaper_crashes);
         t.rounds = static_cast<std::uint8_t>(reader ? c.reads : 1);
     }
@@ -710,11 +715,12 @@ const char* Fault(const Configuration& c, const State& s) {
 }
 
 const char* FaultAtEnd(const Configuration& c, const State& state) {
-    for (unsigned row = 0; row < c.rows; ++row) {
-        const std::uint8_t owner = state.cells[OwnerCell(row)];
-        const bool reaped = owner != 0 && (state.dead >> owner & 1) != 0 &&
-                            (c.mistake != Mistake::kReaperStopsAtMark || row < state.cells[kMark]);
-        if (!reaped && (owner != 0 || state.cells[PinCell(row)] != 0)) {
+    for (unsigned entry = 0; entry < c.entries; ++entry) {
+        const std::uint8_t owner = state.cells[OwnerCell(entry)];
+        const bool reaped =
+            owner != 0 && (state.dead >> owner & 1) != 0 &&
+            (c.mistake != Mistake::kReaperStopsAtUsedEntries || entry < state.cells[kUsedEntries]);
+        if (!reaped && (owner != 0 || state.cells[PinCell(entry)] != 0)) {
             return kFaults[kLeft];
         }
     }

@@ -9,25 +9,25 @@ namespace kvo::model {
 /// What can be got wrong. Each one must be found by the search.
 enum class Mistake {
     kNone,
-    kPinNotSequential,         // the pin's store is not awaited before the second look
-    kRoundNotSequential,       // the store between closing and scanning is not awaited
-    kClosedRelaxed,            // closing may become visible before the newer sample
-    kNoSecondLook,             // after pinning the word is not looked at again
-    kCopyWithoutSecondLook,    // after copying neither
-    kMarkLoadedBeforeClosing,  // the scan's bound is older than the closing
+    kPinNotSequential,                // the pin's store is not awaited before the second load
+    kRoundNotSequential,              // the store between closing and scanning is not awaited
+    kClosedRelaxed,                   // closing may become visible before the newer sample
+    kNoSecondLoad,                    // after pinning the word is not loaded again
+    kCopyWithoutSecondLoad,           // after copying neither
+    kUsedEntriesLoadedBeforeClosing,  // the scan's bound is older than the closing
     kScanBeforeClosing,
-    kMarkRaisedAfterPin,
-    kMarkRaisedByStore,      // by load and store instead of compare and exchange
-    kStockLeftValid,         // slots are reused without having been closed
-    kSuccessorTrustsStock,   // a new writer reuses what is not valid without a scan
-    kOwnerClearedBeforePin,  // a reader gives its row back too early
+    kUsedEntriesRaisedAfterPin,
+    kUsedEntriesRaisedByStore,  // by load and store instead of compare and exchange
+    kFreeLeftValid,             // slots are reused without having been closed
+    kSuccessorTrustsFree,       // a new writer reuses what is not valid without a scan
+    kOwnerClearedBeforePin,     // a reader gives its entry back too early
     kOwnerClearedRelaxed,
     kValidRelaxed,            // a slot may become valid before its payload is there
     kPayloadNotAfterWriting,  // or its payload change before it is marked
-    kClaimByStore,            // a row is claimed by load and store
+    kClaimByStore,            // an entry is claimed by load and store
     kLiveReaderReaped,
-    kReapersPlainStores,  // two reapers clear a row without taking it over
-    kReaperStopsAtMark,
+    kReapersPlainStores,  // two reapers clear an entry without taking it over
+    kReaperStopsAtUsedEntries,
     kSlotShort,     // N + Z * P slots
     kNewestClosed,  // one of the newest N is closed
 };
@@ -36,11 +36,11 @@ struct Configuration {
     MemoryModel memory = MemoryModel::kSc;
     Mistake mistake = Mistake::kNone;
     unsigned retained = 1;  // N
-    unsigned rows = 1;      // Z; a reader has one pin
+    unsigned entries = 1;   // Z; a reader has one pin
     unsigned batch = 2;     // B
     unsigned samples = 3;   // written in the search, after every slot has been used once
     unsigned readers = 1;
-    unsigned reads = 1;           // of each reader before it gives its row back
+    unsigned reads = 1;           // of each reader before it gives its entry back
     bool copies = false;          // readers without a pin copy
     unsigned reader_crashes = 0;  // of each, which then returns under another identity
     bool writer_crashes = false;  // a successor takes over
@@ -48,7 +48,7 @@ struct Configuration {
     unsigned reaper_crashes = 0;
 
     unsigned slots() const {
-        return retained + rows + (mistake == Mistake::kSlotShort ? 0 : batch);
+        return retained + entries + (mistake == Mistake::kSlotShort ? 0 : batch);
     }
 };
 

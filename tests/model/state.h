@@ -13,9 +13,9 @@ namespace kvo::model {
 enum class MemoryModel { kSc, kTso, kPso };
 
 inline constexpr unsigned kMaxSlots = 7;
-inline constexpr unsigned kMaxRows = 2;
+inline constexpr unsigned kMaxEntries = 2;
 inline constexpr unsigned kThreads = 6;
-inline constexpr unsigned kCells = 3 * kMaxSlots + 2 * kMaxRows + 3;
+inline constexpr unsigned kCells = 3 * kMaxSlots + 2 * kMaxEntries + 3;
 inline constexpr unsigned kBufferEntries = 8;
 
 struct BufferedStore {
@@ -27,17 +27,17 @@ inline constexpr std::uint8_t kFence = 0xFF;
 
 struct Thread {
     std::uint8_t step;     // of its program; meaning in protocol.cpp
-    std::uint8_t process;  // who it is now; 0: not started
+    std::uint8_t process;  // its identity now; 0: not started
     std::uint8_t crashes;  // it may still have
     std::uint8_t rounds;   // samples to read, passes to make
-    std::uint8_t row;      // reader, reaper: where it is; kMaxRows: none
+    std::uint8_t entry;    // reader, reaper: where it is; kMaxEntries: none
     std::uint8_t slot;     // in hand
-    std::uint8_t word;     // as seen at the first look
+    std::uint8_t word;     // as first loaded
     std::uint8_t seen;     // last value loaded that is needed later
     std::uint8_t copied;   // payload half that was copied
     std::uint8_t busy;     // writer: slots that the scan has named, one bit each
     std::uint8_t version;  // writer: of the next sample
-    std::uint8_t limit;    // writer: rows to scan
+    std::uint8_t limit;    // writer: entries to scan
     std::uint8_t round;    // writer: scans begun
     std::array<std::uint8_t, kMaxSlots> words;   // writer: of the slots, as it knows them
     std::array<std::uint8_t, kMaxSlots> places;  // writer: Place of the slots
