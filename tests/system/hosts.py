@@ -25,7 +25,7 @@ class Hosts:
                 self._connect(number)
         except subprocess.CalledProcessError:
             self.close()
-            sys.stderr.write("network namespaces can not be made here: run as root, with "
+            sys.stderr.write("network namespaces cannot be made here: run as root, with "
                              "iproute2, or set KVO_TEST_WITHOUT_NAMESPACES=1 to skip\n")
             raise
 

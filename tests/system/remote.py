@@ -1,5 +1,5 @@
 """Streams between hosts: namespaces of their own, a broker on each, publishers and subscribers by
-the command line. Fails where namespaces can not be made, unless told to skip."""
+the command line. Fails where namespaces cannot be made, unless told to skip."""
 
 import itertools
 import json
@@ -51,7 +51,7 @@ def feed(publisher, chunks):
 class RemoteStreams(unittest.TestCase):
     HOSTS = 3
 
-    # How brokers treat each other: everybody in this network is trusted.
+    # Access rules of a trusted network.
     OPEN = ("--allow-plaintext", "true", "--access-rules", "allow publish * to anyone",
             "--access-rules", "allow subscribe * to anyone")
 
@@ -306,7 +306,7 @@ class Secured(RemoteStreams):
         return ((f"KVO_MIDDLEWARE_PROPERTIES={self.place}/properties",),
                 (*options, "--allow-plaintext", "true"))
 
-    def test_samples_go_to_who_has_keys_and_to_nobody_else(self):
+    def test_samples_go_only_to_hosts_with_keys(self):
         flow = Flow(self)
         flow.publish()
         flow.subscribe(2)
@@ -323,7 +323,7 @@ class Secured(RemoteStreams):
 
 
 class SlowHosts(RemoteStreams):
-    def test_a_frozen_host_holds_nobody_up(self):
+    def test_a_frozen_host_slows_no_other(self):
         flow = Flow(self)
         flow.publish()
         flow.subscribe(2)

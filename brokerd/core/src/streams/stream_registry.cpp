@@ -102,7 +102,7 @@ Verdict StreamRegistry::AddPublisher(const std::string& identity, const Publicat
         Stream& stream = known->second;
         if (stream.import) {
             return {kStreamInUse,
-                    "stream " + Quoted(name) + " is brought here from " + stream.import->broker};
+                    "stream " + Quoted(name) + " is imported from " + stream.import->broker};
         }
         if (KnowsKey(stream, publication.key)) {
             const bool same_shape =
@@ -396,7 +396,7 @@ Verdict StreamRegistry::BeginImport(const std::string& name, const std::string& 
              files_.WriterLives(*stream.file))) {
             return {kStreamInUse, "stream " + Quoted(name) +
                                       " has a publisher of this host, so it can not be " +
-                                      "brought from " + broker};
+                                      "imported from " + broker};
         }
     }
     const std::string stream_text = "stream " + Quoted(name) + " of " + broker;
@@ -423,7 +423,7 @@ Verdict StreamRegistry::BeginImport(const std::string& name, const std::string& 
     Stream& stream = streams_[name];
     stream.import = Import{broker, true};
     stream.removal_due.reset();
-    log_(2, stream_text + ": brought here from now on");
+    log_(2, stream_text + ": imported from now on");
     notify_(name, PUB_REG);
     return {};
 }

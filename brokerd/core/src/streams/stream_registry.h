@@ -68,7 +68,7 @@ public:
     Verdict RemoveSubscriber(const std::string& identity, const std::string& stream,
                              const std::string& uuid, Whose whose);
 
-    /// The stream is brought from another broker from now on, or its next segment is: makes its
+    /// The stream is imported from another broker from now on, or its next segment is: makes its
     /// file. Its subscribers are told of a publisher.
     Verdict BeginImport(const std::string& stream, const std::string& broker,
                         std::uint32_t sample_bytes, std::uint32_t samples, bool checksum);

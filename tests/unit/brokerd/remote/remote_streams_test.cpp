@@ -68,7 +68,7 @@ protected:
         return transfer;
     }
 
-    /// Somebody subscribes; what he is told goes to `told`.
+    /// A client subscribes; its results go to `told`.
     void Subscribe(const std::string& uuid, const std::string& broker = kThere,
                    std::int32_t deadline_s = 0) {
         remote->RequestImport(broker, "s", deadline_s,
@@ -205,7 +205,7 @@ TEST_F(RemoteStreamsTest, RefusalsLeaveNothingBehind) {
     EXPECT_THAT(reason, HasSubstr("has a publisher of this host"));
 }
 
-TEST_F(RemoteStreamsTest, ABrokerThatNamesItselfHasTheStreamItself) {
+TEST_F(RemoteStreamsTest, BrokerThatNamesItselfUsesItsOwnStream) {
     ASSERT_EQ(kRegistered, Add('a', "s"));
     TakeEvents();
     Subscribe("1");
@@ -219,7 +219,7 @@ TEST_F(RemoteStreamsTest, ABrokerThatNamesItselfHasTheStreamItself) {
     registry->RemovePublisher(IdentityOf('a'), "s", StreamRegistry::Whose::kOwn);
     Subscribe("2");
     AnswerWith(own);
-    EXPECT_EQ(kRegistered, told.back().second) << "also while nobody publishes it";
+    EXPECT_EQ(kRegistered, told.back().second) << "also without a publisher";
     EXPECT_EQ(0, running);
 }
 
@@ -231,7 +231,7 @@ TEST_F(RemoteStreamsTest, SubscribersSeeTheLinkGoAndComeAndKeepTheirSegment) {
     Link(false);
     EXPECT_THAT(TakeEvents(), ElementsAre(Pair("s", PUB_UNREG)));
     EXPECT_THAT(remote->ConnectedBrokers(), IsEmpty());
-    AnswerWith({}, {kUnknownRemoteBroker, "nobody answers"});
+    AnswerWith({}, {kUnknownRemoteBroker, "no broker answers"});
     EXPECT_THAT(questions, IsEmpty());
     PassSeconds(1);
     ASSERT_EQ(1U, questions.size()) << "it is asked for again";
@@ -274,7 +274,7 @@ TEST_F(RemoteStreamsTest, ANewSegmentThereIsANewOneHere) {
     EXPECT_THAT(TakeEvents(), ElementsAre(Pair("s", PUB_REG)));
 }
 
-TEST_F(RemoteStreamsTest, SamplesThatFindNoWayAndDeadlinesThatPassAreTold) {
+TEST_F(RemoteStreamsTest, MissingLinkAndMissedDeadlinesAreReported) {
     Import(2);
     last->counters.samples = 1;
     for (int i = 0; i < 3; ++i) {
@@ -297,12 +297,12 @@ TEST_F(RemoteStreamsTest, SamplesThatFindNoWayAndDeadlinesThatPassAreTold) {
     EXPECT_THAT(log, HasSubstr("do not arrive"));
 }
 
-TEST_F(RemoteStreamsTest, AnExportRunsWhileThereIsAPublisherAndSomebodyAsks) {
+TEST_F(RemoteStreamsTest, ExportRunsWhileThereAreAPublisherAndRequests) {
     EXPECT_FALSE(remote->Describe("s", "wkp.rr://there:5000").published);
     ASSERT_EQ(kRegistered,
               registry->AddPublisher(IdentityOf('a'), {"s", 64, 4, false, "", "", 250, 10}).code);
     EXPECT_TRUE(remote->Describe("s", "").published);
-    EXPECT_EQ(0, running) << "who only looks starts nothing";
+    EXPECT_EQ(0, running) << "a probe starts no export";
     const StreamDescription first = remote->Describe("s", kThere);
     EXPECT_EQ(1, running);
     EXPECT_EQ("id of here", first.broker);
@@ -331,7 +331,7 @@ TEST_F(RemoteStreamsTest, AnExportRunsWhileThereIsAPublisherAndSomebodyAsks) {
     EXPECT_THAT(remote->ConnectedBrokers(), IsEmpty());
 }
 
-TEST_F(RemoteStreamsTest, AnExportThatIsAlwaysWantedNeedsNobodyToAsk) {
+TEST_F(RemoteStreamsTest, PermanentExportNeedsNoRequests) {
     always_exported = "s";
     ASSERT_EQ(kRegistered, Add('a', "s"));
     remote->PublisherChanged("s");

@@ -9,7 +9,7 @@
 namespace kvo {
 
 /// The one writer of a stream file whose samples come from another host: readers see the numbers
-/// that the samples have there, also when some were lost on the way.
+/// that the samples have there, also when some were lost in transit.
 /// Threads: one at a time.
 class KVO_MEMORY_EXPORT ImportWriter {
 public:
