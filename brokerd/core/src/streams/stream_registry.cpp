@@ -395,7 +395,7 @@ Verdict StreamRegistry::BeginImport(const std::string& name, const std::string& 
             (stream.file != nullptr && !stream.file->writer_state().retired &&
              files_.WriterLives(*stream.file))) {
             return {kStreamInUse, "stream " + Quoted(name) +
-                                      " has a publisher of this host, so it can not be " +
+                                      " has a publisher of this host, so it cannot be " +
                                       "imported from " + broker};
         }
     }

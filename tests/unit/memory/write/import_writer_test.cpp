@@ -46,7 +46,8 @@ TEST_F(ImportWriterTest, ReadersSeeTheNumbersOfTheSourceWithItsHoles) {
     EXPECT_EQ(9, sample->topic_id());
     EXPECT_EQ(1234567890123U, sample->timestamp_ms());
     EXPECT_THAT(TakeAll(*reader), ElementsAre(101, 5000));
-    EXPECT_EQ(0U, reader->reader_counters().lost) << "samples lost in transit are counted elsewhere";
+    EXPECT_EQ(0U, reader->reader_counters().lost)
+        << "samples lost in transit are counted elsewhere";
 
     for (std::uint64_t number = 5001; number <= 5010; ++number) {
         EXPECT_TRUE(Import(writer, number));
