@@ -1,4 +1,4 @@
-// Puts every shared mapping between two pages that can not be touched, so that a look past its
+// Puts every shared mapping between two pages that cannot be touched, so that a look past its
 // end does not land in its neighbour. Linked with --wrap=mmap and --wrap=munmap.
 #include <cerrno>
 #include <cstddef>

@@ -1,6 +1,6 @@
 // Lets the broker, a writer and a reader open and use stream and control files in which anything
-// may stand and change at any time. The input is a list of steps: who does what next, and which
-// word of which file is overwritten with what.
+// may stand and change at any time. The input is a list of steps: which process does what next, and
+// which word of which file is overwritten with what.
 #include "kvo/memory/inspection.h"
 #include "kvo/memory/process_lock.h"
 #include "layout/geometry.h"
@@ -165,7 +165,7 @@ public:
             case 3:
                 return files_.SignHeader();
             case 4:
-                if (nobody()) {  // a peer that cuts a mapped file short is no fault to survive
+                if (unused()) {  // a peer that cuts a mapped file short is no fault to survive
                     files_.Resize(input);
                 }
                 return;
@@ -197,14 +197,14 @@ public:
                 }
                 return;
             case 14:
-                return LookOn();
+                return Inspect();
             case 15:
                 return Leave(input.Take<std::uint8_t>() % 3);
         }
     }
 
 private:
-    bool nobody() const { return !reader_ && !writer_ && !broker_; }
+    bool unused() const { return !reader_ && !writer_ && !broker_; }
 
     void OpenAsBroker() {
         try {
@@ -242,7 +242,7 @@ private:
         }
     }
 
-    void LookOn() const {
+    void Inspect() const {
         try {
             static_cast<void>(kvo::InspectStreamFile(files_.path()));
             static_cast<void>(kvo::CheckStreamFile(files_.path()));

@@ -48,7 +48,7 @@ public:
     Meeting(const Play& play, const std::string& role)
         : encounter_(play.encounter(role, scratch_.path())) {}
 
-    /// @return how often the role comes by each point when nobody stops it.
+    /// @return how often the role comes by each point when it is not stopped.
     std::map<std::string, int> Explore(const std::string& role) {
         Start(role, "", 0, 0);
         Demand(WIFEXITED(status_) && WEXITSTATUS(status_) == 0, "it fails by itself");
@@ -118,7 +118,7 @@ void Drive(const Play& play) {
     }
     std::cout << all.size() << " crash points, " << encounters << " encounters, " << failures
               << " failures" << std::endl;
-    Demand(failures == 0, "somebody was harmed");
+    Demand(failures == 0, "another process was harmed");
     Demand(all.size() >= play.least_points, "some points were not met");
 }
 

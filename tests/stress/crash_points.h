@@ -9,7 +9,7 @@
 #include <string>
 
 /// Every named point of a protocol (kvo/crash_point.h), hit once with SIGKILL and once with
-/// SIGSTOP: whoever dies or stands still there harms nobody else.
+/// SIGSTOP: a process that dies or stops there harms no other.
 namespace kvo::stress {
 
 /// The others, whom the process of a role runs into. Made anew for each point, before the process.

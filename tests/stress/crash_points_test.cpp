@@ -1,5 +1,5 @@
 // Every named point of the stream file's protocol, hit once with SIGKILL and once with SIGSTOP:
-// whoever dies or stands still there harms nobody else.
+// a process that dies or stops there harms no other.
 #include "crash_points.h"
 
 #include "kvo/memory/inspection.h"

@@ -179,7 +179,7 @@ public:
     }
     int Reap() { return file_->ReapDeadReaders(*lock_); }
 
-    /// When everybody is dead: removes all.
+    /// After the death of all processes: removes everything.
     void End() {
         Reap();
         for (const std::string& fault : kvo::CheckStreamFile(path_)) {

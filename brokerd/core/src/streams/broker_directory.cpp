@@ -17,7 +17,7 @@ namespace {
     throw std::runtime_error(what + ": " + std::strerror(errno));
 }
 
-void LetIn(const std::string& path, const os::FileAccess& access) {
+void SetPermissions(const std::string& path, const os::FileAccess& access) {
     if (access.group && ::chown(path.c_str(), static_cast<uid_t>(-1), *access.group) != 0) {
         Fail("cannot give " + path + " to group " + std::to_string(*access.group));
     }
@@ -53,9 +53,9 @@ BrokerDirectory::BrokerDirectory(std::string path, const os::FileAccess& access)
     : path_(std::move(path)) {
     MakeDirectory(path_);
     Lock();
-    LetIn(path_, access);
+    SetPermissions(path_, access);
     processes_ = ProcessLock::ForDirectory(path_);
-    processes_->LetIn(access);
+    processes_->SetPermissions(access);
     processes_->Join();
 }
 

@@ -25,14 +25,14 @@ constexpr std::chrono::milliseconds kBetweenChecks{2};
 
 ObservedProcess WriterOf(const Segment& segment, const ProcessObserver& processes) {
     const std::uint64_t role = segment.words().writer_role.load(std::memory_order_relaxed);
-    return processes.Look(RoleNumber(role), RoleNonce(role), kRoleNonceBits);
+    return processes.Probe(RoleNumber(role), RoleNonce(role), kRoleNonceBits);
 }
 
 ObservedProcess ReaderOf(const Segment& segment, std::uint32_t entry,
                          const ProcessObserver& processes) {
     const ProcessTag owner =
         UnpackOwner(segment.reader_entry(entry).owner.load(std::memory_order_relaxed));
-    return processes.Look(owner.number, owner.nonce, kOwnerNonceBits);
+    return processes.Probe(owner.number, owner.nonce, kOwnerNonceBits);
 }
 
 ObservedReader Observe(const Segment& segment, const ReaderState& state,

@@ -44,8 +44,8 @@ public:
     bool Lives(const ProcessTag& tag) const;
     std::optional<ProcessTag> Resolve(std::uint16_t number, std::uint32_t nonce_low) const;
     std::vector<std::pair<os::ProcessIdentity, ProcessTag>> Joined() const;
-    bool AnybodyElse(int own_users) const;
-    void LetIn(const os::FileAccess& access) {
+    bool HasOthers(int own_users) const;
+    void SetPermissions(const os::FileAccess& access) {
         const std::lock_guard lock(mutex_);
         os::SetPermissions(file_.get(), access.shared_mode(), access.group, path_);
     }
@@ -81,7 +81,7 @@ void DirectoryLock::OpenCurrentFile() {
     if (file.get() < 0) {
         os::ThrowOpening(path_);
     }
-    // All records have their room from the start: on a full file system nobody could join.
+    // All records have their room from the start: on a full file system no process could join.
     struct stat status {};
     if (::fstat(file.get(), &status) == 0 && status.st_size < kProcessLockBytes) {
         os::ReserveBytes(file.get(), kProcessLockBytes, path_);
@@ -104,7 +104,7 @@ bool DirectoryLock::HeldByOther(off_t first, off_t count) const {
     lock.l_whence = SEEK_SET;
     lock.l_start = first;
     lock.l_len = count;
-    // Who cannot ask must not declare anybody dead.
+    // A process that cannot ask must not declare another one dead.
     return ::fcntl(file_.get(), F_GETLK, &lock) != 0 || lock.l_type != F_UNLCK;
 }
 
@@ -173,9 +173,9 @@ void DirectoryLock::DropUser() {
     if (users_ == 0 || --users_ > 0) {
         return;
     }
-    const ProcessRecord nobody{};
-    // A record that stays behind harms nobody: the free byte says it all.
-    static_cast<void>(::pwrite(file_.get(), &nobody, sizeof nobody, RecordOffset(own_.number)) > 0);
+    const ProcessRecord none{};
+    // A record that stays behind does no harm: the byte is free.
+    static_cast<void>(::pwrite(file_.get(), &none, sizeof none, RecordOffset(own_.number)) > 0);
     SetLock(F_UNLCK, own_.number, 1);
     own_ = {};
 }
@@ -222,15 +222,15 @@ std::vector<std::pair<os::ProcessIdentity, ProcessTag>> DirectoryLock::Joined() 
     return joined;
 }
 
-bool DirectoryLock::AnybodyElse(int own_users) const {
+bool DirectoryLock::HasOthers(int own_users) const {
     const std::lock_guard lock(mutex_);
     return users_ > own_users || HeldByOther(1, kMaxProcesses);
 }
 
 bool DirectoryLock::Remove(int own_users) {
     const std::lock_guard lock(mutex_);
-    // With every byte held nobody can join until the path is free; who tries meanwhile finds
-    // afterwards that the path no longer names the file he has locked.
+    // With every byte held no process can join until the path is free; one that tries meanwhile
+    // finds afterwards that the path no longer names the file he has locked.
     if (users_ > own_users || !PathIsOurFile() || !SetLock(F_WRLCK, 1, kMaxProcesses)) {
         return false;
     }
@@ -332,13 +332,13 @@ std::vector<std::pair<os::ProcessIdentity, ProcessTag>> ProcessLock::Joined() co
                                : impl_->directory_->Joined();
 }
 
-bool ProcessLock::AnybodyElse() const {
-    return !os::InForkedChild() && impl_->directory_->AnybodyElse(impl_->users());
+bool ProcessLock::HasOthers() const {
+    return !os::InForkedChild() && impl_->directory_->HasOthers(impl_->users());
 }
 
-void ProcessLock::LetIn(const os::FileAccess& access) {
+void ProcessLock::SetPermissions(const os::FileAccess& access) {
     if (!os::InForkedChild()) {
-        impl_->directory_->LetIn(access);
+        impl_->directory_->SetPermissions(access);
     }
 }
 

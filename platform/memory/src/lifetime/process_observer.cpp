@@ -28,8 +28,8 @@ int LockFileOf(const std::string& directory) {
 
 ProcessObserver::ProcessObserver(const std::string& directory) : file_(LockFileOf(directory)) {}
 
-ObservedProcess ProcessObserver::Look(std::uint16_t number, std::uint64_t nonce,
-                                      unsigned nonce_bits) const {
+ObservedProcess ProcessObserver::Probe(std::uint16_t number, std::uint64_t nonce,
+                                       unsigned nonce_bits) const {
     ObservedProcess process;
     process.tag = {number, nonce};
     if (file_ < 0 || number == 0 || number > kMaxProcesses) {

@@ -14,10 +14,10 @@ public:
     explicit ProcessObserver(const std::string& directory);
 
     /// @param nonce as it is known; @param nonce_bits how many of its lowest bits that are.
-    ObservedProcess Look(std::uint16_t number, std::uint64_t nonce, unsigned nonce_bits) const;
+    ObservedProcess Probe(std::uint16_t number, std::uint64_t nonce, unsigned nonce_bits) const;
 
 private:
-    int file_;  // -1: there is none, so nobody lives
+    int file_;  // -1: there is none, so no process lives
 };
 
 }  // namespace kvo

@@ -16,7 +16,7 @@ inline constexpr off_t kRecordsOffset = 4096;
 
 // Written by the holder of the byte.
 struct ProcessRecord {
-    std::uint64_t nonce;  // 0: nobody
+    std::uint64_t nonce;  // 0: none
     os::ProcessIdentity identity;
     std::uint32_t process_id;  // for people; in the writer's own namespace
     std::uint32_t room[9];

@@ -27,7 +27,7 @@ TEST_F(ProcessLockTest, AProcessHoldsOneByteForAllItsUsers) {
     first.reset();
     const auto onlooker = ProcessLock::ForDirectory(directory_);
     EXPECT_TRUE(onlooker->Lives(tag));
-    EXPECT_TRUE(onlooker->AnybodyElse());
+    EXPECT_TRUE(onlooker->HasOthers());
     EXPECT_FALSE(onlooker->RemoveIfUnused());
     EXPECT_FALSE(onlooker->Lives({tag.number, tag.nonce ^ 2})) << "an earlier holder's nonce";
     second.reset();
@@ -47,12 +47,12 @@ TEST_F(ProcessLockTest, APeerLivesUntilItIsKilled) {
     EXPECT_TRUE(lock->Lives(tag));
     EXPECT_EQ(lock->Resolve(tag.number, low), tag);
     EXPECT_EQ(lock->Resolve(tag.number, low ^ 1), std::nullopt);
-    EXPECT_TRUE(lock->AnybodyElse());
+    EXPECT_TRUE(lock->HasOthers());
     EXPECT_FALSE(lock->RemoveIfUnused());
     peer.Kill();
     EXPECT_FALSE(lock->Lives(tag));
     EXPECT_EQ(lock->Resolve(tag.number, low), std::nullopt);
-    EXPECT_FALSE(lock->AnybodyElse());
+    EXPECT_FALSE(lock->HasOthers());
 }
 
 TEST_F(ProcessLockTest, TheRecordsTellWhoHasJoinedWithWhichIdentity) {

@@ -18,7 +18,7 @@ inline constexpr std::uint16_t kMaxProcesses = 4095;  // that use one directory 
 
 /// Names a process for as long as it lives: the number of its lock byte and a random nonce.
 struct ProcessTag {
-    std::uint16_t number = 0;  // 1 to kMaxProcesses; 0: nobody
+    std::uint16_t number = 0;  // 1 to kMaxProcesses; 0: none
     std::uint64_t nonce = 0;   // 48 bits, not 0
     bool operator==(const ProcessTag& other) const {
         return number == other.number && nonce == other.nonce;
@@ -48,20 +48,21 @@ public:
     /// Whether the process behind the tag lives. Answered from memory for this process.
     bool Lives(const ProcessTag& tag) const;
 
-    /// Who has joined with which identity, by the records alone: some may have died since.
+    /// The processes that have joined and their identities, by the records alone: some may have
+    /// died since.
     std::vector<std::pair<os::ProcessIdentity, ProcessTag>> Joined() const;
 
     /// The living process with this number whose nonce ends in these bits.
     std::optional<ProcessTag> Resolve(std::uint16_t number, std::uint32_t nonce_low) const;
 
     /// True when a process other than this one, or another user of Join in this one, holds a byte.
-    bool AnybodyElse() const;
+    bool HasOthers() const;
 
-    /// Lets those use the directory that the access is meant for. For the owner of the directory.
+    /// Gives the lock file the mode and group of the access. For the owner of the directory.
     /// Throws std::system_error naming the file.
-    void LetIn(const os::FileAccess& access);
+    void SetPermissions(const os::FileAccess& access);
 
-    /// Removes the lock file when AnybodyElse() is false; @return whether it did. For the owner of
+    /// Removes the lock file when HasOthers() is false; @return whether it did. For the owner of
     /// the directory.
     bool RemoveIfUnused();
 
