@@ -24,6 +24,7 @@ void AddSub(CLI::App& app, Action& action);
 void AddLs(CLI::App& app, Action& action);
 void AddStat(CLI::App& app, Action& action);
 void AddBrokers(CLI::App& app, Action& action);
+void AddEnd(CLI::App& app, Action& action);
 void AddKeys(CLI::App& app, Action& action);
 void AddShm(CLI::App& app, Action& action);
 

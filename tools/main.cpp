@@ -48,6 +48,7 @@ int Run(int argc, char** argv) {
     kvo::tools::AddLs(app, action);
     kvo::tools::AddStat(app, action);
     kvo::tools::AddBrokers(app, action);
+    kvo::tools::AddEnd(app, action);
     kvo::tools::AddShm(app, action);
     kvo::tools::AddKeys(app, action);
     for (CLI::App* command : app.get_subcommands({})) {

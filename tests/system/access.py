@@ -163,14 +163,16 @@ class Access(unittest.TestCase):
         carol = self.subscriber("carol", "/camera/a")
         self.assert_ends(carol, FAILURE, "Permission denied", "/of-the-broker", "group camera")
 
-        self.assertEqual(self.ask_as_root("RemovePublisher", "/camera/a"), -1)
         self.rules_change("allow publish /camera/* to user:bob",
                           "allow subscribe * to group:camera", "allow admin /camera/* to user:0")
         self.assert_ends(self.publisher("alice", "/camera/b"), REFUSED, "user alice (4001)")
         self.send_through("bob", "alice", "/camera/b")
         self.assertIsNone(alice.poll())
-        self.assertEqual(self.ask_as_root("RemovePublisher", "/camera/a"), 1)
-        self.log.await_text("by an administrator", PATIENCE_S)
+        self.assert_ends(self.start("bob", KVO_PROGRAM, "end", "/camera/a"), REFUSED,
+                         'user bob (4002) has no right to administer "/camera/a"')
+        self.assertEqual(self.ask_as_root("RemovePublisher", "/camera/a"), -1)
+        self.assertEqual(self.ask_as_root("EndStream", "/camera/a"), 1)
+        self.log.await_text('"/camera/a": publisher unregistered, by user root (0)', PATIENCE_S)
 
     def come_without_key(self, told):
         """Until the broker tells of it: a client that has seen what the server asks for may leave

@@ -15,7 +15,7 @@ BROKER_PROGRAM = sys.argv.pop()
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 PROTOCOL = (ROOT / "docs" / "protocol.md").read_text(encoding="utf-8")
 OPERATION = re.compile(r"^\| \d+ \| `(\w+)` \|(.*)\| (.*) \|$", re.MULTILINE)
-OPERATIONS_OF_A_BROKER = 25
+OPERATIONS_OF_A_BROKER = 26
 
 
 class Documents(unittest.TestCase):

@@ -81,6 +81,8 @@ class KvoTool(unittest.TestCase):
             (1, ("pub", "s", "/nonexistent/file"), None, ("/nonexistent/file", "No such file")),
             (3, ("stat", "nothing"), None, ("'nothing'", self.broker.uri)),
             (3, ("sub", "nothing"), None, ("'nothing'", "kvo ls")),
+            (2, ("end",), None, ("STREAM",)),
+            (3, ("end", "nothing"), None, ("'nothing'", "no publisher", self.broker.uri)),
             (3, ("sub", "nothing", "--timeout", "0.2"), None, ("'nothing'",)),
             (3, ("sub", "busy", "--timeout", "0.2"), None, ("no data", "'busy'")),
             (4, ("ls",), nobody, (nobody, "kvo-broker")),
@@ -216,6 +218,17 @@ class KvoTool(unittest.TestCase):
         subscriber.send_signal(signal.SIGTERM)
         self.assertEqual(subscriber.wait(PATIENCE_S), 0)
         self.assertEqual(broker.stop(), (0, []))
+
+    def test_an_administrator_ends_a_stream_of_another_process(self):
+        publisher = self.start_publisher("ended")
+        subscriber = self.start("sub", "ended", "--lines", "-v")
+        log = LineReader(subscriber.stderr)
+        self.write_line(publisher, "x")
+        self.assertEqual(LineReader(subscriber.stdout).next(PATIENCE_S), "x")
+        self.assertEqual(self.run_kvo("end", "ended"), (0, b"", ""))
+        self.await_stream("ended", present=False)
+        log.await_text("SHM_DEL notification received", PATIENCE_S)
+        self.assertIsNone(publisher.poll())
 
     def test_a_subscriber_outlives_its_publishers(self):
         subscriber = None

@@ -138,6 +138,9 @@ public:
     std::vector<RemoteStreamState> ListRemoteStreams() override {
         return Request<std::vector<RemoteStreamState>>("ListRemoteStreams");
     }
+    std::int32_t EndStream(const std::string& stream) override {
+        return Request<std::int32_t>("EndStream", stream);
+    }
 
 private:
     template <class Result, class... Arguments>

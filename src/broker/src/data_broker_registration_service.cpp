@@ -78,6 +78,7 @@ const std::unordered_map<std::string_view, Run>& Operations() {
         {"GetRefusalReason", Decoded<&Handler::GetRefusalReason>::Run},
         {"DescribeStream", Decoded<&Handler::DescribeStream>::Run},
         {"ListRemoteStreams", Decoded<&Handler::ListRemoteStreams>::Run},
+        {"EndStream", Decoded<&Handler::EndStream>::Run},
     };
     return operations;
 }

@@ -78,16 +78,6 @@ void RequestHandler::DemandUse(const Caller& caller, const std::string& stream) 
     }
 }
 
-template <class Remove>
-std::int32_t RequestHandler::End(const Caller& caller, const std::string& stream, Remove remove) {
-    Verdict verdict = remove(StreamRegistry::Whose::kOwn);
-    if (verdict.refused() && !claims_.Has(AskerOf(caller), stream) &&
-        access_.WhyNot(caller.peer, Right::kAdmin, stream).empty()) {
-        verdict = remove(StreamRegistry::Whose::kAnybodys);
-    }
-    return Tell(caller, stream, verdict);
-}
-
 std::int32_t RequestHandler::Tell(const Caller& caller, const std::string& stream,
                                   const Verdict& verdict) {
     if (!verdict.refused()) {
@@ -114,9 +104,6 @@ std::int32_t RequestHandler::AddPublisher(const Caller& caller, const std::strin
     if (const std::string fault = WhyNot(caller, Right::kPublish, stream); !fault.empty()) {
         return Tell(caller, stream, {kNoRight, fault});
     }
-    if (IsWellFormedName(stream)) {
-        claims_.Keep(AskerOf(caller), stream);
-    }
     return Tell(
         caller, stream,
         registry_.AddPublisher(caller.identity,
@@ -125,9 +112,15 @@ std::int32_t RequestHandler::AddPublisher(const Caller& caller, const std::strin
 }
 
 std::int32_t RequestHandler::RemovePublisher(const Caller& caller, const std::string& stream) {
-    return End(caller, stream, [&](StreamRegistry::Whose whose) {
-        return registry_.RemovePublisher(caller.identity, stream, whose);
-    });
+    return Tell(caller, stream, registry_.RemovePublisher(caller.identity, stream));
+}
+
+std::int32_t RequestHandler::EndStream(const Caller& caller, const std::string& stream) {
+    if (const std::string fault = access_.WhyNot(caller.peer, Right::kAdmin, stream);
+        !fault.empty()) {
+        return Tell(caller, stream, {kNoRight, fault});
+    }
+    return Tell(caller, stream, registry_.EndStream(stream, access_.Describe(caller.peer)));
 }
 
 void RequestHandler::NotifyNewData(const Caller& caller, const std::string& stream) {
@@ -183,9 +176,8 @@ RequestHandler::Deferred<std::int32_t> RequestHandler::AddSubscriber(
 
 std::int32_t RequestHandler::RemoveSubscriber(const Caller& caller, const std::string& stream,
                                               const std::string& subscriber_uuid) {
-    return End(caller, stream, [&](StreamRegistry::Whose whose) {
-        return registry_.RemoveSubscriber(caller.identity, stream, subscriber_uuid, whose);
-    });
+    return Tell(caller, stream,
+                registry_.RemoveSubscriber(caller.identity, stream, subscriber_uuid));
 }
 
 std::string RequestHandler::GetPublisherKey(const Caller& caller, const std::string& stream) {

@@ -5,7 +5,6 @@
 #include "remote/remote_streams.h"
 #include "requests/event_log.h"
 #include "requests/refusals.h"
-#include "streams/publisher_claims.h"
 #include "streams/stream_registry.h"
 
 #include <functional>
@@ -81,15 +80,13 @@ public:
     StreamDescription DescribeStream(const Caller& caller, const std::string& stream,
                                      const std::string& importer) override;
     std::vector<RemoteStreamState> ListRemoteStreams(const Caller& caller) override;
+    std::int32_t EndStream(const Caller& caller, const std::string& stream) override;
 
 private:
     /// Empty: the caller may, or the name is no stream's and is refused as such.
     std::string WhyNot(const Caller& caller, Right right, const std::string& stream) const;
     /// Throws when the caller may neither publish nor subscribe to the stream.
     void DemandUse(const Caller& caller, const std::string& stream);
-    /// Runs the removal as one of the caller's own, then, if that is refused, as anybody's.
-    template <class Remove>
-    std::int32_t End(const Caller& caller, const std::string& stream, Remove remove);
     void Record(const Caller& caller, const std::string& stream, const std::string& code,
                 const std::string& reason);
     std::int32_t Subscribe(const Caller& caller, const std::string& uuid,
@@ -105,7 +102,6 @@ private:
     const TopicCalls topics_;
     Answers answers_;
     Refusals reasons_;
-    PublisherClaims claims_;
     std::uint64_t refused_ = 0;
 };
 

@@ -214,7 +214,7 @@ Verdict StreamRegistry::QuotaOf(const std::string& identity, const std::string& 
                          : Verdict{kLimitReached, "stream " + Quoted(stream) + ": " + fault};
 }
 
-void StreamRegistry::EndPublisher(const std::string& name, Stream& stream, const char* why) {
+void StreamRegistry::EndPublisher(const std::string& name, Stream& stream, const std::string& why) {
     log_(2, "stream " + Quoted(name) + ": publisher unregistered, " + why);
     stream.publisher.reset();
     if (stream.file != nullptr) {
@@ -224,19 +224,22 @@ void StreamRegistry::EndPublisher(const std::string& name, Stream& stream, const
     notify_(name, PUB_UNREG);
 }
 
-Verdict StreamRegistry::RemovePublisher(const std::string& identity, const std::string& name,
-                                        Whose whose) {
-    if (const auto found = streams_.find(name);
-        whose == Whose::kAnybodys && found != streams_.end() && found->second.publisher) {
-        EndPublisher(name, found->second, "by an administrator");
-        return {};
-    }
+Verdict StreamRegistry::RemovePublisher(const std::string& identity, const std::string& name) {
     Stream* const stream = StreamOf(identity, name);
     if (stream == nullptr) {
         return {kNotRegistered,
                 "the caller does not publish " + Quoted(name) + " and cannot remove it"};
     }
     EndPublisher(name, *stream, "by itself");
+    return {};
+}
+
+Verdict StreamRegistry::EndStream(const std::string& name, const std::string& caller) {
+    const auto found = streams_.find(name);
+    if (found == streams_.end() || !HasLivingPublisher(name, found->second)) {
+        return {kNotRegistered, "stream " + Quoted(name) + " has no publisher of this host to end"};
+    }
+    EndPublisher(name, found->second, "by " + caller);
     return {};
 }
 
@@ -261,14 +264,14 @@ Verdict StreamRegistry::AddSubscriber(const std::string& identity, const std::st
 }
 
 Verdict StreamRegistry::RemoveSubscriber(const std::string& identity, const std::string& name,
-                                         const std::string& uuid, Whose whose) {
+                                         const std::string& uuid) {
     const auto found = streams_.find(name);
     const auto subscriber =
         found == streams_.end() ? SubscriberMap::iterator() : found->second.subscribers.find(uuid);
     if (found == streams_.end() || subscriber == found->second.subscribers.end()) {
         return {kNotRegistered, "stream " + Quoted(name) + " has no subscriber " + Quoted(uuid)};
     }
-    if (whose == Whose::kOwn && !subscriber->second.Is(identity)) {
+    if (!subscriber->second.Is(identity)) {
         return {kNotRegistered, "subscriber " + Quoted(uuid) + " of stream " + Quoted(name) +
                                     " is of another process"};
     }

@@ -55,10 +55,11 @@ public:
         std::int32_t deadline_s = 0;  // for other hosts; 0 and below: none
     };
     Verdict AddPublisher(const std::string& identity, const Publication& publication);
-    /// Whose registrations a caller may end.
-    enum class Whose { kOwn, kAnybodys };
     /// -1: the stream has no publisher, or not the caller.
-    Verdict RemovePublisher(const std::string& identity, const std::string& stream, Whose whose);
+    Verdict RemovePublisher(const std::string& identity, const std::string& stream);
+    /// Ends the registration of the stream's publisher, whichever process it is. -1: there is none.
+    /// @param caller for people: "user alice (1001)".
+    Verdict EndStream(const std::string& stream, const std::string& caller);
     /// Whether a subscriber with these names could be added.
     Verdict CheckSubscriber(const std::string& identity, const std::string& uuid,
                             const std::string& stream, const std::string& user = {}) const;
@@ -66,7 +67,7 @@ public:
                           const std::string& stream, const std::string& user = {});
     /// -1: there is no such subscriber, or it is of another process.
     Verdict RemoveSubscriber(const std::string& identity, const std::string& stream,
-                             const std::string& uuid, Whose whose);
+                             const std::string& uuid);
 
     /// The stream is imported from another broker from now on, or its next segment is: makes its
     /// file. Its subscribers are told of a publisher.
@@ -170,7 +171,7 @@ private:
     /// @param bytes of the stream's memory; 0: for a subscriber.
     Verdict QuotaOf(const std::string& identity, const std::string& user, const std::string& stream,
                     std::uint64_t bytes) const;
-    void EndPublisher(const std::string& name, Stream& stream, const char* why);
+    void EndPublisher(const std::string& name, Stream& stream, const std::string& why);
     void ForgetSubscription(const std::string& uuid, const std::string& name);
     void RemoveFile(const std::string& name, Stream& stream);
     void SuperviseStream(const std::string& name, Stream& stream);

@@ -82,7 +82,7 @@ protected:
                               });
     }
     void Unsubscribe(const std::string& uuid) {
-        registry->RemoveSubscriber("", "s", uuid, StreamRegistry::Whose::kOwn);
+        registry->RemoveSubscriber("", "s", uuid);
         remote->Tick();
     }
 
@@ -216,7 +216,7 @@ TEST_F(RemoteStreamsTest, BrokerThatNamesItselfUsesItsOwnStream) {
     EXPECT_TRUE(was_local);
     EXPECT_EQ(0, running);
     EXPECT_EQ(1U, registry->Subscribers("s"));
-    registry->RemovePublisher(IdentityOf('a'), "s", StreamRegistry::Whose::kOwn);
+    registry->RemovePublisher(IdentityOf('a'), "s");
     Subscribe("2");
     AnswerWith(own);
     EXPECT_EQ(kRegistered, told.back().second) << "also without a publisher";
@@ -314,7 +314,7 @@ TEST_F(RemoteStreamsTest, ExportRunsWhileThereAreAPublisherAndRequests) {
     EXPECT_EQ(1, running);
     EXPECT_THAT(remote->ConnectedBrokers(), ElementsAre(kThere, "wkp.rr://third:5000"));
 
-    registry->RemovePublisher(IdentityOf('a'), "s", StreamRegistry::Whose::kOwn);
+    registry->RemovePublisher(IdentityOf('a'), "s");
     remote->PublisherChanged("s");
     EXPECT_EQ(0, running);
     ASSERT_EQ(kRegistered, Add('b', "s"));
@@ -339,7 +339,7 @@ TEST_F(RemoteStreamsTest, PermanentExportNeedsNoRequests) {
     PassSeconds(12);
     EXPECT_EQ(1, running);
     EXPECT_THAT(remote->ConnectedBrokers(), IsEmpty());
-    registry->RemovePublisher(IdentityOf('a'), "s", StreamRegistry::Whose::kOwn);
+    registry->RemovePublisher(IdentityOf('a'), "s");
     remote->PublisherChanged("s");
     remote->Tick();
     EXPECT_EQ(0, running);

@@ -155,17 +155,21 @@ TEST_F(StreamRegistryTest, APublisherKilledBeforeItWasLookedForIsToldOfAtOnceToo
 TEST_F(StreamRegistryTest, ASuccessorCancelsTheRemoval) {
     ASSERT_EQ(kRegistered, Add('a', "s"));
     const std::uint64_t epoch = EpochOf("s");
-    EXPECT_EQ(-1,
-              registry->RemovePublisher(IdentityOf('b'), "s", StreamRegistry::Whose::kOwn).code);
-    EXPECT_EQ(1, registry->RemovePublisher(IdentityOf('a'), "s", StreamRegistry::Whose::kOwn).code);
-    EXPECT_EQ(-1,
-              registry->RemovePublisher(IdentityOf('a'), "s", StreamRegistry::Whose::kOwn).code);
+    EXPECT_EQ(-1, registry->RemovePublisher(IdentityOf('b'), "s").code);
+    EXPECT_EQ(1, registry->RemovePublisher(IdentityOf('a'), "s").code);
+    EXPECT_EQ(-1, registry->RemovePublisher(IdentityOf('a'), "s").code);
     ASSERT_EQ(kRegistered, Add('b', "s"));
     EXPECT_LT(epoch, EpochOf("s"));
     Pass(std::chrono::seconds(5));
     EXPECT_THAT(TakeEvents(),
                 ElementsAre(Pair("s", PUB_REG), Pair("s", PUB_UNREG), Pair("s", PUB_REG)));
     EXPECT_TRUE(std::filesystem::exists(files->PathOf("s")));
+
+    EXPECT_EQ(1, registry->EndStream("s", "user root (0)").code);
+    EXPECT_EQ(-1, registry->EndStream("s", "user root (0)").code);
+    EXPECT_THAT(log, HasSubstr("\"s\": publisher unregistered, by user root (0)"));
+    Pass(std::chrono::seconds(3));
+    EXPECT_THAT(TakeEvents(), ElementsAre(Pair("s", PUB_UNREG), Pair("s", SHM_DEL)));
 }
 
 TEST_F(StreamRegistryTest, SilenceEndsARegistrationButNotTheBrokersOwnPauses) {
@@ -249,7 +253,7 @@ TEST_F(StreamRegistryTest, TheLargestBufferFitsAndOneSampleMoreDoesNot) {
         EXPECT_EQ(kNotEnoughMemory, Add('a', "s", "", bytes, samples + 1)) << bytes;
         if (samples > 0) {
             EXPECT_EQ(kRegistered, Add('a', "s", "", bytes, samples)) << bytes;
-            registry->RemovePublisher(IdentityOf('a'), "s", StreamRegistry::Whose::kOwn);
+            registry->RemovePublisher(IdentityOf('a'), "s");
             Pass(std::chrono::seconds(3));
         }
     }
@@ -309,7 +313,7 @@ TEST_F(StreamRegistryTest, AReaderKeepsTheMemoryOfARemovedFileInTheAccount) {
     const std::uint64_t available = files->AvailableBytes();
     KvoMemoryAccessor reader(files->PathOf("s"), "s", nullptr, 0, 1);
     reader.StartReading();
-    registry->RemovePublisher(IdentityOf('a'), "s", StreamRegistry::Whose::kOwn);
+    registry->RemovePublisher(IdentityOf('a'), "s");
     Pass(std::chrono::seconds(3));
     EXPECT_EQ(available, files->AvailableBytes());
     reader.CloseSharedMemory();

@@ -63,6 +63,7 @@ public:
     virtual StreamDescription DescribeStream(const Caller&, const std::string& stream,
                                              const std::string& importer) = 0;
     virtual std::vector<RemoteStreamState> ListRemoteStreams(const Caller&) = 0;
+    virtual std::int32_t EndStream(const Caller&, const std::string& stream) = 0;
 };
 
 /// The service that decodes calls and runs them on the handler, which must outlive it.

@@ -72,6 +72,10 @@ public:
                                              const std::string& importer) = 0;
     /// The streams that this broker imports and exports.
     virtual std::vector<RemoteStreamState> ListRemoteStreams() = 0;
+    /// Ends the registration of the stream's publisher, whichever process it is. For callers with
+    /// the right to administer the stream. @return 1; -1: the stream has no publisher of this
+    /// host; kNoRight. Brokers that do not know the operation answer with an error.
+    virtual std::int32_t EndStream(const std::string& stream) = 0;
 };
 
 }  // namespace kvo
