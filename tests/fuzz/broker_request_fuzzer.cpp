@@ -1,6 +1,6 @@
 // Decodes and runs whatever bytes clients may send, on the broker's own registry and files: the
 // input is a list of messages, each with its caller and its length before it.
-#include "kvo/broker/data_broker_registration_handler.h"
+#include "kvo/broker/data_broker_registration_service.h"
 #include "kvo/os/process_identity.h"
 #include "remote/remote_streams.h"
 #include "requests/event_log.h"
@@ -28,11 +28,11 @@ constexpr std::uint64_t kBudgetBytes = 4U << 20;
 
 class NoProcesses final : public Processes {
 public:
-    std::optional<ProcessTag> Find(const kvo::os::ProcessIdentity&) const override {
+    std::optional<ProcessTag> Find(const os::ProcessIdentity&) const override {
         return std::nullopt;
     }
     bool Lives(const ProcessTag&) const override { return false; }
-    bool Connected(const std::string&) const override { return true; }
+    bool Connected(const os::ProcessIdentity&) const override { return true; }
 };
 
 class Nobody final : public Accounts {
@@ -78,8 +78,8 @@ public:
     void Pass() {
         now_ += std::chrono::seconds(6);
         time_.Tick();
-        registry_.Supervise();
-        registry_.ReapSome();
+        registry_.sweep().Run();
+        registry_.sweep().ReclaimReaders();
         remote_.Tick();
     }
 
@@ -94,11 +94,12 @@ private:
     NoProcesses processes_;
     StreamFiles files_;
     EventLog events_;
+    Refusals refusals_{events_, [](int, const std::string&) {}};
     StreamRegistry registry_{{std::chrono::seconds(10), std::chrono::milliseconds(2000), 6},
                              files_,
                              processes_,
                              time_,
-                             [](const std::string&, NotificationType) {},
+                             [](const StreamName&, NotificationType) {},
                              [](int, const std::string&) {}};
     Nobody accounts_;
     const Access access_{{AccessRule::Parse("deny subscribe *x* to group:1"),
@@ -131,17 +132,13 @@ private:
          [](const RemoteStreams::ExportOrder&) { return std::make_unique<NoTransfer>(); },
          [](std::unique_ptr<RemoteTransfer>) {}, [](int, const std::string&) {},
          [](const std::string&) { return false; }}};
-    RequestHandler handler_{registry_,
-                            files_,
-                            remote_,
-                            access_,
-                            events_,
-                            [](int, const std::string&) {},
-                            {[](const std::string&) {}, [](const std::string&) {}},
+    RequestHandler handler_{registry_,     files_,
+                            remote_,       access_,
+                            refusals_,     {[](const StreamName&) {}, [](const StreamName&) {}},
                             {1, 10, 1, {}}};
-    std::unique_ptr<gorm::cor::rr::Service> service_ = MakeDataBrokerRegistrationService(handler_);
+    DataBrokerRegistrationService<RequestHandler> service_{handler_};
     RequestGate gate_{{1000, 40}};
-    GatedService gated_{*service_, gate_, [this] { return now_; }};
+    GatedService gated_{service_, gate_, [this] { return now_; }};
 };
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include "gorm/cor/service_loop.h"
 #include "kvo/KvoLogger.h"
 #include "kvo/broker/capabilities.h"
+#include "kvo/broker/data_broker_registration_service.h"
 #include "remote/federation.h"
 #include "requests/event_log.h"
 #include "requests/gated_service.h"
@@ -115,10 +116,10 @@ public:
 private:
     void Start(const BrokerOptions& options);
     void Stop();
-    void Lost(const gorm::cor::rr::Caller& caller);
+    void OnDisconnect(const gorm::cor::rr::Caller& caller);
     void SuperviseSoon();
-    void Notify(const std::string& stream, NotificationType type);
-    void OpenTopic(const std::string& stream);
+    void Notify(const StreamName& stream, NotificationType type);
+    void OpenTopic(const StreamName& stream);
     std::vector<std::string> Capabilities() const;
     void Log(int level, const std::string& text) const {
         KvoLogger::WriteToLogger(logger_, level, text);
@@ -141,18 +142,19 @@ private:
     SystemAccounts accounts_;
     std::shared_ptr<gorm::cor::CurveServer> curve_;  // null: no keys are asked for
     std::unique_ptr<Access> access_;
+    Refusals refusals_{events_, [this](int level, const std::string& text) { Log(level, text); }};
     std::unique_ptr<RequestHandler> handler_;
-    std::unique_ptr<gorm::cor::rr::Service> service_;
+    std::unique_ptr<DataBrokerRegistrationService<RequestHandler>> service_;
     std::unique_ptr<GatedService> gated_service_;
     std::unique_ptr<gorm::cor::rr::Server> server_;
     unsigned ticks_ = 0;
     bool supervision_posted_ = false;
-    std::set<std::string> lost_;  // identities whose last connection ended since then
+    std::set<os::ProcessIdentity> disconnected_;  // whose last connection ended since then
 };
 
 namespace {
 
-StreamRegistry::Settings SettingsOf(const BrokerOptions& options) {
+RegistrySettings SettingsOf(const BrokerOptions& options) {
     const bool supervised = options.heartbeat_period.count() > 0;
     return {supervised ? options.heartbeat_timeout : std::chrono::seconds(0),
             options.removal_grace,
@@ -207,13 +209,13 @@ Broker::Impl::Impl(const BrokerOptions& options, KvoLogger* logger) : logger_(lo
         if (registry_ != nullptr) {
             time_->Tick();
             processes_->Refresh();
-            registry_->Supervise();
-            registry_->ReapSome();
+            registry_->sweep().Run();
+            registry_->sweep().ReclaimReaders();
             federation_->Tick();
             gate_->ForgetIdle(std::chrono::steady_clock::now());
             if (++ticks_ % kTicksToTopics == 0) {
                 topics_->CloseUnless(
-                    [this](const std::string& stream) { return registry_->Knows(stream); });
+                    [this](const StreamName& stream) { return registry_->Knows(stream); });
             }
         }
     });
@@ -252,11 +254,11 @@ void Broker::Impl::Start(const BrokerOptions& options) {
     topics_ = std::make_unique<Topics>(*publisher_);
     registry_ = std::make_unique<StreamRegistry>(
         SettingsOf(options), *files_, *processes_, *time_,
-        [this](const std::string& stream, NotificationType type) { Notify(stream, type); },
+        [this](const StreamName& stream, NotificationType type) { Notify(stream, type); },
         [this](int level, const std::string& text) { Log(level, text); });
     publisher_->OnSubscription([this](std::string_view path, bool begins) {
         if (begins) {
-            registry_->Listening(Topics::StreamOf(path));
+            registry_->OnSubscription(Topics::StreamOf(path));
         }
     });
     registry_->Adopt(files_->Sweep([this](const std::string& text) { Log(3, text); }));
@@ -270,14 +272,13 @@ void Broker::Impl::Start(const BrokerOptions& options) {
         RulesOf(options), accounts_, ::geteuid(),
         [this](const std::string& key) { return curve_ == nullptr ? "" : curve_->NameOf(key); });
     handler_ = std::make_unique<RequestHandler>(
-        *registry_, *files_, federation_->streams(), *access_, events_,
-        [this](int level, const std::string& text) { Log(level, text); },
-        RequestHandler::TopicCalls{[this](const std::string& stream) { OpenTopic(stream); },
-                                   [this](const std::string& stream) { topics_->Relay(stream); }},
+        *registry_, *files_, federation_->streams(), *access_, refusals_,
+        RequestHandler::TopicCalls{[this](const StreamName& stream) { OpenTopic(stream); },
+                                   [this](const StreamName& stream) { topics_->Relay(stream); }},
         RequestHandler::Answers{static_cast<std::int32_t>(options.heartbeat_period.count()),
                                 static_cast<std::int32_t>(options.heartbeat_timeout.count()),
                                 notification_port_, Capabilities()});
-    service_ = MakeDataBrokerRegistrationService(*handler_);
+    service_ = std::make_unique<DataBrokerRegistrationService<RequestHandler>>(*handler_);
     gate_ = std::make_unique<RequestGate>(LimitsOf(options));
     gated_service_ = std::make_unique<GatedService>(
         *service_, *gate_, [] { return std::chrono::steady_clock::now(); });
@@ -285,9 +286,10 @@ void Broker::Impl::Start(const BrokerOptions& options) {
         loop_, Uri("wkp.rr", options.address, options.port, "/broker/Broker1"), *gated_service_,
         gorm::cor::rr::ServerOptions{options.max_connections,
                                      static_cast<int>(options.pending_answers), serving});
-    server_->OnDisconnect([this](const gorm::cor::rr::Caller& caller) { Lost(caller); });
-    processes_->AskForConnections(
-        [this](const std::string& identity) { return server_->Connected(identity); });
+    server_->OnDisconnect([this](const gorm::cor::rr::Caller& caller) { OnDisconnect(caller); });
+    processes_->SetConnected([this](const os::ProcessIdentity& identity) {
+        return server_->Connected(std::string(identity.begin(), identity.end()));
+    });
     port_ = server_->port();
     uri_ = Uri("wkp.rr", options.address, port_, "").string();
     Log(2, "listening at " + uri_ + ", notifications at port " +
@@ -304,34 +306,35 @@ std::vector<std::string> Broker::Impl::Capabilities() const {
     return capabilities;
 }
 
-void Broker::Impl::OpenTopic(const std::string& stream) {
+void Broker::Impl::OpenTopic(const StreamName& stream) {
     topics_->Open(stream);
-    registry_->Listening(stream);
+    registry_->OnSubscription(stream);
 }
 
-void Broker::Impl::Notify(const std::string& stream, NotificationType type) {
+void Broker::Impl::Notify(const StreamName& stream, NotificationType type) {
     ++notifications_;
     topics_->Open(stream);
     if (const char* const kind = type == PUB_REG     ? "PUB_REG"
                                  : type == PUB_UNREG ? "PUB_UNREG"
                                  : type == SHM_DEL   ? "SHM_DEL"
                                                      : nullptr) {
-        events_.Add(kind, stream);
+        events_.Add(kind, stream.text());
     }
     topics_->Publish(stream, type);
     if (federation_ == nullptr) {
         return;
     }
     if (type == NEW_DATA) {
-        federation_->streams().NewData(stream);
+        federation_->streams().NewData(stream.text());
     } else if (type == PUB_REG || type == PUB_UNREG) {
-        federation_->streams().PublisherChanged(stream);
+        federation_->streams().PublisherChanged(stream.text());
     }
 }
 
-void Broker::Impl::Lost(const gorm::cor::rr::Caller& caller) {
-    if (!caller.identity.empty() && !server_->Connected(caller.identity)) {
-        lost_.insert(caller.identity);
+void Broker::Impl::OnDisconnect(const gorm::cor::rr::Caller& caller) {
+    if (const ClientIdentity identity = ParseIdentity(caller.identity);
+        identity && !server_->Connected(caller.identity)) {
+        disconnected_.insert(*identity);
     }
     SuperviseSoon();
 }
@@ -347,9 +350,9 @@ void Broker::Impl::SuperviseSoon() {
         supervision_posted_ = false;
         if (registry_ != nullptr) {
             processes_->Refresh();
-            registry_->Supervise();
-            for (const std::string& identity : std::exchange(lost_, {})) {
-                registry_->Lost(identity);
+            registry_->sweep().Run();
+            for (const os::ProcessIdentity& identity : std::exchange(disconnected_, {})) {
+                registry_->publishers().OnDisconnect(identity);
             }
         }
     });
@@ -365,7 +368,7 @@ BrokerState Broker::Impl::State() {
         state.connections = server_->connections();
         state.requests = gate_->admitted();
         state.throttled = gate_->throttled();
-        state.refusals = handler_->refusals();
+        state.refusals = refusals_.count();
         state.notifications = notifications_;
         state.memory_used_bytes = files_->used_bytes();
         state.memory_budget_bytes = files_->budget_bytes();
@@ -408,7 +411,7 @@ void Broker::Impl::Stop() {
     server_.reset();
     federation_.reset();
     if (registry_ != nullptr) {
-        registry_->Leave();
+        registry_->Shutdown();
     }
     registry_.reset();
     publisher_.reset();

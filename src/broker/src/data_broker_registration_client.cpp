@@ -1,7 +1,7 @@
 #include "data_broker_registration_client.h"
 
 #include "gorm/cor/rr/packing.h"
-#include "kvo/broker/data_broker_registration_sync.h"
+#include "kvo/broker/operations.h"
 #include "kvo/broker/remote_stream_state.h"
 #include "kvo/broker/stream_description.h"
 #include "local_notifier.h"
@@ -16,6 +16,10 @@ using gorm::cor::rr::Channel;
 using gorm::cor::rr::ListenerRegistration;
 using gorm::cor::rr::PackParams;
 using gorm::cor::rr::UnpackResult;
+using Sync = DataBrokerRegistrationSync;
+
+template <class Result, class... Parameters>
+Result ResultOf(Result (Sync::*)(Parameters...));
 
 class DataBrokerRegistrationClient final : public DataBrokerRegistrationSync {
 public:
@@ -44,18 +48,17 @@ public:
     }
 
     void SendHeartbeat(const std::string& client_id) override {
-        Request<void>("SendHeartbeat", client_id);
+        Request<&Sync::SendHeartbeat>(client_id);
     }
     std::int32_t AddPublisher(const std::string& stream, std::int32_t latency_ms,
                               std::int32_t deadline_s, std::int32_t max_data_sample_size,
                               std::int32_t number_of_samples, bool compute_checksum,
                               const std::string& publisher_key) override {
-        return Request<std::int32_t>("AddPublisher", stream, latency_ms, deadline_s,
-                                     max_data_sample_size, number_of_samples, compute_checksum,
-                                     publisher_key);
+        return Request<&Sync::AddPublisher>(stream, latency_ms, deadline_s, max_data_sample_size,
+                                            number_of_samples, compute_checksum, publisher_key);
     }
     std::int32_t RemovePublisher(const std::string& stream) override {
-        return Request<std::int32_t>("RemovePublisher", stream);
+        return Request<&Sync::RemovePublisher>(stream);
     }
     [[gnu::hot]] void NotifyNewData(const std::string& stream) override {
         switch (notifier_->Notify(stream)) {
@@ -65,87 +68,87 @@ public:
                 channel_->Notify("RelayNewData", PackParams(stream));
                 return;
             case LocalNotifier::Way::kWire:
-                channel_->Notify("NotifyNewData", PackParams(stream));
+                channel_->Notify(Operation<&Sync::NotifyNewData>::kName, PackParams(stream));
                 return;
         }
     }
     std::int32_t AddSubscriber(const std::string& subscriber_uuid, const std::string& stream,
                                const std::string& remote_broker_uri, std::int32_t latency_ms,
                                std::int32_t deadline_s) override {
-        return Request<std::int32_t>("AddSubscriber", subscriber_uuid, stream, remote_broker_uri,
-                                     latency_ms, deadline_s);
+        return Request<&Sync::AddSubscriber>(subscriber_uuid, stream, remote_broker_uri, latency_ms,
+                                             deadline_s);
     }
     std::int32_t RemoveSubscriber(const std::string& stream,
                                   const std::string& subscriber_uuid) override {
-        return Request<std::int32_t>("RemoveSubscriber", stream, subscriber_uuid);
+        return Request<&Sync::RemoveSubscriber>(stream, subscriber_uuid);
     }
     std::string GetPublisherKey(const std::string& stream) override {
-        return Request<std::string>("GetPublisherKey", stream);
+        return Request<&Sync::GetPublisherKey>(stream);
     }
     std::int32_t GetNotificationPort(const std::string& stream) override {
-        return Request<std::int32_t>("GetNotificationPort", stream);
+        return Request<&Sync::GetNotificationPort>(stream);
     }
     std::vector<std::string> GetStreamStatistics(const std::string& stream) override {
-        return Request<std::vector<std::string>>("GetStreamStatistics", stream);
+        return Request<&Sync::GetStreamStatistics>(stream);
     }
-    std::int32_t GetHeartbeatPeriod() override {
-        return Request<std::int32_t>("GetHeartbeatPeriod");
-    }
-    std::int32_t GetHeartbeatTimeout() override {
-        return Request<std::int32_t>("GetHeartbeatTimeout");
-    }
+    std::int32_t GetHeartbeatPeriod() override { return Request<&Sync::GetHeartbeatPeriod>(); }
+    std::int32_t GetHeartbeatTimeout() override { return Request<&Sync::GetHeartbeatTimeout>(); }
     std::string GetShmFilePath(const std::string& stream) override {
-        return Request<std::string>("GetShmFilePath", stream);
+        return Request<&Sync::GetShmFilePath>(stream);
     }
     std::string GetExistingShmPath(const std::string& stream) override {
-        return Request<std::string>("GetExistingShmPath", stream);
+        return Request<&Sync::GetExistingShmPath>(stream);
     }
     bool IsStreamIdFree(const std::string& stream) override {
-        return Request<bool>("IsStreamIdFree", stream);
+        return Request<&Sync::IsStreamIdFree>(stream);
     }
     bool HasLocalPublisher(const std::string& stream) override {
-        return Request<bool>("HasLocalPublisher", stream);
+        return Request<&Sync::HasLocalPublisher>(stream);
     }
     bool HasRemotePublisher(const std::string& remote_broker_uri,
                             const std::string& stream) override {
-        return Request<bool>("HasRemotePublisher", remote_broker_uri, stream);
+        return Request<&Sync::HasRemotePublisher>(remote_broker_uri, stream);
     }
     [[gnu::hot]] void ReportDataWritten(const std::string& stream, std::int32_t payload_size,
                                         std::int64_t written_ms) override {
         if (!notifier_->counts_by_itself()) {
-            channel_->Notify("ReportDataWritten", PackParams(stream, payload_size, written_ms));
+            channel_->Notify(Operation<&Sync::ReportDataWritten>::kName,
+                             PackParams(stream, payload_size, written_ms));
         }
     }
     std::int32_t GetMaxBufferSize(std::int32_t max_data_sample_size) override {
-        return Request<std::int32_t>("GetMaxBufferSize", max_data_sample_size);
+        return Request<&Sync::GetMaxBufferSize>(max_data_sample_size);
     }
     std::vector<std::string> ListRegisteredStreams() override {
-        return Request<std::vector<std::string>>("ListRegisteredStreams");
+        return Request<&Sync::ListRegisteredStreams>();
     }
     std::vector<std::string> ListConnectedBrokers() override {
-        return Request<std::vector<std::string>>("ListConnectedBrokers");
+        return Request<&Sync::ListConnectedBrokers>();
     }
     std::vector<std::string> GetCapabilities() override {
-        return Request<std::vector<std::string>>("GetCapabilities");
+        return Request<&Sync::GetCapabilities>();
     }
     std::string GetRefusalReason(const std::string& stream) override {
-        return Request<std::string>("GetRefusalReason", stream);
+        return Request<&Sync::GetRefusalReason>(stream);
     }
     StreamDescription DescribeStream(const std::string& stream,
                                      const std::string& importer) override {
-        return Request<StreamDescription>("DescribeStream", stream, importer);
+        return Request<&Sync::DescribeStream>(stream, importer);
     }
     std::vector<RemoteStreamState> ListRemoteStreams() override {
-        return Request<std::vector<RemoteStreamState>>("ListRemoteStreams");
+        return Request<&Sync::ListRemoteStreams>();
     }
     std::int32_t EndStream(const std::string& stream) override {
-        return Request<std::int32_t>("EndStream", stream);
+        return Request<&Sync::EndStream>(stream);
     }
 
 private:
-    template <class Result, class... Arguments>
-    Result Request(const char* method, const Arguments&... arguments) {
-        return UnpackResult<Result>(method, channel_->Request(method, PackParams(arguments...)));
+    template <auto Method, class... Arguments>
+    decltype(ResultOf(Method)) Request(const Arguments&... arguments) {
+        static_assert(Operation<Method>::kKind != OperationKind::kOneWay);
+        constexpr const char* name = Operation<Method>::kName;
+        return UnpackResult<decltype(ResultOf(Method))>(
+            name, channel_->Request(name, PackParams(arguments...)));
     }
 
     void AskForCapabilities() {

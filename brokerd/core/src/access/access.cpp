@@ -21,21 +21,22 @@ constexpr std::size_t kKeyCharacters = 40;
 const std::pair<std::string_view, Right> kRights[] = {
     {"publish", Right::kPublish}, {"subscribe", Right::kSubscribe}, {"admin", Right::kAdmin}};
 
-const std::pair<std::string_view, AccessRule::Who> kNamed[] = {{"user:", AccessRule::Who::kUser},
-                                                               {"group:", AccessRule::Who::kGroup},
-                                                               {"key:", AccessRule::Who::kKey}};
+const std::pair<std::string_view, AccessRule::Subject> kNamed[] = {
+    {"user:", AccessRule::Subject::kUser},
+    {"group:", AccessRule::Subject::kGroup},
+    {"key:", AccessRule::Subject::kKey}};
 
-// Sets who the rule is about; false: the text says nobody.
-bool ParseWho(const std::string& text, AccessRule& rule) {
+// Sets the peers that the rule is about; false: the text names none.
+bool ParseSubject(const std::string& text, AccessRule& rule) {
     if (text == "anyone" || text == "local") {
-        rule.who = text == "local" ? AccessRule::Who::kLocal : AccessRule::Who::kAnyone;
+        rule.subject = text == "local" ? AccessRule::Subject::kLocal : AccessRule::Subject::kAnyone;
         return true;
     }
-    for (const auto& [prefix, who] : kNamed) {
+    for (const auto& [prefix, subject] : kNamed) {
         if (text.size() > prefix.size() && text.compare(0, prefix.size(), prefix) == 0) {
-            rule.who = who;
+            rule.subject = subject;
             rule.name = text.substr(prefix.size());
-            return who != AccessRule::Who::kKey || rule.name.size() == kKeyCharacters;
+            return subject != AccessRule::Subject::kKey || rule.name.size() == kKeyCharacters;
         }
     }
     return false;
@@ -98,7 +99,7 @@ AccessRule AccessRule::Parse(const std::string& text) {
         throw refuse("the rights are publish, subscribe and admin");
     }
     rule.right = right->second;
-    if (!ParseWho(words[4], rule)) {
+    if (!ParseSubject(words[4], rule)) {
         throw refuse(
             "it ends with anyone, local, user:NAME, group:NAME or key: and the 40 characters of a "
             "public key");
@@ -126,17 +127,17 @@ bool Access::Matches(const AccessRule& rule, const Peer& peer) const {
     const auto* const local = std::get_if<LocalPeer>(&peer);
     const auto* const anonymous = std::get_if<AnonymousPeer>(&peer);
     const auto* const key = std::get_if<KeyPeer>(&peer);
-    switch (rule.who) {
-        case AccessRule::Who::kAnyone:
+    switch (rule.subject) {
+        case AccessRule::Subject::kAnyone:
             return true;
-        case AccessRule::Who::kLocal:
+        case AccessRule::Subject::kLocal:
             return local != nullptr || (anonymous != nullptr && anonymous->this_host);
-        case AccessRule::Who::kKey:
+        case AccessRule::Subject::kKey:
             return key != nullptr && key->public_key == rule.name;
-        case AccessRule::Who::kUser:
+        case AccessRule::Subject::kUser:
             return local != nullptr && (IsNumber(rule.name, local->user) ||
                                         accounts_.Of(local->user, local->group).user == rule.name);
-        case AccessRule::Who::kGroup:
+        case AccessRule::Subject::kGroup:
             break;
     }
     if (local == nullptr) {
@@ -148,7 +149,7 @@ bool Access::Matches(const AccessRule& rule, const Peer& peer) const {
     });
 }
 
-std::string Access::WhyNot(const Peer& peer, Right right, const std::string& stream) const {
+std::string Access::Check(const Peer& peer, Right right, const StreamName& stream) const {
     const auto refusal = [&](const std::string& why) {
         return Describe(peer) + " has no right to " + Verb(right) + " " + Quoted(stream) + ": " +
                why;

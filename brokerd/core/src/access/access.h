@@ -2,6 +2,7 @@
 
 #include "access/accounts.h"
 #include "gorm/cor/peer.h"
+#include "kvo/broker/identifiers.h"
 
 #include <cstdint>
 #include <functional>
@@ -15,7 +16,7 @@ enum class Right { kPublish, kSubscribe, kAdmin };
 
 /// One line of the rules: "allow publish /camera/* to user:alice".
 struct AccessRule {
-    enum class Who { kAnyone, kLocal, kUser, kGroup, kKey };
+    enum class Subject { kAnyone, kLocal, kUser, kGroup, kKey };
 
     /// Throws std::invalid_argument naming the rule and what is wrong with it.
     static AccessRule Parse(const std::string& text);
@@ -24,25 +25,25 @@ struct AccessRule {
     bool allows = false;
     Right right = Right::kPublish;
     std::string pattern;  // of whole stream names; * is any run of characters
-    Who who = Who::kAnyone;
+    Subject subject = Subject::kAnyone;
     std::string name;  // of the user, group or key
 };
 
-/// Who may do what. Threads: one.
+/// Decides what a peer may do with a stream. Threads: one.
 class Access {
 public:
-    /// What a key is called; empty: it is not allowed any more.
+    /// The name of a key; empty: it is not allowed any more.
     using KeyName = std::function<std::string(const std::string& public_key)>;
 
-    /// @param accounts must outlive this. @param own_user the broker's, who may do what root may.
+    /// @param accounts must outlive this. @param own_user the broker's, which may do what root may.
     Access(std::vector<AccessRule> rules, Accounts& accounts, std::uint32_t own_user,
            KeyName key_name);
 
-    /// For what is asked from now on.
+    /// For requests from now on.
     void set_rules(std::vector<AccessRule> rules) { rules_ = std::move(rules); }
 
     /// Empty: the peer has the right. Else a sentence that names right, stream and peer.
-    std::string WhyNot(const gorm::cor::Peer& peer, Right right, const std::string& stream) const;
+    std::string Check(const gorm::cor::Peer& peer, Right right, const StreamName& stream) const;
 
     /// The peer for people: "user alice (1001)".
     std::string Describe(const gorm::cor::Peer& peer) const;

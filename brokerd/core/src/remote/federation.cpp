@@ -124,7 +124,8 @@ std::unique_ptr<RemoteTransfer> Federation::StartImport(const RemoteStreams::Imp
         if (!posted->exchange(true, std::memory_order_acq_rel)) {  // [relay-posted]
             PostIfAlive([this, stream, posted, relay = local != nullptr] {
                 posted->store(false, std::memory_order_release);  // [relay-posted]
-                relay ? topics_.Relay(stream) : topics_.Publish(stream, NEW_DATA);
+                relay ? topics_.Relay(StreamName(stream))
+                      : topics_.Publish(StreamName(stream), NEW_DATA);
             });
         }
     };
@@ -135,7 +136,7 @@ std::unique_ptr<RemoteTransfer> Federation::StartImport(const RemoteStreams::Imp
         PostIfAlive([this, stream, run] { streams_->Outdated(stream, run); });
     };
     return std::make_unique<StreamImport>(
-        StreamImport::Order{files_.PathOf(stream), order.source.epoch, topic,
+        StreamImport::Order{files_.PathOf(StreamName(stream)), order.source.epoch, topic,
                             OwnTopicOf(topic.name, brokers_.OwnUri())},
         Engine(), std::move(calls));
 }
@@ -151,7 +152,8 @@ std::unique_ptr<RemoteTransfer> Federation::StartExport(const RemoteStreams::Exp
             ? nullptr
             : gorm::cor::ps::TopicWatch::Open(settings_.topic_directory, "/" + order.stream);
     return std::make_unique<StreamExport>(
-        StreamExport::Order{order.stream, files_.PathOf(order.stream), order.source.epoch, topic},
+        StreamExport::Order{order.stream, files_.PathOf(StreamName(order.stream)),
+                            order.source.epoch, topic},
         engine, std::move(watch), logger_);
 }
 

@@ -36,7 +36,7 @@ void RemoteStreams::RequestImport(const std::string& broker, const std::string& 
              false);
         return;
     }
-    if (found == imports_.end() && registry_.IsPublished(stream)) {
+    if (found == imports_.end() && registry_.publishers().HasLiving(StreamName(stream))) {
         // The URI may be another name of this broker: its answer tells.
         Probe(broker, stream, [stream, broker, done](const Verdict& verdict, bool local) {
             done(local || verdict.refused()
@@ -72,7 +72,8 @@ void RemoteStreams::Probe(const std::string& broker, const std::string& stream, 
             return;
         }
         const bool local = answer.description.broker == id_;
-        const bool there = local ? registry_.IsPublished(stream) : answer.description.published;
+        const bool there = local ? registry_.publishers().HasLiving(StreamName(stream))
+                                 : answer.description.published;
         done(there ? Verdict{}
                    : Verdict{kNoRemoteStream, "the broker " + broker +
                                                   " has no publisher of stream " + Quoted(stream)},
@@ -143,8 +144,9 @@ void RemoteStreams::Answered(const std::string& stream, std::uint64_t run, const
 
 Verdict RemoteStreams::Begin(const std::string& stream, Import& import,
                              const StreamDescription& source) {
-    if (Verdict verdict = registry_.BeginImport(stream, import.broker, source.max_payload_bytes,
-                                                source.retained_samples, source.checksum);
+    if (Verdict verdict =
+            registry_.imports().Begin(StreamName(stream), import.broker, source.max_payload_bytes,
+                                      source.retained_samples, source.checksum);
         verdict.refused()) {
         return verdict;
     }
@@ -157,7 +159,7 @@ Verdict RemoteStreams::Begin(const std::string& stream, Import& import,
         import.transfer = calls_.start_import({stream, import.run, source});
     } catch (const std::exception& error) {
         import.live = false;
-        registry_.EndImport(stream);
+        registry_.imports().End(StreamName(stream));
         return {kUnknownRemoteBroker, "stream " + Quoted(stream) + " cannot be imported from " +
                                           import.broker + ": " + error.what()};
     }
@@ -181,7 +183,7 @@ void RemoteStreams::Follow(const std::string& stream, Import& import,
         if (!import.live && import.linked) {
             import.live = true;
             import.last_logged.clear();
-            registry_.ImportBack(stream);
+            registry_.imports().OnBack(StreamName(stream));
         }
         return;
     }
@@ -196,7 +198,7 @@ void RemoteStreams::Follow(const std::string& stream, Import& import,
 void RemoteStreams::Lose(const std::string& stream, Import& import, const std::string& why) {
     if (std::exchange(import.live, false)) {
         import.last_logged = why;
-        registry_.ImportLost(stream, why);
+        registry_.imports().OnLost(StreamName(stream), why);
     }
 }
 
@@ -234,7 +236,7 @@ void RemoteStreams::Outdated(const std::string& stream, std::uint64_t run) {
 
 StreamDescription RemoteStreams::Describe(const std::string& stream, const std::string& importer) {
     thread_.here();
-    StreamDescription description = registry_.Describe(stream);
+    StreamDescription description = registry_.publishers().Describe(StreamName(stream));
     if (importer.empty()) {
         description.broker = id_;
         return description;
@@ -263,7 +265,8 @@ StreamDescription RemoteStreams::Describe(const std::string& stream, const std::
 ExportGroup& RemoteStreams::ExportOf(const std::string& stream) {
     ExportGroup::Calls calls;
     calls.start = [this, stream](const std::string& importer) {
-        return calls_.start_export({stream, registry_.Describe(stream), importer});
+        return calls_.start_export(
+            {stream, registry_.publishers().Describe(StreamName(stream)), importer});
     };
     calls.end = calls_.end;
     calls.log = [this, stream](int level, const std::string& text) {
@@ -293,7 +296,7 @@ std::string RemoteStreams::Export(const std::string& stream, ExportGroup& group,
 
 void RemoteStreams::PublisherChanged(const std::string& stream) {
     thread_.here();
-    const StreamDescription source = registry_.Describe(stream);
+    const StreamDescription source = registry_.publishers().Describe(StreamName(stream));
     if (calls_.always_exported(stream) && source.published) {
         ExportOf(stream).SendAlways();
     }
@@ -336,10 +339,10 @@ bool RemoteStreams::Supervise(const std::string& stream, Import& import) {
     if (!import.waiting.empty()) {
         return true;
     }
-    if (registry_.Subscribers(stream) == 0) {
+    if (registry_.subscribers().CountOf(StreamName(stream)) == 0) {
         if (import.transfer != nullptr) {
             Retire(import.transfer, import.before);
-            registry_.EndImport(stream);
+            registry_.imports().End(StreamName(stream));
         }
         return false;
     }
@@ -383,7 +386,7 @@ void RemoteStreams::EndAll() {
         const bool begun = import.transfer != nullptr;
         import.transfer.reset();
         if (begun) {
-            registry_.EndImport(stream);
+            registry_.imports().End(StreamName(stream));
         }
         for (const Done& done : import.waiting) {
             done({kLimitReached, "the broker ends"}, false);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "gorm/cor/rr/service.h"
+#include "kvo/broker/operations.h"
 #include "kvo/os/crash_point.h"
 #include "requests/request_gate.h"
 
@@ -10,8 +11,8 @@
 
 namespace kvo::brokerd {
 
-/// Lets a service answer only what a gate admits. Signs of life and the one-way calls of the data
-/// path pass, since a client sends them because the library says so.
+/// Lets a service answer only what a gate admits. Heartbeats and the one-way calls of the data path
+/// pass, since the library sends them by itself.
 /// Threads: the service loop.
 class GatedService final : public gorm::cor::rr::Service {
 public:
@@ -21,8 +22,7 @@ public:
     gorm::cor::rr::Deferred<std::string> Dispatch(const gorm::cor::rr::Caller& caller,
                                                   std::string_view method,
                                                   const msgpack::object& params) override {
-        if (method != "SendHeartbeat" && method != "NotifyNewData" && method != "RelayNewData" &&
-            method != "ReportDataWritten") {
+        if (KindOf(method) == OperationKind::kRequest) {
             gate_.Admit(caller.connection, clock_());
         }
         KVO_CRASH_POINT((std::string(method) + " taken").c_str());

@@ -7,13 +7,25 @@ namespace {
 
 constexpr std::size_t kKeptRefusals = 1000;
 
+const std::string& KeyOf(const Refusals::Caller& caller) {
+    return caller.identity.empty() ? caller.connection : caller.identity;
+}
+
 }  // namespace
 
-void Refusals::Keep(const std::string& asker, const std::string& stream, std::string reason) {
-    if (stream.size() > kMaxNameBytes) {  // no name, and nobody's memory to fill
+void Refusals::Add(const Caller& caller, const StreamName& stream, const std::string& code,
+                   const std::string& reason) {
+    ++count_;
+    log_(3, "refused" + code + ": " + reason);
+    events_.Add("refused", Quoted(stream), reason);
+    Keep(caller, stream, reason);
+}
+
+void Refusals::Keep(const Caller& caller, const StreamName& stream, std::string reason) {
+    if (stream.text().size() > kMaxNameBytes) {  // no name, and no reason to keep so much
         return;
     }
-    const Key key{asker, stream};
+    const Key key{KeyOf(caller), stream};
     if (reasons_.insert_or_assign(key, std::move(reason)).second) {
         order_.push_back(key);
     }
@@ -23,15 +35,15 @@ void Refusals::Keep(const std::string& asker, const std::string& stream, std::st
     }
 }
 
-void Refusals::Forget(const std::string& asker, const std::string& stream) {
-    const Key key{asker, stream};
+void Refusals::Forget(const Caller& caller, const StreamName& stream) {
+    const Key key{KeyOf(caller), stream};
     if (reasons_.erase(key) != 0) {
         std::erase(order_, key);
     }
 }
 
-std::string Refusals::Of(const std::string& asker, const std::string& stream) const {
-    const auto found = reasons_.find({asker, stream});
+std::string Refusals::Of(const Caller& caller, const StreamName& stream) const {
+    const auto found = reasons_.find({KeyOf(caller), stream});
     return found == reasons_.end() ? std::string() : found->second;
 }
 

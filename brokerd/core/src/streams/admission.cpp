@@ -2,35 +2,37 @@
 
 #include "streams/stream_name.h"
 
+#include <string>
+
 namespace kvo::brokerd {
 
-Verdict Admission::OfPublisher(const std::string& stream, bool known, std::size_t streams) const {
+Verdict Admission::CheckPublisher(const StreamName& stream) const {
     if (!IsWellFormedName(stream)) {
         return {kIllFormedName, Quoted(stream) +
                                     " cannot name a stream: 1 to 255 letters, digits and "
                                     "-._~!$&'()*+,;=:@/, without . and .. between slashes"};
     }
-    return OfStream(stream, known, streams);
+    return CheckStream(stream);
 }
 
-Verdict Admission::OfSubscriber(const std::string& stream, const std::string& uuid, bool known,
-                                std::size_t streams) const {
-    if (!IsWellFormedName(stream) || !IsWellFormedName(uuid)) {
-        return {kIllFormedName,
-                Quoted(stream) + " cannot name a stream, or " + Quoted(uuid) + " a subscriber"};
+Verdict Admission::CheckSubscriber(const StreamName& stream, const SubscriberId& subscriber) const {
+    if (!IsWellFormedName(stream) || !IsWellFormedName(subscriber)) {
+        return {kIllFormedName, Quoted(stream) + " cannot name a stream, or " + Quoted(subscriber) +
+                                    " a subscriber"};
     }
-    return OfStream(stream, known, streams);
+    return CheckStream(stream);
 }
 
-Verdict Admission::OfStream(const std::string& stream, bool known, std::size_t streams) const {
+Verdict Admission::CheckStream(const StreamName& stream) const {
     if (closed_) {
-        return {kLimitReached, "stream " + Quoted(stream) +
-                                   ": the broker is being drained and takes no registrations"};
+        return {kLimitReached,
+                Titled(stream) + ": the broker is being drained and accepts no registrations"};
     }
-    if (!known && streams >= max_streams_) {
-        return {kLimitReached, "stream " + Quoted(stream) + ": there are already " +
-                                   std::to_string(streams) + " streams, at most " +
-                                   std::to_string(max_streams_) + " are possible"};
+    const std::size_t streams = table_.streams().size();
+    if (const std::uint32_t limit = table_.settings().max_streams;
+        table_.Find(stream) == nullptr && streams >= limit) {
+        return {kLimitReached, Titled(stream) + ": there are already " + std::to_string(streams) +
+                                   " streams, at most " + std::to_string(limit) + " are possible"};
     }
     return {};
 }

@@ -1,33 +1,28 @@
 #pragma once
 
+#include "streams/stream_table.h"
 #include "streams/verdict.h"
-
-#include <cstddef>
-#include <cstdint>
-#include <string>
 
 namespace kvo::brokerd {
 
-/// Who may register at all, whatever is registered already: names and limits.
+/// What every registration is checked for first: well-formed names, the limit of streams, a broker
+/// that is being drained.
 /// Threads: one.
 class Admission {
 public:
-    explicit Admission(std::uint32_t max_streams) : max_streams_(max_streams) {}
+    explicit Admission(const StreamTable& table) : table_(table) {}
 
-    /// @param known whether the broker keeps the stream already. @param streams how many it keeps.
-    Verdict OfPublisher(const std::string& stream, bool known, std::size_t streams) const;
-    Verdict OfSubscriber(const std::string& stream, const std::string& uuid, bool known,
-                         std::size_t streams) const;
+    Verdict CheckPublisher(const StreamName& stream) const;
+    Verdict CheckSubscriber(const StreamName& stream, const SubscriberId& subscriber) const;
 
-    void set_max_streams(std::uint32_t max_streams) { max_streams_ = max_streams; }
-    /// From now on nobody.
+    /// From now on nothing is admitted.
     void Close() { closed_ = true; }
     bool closed() const { return closed_; }
 
 private:
-    Verdict OfStream(const std::string& stream, bool known, std::size_t streams) const;
+    Verdict CheckStream(const StreamName& stream) const;
 
-    std::uint32_t max_streams_;
+    const StreamTable& table_;
     bool closed_ = false;
 };
 

@@ -7,8 +7,23 @@
 #include <chrono>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <utility>
 
 namespace kvo::brokerd {
+
+/// The process of a client; none: it has presented no identity. All clients without one count as
+/// one process.
+using ClientIdentity = std::optional<os::ProcessIdentity>;
+
+/// @param bytes as the middleware hands them over; none but a whole identity counts.
+ClientIdentity ParseIdentity(std::string_view bytes);
+
+/// In whose name a registration is made.
+struct Registrant {
+    ClientIdentity identity;
+    std::string user;  // the account that it counts for, also shown to people
+};
 
 /// What is known of the processes of clients.
 class Processes {
@@ -19,28 +34,24 @@ public:
     /// By the kernel's knowledge.
     virtual bool Lives(const ProcessTag& tag) const = 0;
     /// Whether a connection of it to this broker answers. A stopped process loses its connections.
-    virtual bool Connected(const std::string& identity) const = 0;
+    virtual bool Connected(const os::ProcessIdentity& identity) const = 0;
 };
 
-/// The one behind a registration: known by the identity it presents, alive as long as its process
-/// is, silent when it has ended its heartbeats, and stalled when it can send none.
+/// The client behind a registration: known by the identity it presents, alive as long as its
+/// process is, silent when it has ended its heartbeats, and stalled when it can send none.
 class Client {
 public:
-    /// @param identity 16 bytes, or empty: then heartbeats alone tell. @param user on whose account
-    /// it goes, for people too. @param now supervised time.
-    Client(std::string identity, std::string user, TimePoint now)
-        : identity_(std::move(identity)), user_(std::move(user)), beat_(now) {}
+    /// @param registrant without identity: heartbeats alone tell. @param now supervised time.
+    Client(Registrant registrant, TimePoint now)
+        : registrant_(std::move(registrant)), heartbeat_(now) {}
 
-    bool Is(const std::string& identity) const { return identity_ == identity; }
-    const std::string& identity() const { return identity_; }
-    const std::string& user() const { return user_; }
-    void Beat(TimePoint now) { beat_ = now; }
-    TimePoint beat() const { return beat_; }
+    bool Is(const ClientIdentity& identity) const { return registrant_.identity == identity; }
+    const std::string& user() const { return registrant_.user; }
+    void OnHeartbeat(TimePoint now) { heartbeat_ = now; }
+    TimePoint heartbeat() const { return heartbeat_; }
 
     /// It has named its process, which has not been found yet.
-    bool awaits_process() const {
-        return !tag_ && identity_.size() == os::ProcessIdentity{}.size();
-    }
+    bool awaits_process() const { return !tag_ && registrant_.identity; }
 
     enum class State {
         kAlive,
@@ -48,15 +59,14 @@ public:
         kSilent,   // no heartbeat in time
         kDead,
     };
-    /// @param timeout 0: no heartbeats are asked for.
+    /// @param timeout 0: heartbeats are not supervised.
     State Judge(const Processes& processes, TimePoint now, std::chrono::seconds timeout);
     /// As of the last Judge().
     bool stalled() const { return state_ == State::kStalled; }
 
 private:
-    std::string identity_;
-    std::string user_;
-    TimePoint beat_;
+    Registrant registrant_;
+    TimePoint heartbeat_;
     std::optional<ProcessTag> tag_;  // once its process has taken a lock byte
     State state_ = State::kAlive;
 };

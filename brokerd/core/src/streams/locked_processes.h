@@ -6,30 +6,33 @@
 #include <functional>
 #include <map>
 #include <optional>
-#include <string>
 
 namespace kvo::brokerd {
 
-/// The processes that use a broker's directory: joined and alive by its lock file, connected by
-/// the word of the server. Threads: one.
+/// The processes that use a broker's directory: joined and alive by its lock file, connected as
+/// the server says. Threads: one.
 class LockedProcesses final : public Processes {
 public:
     explicit LockedProcesses(const ProcessLock& lock) : lock_(lock) {}
 
     std::optional<ProcessTag> Find(const os::ProcessIdentity& identity) const override;
     bool Lives(const ProcessTag& tag) const override { return lock_.Lives(tag); }
-    bool Connected(const std::string& identity) const override { return connected_(identity); }
+    bool Connected(const os::ProcessIdentity& identity) const override {
+        return connected_(identity);
+    }
 
     /// The records are read again at the next Find(), once for all until the next call of this.
     void Refresh() { outdated_ = true; }
-    /// Before, everybody counts as connected.
-    void AskForConnections(std::function<bool(const std::string& identity)> connected) {
+    /// Until it is called, all count as connected.
+    void SetConnected(std::function<bool(const os::ProcessIdentity& identity)> connected) {
         connected_ = std::move(connected);
     }
 
 private:
     const ProcessLock& lock_;
-    std::function<bool(const std::string&)> connected_ = [](const std::string&) { return true; };
+    std::function<bool(const os::ProcessIdentity&)> connected_ = [](const os::ProcessIdentity&) {
+        return true;
+    };
     mutable bool outdated_ = true;
     mutable std::multimap<os::ProcessIdentity, ProcessTag> joined_;
 };

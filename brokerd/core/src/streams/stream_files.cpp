@@ -79,13 +79,24 @@ void StreamFiles::SetBudget(std::uint64_t bytes) {
     budget_bytes_ = bytes != 0 ? bytes : FileSystemOf(directory_).total_bytes / 2;
 }
 
-std::string StreamFiles::PathOf(const std::string& stream) const {
+std::string StreamFiles::PathOf(const StreamName& stream) const {
     return directory_ + "/" + FileNameOf(stream);
 }
 
 std::uint64_t StreamFiles::AvailableBytes() const {
     return std::min(budget_bytes_ - std::min(used_bytes_, budget_bytes_),
                     FileSystemOf(directory_).free_bytes);
+}
+
+Verdict StreamFiles::CheckRoom(const StreamName& stream, std::uint64_t bytes) const {
+    const std::uint64_t available = AvailableBytes();
+    if (bytes <= available) {
+        return {};
+    }
+    return {kNotEnoughMemory,
+            Titled(stream) + ": " + std::to_string(bytes) + " bytes of shared memory requested, " +
+                std::to_string(available) + " left of " + std::to_string(budget_bytes_) +
+                "; request fewer or smaller samples, or raise memory-budget"};
 }
 
 std::int32_t StreamFiles::LargestBuffer(std::int32_t sample_bytes) const {
@@ -110,13 +121,13 @@ std::int32_t StreamFiles::LargestBuffer(std::int32_t sample_bytes) const {
     return static_cast<std::int32_t>(good * sample_bytes);
 }
 
-std::unique_ptr<StreamFile> StreamFiles::Create(const std::string& stream,
+std::unique_ptr<StreamFile> StreamFiles::Create(const StreamName& stream,
                                                 const StreamGeometry& geometry,
                                                 const std::string& publisher_key, bool checksum,
                                                 std::unique_ptr<StreamFile>& before) {
     StreamFile::Creation creation;
     creation.path = PathOf(stream);
-    creation.stream = stream;
+    creation.stream = stream.text();
     creation.geometry = geometry;
     creation.epoch = std::max(WallClockUs(), last_epoch_ + 1);
     creation.key_digest = DigestKey(publisher_key);
@@ -171,7 +182,7 @@ std::vector<std::unique_ptr<StreamFile>> StreamFiles::Sweep(
         try {
             auto file = StreamFile::Open(path.string());
             last_epoch_ = std::max(last_epoch_, file->epoch());
-            const bool in_place = PathOf(file->stream()) == path.string();
+            const bool in_place = PathOf(StreamName(file->stream())) == path.string();
             if (in_place && !file->writer_state().retired && WriterLives(*file)) {
                 controls.insert(file->control_path());
                 Take(*file);

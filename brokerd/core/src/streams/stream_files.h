@@ -1,8 +1,10 @@
 #pragma once
 
+#include "kvo/broker/identifiers.h"
 #include "kvo/memory/process_lock.h"
 #include "kvo/memory/stream_file.h"
 #include "kvo/os/file_access.h"
+#include "streams/verdict.h"
 
 #include <cstdint>
 #include <functional>
@@ -20,7 +22,7 @@ public:
     StreamFiles(std::string directory, std::uint64_t budget_bytes, const SpareSlots& spare,
                 ProcessLock& processes, const os::FileAccess& access = {});
 
-    std::string PathOf(const std::string& stream) const;
+    std::string PathOf(const StreamName& stream) const;
 
     /// Throws std::invalid_argument naming the value out of range.
     StreamGeometry Plan(std::int32_t sample_bytes, std::int32_t samples) const {
@@ -28,6 +30,8 @@ public:
     }
     /// Bytes that new files may take: what the budget leaves, at most what is free.
     std::uint64_t AvailableBytes() const;
+    /// Whether a file of so many bytes can be made for the stream.
+    Verdict CheckRoom(const StreamName& stream, std::uint64_t bytes) const;
     std::uint64_t used_bytes() const { return used_bytes_; }
     std::uint64_t budget_bytes() const { return budget_bytes_; }
     /// @param bytes 0: half of the file system. Files beyond a smaller one stay.
@@ -39,7 +43,7 @@ public:
     /// A fresh file at the stream's path; what was there, `before`, is retired and its memory
     /// counts until its readers have gone. Throws std::system_error when there is no room; then
     /// nothing has changed.
-    std::unique_ptr<StreamFile> Create(const std::string& stream, const StreamGeometry& geometry,
+    std::unique_ptr<StreamFile> Create(const StreamName& stream, const StreamGeometry& geometry,
                                        const std::string& publisher_key, bool checksum,
                                        std::unique_ptr<StreamFile>& before);
 

@@ -41,11 +41,12 @@ bool IsWellFormedName(std::string_view name) {
            std::all_of(name.begin(), name.end(), IsNameCharacter) && !HasDotSegment(name);
 }
 
-std::string FileNameOf(std::string_view stream) {
-    const XXH128_hash_t digest = XXH3_128bits(stream.data(), stream.size());
+std::string FileNameOf(const StreamName& stream) {
+    const std::string_view text = stream;
+    const XXH128_hash_t digest = XXH3_128bits(text.data(), text.size());
     std::string name = os::ToHex(digest.high64) + os::ToHex(digest.low64);
     name += '-';
-    for (const char c : stream.substr(0, kReadableBytes)) {
+    for (const char c : text.substr(0, kReadableBytes)) {
         name += IsAlphanumeric(c) || c == '-' || c == '.' ? c : '_';
     }
     return name.append(kStreamFileSuffix);
@@ -57,6 +58,10 @@ std::string Quoted(std::string_view text) {
         quoted += c >= ' ' && c <= '~' ? c : '?';
     }
     return quoted + (text.size() > kQuotedBytes ? "...\"" : "\"");
+}
+
+std::string Titled(const StreamName& stream) {
+    return "stream " + Quoted(stream);
 }
 
 }  // namespace kvo::brokerd

@@ -2,6 +2,7 @@
 
 #include "gorm/cor/ps/publisher.h"
 #include "gorm/cor/ps/sample_codec.h"
+#include "kvo/broker/identifiers.h"
 #include "kvo/broker/notification_sample.h"
 
 #include <functional>
@@ -18,23 +19,23 @@ class Topics {
 public:
     explicit Topics(gorm::cor::ps::Publisher& publisher);
 
-    void Publish(const std::string& stream, NotificationType type);
-    /// NEW_DATA for those that listen at sockets; the others know already.
-    void Relay(const std::string& stream);
+    void Publish(const StreamName& stream, NotificationType type);
+    /// NEW_DATA for subscribers at sockets; those of this host have been told.
+    void Relay(const StreamName& stream);
 
     /// From now on subscribers of this host can listen to the stream through memory.
-    void Open(const std::string& stream);
-    /// Ends that for the streams that nobody needs.
-    void CloseUnless(const std::function<bool(const std::string& stream)>& needed);
+    void Open(const StreamName& stream);
+    /// Ends that for the streams that are needed no more.
+    void CloseUnless(const std::function<bool(const StreamName& stream)>& needed);
 
     /// The stream whose topic has this path; empty: none.
-    static std::string StreamOf(std::string_view path);
+    static StreamName StreamOf(std::string_view path);
 
 private:
-    std::string Encode(const std::string& stream, NotificationType type);
+    std::string Encode(const StreamName& stream, NotificationType type);
 
     gorm::cor::ps::Publisher& publisher_;
-    std::set<std::string> open_;  // streams
+    std::set<StreamName> open_;
     const std::shared_ptr<const gorm::cor::ps::SampleCodec> codec_;
     const std::shared_ptr<NotificationSample> sample_;
 };

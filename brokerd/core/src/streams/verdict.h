@@ -8,7 +8,7 @@
 namespace kvo::brokerd {
 
 /// The answer to a registration.
-struct Verdict {
+struct [[nodiscard]] Verdict {
     std::int32_t code = kRegistered;  // BrokerResult, or -1 where an operation says so
     std::string reason;               // of a refusal: a sentence with the values
 

@@ -46,8 +46,8 @@ const Peer kHolder = KeyPeer{kKey};
 
 class AccessTest : public ::testing::Test {
 protected:
-    std::string WhyNot(const std::vector<std::string>& texts, const Peer& peer, Right right,
-                       const std::string& stream) {
+    std::string Check(const std::vector<std::string>& texts, const Peer& peer, Right right,
+                      const std::string& stream) {
         std::vector<AccessRule> rules;
         for (const std::string& text : texts) {
             rules.push_back(AccessRule::Parse(text));
@@ -55,7 +55,7 @@ protected:
         return Access(
                    std::move(rules), accounts_, 900,
                    [](const std::string& key) { return std::string(key == kKey ? "viewer" : ""); })
-            .WhyNot(peer, right, stream);
+            .Check(peer, right, StreamName(stream));
     }
     KnownAccounts accounts_;
 };
@@ -69,13 +69,13 @@ TEST_F(AccessTest, WithoutRulesThisHostAndKeysUseStreamsAndOnlyTheBrokersUserEnd
                  {kNameless, true, false}, {kLoopback, true, false}, {kNetwork, false, false},
                  {kHolder, true, false}};
     for (const auto& c : cases) {
-        EXPECT_EQ(c.uses, WhyNot({}, c.peer, Right::kPublish, "x").empty());
-        EXPECT_EQ(c.uses, WhyNot({}, c.peer, Right::kSubscribe, "x").empty());
-        EXPECT_EQ(c.ends, WhyNot({}, c.peer, Right::kAdmin, "x").empty());
+        EXPECT_EQ(c.uses, Check({}, c.peer, Right::kPublish, "x").empty());
+        EXPECT_EQ(c.uses, Check({}, c.peer, Right::kSubscribe, "x").empty());
+        EXPECT_EQ(c.ends, Check({}, c.peer, Right::kAdmin, "x").empty());
     }
     const Peer left = KeyPeer{std::string(40, 'l')};
-    EXPECT_THAT(WhyNot({}, left, Right::kPublish, "x"), HasSubstr("not allowed any more"));
-    EXPECT_THAT(WhyNot({"allow publish * to anyone"}, left, Right::kPublish, "x"),
+    EXPECT_THAT(Check({}, left, Right::kPublish, "x"), HasSubstr("not allowed any more"));
+    EXPECT_THAT(Check({"allow publish * to anyone"}, left, Right::kPublish, "x"),
                 HasSubstr("not allowed any more"));
 }
 
@@ -114,8 +114,8 @@ TEST_F(AccessTest, TheFirstRuleThatMatchesDecidesAndNoneRefuses) {
         {kBob, Right::kPublish, "/c", false},
     };
     for (const auto& c : cases) {
-        EXPECT_EQ(c.allowed, WhyNot(rules, c.peer, c.right, c.stream).empty())
-            << c.stream << " " << WhyNot(rules, c.peer, c.right, c.stream);
+        EXPECT_EQ(c.allowed, Check(rules, c.peer, c.right, c.stream).empty())
+            << c.stream << " " << Check(rules, c.peer, c.right, c.stream);
     }
 }
 

@@ -77,12 +77,12 @@ protected:
                                   reason = verdict.reason;
                                   was_local = local;
                                   if (!verdict.refused()) {
-                                      registry->AddSubscriber("", uuid, "s");
+                                      EXPECT_EQ(1, BrokerParts::Subscribe(kAnonymous, uuid, "s"));
                                   }
                               });
     }
     void Unsubscribe(const std::string& uuid) {
-        registry->RemoveSubscriber("", "s", uuid);
+        EXPECT_EQ(1, registry->subscribers().Remove({}, StreamName("s"), SubscriberId(uuid)).code);
         remote->Tick();
     }
 
@@ -109,7 +109,7 @@ protected:
             now += kTick;
             time.Tick();
             for (const std::string& uuid : beating) {
-                registry->Beat("", uuid);
+                registry->OnHeartbeat({}, uuid);
             }
             remote->Tick();
         }
@@ -152,10 +152,11 @@ TEST_F(RemoteStreamsTest, OneImportServesAllSubscribersAndEndsWithTheLast) {
     EXPECT_EQ(1, running);
     EXPECT_THAT(remote->ConnectedBrokers(), ElementsAre(kThere));
 
-    EXPECT_FALSE(registry->IsPublished("s"));
-    EXPECT_TRUE(registry->IsTaken("s"));
+    EXPECT_FALSE(IsPublished("s"));
+    EXPECT_TRUE(registry->IsTaken(StreamName("s")));
     EXPECT_EQ(kStreamInUse, Add('a', "s"));
-    EXPECT_FALSE(registry->Describe("s").published) << "an imported stream is not exported again";
+    EXPECT_FALSE(registry->publishers().Describe(StreamName("s")).published)
+        << "an imported stream is not exported again";
     Subscribe("4", "wkp.rr://elsewhere:5000");
     EXPECT_EQ(kStreamInUse, told.back().second);
 
@@ -165,7 +166,7 @@ TEST_F(RemoteStreamsTest, OneImportServesAllSubscribersAndEndsWithTheLast) {
     Unsubscribe("3");
     EXPECT_EQ(0, running);
     EXPECT_THAT(TakeEvents(), ElementsAre(Pair("s", PUB_UNREG), Pair("s", SHM_DEL)));
-    EXPECT_FALSE(registry->IsTaken("s"));
+    EXPECT_FALSE(registry->IsTaken(StreamName("s")));
     EXPECT_THAT(remote->ConnectedBrokers(), IsEmpty());
     EXPECT_EQ(kRegistered, Add('a', "s"));
 }
@@ -175,7 +176,7 @@ TEST_F(RemoteStreamsTest, RefusalsLeaveNothingBehind) {
         EXPECT_EQ(code, told.back().second) << why;
         EXPECT_THAT(reason, HasSubstr(why));
         EXPECT_EQ(0, running);
-        EXPECT_FALSE(registry->Knows("s"));
+        EXPECT_FALSE(registry->Knows(StreamName("s")));
         EXPECT_THAT(TakeEvents(), IsEmpty());
     };
     Subscribe("1");
@@ -186,7 +187,7 @@ TEST_F(RemoteStreamsTest, RefusalsLeaveNothingBehind) {
     refused(kNoRemoteStream, "has no publisher of stream");
     Subscribe("1");
     AnswerWith(Published(7, 32U << 20));
-    refused(kNotEnoughMemory, "bytes of shared memory here");
+    refused(kNotEnoughMemory, "bytes of shared memory requested");
     Subscribe("1");
     AnswerWith(Published(7, 0));
     refused(kIllFormedGeometry, "sample size of 0");
@@ -196,7 +197,7 @@ TEST_F(RemoteStreamsTest, RefusalsLeaveNothingBehind) {
     AnswerWith(Published(7));
     EXPECT_EQ(kUnknownRemoteBroker, told.back().second);
     EXPECT_THAT(reason, HasSubstr("no engine"));
-    EXPECT_FALSE(registry->IsTaken("s"));
+    EXPECT_FALSE(registry->IsTaken(StreamName("s")));
 
     ASSERT_EQ(kRegistered, Add('a', "s"));
     Subscribe("1");
@@ -215,8 +216,8 @@ TEST_F(RemoteStreamsTest, BrokerThatNamesItselfUsesItsOwnStream) {
     EXPECT_EQ(kRegistered, told.back().second);
     EXPECT_TRUE(was_local);
     EXPECT_EQ(0, running);
-    EXPECT_EQ(1U, registry->Subscribers("s"));
-    registry->RemovePublisher(IdentityOf('a'), "s");
+    EXPECT_EQ(1U, SubscribersOf("s"));
+    Remove('a', "s");
     Subscribe("2");
     AnswerWith(own);
     EXPECT_EQ(kRegistered, told.back().second) << "also without a publisher";
@@ -268,7 +269,7 @@ TEST_F(RemoteStreamsTest, ANewSegmentThereIsANewOneHere) {
     PassSeconds(1);
     AnswerWith(Published(9, 32U << 20));
     EXPECT_THAT(TakeEvents(), IsEmpty()) << "too large for this host";
-    EXPECT_THAT(log, HasSubstr("bytes of shared memory here"));
+    EXPECT_THAT(log, HasSubstr("bytes of shared memory requested"));
     PassSeconds(1);
     AnswerWith(Published(10));
     EXPECT_THAT(TakeEvents(), ElementsAre(Pair("s", PUB_REG)));
@@ -299,8 +300,7 @@ TEST_F(RemoteStreamsTest, MissingLinkAndMissedDeadlinesAreReported) {
 
 TEST_F(RemoteStreamsTest, ExportRunsWhileThereAreAPublisherAndRequests) {
     EXPECT_FALSE(remote->Describe("s", "wkp.rr://there:5000").published);
-    ASSERT_EQ(kRegistered,
-              registry->AddPublisher(IdentityOf('a'), {"s", 64, 4, false, "", "", 250, 10}).code);
+    ASSERT_EQ(kRegistered, Add('a', "s"));
     EXPECT_TRUE(remote->Describe("s", "").published);
     EXPECT_EQ(0, running) << "a probe starts no export";
     const StreamDescription first = remote->Describe("s", kThere);
@@ -314,7 +314,7 @@ TEST_F(RemoteStreamsTest, ExportRunsWhileThereAreAPublisherAndRequests) {
     EXPECT_EQ(1, running);
     EXPECT_THAT(remote->ConnectedBrokers(), ElementsAre(kThere, "wkp.rr://third:5000"));
 
-    registry->RemovePublisher(IdentityOf('a'), "s");
+    Remove('a', "s");
     remote->PublisherChanged("s");
     EXPECT_EQ(0, running);
     ASSERT_EQ(kRegistered, Add('b', "s"));
@@ -339,7 +339,7 @@ TEST_F(RemoteStreamsTest, PermanentExportNeedsNoRequests) {
     PassSeconds(12);
     EXPECT_EQ(1, running);
     EXPECT_THAT(remote->ConnectedBrokers(), IsEmpty());
-    registry->RemovePublisher(IdentityOf('a'), "s");
+    Remove('a', "s");
     remote->PublisherChanged("s");
     remote->Tick();
     EXPECT_EQ(0, running);

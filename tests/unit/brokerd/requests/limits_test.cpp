@@ -39,21 +39,30 @@ TEST(RequestGate, EachConnectionHasItsOwnRateAndBurst) {
     EXPECT_EQ(AdmittedOf(100, gate, "flood", now), 100);
 }
 
-TEST(Refusals, AreOfOneAskerAndBounded) {
-    Refusals refusals;
-    refusals.Keep("a", "s", "first");
-    refusals.Keep("a", "s", "second");
-    EXPECT_EQ(refusals.Of("a", "s"), "second");
-    EXPECT_EQ(refusals.Of("b", "s"), "");
+TEST(Refusals, AreOfOneCallerAndBounded) {
+    EventLog events;
+    std::string log;
+    Refusals refusals(events, [&](int, const std::string& text) { log += text + "\n"; });
+    const Refusals::Caller a{"a", "", {}};
+    const Refusals::Caller b{"", "b", {}};
+    const StreamName s("s");
+    refusals.Keep(a, s, "first");
+    refusals.Add(a, s, " (-2)", "second");
+    EXPECT_EQ(log, "refused (-2): second\n");
+    EXPECT_EQ(events.Newest().at(0).text, "second");
+    EXPECT_EQ(refusals.count(), 1U);
+    EXPECT_EQ(refusals.Of(a, s), "second");
+    EXPECT_EQ(refusals.Of(b, s), "");
     for (int i = 0; i < 1000; ++i) {
-        refusals.Keep("b", std::to_string(i), "other");
+        refusals.Keep(b, StreamName(std::to_string(i)), "other");
     }
-    EXPECT_EQ(refusals.Of("a", "s"), "");
-    EXPECT_EQ(refusals.Of("b", "0"), "other");
-    refusals.Forget("b", "0");
-    EXPECT_EQ(refusals.Of("b", "0"), "");
-    refusals.Keep("b", std::string(256, 'x'), "no name");
-    EXPECT_EQ(refusals.Of("b", std::string(256, 'x')), "");
+    EXPECT_EQ(refusals.Of(a, s), "");
+    EXPECT_EQ(refusals.Of(b, StreamName("0")), "other");
+    refusals.Forget(b, StreamName("0"));
+    EXPECT_EQ(refusals.Of(b, StreamName("0")), "");
+    const StreamName ill_formed(std::string(256, 'x'));
+    refusals.Keep(b, ill_formed, "ill-formed");
+    EXPECT_EQ(refusals.Of(b, ill_formed), "");
 }
 
 }  // namespace
