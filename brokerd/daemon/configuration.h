@@ -23,7 +23,7 @@ struct Configuration {
     std::uint16_t http_port = 0;  // 0: no HTTP
 };
 
-/// A file or a value that can not be taken; the text says where and why.
+/// A file or a value that is rejected; the text says where and why.
 class ConfigurationError : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;

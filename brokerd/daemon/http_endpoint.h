@@ -13,7 +13,7 @@ namespace kvo::brokerd {
 class HttpEndpoint {
 public:
     /// @param port 0: any free one. @param broker must outlive this. Throws std::runtime_error
-    /// naming an address that can not be served.
+    /// naming an address that cannot be served.
     HttpEndpoint(const std::string& address, std::uint16_t port, const Broker& broker);
     HttpEndpoint(const HttpEndpoint&) = delete;
     HttpEndpoint& operator=(const HttpEndpoint&) = delete;

@@ -10,7 +10,7 @@ namespace kvo::brokerd {
 /// The log of this process, to standard error or where a log4cplus file says.
 class LogOutput {
 public:
-    /// Throws ConfigurationError when the log4cplus file can not be read.
+    /// Throws ConfigurationError when the log4cplus file cannot be read.
     explicit LogOutput(const Configuration& configuration);
 
     void SetLevel(const Configuration& configuration);

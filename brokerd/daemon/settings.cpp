@@ -210,7 +210,7 @@ std::vector<Setting> MakeSettings() {
             "one of its user",
             false, [](auto& c) -> auto& { return c.broker.runtime_directory; }),
         List(
-            "access-rules", "Who may do what; the first that matches decides", true,
+            "access-rules", "Rights of peers; the first rule that matches decides", true,
             [](auto& c) -> auto& { return c.broker.access_rules; }, CheckAccessRule),
         Text(
             "secret-key-file",
@@ -218,8 +218,9 @@ std::vector<Setting> MakeSettings() {
             [](auto& c) -> auto& { return c.broker.secret_key_file; }),
         Text(
             "allowed-keys-file",
-            "File with a name and a public key in each line: who may connect over TCP", true,
-            [](auto& c) -> auto& { return c.broker.allowed_keys_file; }),
+            "File with a name and a public key in each line, of the peers that may connect over "
+            "TCP",
+            true, [](auto& c) -> auto& { return c.broker.allowed_keys_file; }),
         Flag(
             "allow-plaintext", "Serve other hosts without CURVE; true or false", false,
             [](auto& c) -> auto& { return c.broker.allow_plaintext; }),

@@ -1,6 +1,7 @@
 #include "kvo/brokerd/broker.h"
 
 #include "access/access.h"
+#include "broker_options.h"
 #include "gorm/cor/curve.h"
 #include "gorm/cor/rr/server.h"
 #include "gorm/cor/service_loop.h"
@@ -16,16 +17,8 @@
 #include "streams/stream_registry.h"
 #include "streams/topics.h"
 
-#include <climits>
-
-#include <array>
-#include <cerrno>
-#include <cstdlib>
-#include <limits>
 #include <optional>
 #include <set>
-#include <stdexcept>
-#include <system_error>
 #include <unistd.h>
 #include <utility>
 
@@ -36,63 +29,13 @@ namespace {
 // its sockets are closed. This is for the deaths that no connection tells of, so it may be seldom:
 // each tick asks the kernel about every client.
 constexpr std::chrono::milliseconds kTick{100};
-constexpr unsigned kTicksToTopics = 10;  // from one look at what topics are needed to the next
-constexpr std::chrono::seconds kLeastTimeout{3};
-// Clients that reconnect after a loss need some seconds before their next heartbeat.
-constexpr std::chrono::seconds kUsualMargin{6};
-
-void Check(const BrokerOptions& options, KvoLogger* logger) {
-    const auto refuse = [](const std::string& what) { throw std::runtime_error(what); };
-    const auto most = std::chrono::seconds(std::numeric_limits<std::int32_t>::max());
-    if (options.heartbeat_period < std::chrono::seconds(0) || options.heartbeat_period > most) {
-        refuse("heartbeat period of " + std::to_string(options.heartbeat_period.count()) +
-               " s: 0 (none) or more is possible");
-    }
-    if (options.heartbeat_timeout < kLeastTimeout || options.heartbeat_timeout > most) {
-        refuse("heartbeat time-out of " + std::to_string(options.heartbeat_timeout.count()) +
-               " s: at least " + std::to_string(kLeastTimeout.count()) + " s is possible");
-    }
-    if (options.heartbeat_timeout < options.heartbeat_period + kUsualMargin) {
-        KvoLogger::WriteToLogger(
-            logger, 3,
-            "a heartbeat time-out of " + std::to_string(options.heartbeat_timeout.count()) +
-                " s is short for a period of " + std::to_string(options.heartbeat_period.count()) +
-                " s: clients that reconnect may be taken for gone");
-    }
-}
-
-void CheckKeys(const BrokerOptions& options) {
-    if (!options.secret_key_file.empty() && options.allowed_keys_file.empty()) {
-        throw std::runtime_error(
-            "secret-key-file needs allowed-keys-file, with the keys that may connect");
-    }
-    if (options.secret_key_file.empty() && !options.allow_plaintext &&
-        !gorm::cor::IsLoopback(options.address)) {
-        throw std::runtime_error("address " + options.address +
-                                 " can be reached from other hosts: name a key with "
-                                 "secret-key-file, or let everybody in with allow-plaintext");
-    }
-}
+constexpr unsigned kTicksToTopics = 10;  // between two checks of which topics are needed
 
 network::uri Uri(const char* scheme, const std::string& address, std::uint16_t port,
                  const char* path) {
     const bool ipv6 = address.find(':') != std::string::npos;
     return network::uri(std::string(scheme) + "://" + (ipv6 ? "[" + address + "]" : address) + ":" +
                         std::to_string(port) + path);
-}
-
-// The directory is locked before a port is bound, so one that any free port is good for has a
-// name of its own.
-std::string DefaultDirectory(std::uint16_t port) {
-    const std::string begin = "/dev/shm/kvo-" + std::to_string(::geteuid()) + "-";
-    if (port != 0) {
-        return begin + std::to_string(port);
-    }
-    std::string path = begin + "XXXXXX";
-    if (::mkdtemp(path.data()) == nullptr) {
-        throw std::system_error(errno, std::generic_category(), "making a directory " + path);
-    }
-    return path;
 }
 
 }  // namespace
@@ -152,50 +95,8 @@ private:
     std::set<os::ProcessIdentity> disconnected_;  // whose last connection ended since then
 };
 
-namespace {
-
-RegistrySettings SettingsOf(const BrokerOptions& options) {
-    const bool supervised = options.heartbeat_period.count() > 0;
-    return {supervised ? options.heartbeat_timeout : std::chrono::seconds(0),
-            options.removal_grace,
-            options.max_streams,
-            {options.client_streams, options.client_memory_bytes},
-            {options.user_streams, options.user_memory_bytes}};
-}
-
-std::vector<AccessRule> RulesOf(const BrokerOptions& options) {
-    std::vector<AccessRule> rules;
-    for (const std::string& text : options.access_rules) {
-        try {
-            rules.push_back(AccessRule::Parse(text));
-        } catch (const std::invalid_argument& error) {
-            throw std::runtime_error(error.what());
-        }
-    }
-    return rules;
-}
-
-// What other brokers call this one, and its topics. A port that is drawn is known too late.
-std::string NameOf(const BrokerOptions& options, std::uint16_t notification_port) {
-    if (!options.name.empty()) {
-        return options.name;
-    }
-    std::array<char, HOST_NAME_MAX + 1> host{};
-    if (::gethostname(host.data(), host.size() - 1) != 0) {
-        throw std::system_error(errno, std::generic_category(), "asking for the host's name");
-    }
-    return std::string(host.data()) + ":" +
-           std::to_string(options.port != 0 ? options.port : notification_port);
-}
-
-RequestGate::Limits LimitsOf(const BrokerOptions& options) {
-    return {options.request_rate, options.request_burst};
-}
-
-}  // namespace
-
 Broker::Impl::Impl(const BrokerOptions& options, KvoLogger* logger) : logger_(logger) {
-    Check(options, logger);
+    CheckHeartbeat(options, logger);
     CheckKeys(options);
     try {
         // In one go, so that no request comes before all is there.
@@ -240,7 +141,7 @@ void Broker::Impl::Start(const BrokerOptions& options) {
     serving.runtime_directory = options.runtime_directory;
     serving.note = "a broker with the directory " + directory_path_;
     serving.topic_directory = options.local_topics ? directory_path_ + "/topics" : "";
-    // Whoever reads samples tells the publisher when it sleeps.
+    // A reader of samples tells the publisher when it sleeps.
     serving.topic_access = {options.file_access.shared_mode(), options.file_access.group};
     if (!options.secret_key_file.empty()) {
         curve_ = std::make_shared<gorm::cor::CurveServer>(
@@ -253,7 +154,7 @@ void Broker::Impl::Start(const BrokerOptions& options) {
     notification_port_ = publisher_->port();
     topics_ = std::make_unique<Topics>(*publisher_);
     registry_ = std::make_unique<StreamRegistry>(
-        SettingsOf(options), *files_, *processes_, *time_,
+        RegistrySettingsOf(options), *files_, *processes_, *time_,
         [this](const StreamName& stream, NotificationType type) { Notify(stream, type); },
         [this](int level, const std::string& text) { Log(level, text); });
     publisher_->OnSubscription([this](std::string_view path, bool begins) {
@@ -263,13 +164,13 @@ void Broker::Impl::Start(const BrokerOptions& options) {
     });
     registry_->Adopt(files_->Sweep([this](const std::string& text) { Log(3, text); }));
     federation_ = std::make_unique<Federation>(
-        Federation::Settings{NameOf(options, notification_port_), options.federation,
+        Federation::Settings{BrokerNameOf(options, notification_port_), options.federation,
                              options.exported_streams,
                              publisher_->serves_local() ? serving.topic_directory : "",
                              options.make_federation_engine},
         loop_, *registry_, *files_, *time_, *topics_, logger_);
     access_ = std::make_unique<Access>(
-        RulesOf(options), accounts_, ::geteuid(),
+        AccessRulesOf(options), accounts_, ::geteuid(),
         [this](const std::string& key) { return curve_ == nullptr ? "" : curve_->NameOf(key); });
     handler_ = std::make_unique<RequestHandler>(
         *registry_, *files_, federation_->streams(), *access_, refusals_,
@@ -279,7 +180,7 @@ void Broker::Impl::Start(const BrokerOptions& options) {
                                 static_cast<std::int32_t>(options.heartbeat_timeout.count()),
                                 notification_port_, Capabilities()});
     service_ = std::make_unique<DataBrokerRegistrationService<RequestHandler>>(*handler_);
-    gate_ = std::make_unique<RequestGate>(LimitsOf(options));
+    gate_ = std::make_unique<RequestGate>(RequestLimitsOf(options));
     gated_service_ = std::make_unique<GatedService>(
         *service_, *gate_, [] { return std::chrono::steady_clock::now(); });
     server_ = std::make_unique<gorm::cor::rr::Server>(
@@ -381,8 +282,8 @@ BrokerState Broker::Impl::State() {
 }
 
 void Broker::Impl::Reconfigure(const BrokerOptions& options) {
-    Check(options, logger_);
-    std::vector<AccessRule> rules = RulesOf(options);
+    CheckHeartbeat(options, logger_);
+    std::vector<AccessRule> rules = AccessRulesOf(options);
     std::optional<gorm::cor::AllowedKeys> allowed;
     if (curve_ != nullptr && !options.allowed_keys_file.empty()) {
         allowed = gorm::cor::ReadAllowedKeys(options.allowed_keys_file);
@@ -392,11 +293,11 @@ void Broker::Impl::Reconfigure(const BrokerOptions& options) {
             curve_->SetAllowed(std::move(*allowed));
         }
         access_->set_rules(std::move(rules));
-        registry_->set_settings(SettingsOf(options));
+        registry_->set_settings(RegistrySettingsOf(options));
         handler_->set_heartbeat_timeout(
             static_cast<std::int32_t>(options.heartbeat_timeout.count()));
         files_->SetBudget(options.memory_budget_bytes);
-        gate_->set_limits(LimitsOf(options));
+        gate_->set_limits(RequestLimitsOf(options));
     });
 }
 
@@ -417,10 +318,6 @@ void Broker::Impl::Stop() {
     publisher_.reset();
     files_.reset();
     directory_.reset();
-}
-
-void CheckAccessRule(const std::string& rule) {
-    AccessRule::Parse(rule);
 }
 
 Broker::Broker(const BrokerOptions& options, KvoLogger* logger)

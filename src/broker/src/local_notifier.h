@@ -29,7 +29,7 @@ public:
     enum class Way {
         kMemory,  // subscribers have been told
         kBoth,    // those at sockets are to be told by the broker
-        kWire,    // nobody has been told yet
+        kWire,    // no subscriber has been told yet
     };
     /// Tells of new data. Takes no memory once the stream's topic is known.
     Way Notify(const std::string& stream);

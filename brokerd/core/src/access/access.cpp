@@ -78,8 +78,8 @@ bool IsLike(std::string_view text, std::string_view pattern) {
 }
 
 AccessRule AccessRule::Parse(const std::string& text) {
-    const auto refuse = [&text](const std::string& fault) {
-        return std::invalid_argument("\"" + text + "\" is no rule: " + fault);
+    const auto refuse = [&text](const std::string& error) {
+        return std::invalid_argument("\"" + text + "\" is no rule: " + error);
     };
     std::istringstream stream(text);
     const std::vector<std::string> words{std::istream_iterator<std::string>(stream), {}};

@@ -79,7 +79,7 @@ Account SystemAccounts::Of(std::uint32_t user, std::uint32_t group) {
         (!entry.account || std::chrono::steady_clock::now() - entry.found > kCacheTime)) {
         entry.asked = true;
         try {
-            // Detached: nobody could end it while another host does not answer.
+            // Detached: it cannot be ended while another host does not answer.
             std::thread([state = state_, key] {
                 Account account = LookUp(key);
                 const std::lock_guard guard(state->mutex);

@@ -18,7 +18,7 @@ struct Account {
     std::vector<Group> groups;
 };
 
-/// Who is behind the numbers that the kernel tells. Threads: one.
+/// The names behind the numbers that the kernel tells. Threads: one.
 class Accounts {
 public:
     virtual ~Accounts() = default;
@@ -27,7 +27,7 @@ public:
 };
 
 /// The system's databases, which may be on another host and slow: what was found is kept for half
-/// a minute, and who asks waits only for a moment, once. What is not known then is without names.
+/// a minute, and the caller waits only for a moment, once. What is not known then is without names.
 class SystemAccounts final : public Accounts {
 public:
     SystemAccounts();

@@ -21,8 +21,8 @@ public:
     /// Counts one request. Throws std::runtime_error naming the limit that it is beyond.
     void Admit(const std::string& connection, TimePoint now);
 
-    /// Lets go of connections that have not asked for so long that they may ask for all again. To
-    /// be called now and then; also of those that have ended, since nobody tells of them in time.
+    /// Forgets the connections that have been idle for so long that their burst is full again,
+    /// those that have ended among them. To be called now and then.
     void ForgetIdle(TimePoint now);
 
     void set_limits(const Limits& limits) { limits_ = limits; }

@@ -36,14 +36,14 @@ void MakeDirectory(const std::string& path) {
     }
     struct stat status {};
     if (::lstat(path.c_str(), &status) != 0) {
-        Fail("cannot look at " + path);
+        Fail("cannot inspect " + path);
     }
     if (!S_ISDIR(status.st_mode) || status.st_uid != ::geteuid()) {
         throw std::runtime_error(path + " is not a directory of this user");
     }
     if ((status.st_mode & S_IWOTH) != 0) {
         throw std::runtime_error(path +
-                                 " can be written by everybody: name a directory of its own");
+                                 " can be written by all users: name a directory of its own");
     }
 }
 

@@ -14,12 +14,13 @@ namespace kvo::brokerd {
 class BrokerDirectory {
 public:
     /// Makes the directory where it is missing and takes it; throws std::runtime_error when
-    /// another broker has it (naming its process) or it belongs to somebody else.
-    /// @param access to it and its files; one that was there keeps its mode when it is for nobody.
+    /// another broker has it (naming its process) or it belongs to another user.
+    /// @param access to it and its files; one that was there keeps its mode when the access is for
+    /// the owner alone.
     explicit BrokerDirectory(std::string path, const os::FileAccess& access = {});
     BrokerDirectory(const BrokerDirectory&) = delete;
     BrokerDirectory& operator=(const BrokerDirectory&) = delete;
-    /// Gives it up, and removes it when nothing is left in it and nobody uses it.
+    /// Gives it up, and removes it when nothing is left in it and no process uses it.
     ~BrokerDirectory();
 
     const std::string& path() const { return path_; }

@@ -19,7 +19,7 @@ using ClientIdentity = std::optional<os::ProcessIdentity>;
 /// @param bytes as the middleware hands them over; none but a whole identity counts.
 ClientIdentity ParseIdentity(std::string_view bytes);
 
-/// In whose name a registration is made.
+/// The owner of a registration.
 struct Registrant {
     ClientIdentity identity;
     std::string user;  // the account that it counts for, also shown to people

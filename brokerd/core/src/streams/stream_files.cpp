@@ -43,8 +43,8 @@ bool EndsWith(std::string_view text, std::string_view end) {
     return text.size() >= end.size() && text.substr(text.size() - end.size()) == end;
 }
 
-// The digest or uuid that every file of ours begins with. A directory that somebody has named by
-// mistake may hold other things; those are never touched.
+// The digest or uuid that every file of ours begins with. A directory that is named by mistake may
+// hold other files; those are never touched.
 constexpr std::size_t kDigits = 32;
 
 bool BeginsLikeOurs(std::string_view name) {

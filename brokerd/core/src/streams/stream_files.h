@@ -55,7 +55,7 @@ public:
     std::vector<std::unique_ptr<StreamFile>> Sweep(
         const std::function<void(const std::string&)>& log);
 
-    /// Lets go of removed files that nobody uses any more.
+    /// Forgets the removed files that no process uses any more.
     void ForgetUnused();
 
     bool InUse(const StreamFile& file) const { return file.InUse(processes_); }

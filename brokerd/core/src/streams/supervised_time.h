@@ -11,7 +11,7 @@ using TimePoint = std::chrono::steady_clock::time_point;
 using Clock = std::function<TimePoint()>;
 
 /// Time for deadlines of others: stands still while the broker itself does not run, so that its
-/// own pauses are charged to nobody.
+/// own pauses count against no client.
 /// Threads: one.
 class SupervisedTime {
 public:

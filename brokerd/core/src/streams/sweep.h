@@ -6,8 +6,8 @@
 
 namespace kvo::brokerd {
 
-/// What is looked after from time to time: clients that have died or fallen silent, files whose
-/// time is up, entries of dead readers.
+/// What no request brings about: the end of clients that have died or fallen silent, of files after
+/// their grace period, of the entries of dead readers.
 /// Threads: one.
 class Sweep {
 public:

@@ -38,15 +38,15 @@ struct BrokerOptions {
     bool local_topics = true;
     // Of the Unix sockets. Empty: where clients look for them by themselves.
     std::string runtime_directory;
-    // Who may do what, first match decides: "allow publish /camera/* to user:alice". Empty: every
-    // local peer and every allowed key may publish and subscribe.
+    // The rights of peers, first match decides: "allow publish /camera/* to user:alice". Empty:
+    // every local peer and every allowed key may publish and subscribe.
     std::vector<std::string> access_rules;
     // CURVE for TCP: the broker's key pair, and the names and public keys that may connect. Empty:
     // none, which serves loopback addresses only, unless plaintext is allowed.
     std::string secret_key_file;
     std::string allowed_keys_file;
     bool allow_plaintext = false;
-    std::uint32_t pending_answers = 1000;  // of one connection that takes none; more are dropped
+    std::uint32_t pending_answers = 1000;  // of one connection that reads none; more are dropped
     // What one process, and one user of this host or key, may have; 0: no limit. Callers that tell
     // no process count as one, and so do those over TCP without keys.
     std::uint32_t client_streams = 0;       // published or subscribed to
