@@ -150,6 +150,7 @@ bool Access::Matches(const AccessRule& rule, const Peer& peer) const {
 }
 
 std::string Access::Check(const Peer& peer, Right right, const StreamName& stream) const {
+    thread_.here();
     const auto refusal = [&](const std::string& why) {
         return Describe(peer) + " has no right to " + Verb(right) + " " + Quoted(stream) + ": " +
                why;

@@ -3,6 +3,7 @@
 #include "access/accounts.h"
 #include "gorm/cor/peer.h"
 #include "kvo/broker/identifiers.h"
+#include "kvo/os/thread_bound.h"
 
 #include <cstdint>
 #include <functional>
@@ -43,7 +44,8 @@ public:
     void set_rules(std::vector<AccessRule> rules) { rules_ = std::move(rules); }
 
     /// Empty: the peer has the right. Else a sentence that names right, stream and peer.
-    std::string Check(const gorm::cor::Peer& peer, Right right, const StreamName& stream) const;
+    [[nodiscard]] std::string Check(const gorm::cor::Peer& peer, Right right,
+                                    const StreamName& stream) const;
 
     /// The peer for people: "user alice (1001)".
     std::string Describe(const gorm::cor::Peer& peer) const;
@@ -52,6 +54,7 @@ private:
     bool HasByDefault(const gorm::cor::Peer& peer, Right right) const;
     bool Matches(const AccessRule& rule, const gorm::cor::Peer& peer) const;
 
+    const os::ThreadBound thread_;
     std::vector<AccessRule> rules_;
     Accounts& accounts_;
     const std::uint32_t own_user_;

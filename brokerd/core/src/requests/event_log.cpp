@@ -17,6 +17,7 @@ std::uint64_t NowMs() {
 }  // namespace
 
 void EventLog::Add(std::string kind, std::string stream, std::string text) {
+    thread_.here();
     events_.push_back({NowMs(), std::move(kind), std::move(stream), std::move(text)});
     if (events_.size() > kKeptEvents) {
         events_.pop_front();

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "kvo/brokerd/broker_state.h"
+#include "kvo/os/thread_bound.h"
 
 #include <deque>
 #include <string>
@@ -12,9 +13,13 @@ namespace kvo::brokerd {
 class EventLog {
 public:
     void Add(std::string kind, std::string stream, std::string text = {});
-    std::vector<BrokerEvent> Newest() const { return {events_.begin(), events_.end()}; }
+    std::vector<BrokerEvent> Newest() const {
+        thread_.here();
+        return {events_.begin(), events_.end()};
+    }
 
 private:
+    const os::ThreadBound thread_;
     std::deque<BrokerEvent> events_;
 };
 

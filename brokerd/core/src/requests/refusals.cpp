@@ -22,6 +22,7 @@ void Refusals::Add(const Caller& caller, const StreamName& stream, const std::st
 }
 
 void Refusals::Keep(const Caller& caller, const StreamName& stream, std::string reason) {
+    thread_.here();
     if (stream.text().size() > kMaxNameBytes) {  // no name, and no reason to keep so much
         return;
     }
@@ -36,6 +37,7 @@ void Refusals::Keep(const Caller& caller, const StreamName& stream, std::string 
 }
 
 void Refusals::Forget(const Caller& caller, const StreamName& stream) {
+    thread_.here();
     const Key key{KeyOf(caller), stream};
     if (reasons_.erase(key) != 0) {
         std::erase(order_, key);
@@ -43,6 +45,7 @@ void Refusals::Forget(const Caller& caller, const StreamName& stream) {
 }
 
 std::string Refusals::Of(const Caller& caller, const StreamName& stream) const {
+    thread_.here();
     const auto found = reasons_.find({KeyOf(caller), stream});
     return found == reasons_.end() ? std::string() : found->second;
 }

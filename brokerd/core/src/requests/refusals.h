@@ -2,6 +2,7 @@
 
 #include "gorm/cor/rr/service.h"
 #include "kvo/broker/identifiers.h"
+#include "kvo/os/thread_bound.h"
 #include "requests/event_log.h"
 
 #include <cstdint>
@@ -37,6 +38,7 @@ public:
 private:
     using Key = std::pair<std::string, StreamName>;  // process or connection
 
+    const os::ThreadBound thread_;
     EventLog& events_;
     const Log log_;
     std::map<Key, std::string> reasons_;

@@ -12,6 +12,7 @@ void RequestGate::Fill(Bucket& bucket, TimePoint now) const {
 }
 
 void RequestGate::Admit(const std::string& connection, TimePoint now) {
+    thread_.here();
     if (limits_.rate != 0) {
         const auto place = connections_.try_emplace(connection, Bucket{double(limits_.burst), now});
         Bucket& bucket = place.first->second;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "kvo/os/thread_bound.h"
 #include "streams/supervised_time.h"
 
 #include <cstdint>
@@ -36,6 +37,7 @@ private:
     };
     void Fill(Bucket& bucket, TimePoint now) const;
 
+    const os::ThreadBound thread_;
     Limits limits_;
     std::map<std::string, Bucket> connections_;
     std::uint64_t admitted_ = 0;

@@ -37,14 +37,14 @@ public:
     void OnDataWritten(const ClientIdentity& caller, const StreamName& stream,
                        std::int64_t written_ms);
     /// @return whether the caller publishes a stream of this name.
-    bool OnHeartbeat(const ClientIdentity& caller, const StreamName& stream);
+    [[nodiscard]] bool OnHeartbeat(const ClientIdentity& caller, const StreamName& stream);
     /// The last connection of the process has ended.
     void OnDisconnect(const ClientIdentity& caller);
 
     /// Whether the stream has a publisher whose process lives, judged now and not by the last
     /// sweep: the name of a dead publisher is free at once.
-    bool HasLiving(const StreamName& stream);
-    bool HasLiving(const StreamName& name, Stream& stream);
+    [[nodiscard]] bool HasLiving(const StreamName& stream);
+    [[nodiscard]] bool HasLiving(const StreamName& name, Stream& stream);
     std::vector<std::string> Names();
     /// What other brokers are told of the stream; the names of broker and topic are not filled in.
     StreamDescription Describe(const StreamName& stream);

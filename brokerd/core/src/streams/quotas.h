@@ -25,7 +25,8 @@ struct Quota {
     bool limits() const { return streams != 0 || bytes != 0; }
     /// Empty: there is room. Else a sentence with what is requested, what is in use and the limit.
     /// @param owner for people: "this process".
-    std::string Check(const std::string& owner, const Usage& used, const Usage& requested) const;
+    [[nodiscard]] std::string Check(const std::string& owner, const Usage& used,
+                                    const Usage& requested) const;
 };
 
 /// Compares what a registration would add with what its process and its user have already.

@@ -84,6 +84,7 @@ std::string StreamFiles::PathOf(const StreamName& stream) const {
 }
 
 std::uint64_t StreamFiles::AvailableBytes() const {
+    thread_.here();
     return std::min(budget_bytes_ - std::min(used_bytes_, budget_bytes_),
                     FileSystemOf(directory_).free_bytes);
 }
@@ -125,6 +126,7 @@ std::unique_ptr<StreamFile> StreamFiles::Create(const StreamName& stream,
                                                 const StreamGeometry& geometry,
                                                 const std::string& publisher_key, bool checksum,
                                                 std::unique_ptr<StreamFile>& before) {
+    thread_.here();
     StreamFile::Creation creation;
     creation.path = PathOf(stream);
     creation.stream = stream.text();
@@ -145,6 +147,7 @@ std::unique_ptr<StreamFile> StreamFiles::Create(const StreamName& stream,
 }
 
 void StreamFiles::Remove(std::unique_ptr<StreamFile> file) {
+    thread_.here();
     file->Retire();
     file->Remove();
     removed_.push_back(std::move(file));
@@ -152,6 +155,7 @@ void StreamFiles::Remove(std::unique_ptr<StreamFile> file) {
 }
 
 void StreamFiles::ForgetUnused() {
+    thread_.here();
     std::erase_if(removed_, [this](const std::unique_ptr<StreamFile>& file) {
         if (InUse(*file)) {
             return false;

@@ -4,6 +4,7 @@
 #include "kvo/memory/process_lock.h"
 #include "kvo/memory/stream_file.h"
 #include "kvo/os/file_access.h"
+#include "kvo/os/thread_bound.h"
 #include "streams/verdict.h"
 
 #include <cstdint>
@@ -65,6 +66,7 @@ public:
 private:
     void Take(const StreamFile& file) { used_bytes_ += file.geometry().total_bytes(); }
 
+    const os::ThreadBound thread_;
     const std::string directory_;
     std::uint64_t budget_bytes_;
     const SpareSlots spare_;

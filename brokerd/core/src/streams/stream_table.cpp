@@ -17,13 +17,20 @@ StreamTable::StreamTable(const RegistrySettings& settings, StreamFiles& files,
       log_(std::move(log)) {}
 
 Stream* StreamTable::Find(const StreamName& name) {
+    thread_.here();
     const auto found = streams_.find(name);
     return found == streams_.end() ? nullptr : &found->second;
 }
 
 const Stream* StreamTable::Find(const StreamName& name) const {
+    thread_.here();
     const auto found = streams_.find(name);
     return found == streams_.end() ? nullptr : &found->second;
+}
+
+Stream& StreamTable::FindOrAdd(const StreamName& name) {
+    thread_.here();
+    return streams_[name];
 }
 
 void StreamTable::EraseUnused(const StreamName& name) {

@@ -2,6 +2,7 @@
 
 #include "kvo/broker/identifiers.h"
 #include "kvo/broker/notification_sample.h"
+#include "kvo/os/thread_bound.h"
 #include "streams/liveness.h"
 #include "streams/quotas.h"
 #include "streams/stream_files.h"
@@ -65,11 +66,17 @@ public:
     /// Null: the stream is unknown.
     Stream* Find(const StreamName& name);
     const Stream* Find(const StreamName& name) const;
-    Stream& FindOrAdd(const StreamName& name) { return streams_[name]; }
+    Stream& FindOrAdd(const StreamName& name);
     void EraseUnused(const StreamName& name);
     void EraseUnused();
-    Map& streams() { return streams_; }
-    const Map& streams() const { return streams_; }
+    Map& streams() {
+        thread_.here();
+        return streams_;
+    }
+    const Map& streams() const {
+        thread_.here();
+        return streams_;
+    }
 
     /// Whether a process writes the stream's file, registered or not.
     bool HasLivingWriter(const Stream& stream) const;
@@ -93,6 +100,7 @@ public:
     void set_settings(const RegistrySettings& settings) { settings_ = settings; }
 
 private:
+    const os::ThreadBound thread_;
     RegistrySettings settings_;
     StreamFiles& files_;
     const Processes& processes_;

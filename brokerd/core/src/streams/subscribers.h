@@ -30,7 +30,7 @@ public:
     void Clear();
 
     /// @return whether the caller has the subscriber, or had it a moment ago.
-    bool OnHeartbeat(const ClientIdentity& caller, const SubscriberId& subscriber);
+    [[nodiscard]] bool OnHeartbeat(const ClientIdentity& caller, const SubscriberId& subscriber);
 
     std::size_t CountOf(const StreamName& stream) const;
 

@@ -12,6 +12,7 @@ Topics::Topics(gorm::cor::ps::Publisher& publisher)
       sample_(std::static_pointer_cast<NotificationSample>(codec_->Create())) {}
 
 std::string Topics::Encode(const StreamName& stream, NotificationType type) {
+    thread_.here();
     sample_->set_notification_type(type);
     sample_->set_data_stream_identifier(stream.text());
     return codec_->Encode(sample_.get(), gorm::cor::ps::InstanceEvent::kUpdated);
@@ -26,6 +27,7 @@ void Topics::Relay(const StreamName& stream) {
 }
 
 void Topics::Open(const StreamName& stream) {
+    thread_.here();
     if (publisher_.serves_local() && open_.insert(stream).second) {
         publisher_.OpenLocal("/" + stream.text(), Encode(stream, NEW_DATA));
     }

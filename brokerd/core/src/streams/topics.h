@@ -4,6 +4,7 @@
 #include "gorm/cor/ps/sample_codec.h"
 #include "kvo/broker/identifiers.h"
 #include "kvo/broker/notification_sample.h"
+#include "kvo/os/thread_bound.h"
 
 #include <functional>
 #include <memory>
@@ -34,6 +35,7 @@ public:
 private:
     std::string Encode(const StreamName& stream, NotificationType type);
 
+    const os::ThreadBound thread_;
     gorm::cor::ps::Publisher& publisher_;
     std::set<StreamName> open_;
     const std::shared_ptr<const gorm::cor::ps::SampleCodec> codec_;
