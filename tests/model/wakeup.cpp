@@ -1,10 +1,10 @@
 // Searches every interleaving of the wake-ups of a local topic, as
-// platform/cor/src/topic_signal.cpp runs them: readers go to sleep, writers count events and wake,
-// anyone may be killed or stopped for ever at any step, and the server nudges after a writer's
-// death. Nobody may sleep through an event that somebody has got through with telling of, whoever
-// else stands still on his way. All shared accesses there are sequentially consistent, or the
-// order between them does not matter, so interleavings are all there is. Then the same with
-// mistakes, each of which must be found.
+// platform/cor/src/local/topic_signal.cpp runs them: readers go to sleep, writers notify and wake,
+// each may be killed or stopped for ever at any step, and the server wakes after a writer's death.
+// No reader may sleep through an event whose notification has ended, wherever the other processes
+// are stopped. All shared accesses there are sequentially consistent, or the order between them
+// does not matter, so interleavings are all there is. Then the same with mistakes, each of which
+// must be found.
 #include <algorithm>
 #include <array>
 #include <cstdint>
@@ -17,26 +17,26 @@ namespace {
 
 enum class Mistake {
     kNone,
-    kMarkStored,      // the mark is stored, whatever stands there
-    kWordBeforeMark,  // the word is not looked at again after marking
-    kMarkTakenBack,   // who wakes clears the mark
-    kOnlyEqualMark,   // a mark newer than the word before is taken for one that needs no wake-up
-    kNoNudge,         // nobody wakes after the death of a writer
-    kWokenNotAsked,   // an older mark is always taken for one that somebody has woken for
-    kWokenTooEarly,   // marks that the word has not passed are noted as woken for, too
-    kWokenBeforeWake  // it is noted before it is done
+    kFlagStored,          // the flag is stored, whatever it was
+    kSequenceBeforeFlag,  // the sequence is not loaded again after the flag is set
+    kFlagCleared,         // a writer that wakes clears the flag
+    kOnlyEqualFlag,  // a flag newer than the sequence before is taken for one that needs no wake-up
+    kNoWakeAfterDeath,  // the server does not wake after the death of a writer
+    kWokenNotLoaded,    // an older flag is always taken for one whose waking is over
+    kWokenTooEarly,     // flags that the sequence has not passed are stored as woken, too
+    kWokenBeforeWake    // the waking is stored before it is done
 };
 
 constexpr unsigned kReaders = 2;
 constexpr unsigned kWriters = 2;
-constexpr std::int8_t kNoMark = -1;      // older than any
-constexpr std::int8_t kNeverWoken = -2;  // no mark is that
+constexpr std::int8_t kNoFlag = -1;      // older than any
+constexpr std::int8_t kNeverWoken = -2;  // no flag is that
 
 enum class Step : std::uint8_t {
     kLook,
-    kLoadMark,
+    kLoadFlag,
     kCheck,
-    kMark,
+    kSetFlag,
     kCheckAgain,
     kSleep,
     kAsleep,
@@ -51,28 +51,28 @@ struct Reader {
 
 enum class WriterStep : std::uint8_t {
     kAdd,
-    kLoadMark,
+    kLoadFlag,
     kLoadWoken,
-    kTakeBack,
+    kClearFlag,
     kWake,
-    kNote,
+    kStoreWoken,
     kDone,
     kGone
 };
 struct Writer {
     WriterStep step = WriterStep::kAdd;
-    std::int8_t before = 0;  // the word as it was found
-    std::int8_t mark = 0;    // as it was found
-    std::uint8_t left = 0;   // events to count
+    std::int8_t before = 0;  // the sequence as it was found
+    std::int8_t flag = 0;    // as it was found
+    std::uint8_t left = 0;   // events to notify of
     auto operator<=>(const Writer&) const = default;
 };
 struct State {
-    std::int8_t word = 0;
-    std::int8_t mark = kNoMark;
+    std::int8_t sequence = 0;
+    std::int8_t flag = kNoFlag;
     std::int8_t woken = kNeverWoken;
-    std::int8_t told = 0;     // the word after the newest event that somebody has told of
-    std::uint8_t deaths = 0;  // of writers that the server has still to nudge for
-    bool wakes_all = false;   // the server has still to wake
+    std::int8_t notified = 0;  // the sequence after the newest event whose notification has ended
+    std::uint8_t deaths = 0;   // of writers that the server has still to wake for
+    bool wakes_all = false;    // the server has still to wake
     std::array<Writer, kWriters> writers{Writer{.left = 1}, Writer{.left = 2}};
     std::array<Reader, kReaders> readers;
     auto operator<=>(const State&) const = default;
@@ -82,7 +82,7 @@ class Search {
 public:
     explicit Search(Mistake mistake) : mistake_(mistake) {}
 
-    /// @return a state in which somebody sleeps and nobody will wake him.
+    /// @return a state in which a reader sleeps and no process will wake it.
     std::optional<State> Run() {
         Reach({});
         while (!open_.empty()) {
@@ -100,7 +100,7 @@ public:
             Ends(state);
             if (over &&
                 std::any_of(state.readers.begin(), state.readers.end(), [&](const Reader& reader) {
-                    return reader.step == Step::kAsleep && reader.seen < state.told;
+                    return reader.step == Step::kAsleep && reader.seen < state.notified;
                 })) {
                 return state;
             }
@@ -135,31 +135,31 @@ private:
                     w.step = WriterStep::kDone;
                 } else {
                     --w.left;
-                    w.before = s.word++;
-                    w.step = WriterStep::kLoadMark;
+                    w.before = s.sequence++;
+                    w.step = WriterStep::kLoadFlag;
                 }
                 break;
-            case WriterStep::kLoadMark:
-                w.mark = s.mark;
-                w.step = w.mark > w.before && Is(Mistake::kOnlyEqualMark) ? WriterStep::kAdd
-                         : w.mark >= w.before                             ? BeforeWake()
+            case WriterStep::kLoadFlag:
+                w.flag = s.flag;
+                w.step = w.flag > w.before && Is(Mistake::kOnlyEqualFlag) ? WriterStep::kAdd
+                         : w.flag >= w.before                             ? BeforeWake()
                                                                           : WriterStep::kLoadWoken;
                 break;
             case WriterStep::kLoadWoken:
-                w.step = w.mark == s.woken || Is(Mistake::kWokenNotAsked) ? WriterStep::kAdd
-                                                                          : BeforeWake();
+                w.step = w.flag == s.woken || Is(Mistake::kWokenNotLoaded) ? WriterStep::kAdd
+                                                                           : BeforeWake();
                 break;
-            case WriterStep::kTakeBack:
-                s.mark = kNoMark;
+            case WriterStep::kClearFlag:
+                s.flag = kNoFlag;
                 w.step = WriterStep::kWake;
                 break;
             case WriterStep::kWake:
                 WakeAll(s);
-                w.step = Is(Mistake::kWokenBeforeWake) ? WriterStep::kAdd : WriterStep::kNote;
+                w.step = Is(Mistake::kWokenBeforeWake) ? WriterStep::kAdd : WriterStep::kStoreWoken;
                 break;
-            case WriterStep::kNote:
-                if (w.mark <= w.before || Is(Mistake::kWokenTooEarly)) {
-                    s.woken = w.mark;
+            case WriterStep::kStoreWoken:
+                if (w.flag <= w.before || Is(Mistake::kWokenTooEarly)) {
+                    s.woken = w.flag;
                 }
                 w.step = Is(Mistake::kWokenBeforeWake) ? WriterStep::kWake : WriterStep::kAdd;
                 break;
@@ -167,22 +167,22 @@ private:
                 return;
         }
         if (w.step == WriterStep::kAdd || w.step == WriterStep::kDone) {
-            s.told = std::max(s.told, static_cast<std::int8_t>(w.before + 1));
-            w.before = w.mark = 0;
+            s.notified = std::max(s.notified, static_cast<std::int8_t>(w.before + 1));
+            w.before = w.flag = 0;
         }
         Take(s);
     }
     WriterStep BeforeWake() const {
-        return Is(Mistake::kMarkTakenBack)     ? WriterStep::kTakeBack
-               : Is(Mistake::kWokenBeforeWake) ? WriterStep::kNote
+        return Is(Mistake::kFlagCleared)       ? WriterStep::kClearFlag
+               : Is(Mistake::kWokenBeforeWake) ? WriterStep::kStoreWoken
                                                : WriterStep::kWake;
     }
     void Server(State s) {
         if (s.wakes_all) {
             WakeAll(s);
             s.wakes_all = false;
-        } else if (s.deaths > 0 && !Is(Mistake::kNoNudge)) {
-            ++s.word;
+        } else if (s.deaths > 0 && !Is(Mistake::kNoWakeAfterDeath)) {
+            ++s.sequence;
             s.deaths = 0;
             s.wakes_all = true;
         } else {
@@ -194,37 +194,38 @@ private:
         Reader& r = s.readers[number];
         switch (r.step) {
             case Step::kLook:
-                r.seen = s.word;  // and everything up to it is given out
-                r.step = Step::kLoadMark;
+                r.seen = s.sequence;  // and everything up to it is given out
+                r.step = Step::kLoadFlag;
                 break;
-            case Step::kLoadMark:
-                r.found = s.mark;
+            case Step::kLoadFlag:
+                r.found = s.flag;
                 r.step = r.found == r.seen ? Step::kCheckAgain : Step::kCheck;
                 break;
             case Step::kCheck:
-                r.step = s.word == r.seen || Is(Mistake::kMarkStored) ? Step::kMark : Step::kLook;
+                r.step =
+                    s.sequence == r.seen || Is(Mistake::kFlagStored) ? Step::kSetFlag : Step::kLook;
                 break;
-            case Step::kMark:
-                if (s.mark == r.found || Is(Mistake::kMarkStored)) {
-                    s.mark = r.seen;
+            case Step::kSetFlag:
+                if (s.flag == r.found || Is(Mistake::kFlagStored)) {
+                    s.flag = r.seen;
                     r.step = Step::kCheckAgain;
                 } else {
-                    r.found = s.mark;
+                    r.found = s.flag;
                     r.step = r.found == r.seen ? Step::kCheckAgain : Step::kCheck;
                 }
                 break;
             case Step::kCheckAgain:
-                r.step =
-                    s.word == r.seen || Is(Mistake::kWordBeforeMark) ? Step::kSleep : Step::kLook;
+                r.step = s.sequence == r.seen || Is(Mistake::kSequenceBeforeFlag) ? Step::kSleep
+                                                                                  : Step::kLook;
                 break;
             case Step::kSleep:  // the kernel compares
-                r.step =
-                    s.word == r.seen || Is(Mistake::kWordBeforeMark) ? Step::kAsleep : Step::kLook;
+                r.step = s.sequence == r.seen || Is(Mistake::kSequenceBeforeFlag) ? Step::kAsleep
+                                                                                  : Step::kLook;
                 break;
             default:
                 return;
         }
-        r.found = r.step == Step::kCheck || r.step == Step::kMark ? r.found : std::int8_t{0};
+        r.found = r.step == Step::kCheck || r.step == Step::kSetFlag ? r.found : std::int8_t{0};
         Take(s);
     }
     void Ends(const State& state) {
@@ -238,7 +239,7 @@ private:
             Reach(stopped);
             State killed = stopped;
             killed.deaths += 1;
-            killed.told = killed.word;  // the server tells of it
+            killed.notified = killed.sequence;  // the server notifies of it
             Reach(killed);
         }
         for (unsigned i = 0; i < kReaders; ++i) {
@@ -259,14 +260,14 @@ private:
 int main() {
     Search right(Mistake::kNone);
     if (right.Run()) {
-        std::cerr << "kvo-wakeup-model: somebody sleeps through an event\n";
+        std::cerr << "kvo-wakeup-model: a reader sleeps through an event\n";
         return 1;
     }
-    std::cout << right.states() << " states, nobody sleeps through an event\n";
-    constexpr std::array kMistakes{Mistake::kMarkStored,    Mistake::kWordBeforeMark,
-                                   Mistake::kMarkTakenBack, Mistake::kOnlyEqualMark,
-                                   Mistake::kNoNudge,       Mistake::kWokenNotAsked,
-                                   Mistake::kWokenTooEarly, Mistake::kWokenBeforeWake};
+    std::cout << right.states() << " states, no reader sleeps through an event\n";
+    constexpr std::array kMistakes{Mistake::kFlagStored,       Mistake::kSequenceBeforeFlag,
+                                   Mistake::kFlagCleared,      Mistake::kOnlyEqualFlag,
+                                   Mistake::kNoWakeAfterDeath, Mistake::kWokenNotLoaded,
+                                   Mistake::kWokenTooEarly,    Mistake::kWokenBeforeWake};
     for (const Mistake mistake : kMistakes) {
         if (!Search(mistake).Run()) {
             std::cerr << "kvo-wakeup-model: seeded mistake " << static_cast<int>(mistake)

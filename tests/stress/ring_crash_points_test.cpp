@@ -1,10 +1,12 @@
-// Every named point of a local topic, hit once with SIGKILL and once with SIGSTOP: whoever dies or
-// stands still there keeps no event from the others, and leaves nothing.
+// Every named point of a local topic, hit once with SIGKILL and once with SIGSTOP: a process that
+// dies or is stopped there keeps no event from the others, and leaves nothing.
 #include "crash_points.h"
 #include "gorm/cor/ps/local_topic.h"
 #include "gorm/cor/ps/publisher.h"
 #include "local/runtime_directory.h"
-#include "local/topic_ring.h"
+#include "local/topic_ring_memory.h"
+#include "local/topic_ring_reader.h"
+#include "local/topic_ring_server.h"
 #include "ps/wkp_topic_reader.h"
 #include "transport/address.h"
 #include "transport/context.h"
@@ -35,7 +37,7 @@ using ps::TopicRingServer;
 namespace fs = std::filesystem;
 
 constexpr const char* kTopic = "/crash/points";
-constexpr const char* kNews = "news";        // the counted sample
+constexpr const char* kNews = "news";        // the notification
 constexpr const char* kClosing = "closing";  // the last event of a server that is followed
 constexpr const char* kFirst = "first";      // of the other
 constexpr const char* kLast = "last";
@@ -163,9 +165,9 @@ void BeWriter(const std::string& directory) {
     Demand(topic != nullptr, "no topic");
     for (int i = 0; i < kDigits; ++i) {
         const int before = shared.heard;
-        topic->Count();
+        topic->Notify();
         Await(kPatience, "the news", [&] { return shared.heard > before; });
-        std::this_thread::sleep_for(2ms);  // so that there is somebody to be woken again
+        std::this_thread::sleep_for(2ms);  // so that the subscriber sleeps again
     }
 }
 
@@ -212,7 +214,7 @@ public:
             DemandTold();
             DemandEvent();
         } else {
-            server_->Publish(kLast);  // for whoever comes later, again and again
+            server_->Publish(kLast);  // for a later subscriber, again and again
         }
     }
 
@@ -235,9 +237,9 @@ public:
             server_->Open();
             Demand(dead_->closed(), "a dead server's ring is still open");
             auto reader = TopicRingReader::Open(directory_ + "/topics", kTopic);
-            Demand(reader.has_value(), "the successor's ring can not be read");
+            Demand(reader.has_value(), "the successor's ring cannot be read");
             writer_ = ps::LocalTopic::Find("127.0.0.1", shared_.port, kTopic);
-            Demand(writer_ != nullptr, "the successor's ring can not be written");
+            Demand(writer_ != nullptr, "the successor's ring cannot be written");
             // The subscriber moves by itself, which may take a second.
             server_->Publish(kLast);
             Await(kPatience, "the move to the successor", [&] { return subscriber_->Has(kLast); });
@@ -249,8 +251,8 @@ public:
                 reader->BeginNow();
                 while (reader->Take()) {
                 }
-                const std::uint32_t seen = reader->word();
-                topic->Count();
+                const std::uint32_t seen = reader->sequence();
+                topic->Notify();
                 const auto begin = Clock::now();
                 reader->Sleep(seen, 1s);
                 Demand(reader->Take() == kNews && Clock::now() - begin < kBound,
@@ -271,7 +273,7 @@ public:
     }
 
 private:
-    // As a server that was killed does, with somebody who reads it still.
+    // As a server that was killed does, with a reader that still has it open.
     void LeaveRing() {
         server_.reset();
         const std::string topics = directory_ + "/topics";
@@ -284,7 +286,7 @@ private:
     void DemandTold() {
         const auto begin = Clock::now();
         const int number = ++data_;
-        writer_->Count();
+        writer_->Notify();
         Await(kPatience, "news", [&] { return subscriber_->seen() >= number; });
         Demand(Clock::now() - begin < kBound, "news came late");
     }

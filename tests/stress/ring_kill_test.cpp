@@ -1,7 +1,9 @@
 // The server, the writers and the readers of a local topic, killed, stopped and restarted at random
-// moments. In between there are pauses in which nothing is published: whoever runs must then have
-// been told of all that was, long before it would look by itself.
-#include "local/topic_ring.h"
+// moments. In between there are pauses in which nothing is published: each running reader must
+// then have been woken for all that was, long before it would look by itself.
+#include "gorm/cor/ps/local_topic.h"
+#include "local/topic_ring_reader.h"
+#include "local/topic_ring_server.h"
 #include "processes.h"
 
 #include <CLI/CLI.hpp>
@@ -26,14 +28,14 @@ namespace {
 
 using namespace kvo::stress;
 using namespace std::chrono_literals;
+using gorm::cor::ps::LocalTopic;
 using gorm::cor::ps::TopicRingReader;
 using gorm::cor::ps::TopicRingServer;
-using gorm::cor::ps::TopicRingWriter;
 
 constexpr std::size_t kReaders = 6;
 constexpr std::size_t kWriters = 3;
 constexpr const char* kTopic = "/kill/test";
-constexpr const char* kNews = "news";  // the counted sample
+constexpr const char* kNews = "news";  // the notification
 // A ring holds few different samples. Those of one server are its number and one of these digits.
 constexpr std::uint64_t kDigits = 7;
 constexpr std::uint64_t kRingEvents = 1024;
@@ -122,7 +124,7 @@ public:
                 }
                 shared_.server.flooded.store(shared_.floods.load());
             } else if (random() % 4 == 0) {
-                ring_->Publish(kNews);
+                Demand(ring_->Publish(kNews), "the ring takes no notification");
             } else {
                 Publish();
             }
@@ -149,7 +151,7 @@ private:
 
 void Write(const std::string& directory, Shared& shared, Shared::Writer& own) {
     std::mt19937_64 random(static_cast<std::uint64_t>(::getpid()));
-    std::unique_ptr<TopicRingWriter> topic;
+    std::unique_ptr<LocalTopic> topic;
     std::uint64_t number = own.written.load();
     for (;;) {
         const std::uint32_t phase = shared.phase.load();
@@ -159,11 +161,11 @@ void Write(const std::string& directory, Shared& shared, Shared::Writer& own) {
         if (phase % 2 == 0) {
             own.idle.store(phase);
         } else if (topic == nullptr || topic->closed()) {
-            topic = TopicRingWriter::Open(directory, kTopic);
+            topic = LocalTopic::Open(directory, kTopic);
         } else {
             own.written.store(++number);
-            topic->Count();
-            // Over in the meantime: nobody may have been there any more.
+            topic->Notify();
+            // Closed in the meantime: there may have been no reader any more.
             if (!topic->closed()) {
                 own.told.store(number);
             }
@@ -200,7 +202,7 @@ public:
 private:
     void ReadToTheEnd(TopicRingReader& ring) {
         for (;;) {
-            const std::uint32_t seen = ring.word();
+            const std::uint32_t seen = ring.sequence();
             const bool closed = ring.closed();
             const Place published(shared_.server.published.load());
             if (const auto sample = ring.Take()) {
@@ -351,7 +353,7 @@ public:
         }
         End();
         Report(begin);
-        Demand(overruns() != 0, "nobody was overrun: this tested too little");
+        Demand(overruns() != 0, "no reader was overrun: this tested too little");
     }
 
 private:
@@ -435,7 +437,7 @@ private:
         return {};
     }
 
-    // Everybody ends by himself, and nothing is left.
+    // Each process ends by itself, and nothing is left.
     void End() {
         for (Victim& victim : victims_) {
             victim.process->Signal(SIGCONT);

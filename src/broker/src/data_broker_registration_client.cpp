@@ -152,7 +152,7 @@ private:
     }
 
     void AskForCapabilities() {
-        channel_->Ask(
+        channel_->RequestAsync(
             "GetCapabilities", PackParams(), [notifier = notifier_](const std::string& result) {
                 try {
                     notifier->SetCapabilities(

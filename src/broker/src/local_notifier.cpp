@@ -79,7 +79,7 @@ void LocalNotifier::Reset() {
     if (topic == nullptr) {
         return Way::kWire;
     }
-    topic->Count();
+    topic->Notify();
     return topic->relayed() ? Way::kBoth : Way::kMemory;
 }
 

@@ -1,7 +1,7 @@
 #include "remote/federation.h"
 
 #include "access/access.h"
-#include "gorm/cor/ps/topic_memory.h"
+#include "gorm/cor/ps/local_topic.h"
 #include "kvo/KvoLogger.h"
 #include "kvo/os/hex.h"
 #include "kvo/os/random_bytes.h"
@@ -110,12 +110,12 @@ std::unique_ptr<RemoteTransfer> Federation::StartImport(const RemoteStreams::Imp
     const std::shared_ptr<gorm::cor::ps::LocalTopic> local =
         settings_.topic_directory.empty()
             ? nullptr
-            : gorm::cor::ps::OpenLocalTopic(settings_.topic_directory, "/" + stream);
+            : gorm::cor::ps::LocalTopic::Open(settings_.topic_directory, "/" + stream);
     const auto posted = std::make_shared<std::atomic<bool>>(false);
     StreamImport::Calls calls;
     calls.written = [this, stream, local, posted] {
         if (local != nullptr) {
-            local->Count();
+            local->Notify();
             if (!local->relayed()) {
                 return;
             }

@@ -56,7 +56,7 @@ void StreamExport::Signal() {
 void StreamExport::Run() {
     while (!stopping_.load(std::memory_order_relaxed)) {
         if (watch_ != nullptr) {
-            watch_->Look();  // before the file, so that no later sample is slept through
+            watch_->Refresh();  // before the file, so that no later sample is slept through
         }
         Send();
         if (!stopping_.load(std::memory_order_relaxed)) {

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "gorm/cor/ps/topic_memory.h"
+#include "gorm/cor/ps/topic_watch.h"
 #include "kvo/brokerd/federation_engine.h"
 #include "remote/remote_transfer.h"
 

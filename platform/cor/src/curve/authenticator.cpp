@@ -39,7 +39,7 @@ std::string TextOf(const zmq::message_t& key) {
 
 Authenticator::Authenticator(zmq::context_t& context)
     : socket_(MakeSocket(context, zmq::socket_type::rep, 0, kMaxRequestBytes)),
-      refusals_("question for a peer") {
+      refusals_("request for a peer") {
     socket_.bind(kEndpoint);
     loop_.Run([this] { loop_.Watch(socket_, [this] { Answer(); }); });
 }
@@ -62,7 +62,7 @@ bool Authenticator::IsAllowed(const std::vector<zmq::message_t>& request, std::s
     if (View(request[kRequestVersion]) != kVersion || domain == domains_.end()) {
         return false;
     }
-    // Where a server asks for CURVE the transport lets nobody come without, so this one came over a
+    // Where a server asks for CURVE the transport lets no peer connect without, so this one uses a
     // Unix socket.
     if (View(request[kMechanism]) == "NULL") {
         return true;
@@ -70,8 +70,8 @@ bool Authenticator::IsAllowed(const std::vector<zmq::message_t>& request, std::s
     const std::string key = request.size() == kFrames ? TextOf(request[kKey]) : std::string();
     if (domain->second->NameOf(key).empty()) {
         const std::string address(View(request[kAddress]));
-        refusals_.Tell(address,
-                       "peer " + address + " refused: its public key " + key + " is not allowed");
+        refusals_.Log(address,
+                      "peer " + address + " refused: its public key " + key + " is not allowed");
         return false;
     }
     user = key;
@@ -79,6 +79,7 @@ bool Authenticator::IsAllowed(const std::vector<zmq::message_t>& request, std::s
 }
 
 void Authenticator::Answer() {
+    thread_.here();
     std::vector<zmq::message_t> request;
     while (Receive(socket_, request, kFrames)) {
         std::string user;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "curve/curve_domain.h"
+#include "kvo/os/thread_bound.h"
 #include "transport/log.h"
 #include "transport/poll_loop.h"
 
@@ -30,6 +31,7 @@ private:
     bool IsAllowed(const std::vector<zmq::message_t>& request, std::string& user);
 
     // Its thread only
+    const kvo::os::ThreadBound thread_;
     std::map<std::string, const CurveDomain*> domains_;  // by name
     zmq::socket_t socket_;
     FaultLog refusals_;

@@ -26,13 +26,14 @@ CurveDomain::CurveDomain(CurveKeys keys, AllowedKeys allowed)
 void CurveDomain::Secure(zmq::socket_t& socket) const {
     socket.set(zmq::sockopt::curve_server, true);
     socket.set(zmq::sockopt::curve_secretkey, keys_.secret_key);
-    // The transport asks for each peer as long as somebody answers, and the authenticator was there
-    // before us and stays; the option that makes it insist is none of its stable ones yet. A peer
-    // that nobody was asked for would have no name, and such a one has no right.
+    // The transport asks about each peer as long as an authenticator answers, and ours exists
+    // before each server and stays; the option that makes the transport insist is none of its
+    // stable ones yet. A peer that was not asked about would have no name, and such a peer has no
+    // right.
     socket.set(zmq::sockopt::zap_domain, name_);
 }
 
-void CurveDomain::Open(zmq::socket_t& socket) {
+void CurveDomain::AcceptPlain(zmq::socket_t& socket) {
     socket.set(zmq::sockopt::curve_server, false);
 }
 

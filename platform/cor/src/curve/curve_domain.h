@@ -18,9 +18,9 @@ public:
 
     /// Makes the endpoints that the socket is bound to from now on ask for CURVE.
     void Secure(zmq::socket_t& socket) const;
-    /// Makes those bound from now on take everybody, as for a Unix socket. The authenticator is
+    /// Makes those bound from now on accept every peer, as for a Unix socket. The authenticator is
     /// asked all the same: the transport has no way to take the domain back from a socket.
-    static void Open(zmq::socket_t& socket);
+    static void AcceptPlain(zmq::socket_t& socket);
 
     void SetAllowed(AllowedKeys allowed) {
         const std::lock_guard lock(mutex_);

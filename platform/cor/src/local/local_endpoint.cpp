@@ -25,11 +25,12 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr int kClaimAttempts = 10;
-constexpr mode_t kLockMode = 0644;  // whoever connects asks whether it is held
+constexpr mode_t kLockMode = 0644;  // clients check whether it is held
 constexpr mode_t kSocketMode = 0666;
 
-// Empty: the directory is there, can be trusted by clients and written by this process.
-std::string FaultOf(const RuntimeDirectory& directory) {
+// @return why the directory cannot be used; empty: it exists, clients can trust it and this process
+// can write it.
+std::string CheckDirectory(const RuntimeDirectory& directory) {
     const mode_t mode = directory.own ? 0700 : 0755;
     if (::mkdir(directory.path.c_str(), mode) != 0 && errno != EEXIST) {
         return directory.path + ": " + std::strerror(errno);
@@ -49,7 +50,8 @@ RuntimeDirectory Choose(const std::string& wanted) {
          wanted.empty() ? RuntimeDirectories() : std::vector<RuntimeDirectory>{{wanted, false}}) {
         // The service's directory is made by the service manager alone.
         const bool missing = wanted.empty() && !directory.own && !fs::exists(directory.path);
-        const std::string fault = missing ? directory.path + " is not there" : FaultOf(directory);
+        const std::string fault =
+            missing ? directory.path + " is not there" : CheckDirectory(directory);
         if (fault.empty()) {
             return directory;
         }
@@ -58,7 +60,7 @@ RuntimeDirectory Choose(const std::string& wanted) {
     throw std::runtime_error(faults);
 }
 
-// What killed servers have left. A lock that can be taken is nobody's.
+// What killed servers have left. A lock that can be taken has no holder.
 void RemoveLeftovers(const std::string& directory) {
     std::error_code ignored;
     for (const auto& entry : fs::directory_iterator(directory, ignored)) {
@@ -92,13 +94,13 @@ LocalEndpoint::LocalEndpoint(const std::string& directory, std::uint16_t port,
         try {
             lock_.emplace(LockPath(directory_.path, port), note, kLockMode);
         } catch (const kvo::os::LockHeld& held) {
-            // Without a note it is held by somebody who tidies up.
+            // Without a note it is held by a process that removes leftovers.
             if (!held.note().empty() || attempt == kClaimAttempts) {
                 throw;
             }
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         } catch (const std::system_error& error) {
-            // The last one to leave may have removed the directory just now.
+            // The last server to end may have removed the directory just now.
             if (error.code() != std::errc::no_such_file_or_directory || attempt == kClaimAttempts) {
                 throw;
             }
@@ -118,13 +120,15 @@ LocalEndpoint::~LocalEndpoint() {
     }
 }
 
-void LocalEndpoint::Open() const {
+void LocalEndpoint::SetPermissions() const {
+    thread_.here();
     if (::chmod(path_.c_str(), kSocketMode) != 0) {
         throw std::system_error(errno, std::generic_category(), "cannot open " + path_);
     }
 }
 
-void LocalEndpoint::PointTo(const std::string& topic_directory) {
+void LocalEndpoint::LinkTopics(const std::string& topic_directory) {
+    thread_.here();
     const std::string path = TopicsPath(directory_.path, port_);
     ::unlink(path.c_str());  // of a killed holder of the port
     KVO_CRASH_POINT("link to topics removed");
@@ -145,7 +149,7 @@ std::unique_ptr<LocalEndpoint> ServeLocal(const Serving& serving, const Address&
         auto local =
             std::make_unique<LocalEndpoint>(*serving.runtime_directory, port, serving.note);
         bind(local->endpoint());
-        local->Open();
+        local->SetPermissions();
         return local;
     } catch (const kvo::os::LockHeld& held) {
         throw BindError("cannot serve \"" + address.text + "\": port " + std::to_string(port) +

@@ -2,6 +2,7 @@
 
 #include "gorm/cor/serving.h"
 #include "kvo/os/lock_file.h"
+#include "kvo/os/thread_bound.h"
 #include "local/runtime_directory.h"
 #include "transport/address.h"
 
@@ -19,23 +20,24 @@ namespace gorm::cor {
 class LocalEndpoint {
 public:
     /// @param directory empty: the first of RuntimeDirectories() that can be used. @param note not
-    /// empty, for whoever wants the port too. Throws LockHeld, or std::runtime_error saying why no
-    /// socket can be made there.
+    /// empty, for a process that wants the port too. Throws LockHeld, or std::runtime_error saying
+    /// why no socket can be made there.
     LocalEndpoint(const std::string& directory, std::uint16_t port, const std::string& note);
     LocalEndpoint(const LocalEndpoint&) = delete;
     LocalEndpoint& operator=(const LocalEndpoint&) = delete;
     /// Leaves nothing behind. After the socket has been unbound.
     ~LocalEndpoint();
 
-    /// To be bound; then Open().
+    /// To be bound; then SetPermissions().
     std::string endpoint() const { return "ipc://" + path_; }
-    /// Lets every user of this host connect: who may do what is decided by what they ask for.
+    /// Lets every user of this host connect: access is decided for each operation.
     /// Throws std::system_error.
-    void Open() const;
-    /// Tells clients where the port's local topics lie. Throws std::system_error.
-    void PointTo(const std::string& topic_directory);
+    void SetPermissions() const;
+    /// Shows clients where the port's local topics lie. Throws std::system_error.
+    void LinkTopics(const std::string& topic_directory);
 
 private:
+    const kvo::os::ThreadBound thread_;
     const std::uint16_t port_;
     RuntimeDirectory directory_;
     std::string path_;

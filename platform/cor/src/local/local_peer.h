@@ -7,8 +7,8 @@
 
 namespace gorm::cor {
 
-/// What the transport tells of the other end of a Unix socket, "host:user:group:process", as the
+/// What the transport knows of the other end of a Unix socket, "host:user:group:process", as the
 /// kernel gave it. None: it is no such text.
-std::optional<LocalPeer> ParseLocalPeer(std::string_view address);
+[[nodiscard]] std::optional<LocalPeer> ParseLocalPeer(std::string_view address);
 
 }  // namespace gorm::cor

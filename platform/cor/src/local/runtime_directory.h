@@ -16,7 +16,7 @@ inline constexpr const char* kRuntimeDirectoryVariable = "KVO_RUNTIME_DIRECTORY"
 /// A place where sockets may lie.
 struct RuntimeDirectory {
     std::string path;
-    bool own = false;  // made by whoever needs it first and removed when it is empty
+    bool own = false;  // made by the first server that needs it, removed when it is empty
 };
 
 /// The places to look at, the best one first: what the environment names, else the service's

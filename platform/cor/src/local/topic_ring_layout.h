@@ -4,34 +4,36 @@
 #include <cstddef>
 #include <cstdint>
 
-// The memory of a local topic. The events file is written by the server alone: which events there
-// were, in order. The signal is written by everybody: that something happened, and whether somebody
-// sleeps. Nothing in it is trusted with more than a wake-up, and it is no file but a segment, which
-// nobody can make shorter under those who have it mapped.
+// The memory of a local topic. The events file is written by the server alone: the topic's events
+// in their order. The signal is written by every process that uses the topic: that something
+// happened, and that a reader sleeps. Nothing in it is trusted with more than a wake-up. It is no
+// file but System V memory, which no process can make shorter while others have it mapped.
 //
-// `word` counts: what is sent very often, the counted event, adds kCounted; everything else that
-// a reader has to look at adds kNudged and always wakes. It is the futex that readers sleep on.
-// Every 256th nudge is carried over and so counts as an event that there was not, which costs a
-// look. Without that the word would be the same again after 256 of them, and a reader that had
-// looked before them and then stood still would go to sleep.
+// `sequence` counts. A notification, which is the frequent event, adds kNotification; everything
+// else that a reader has to look at adds kWake and always wakes. Readers sleep on it (futex). Every
+// 256th wake is carried over and so counts as a notification that was not sent, which costs a look.
+// Without the carry 256 wakes would leave the sequence as it was, and a reader that had looked
+// before them and was then stopped would go to sleep.
 //
-// `asleep_at` is the word's value at which somebody went to sleep, the newest such value.
-// `woken_at` is a mark that somebody has got through with waking for. Who adds to the word wakes if
-// the value before was the mark or an older one, or if the mark is not noted as woken for; so
-// nobody has to take the mark back (tests/model/wakeup.cpp searches all interleavings):
-//  * A reader stores its mark and then looks at the word again; a writer adds to the word and then
-//    looks at the mark; all four sequentially consistent. So either the reader sees the new word
-//    and does not sleep, or the writer sees the mark and wakes; between the reader's look and its
-//    sleep the kernel compares the word once more.
-//  * A mark never goes back while the word it names is the present one: marks are exchanged
-//    only for newer ones, or for values that the word has not reached, which nobody honest wrote.
-//  * Somebody who is killed or stopped between adding and waking has not noted the mark as woken
-//    for, so the next one to add wakes in his place. A mark is noted after the waking, and only if
-//    the word had passed it before, so that nobody can fall asleep at it any more. A note that
-//    comes late, or never, costs wake-ups that are not needed.
-//  * A reader that is killed leaves a mark that costs one wake-up at most. What a killed writer has
-//    not told of, the server tells of: it learns of the death, adds an event and wakes whatever the
-//    mark says. A stopped writer wakes when it goes on. And readers look once a second.
+// `waiting_at` is the waiter flag: the newest value of the sequence at which a reader went to
+// sleep. `woken_at` is a waiter flag for which a process has finished waking. A process that adds
+// to the sequence wakes if the flag names the value before or an older one, or if the flag is not
+// the one in `woken_at`; so the flag is never cleared (tests/model/wakeup.cpp searches all
+// interleavings):
+//  * A reader sets its flag and then loads the sequence again; a writer adds to the sequence and
+//    then loads the flag; all four are sequentially consistent. So either the reader sees the new
+//    sequence and does not sleep, or the writer sees the flag and wakes; between the reader's load
+//    and its sleep the kernel compares the sequence once more.
+//  * A flag never goes back while the value it names is the present one: flags are exchanged only
+//    for newer ones, or for values that the sequence has not reached, which are untrusted.
+//  * A process that is killed or stopped between adding and waking has not stored the flag in
+//    `woken_at`, so the next one that adds wakes in its place. The flag is stored after the waking,
+//    and only if the sequence had passed it before, so that no reader can fall asleep at it any
+//    more. A store that comes late, or never, costs wake-ups that are not needed.
+//  * A reader that is killed leaves a flag that costs one wake-up at most. For a writer that is
+//    killed before its notification the server notifies: it learns of the death, adds an event and
+//    wakes whatever the flag says. A stopped writer wakes when it goes on. And readers look once a
+//    second.
 namespace gorm::cor::ps::ring {
 
 inline constexpr std::uint32_t kMagic = 0x31544B56;  // "VKT1" in a little-endian dump
@@ -40,10 +42,10 @@ inline constexpr std::uint32_t kEntries = 1024;
 inline constexpr std::uint32_t kTexts = 8;
 inline constexpr std::uint32_t kMostTextBytes = 508;
 inline constexpr std::uint32_t kMostPathBytes = 472;
-inline constexpr std::uint32_t kNudged = 1;
-inline constexpr std::uint32_t kCounted = 1U << 8;
+inline constexpr std::uint32_t kWake = 1;
+inline constexpr std::uint32_t kNotification = 1U << 8;
 
-/// One of the few encoded samples that a topic's events consist of. Text 0 is the counted one.
+/// One of the few encoded samples that a topic's events consist of. Text 0 is the notification.
 struct Text {
     std::atomic<std::uint32_t> bytes;  // stored after the text, before an entry names it; 0: none
     char text[kMostTextBytes];
@@ -57,13 +59,13 @@ struct EventsFile {
     std::uint64_t nonce;  // the signal has the same
     std::uint32_t path_bytes;
     char path[kMostPathBytes];           // the topic's, with its first slash
-    std::int32_t signal;                 // the id of its segment
-    std::atomic<std::uint32_t> closed;   // 1: nothing more comes; look for another one
-    std::atomic<std::uint32_t> relayed;  // not 0: somebody listens over a socket
+    std::int32_t signal;                 // the id of its System V memory
+    std::atomic<std::uint32_t> closed;   // 1: no event follows; look for another file
+    std::atomic<std::uint32_t> relayed;  // not 0: there are subscribers at sockets
     std::atomic<std::uint64_t> head;     // entries so far
     Text texts[kTexts];
-    // Entry n stands at n mod kEntries: low half of n, then the word's counted events at its time
-    // (24 bits), then the number of its text (8 bits).
+    // Entry n stands at n mod kEntries: low half of n, then the sequence's notifications at its
+    // time (24 bits), then the number of its text (8 bits).
     std::atomic<std::uint64_t> entries[kEntries];
 };
 static_assert(offsetof(EventsFile, head) == 504);
@@ -71,27 +73,34 @@ static_assert(offsetof(EventsFile, texts) == 512);
 static_assert(sizeof(EventsFile) == 512 + 8 * 512 + 8 * 1024);
 
 struct Signal {
-    std::atomic<std::uint32_t> word;
-    alignas(64) std::atomic<std::uint32_t> asleep_at;
-    std::atomic<std::uint32_t> woken_at;  // made with a value that is no mark for long
-    // By the server, before the rename that lets others look; compared once by who attaches it.
-    // Whoever overwrites it keeps newcomers away from his topic's memory, so that they use sockets.
+    std::atomic<std::uint32_t> sequence;
+    alignas(64) std::atomic<std::uint32_t> waiting_at;
+    std::atomic<std::uint32_t> woken_at;  // made with a value that no flag has for long
+    // By the server, before the rename that lets others open the file; compared once by a process
+    // that attaches the memory. A process that overwrites it keeps others from the topic's memory,
+    // so that they use sockets.
     std::uint64_t nonce;
 };
-static_assert(offsetof(Signal, asleep_at) == 64);
+static_assert(offsetof(Signal, waiting_at) == 64);
 static_assert(offsetof(Signal, woken_at) == 68);
 static_assert(offsetof(Signal, nonce) == 72);
 
 inline constexpr std::uint32_t kNeverWoken = 0x80000000;
 
-constexpr std::uint64_t PackEntry(std::uint64_t number, std::uint32_t word, std::uint32_t text) {
-    return number << 32 | (word & ~0xFFU) | (text & 0xFF);
+constexpr std::uint32_t Notifications(std::uint32_t sequence) {
+    return sequence >> 8;
+}
+constexpr std::uint32_t kNotificationsMask = Notifications(~0U);
+
+constexpr std::uint64_t PackEntry(std::uint64_t number, std::uint32_t sequence,
+                                  std::uint32_t text) {
+    return number << 32 | (sequence & ~0xFFU) | (text & 0xFF);
 }
 constexpr std::uint32_t EntryNumber(std::uint64_t entry) {
     return static_cast<std::uint32_t>(entry >> 32);
 }
-constexpr std::uint32_t EntryCount(std::uint64_t entry) {
-    return static_cast<std::uint32_t>(entry) >> 8;
+constexpr std::uint32_t EntryNotifications(std::uint64_t entry) {
+    return Notifications(static_cast<std::uint32_t>(entry));
 }
 constexpr std::uint32_t EntryText(std::uint64_t entry) {
     return static_cast<std::uint32_t>(entry & 0xFF);

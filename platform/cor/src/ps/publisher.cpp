@@ -5,7 +5,7 @@
 #include "kvo/os/file_access.h"
 #include "kvo/os/fork_guard.h"
 #include "local/local_endpoint.h"
-#include "local/topic_ring.h"
+#include "local/topic_ring_server.h"
 #include "transport/address.h"
 #include "transport/bounds.h"
 #include "transport/context.h"
@@ -52,7 +52,7 @@ public:
 
     void Publish(std::string_view path, std::string_view sample);
     void Relay(std::string_view path, std::string_view sample);
-    void OpenLocal(std::string_view path, std::string_view counted);
+    void OpenLocal(std::string_view path, std::string_view notification);
     void CloseLocal(std::string_view path);
     bool serves_local() const { return serves_local_; }
 
@@ -120,7 +120,7 @@ Publisher::Impl::~Impl() {
 
 void Publisher::Impl::BindLocal(const Serving& serving, const Address& address, std::uint16_t at) {
     local_endpoint_ = ServeLocal(serving, address, at, [&](const std::string& endpoint) {
-        CurveDomain::Open(socket_);
+        CurveDomain::AcceptPlain(socket_);
         local_ = Bind(socket_, endpoint, address.text);
     });
 }
@@ -129,7 +129,7 @@ void Publisher::Impl::TakeSubscriptions() {
     std::vector<zmq::message_t> frames;
     for (int i = 0; i < kBatch && Receive(socket_, frames); ++i) {
         // 1 or 0 (begins or ends), then the topic's frame. What does not end like one is a prefix
-        // that somebody watches, or no subscription at all.
+        // of topics, or no subscription at all.
         const std::string_view text = View(frames[0]);
         const bool is_topic = text.size() > 2 && (text[0] == '\0' || text[0] == '\1') &&
                               text.find('\0', 1) == text.size() - 1;
@@ -160,7 +160,7 @@ void Publisher::Impl::CountListener(std::string_view path, bool begins) {
     }
 }
 
-// What an earlier publisher of the directory has left is told to be over.
+// What an earlier publisher of the directory has left is closed.
 void Publisher::Impl::ServeTopics() {
     if (local_endpoint_ == nullptr || topic_directory_.empty()) {
         return;
@@ -175,19 +175,19 @@ void Publisher::Impl::ServeTopics() {
         }
         KVO_CRASH_POINT("topic directory given its rights");
         TopicRingServer::RemoveAll(topic_directory_);
-        local_endpoint_->PointTo(topic_directory_);
+        local_endpoint_->LinkTopics(topic_directory_);
         serves_local_ = true;
     } catch (const std::exception& error) {
         LogWarning("no local topics in " + topic_directory_ + ": " + error.what());
     }
 }
 
-void Publisher::Impl::OpenLocal(std::string_view path, std::string_view counted) {
+void Publisher::Impl::OpenLocal(std::string_view path, std::string_view notification) {
     if (!serves_local_ || rings_.count(path) != 0) {
         return;
     }
     try {
-        auto ring = TopicRingServer::Make(topic_directory_, path, counted, topic_access_);
+        auto ring = TopicRingServer::Make(topic_directory_, path, notification, topic_access_);
         ring->SetRelayed(IsRelayed(std::string(path)));
         rings_.emplace(path, std::move(ring));
     } catch (const std::exception& error) {
@@ -247,8 +247,8 @@ void Publisher::Relay(std::string_view path, std::string_view sample) {
     impl_->Relay(path, sample);
 }
 
-void Publisher::OpenLocal(std::string_view path, std::string_view counted) {
-    impl_->OpenLocal(path, counted);
+void Publisher::OpenLocal(std::string_view path, std::string_view notification) {
+    impl_->OpenLocal(path, notification);
 }
 
 void Publisher::CloseLocal(std::string_view path) {

@@ -3,17 +3,17 @@
 #include "curve/curve_client.h"
 #include "gorm/cor/errors.h"
 #include "kvo/os/fork_guard.h"
+#include "kvo/os/thread_bound.h"
 #include "local/runtime_directory.h"
-#include "local/topic_ring.h"
+#include "local/topic_ring_reader.h"
+#include "ps/event_queue.h"
 #include "transport/bounds.h"
-#include "transport/listener_slot.h"
 #include "transport/log.h"
 #include "transport/short_slices.h"
 #include "transport/sockets.h"
 
 #include <atomic>
 #include <chrono>
-#include <deque>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -25,7 +25,7 @@
 namespace gorm::cor::ps {
 namespace {
 
-// How often a reader looks whether its ring still has a server, or whether there is one.
+// How often a reader checks whether its ring still has a server, or whether there is one.
 constexpr std::chrono::seconds kRingCheck{1};
 
 zmq::socket_t MakeSubscription(zmq::context_t& context, const Address& address,
@@ -34,8 +34,8 @@ zmq::socket_t MakeSubscription(zmq::context_t& context, const Address& address,
         MakeSocket(context, zmq::socket_type::sub, kSampleQueue, kMaxSampleBytes);
     SetReconnect(socket);
     socket.set(zmq::sockopt::ipv6, address.ipv6);
-    // Chosen once: whoever subscribes does so anew when the publisher was away, since its port may
-    // be another one then.
+    // Chosen once: a client subscribes anew when the publisher was away, since its port may be
+    // another one then.
     const std::string local = address.PrefersLocal() ? FindLocalEndpoint(address.port) : "";
     if (local.empty() && address.curve != nullptr) {
         address.curve->Secure(socket);
@@ -55,91 +55,66 @@ SampleCodec::~SampleCodec() = default;
 
 TopicReader::~TopicReader() = default;
 
-/// What arrives, and who listens. Goes by the topic's ring in shared memory where it has one, and
-/// over a socket else; chooses anew when the ring is over, and looks for one while there is none.
+/// How events arrive. Goes by the topic's ring in shared memory where it has one, and over a socket
+/// else; chooses anew when the ring is closed, and polls for one while there is none.
 class WkpTopicReader::Feed : public std::enable_shared_from_this<Feed> {
 public:
-    using Slot = ListenerSlot<SampleCodec::Decoded>;
-
     Feed(zmq::context_t& context, const Address& address, std::shared_ptr<const SampleCodec> codec,
          PollLoop& loop)
-        : context_(context),
+        : queue(std::move(codec), address.text),
+          context_(context),
           address_(address),
           topic_(address.path + '\0'),
-          codec_(std::move(codec)),
-          loop_(loop),
-          faults_("event of " + address.text) {}
+          loop_(loop) {}
 
-    /// Any thread. @return the listener before.
-    std::shared_ptr<Slot> SetListener(std::shared_ptr<Slot> slot) {
-        const std::lock_guard lock(mutex_);
-        return std::exchange(slot_, std::move(slot));
-    }
-    /// Any thread.
-    void RemoveListener(const std::shared_ptr<Slot>& slot) {
-        {
-            const std::lock_guard lock(mutex_);
-            if (slot_ == slot) {
-                slot_ = nullptr;
-            }
-        }
-        Interrupt();  // the delivery thread lets go of its share
-    }
-    /// Any thread: has the delivery thread look at what was posted to the loop.
+    /// Any thread: makes the delivery thread run what was posted to the loop.
     void Interrupt();
     /// Any thread, before the loop ends.
     void Stop();
 
-    // Delivery thread only.
-    void Begin();  // throws Error
-    void Deliver();
+    /// Delivery thread. Throws Error.
+    void Begin();
+
+    EventQueue queue;  // threads: as it says
 
 private:
-    std::shared_ptr<Slot> listener() {
-        const std::lock_guard lock(mutex_);
-        return slot_;
+    bool stopped() const {
+        // [feed-stop] Acquire: the listener is removed.
+        return stopped_.load(std::memory_order_acquire);
     }
-    bool stopped() const { return stopped_.load(std::memory_order_acquire); }
     bool JoinRing();
     void LeaveRing();
     void FollowRing();
-    bool TakeFromRing(Slot& current);
     bool ServerIsGone();
     void OpenSocket();
     void CloseSocket();
-    void LookForRing();
+    void PollForRing();
     void TakeFromSocket();
-    const SampleCodec::Decoded* Decode(std::string_view sample);
-    void Keep(const SampleCodec::Decoded& event);
 
     zmq::context_t& context_;
     const Address address_;
     const std::string topic_;  // as on the wire
-    const std::shared_ptr<const SampleCodec> codec_;
-    PollLoop& loop_;  // used while not stopped
+    PollLoop& loop_;           // used while not stopped
 
     std::mutex mutex_;
-    std::shared_ptr<Slot> slot_;             // under the mutex
     std::shared_ptr<TopicRingReader> ring_;  // under the mutex; null: the socket is used
 
-    // Delivery thread stores false, others true before they nudge the ring.
+    // Delivery thread stores false, others true before they wake it.
     std::atomic<bool> interrupted_{false};
     std::atomic<bool> stopped_{false};
 
     // Delivery thread only
+    const kvo::os::ThreadBound thread_;
     std::string ring_directory_;
     std::chrono::steady_clock::time_point ring_checked_;
     std::optional<zmq::socket_t> socket_;
-    // Where the next ring is to be entered: as the socket has told, or empty: at its start, since
-    // it is the successor of what we had. None: there was nothing before.
+    // Where the next ring is to be entered: as the last message of the socket says, or empty: at
+    // its start, since it is the successor of the one before. None: there was nothing before.
     std::optional<std::string> position_;
-    std::deque<SampleCodec::Decoded> waiting_;  // not heard yet, oldest first
-    std::string decoded_text_;                  // what was decoded last
-    SampleCodec::Decoded decoded_;              // of it
-    FaultLog faults_;
 };
 
 void WkpTopicReader::Feed::Begin() {
+    thread_.here();
     if (!JoinRing()) {
         OpenSocket();
     }
@@ -185,43 +160,35 @@ void WkpTopicReader::Feed::LeaveRing() {
     }
 }
 
-// Holds the loop for as long as nobody else wants it.
+// Keeps the loop until it is interrupted.
 [[gnu::hot]] void WkpTopicReader::Feed::FollowRing() {
-    std::shared_ptr<Slot> current = listener();
+    thread_.here();
+    std::shared_ptr<EventQueue::Slot> current = queue.listener();
     while (!stopped()) {
-        // Before all looks: who changes what they look at changes the word after that.
-        const std::uint32_t seen = ring_->word();
+        // Before all checks: a change of what they check is followed by a change of the sequence.
+        const std::uint32_t seen = ring_->sequence();
+        // [feed-interrupt] Acquire: what was done before the interruption is visible.
         if (interrupted_.exchange(false, std::memory_order_acq_rel)) {
             loop_.Post([feed = shared_from_this()] { feed->FollowRing(); });
             return;
         }
         if (current == nullptr) {
             ring_->Sleep(seen, kRingCheck);
-        } else if (!waiting_.empty()) {
-            Deliver();
-            current = listener();
-        } else if (const bool closed = ring_->closed(); !TakeFromRing(*current)) {
-            // Closed before the look: the look would have found what came last.
-            if (closed || ServerIsGone()) {
+        } else if (!queue.empty()) {
+            queue.Deliver();
+            current = queue.listener();
+        } else {
+            const bool closed = ring_->closed();  // before Take(), which then finds the last event
+            if (const auto sample = ring_->Take()) {
+                queue.Pass(*sample, *current);
+            } else if (closed || ServerIsGone()) {
                 LeaveRing();
                 return;
+            } else {
+                ring_->Sleep(seen, kRingCheck);
             }
-            ring_->Sleep(seen, kRingCheck);
         }
     }
-}
-
-// Nothing is waiting.
-[[gnu::hot]] bool WkpTopicReader::Feed::TakeFromRing(Slot& current) {
-    const auto sample = ring_->Take();
-    if (!sample) {
-        return false;
-    }
-    const SampleCodec::Decoded* const event = Decode(*sample);
-    if (event != nullptr && !current.Run(*event)) {
-        Keep(*event);
-    }
-    return true;
 }
 
 // A server that was killed has not closed its ring.
@@ -239,7 +206,7 @@ void WkpTopicReader::Feed::OpenSocket() {
     position_ = "";
     loop_.Watch(*socket_, [feed = shared_from_this()] { feed->TakeFromSocket(); });
     if (address_.PrefersLocal()) {
-        LookForRing();
+        PollForRing();
     }
 }
 
@@ -248,7 +215,7 @@ void WkpTopicReader::Feed::CloseSocket() {
     socket_.reset();
 }
 
-void WkpTopicReader::Feed::LookForRing() {
+void WkpTopicReader::Feed::PollForRing() {
     loop_.After(kRingCheck, [weak = weak_from_this()] {
         const auto feed = weak.lock();
         if (feed == nullptr || feed->stopped()) {
@@ -257,12 +224,13 @@ void WkpTopicReader::Feed::LookForRing() {
         if (feed->JoinRing()) {
             feed->CloseSocket();
         } else {
-            feed->LookForRing();
+            feed->PollForRing();
         }
     });
 }
 
 void WkpTopicReader::Feed::TakeFromSocket() {
+    thread_.here();
     std::vector<zmq::message_t> frames;
     for (int i = 0; i < kBatch && Receive(*socket_, frames); ++i) {
         if (View(frames[0]) != topic_) {
@@ -272,54 +240,17 @@ void WkpTopicReader::Feed::TakeFromSocket() {
             position_ = View(frames[2]);
         }
         if (frames.size() < 2) {
-            faults_.Count("", "it has no sample");
-        } else if (const auto* const event = Decode(View(frames[1]))) {
-            Keep(*event);
+            queue.CountFault("it has no sample");
+        } else {
+            queue.Add(View(frames[1]));
         }
     }
-    Deliver();
-}
-
-// Valid until the next call. Null: it is no sample. Most events of a topic say the same, which is
-// decoded once.
-[[gnu::hot]] const SampleCodec::Decoded* WkpTopicReader::Feed::Decode(std::string_view sample) {
-    if (decoded_.sample != nullptr && sample == decoded_text_) {
-        return &decoded_;
-    }
-    decoded_text_ = sample;
-    try {
-        decoded_ = codec_->Decode(sample);
-    } catch (const std::exception&) {
-        decoded_.sample = nullptr;
-    }
-    if (decoded_.sample == nullptr) {
-        faults_.Count("", "it is no sample");
-        return nullptr;
-    }
-    return &decoded_;
-}
-
-void WkpTopicReader::Feed::Keep(const SampleCodec::Decoded& event) {
-    if (waiting_.size() >= static_cast<std::size_t>(kSampleQueue)) {
-        waiting_.pop_front();
-        faults_.Count("", "nobody listens, and newer ones came");
-    }
-    waiting_.push_back(event);
-}
-
-void WkpTopicReader::Feed::Deliver() {
-    while (!waiting_.empty()) {
-        const std::shared_ptr<Slot> current = listener();
-        if (current == nullptr) {
-            return;
-        }
-        if (current->Run(waiting_.front())) {
-            waiting_.pop_front();
-        }
-    }
+    queue.Deliver();
 }
 
 void WkpTopicReader::Feed::Interrupt() {
+    // [feed-interrupt] Release: the delivery thread sees it, and what was posted before, when it
+    // sees the sequence that Wake() changes.
     interrupted_.store(true, std::memory_order_release);
     std::shared_ptr<TopicRingReader> ring;
     {
@@ -327,11 +258,12 @@ void WkpTopicReader::Feed::Interrupt() {
         ring = ring_;
     }
     if (ring != nullptr) {
-        ring->Nudge();
+        ring->Wake();
     }
 }
 
 void WkpTopicReader::Feed::Stop() {
+    // [feed-stop] Release: the delivery thread ends, and its listener is removed before.
     stopped_.store(true, std::memory_order_release);
     Interrupt();
 }
@@ -340,9 +272,9 @@ WkpTopicReader::WkpTopicReader(zmq::context_t& context, const Address& address,
                                std::shared_ptr<const SampleCodec> codec)
     : feed_(std::make_shared<Feed>(context, address, std::move(codec), loop_)) {
     loop_.Run([this] {
-        // Whoever publishes goes to sleep some time after it has told of a sample. On its processor
-        // the delivery would wait for that.
-        AskForShortSlices();
+        // A publisher goes to sleep some time after its notification. On the same processor the
+        // delivery would wait for that.
+        RequestShortSlices();
         feed_->Begin();
     });
 }
@@ -352,7 +284,7 @@ WkpTopicReader::~WkpTopicReader() {
         // Closing the socket would reach into the parent; the loop leaks its share of it.
         return;
     }
-    if (const auto slot = feed_->SetListener(nullptr)) {
+    if (const auto slot = feed_->queue.SetListener(nullptr)) {
         slot->Remove();
     }
     feed_->Stop();
@@ -362,18 +294,19 @@ rr::ListenerRegistration WkpTopicReader::Listen(Listener listener) {
     if (kvo::os::InForkedChild()) {
         return rr::ListenerRegistration();
     }
-    auto slot = std::make_shared<Feed::Slot>(std::move(listener));
-    if (const auto before = feed_->SetListener(slot)) {
+    auto slot = std::make_shared<EventQueue::Slot>(std::move(listener));
+    if (const auto before = feed_->queue.SetListener(slot)) {
         before->Remove();
     }
-    loop_.Post([feed = feed_] { feed->Deliver(); });
+    loop_.Post([feed = feed_] { feed->queue.Deliver(); });
     feed_->Interrupt();
     return rr::ListenerRegistration([weak = std::weak_ptr<Feed>(feed_), slot] {
         if (kvo::os::InForkedChild()) {
             return;
         }
         if (const auto feed = weak.lock()) {
-            feed->RemoveListener(slot);
+            feed->queue.RemoveListener(slot);
+            feed->Interrupt();  // the delivery thread lets go of its share
         }
         slot->Remove();
     });

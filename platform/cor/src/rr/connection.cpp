@@ -13,8 +13,8 @@ namespace gorm::cor::rr {
 namespace {
 
 constexpr std::chrono::milliseconds kReconsider{200};
-// A Unix socket that takes nobody in may not keep us from TCP, nor the other way round.
-constexpr int kRoundsOfAWay = 5;
+// A Unix socket that accepts no connection may not keep us from TCP, nor the other way round.
+constexpr int kRoundsPerEndpoint = 5;
 
 zmq::socket_t MakeDealer(zmq::context_t& context, const Address& address,
                          const std::string& routing_id) {
@@ -60,31 +60,31 @@ Connection::Connection(zmq::context_t& context, PollLoop& loop, const Address& a
       address_(address),
       routing_id_(routing_id),
       faults_("message from " + address.endpoint) {
-    Begin(ChooseWay());
+    OpenLink(ChooseEndpoint());
     AwaitConnection();
 }
 
 Connection::~Connection() {
-    Leave();
+    CloseLink();
 }
 
-std::string Connection::ChooseWay() const {
-    if (!address_.PrefersLocal() || (local_rounds_ / kRoundsOfAWay) % 2 != 0) {
+std::string Connection::ChooseEndpoint() const {
+    if (!address_.PrefersLocal() || (local_rounds_ / kRoundsPerEndpoint) % 2 != 0) {
         return address_.endpoint;
     }
     const std::string local = FindLocalEndpoint(address_.port);
     return local.empty() ? address_.endpoint : local;
 }
 
-void Connection::Begin(const std::string& way) {
-    Leave();
+void Connection::OpenLink(const std::string& way) {
+    CloseLink();
     given_up_ = false;
     link_ = std::make_unique<Link>(context_, address_, way, routing_id_);
     loop_.Watch(link_->socket, [this] { TakeReplies(kBatch); });
     loop_.Watch(link_->monitor.socket(), [this] { TakeEvents(); });
 }
 
-void Connection::Leave() {
+void Connection::CloseLink() {
     if (link_ != nullptr) {
         loop_.Unwatch(link_->socket);
         loop_.Unwatch(link_->monitor.socket());
@@ -117,14 +117,14 @@ void Connection::Reconsider() {
         ++local_rounds_;
     }
     // After a refusal the transport does not try again; what was refused may be allowed some day.
-    const std::string way = ChooseWay();
-    if (way != link_->endpoint || (given_up_ && rounds_ % kRoundsOfAWay == 0)) {
-        Begin(way);
+    const std::string way = ChooseEndpoint();
+    if (way != link_->endpoint || (given_up_ && rounds_ % kRoundsPerEndpoint == 0)) {
+        OpenLink(way);
     }
     AwaitConnection();
 }
 
-void Connection::Refused(const Monitor::Event& event) {
+void Connection::OnRefused(const Monitor::Event& event) {
     const bool secured = address_.curve != nullptr && link_->endpoint == address_.endpoint;
     given_up_ = event.kind != ZMQ_EVENT_HANDSHAKE_FAILED_NO_DETAIL;
     if (event.kind == ZMQ_EVENT_HANDSHAKE_FAILED_AUTH) {
@@ -150,12 +150,14 @@ void Connection::Refused(const Monitor::Event& event) {
 }
 
 void Connection::Attach(const std::shared_ptr<ClientEnd>& end) {
+    thread_.here();
     ends_.push_back(end);
     end->connection = this;
     end->was_connected = connected_;
 }
 
 void Connection::Detach(const std::shared_ptr<ClientEnd>& end) {
+    thread_.here();
     end->connection = nullptr;
     std::erase(ends_, end);
     for (const auto& call : std::exchange(end->waiting, {})) {
@@ -184,20 +186,23 @@ void Connection::Connect(ClientEnd& end, boost::promise<void> promise) {
 
 void Connection::Request(const std::shared_ptr<ClientEnd>& end,
                          const std::shared_ptr<PendingCall>& call) {
+    thread_.here();
     if (connected_) {
         SendRequest(*end, call);
     } else if (end->was_connected) {
-        call->Complete(Lost("there is no connection" + WhyNot()));
+        call->Complete(Lost("there is no connection" + FaultSuffix()));
     } else {
         end->waiting.push_back(call);
     }
 }
 
 bool Connection::Notify(const ClientEnd& end, std::string_view message) {
+    thread_.here();
     return connected_ && unsent_.empty() && Send(end.address.path, message);
 }
 
 bool Connection::Forget(ClientEnd& end, const std::shared_ptr<PendingCall>& call) {
+    thread_.here();
     sent_.erase(call->id);
     return std::erase(end.waiting, call) != 0;
 }
@@ -230,6 +235,7 @@ void Connection::SendUnsent() {
 }
 
 void Connection::TakeReplies(int at_most) {
+    thread_.here();
     std::vector<zmq::message_t> frames;
     for (int i = 0; i < at_most && Receive(link_->socket, frames); ++i) {
         std::optional<Reply> reply;
@@ -237,7 +243,7 @@ void Connection::TakeReplies(int at_most) {
             reply = DecodeReply(View(frames[1]));
         }
         if (!reply) {
-            faults_.Count("", "it is no reply");
+            faults_.LogDropped("", "it is no reply");
             continue;
         }
         // An id that is not there: the caller's time has run out.
@@ -246,7 +252,7 @@ void Connection::TakeReplies(int at_most) {
             continue;
         }
         if (View(frames[0]) != found->second.end->address.path) {
-            faults_.Count("", "it is a reply for another path");
+            faults_.LogDropped("", "it is a reply for another path");
             continue;
         }
         const std::shared_ptr<PendingCall> call = std::move(found->second.call);
@@ -257,25 +263,26 @@ void Connection::TakeReplies(int at_most) {
 }
 
 void Connection::TakeEvents() {
+    thread_.here();
     for (Monitor::Event event = link_->monitor.Next(); event.kind != 0;
          event = link_->monitor.Next()) {
         if (event.kind == ZMQ_EVENT_HANDSHAKE_SUCCEEDED && !connected_) {
-            if (const std::string way = ChooseWay(); way != link_->endpoint) {
-                Begin(way);  // the Unix socket has come since; this link's events are over
+            if (const std::string way = ChooseEndpoint(); way != link_->endpoint) {
+                OpenLink(way);  // the Unix socket has come since; this link's events are over
                 return;
             }
-            Up();
+            OnConnected();
         } else if (event.kind == ZMQ_EVENT_DISCONNECTED) {
             if (connected_) {
-                Down();
+                OnDisconnected();
             }
         } else if (!connected_) {
-            Refused(event);
+            OnRefused(event);
         }
     }
 }
 
-void Connection::Up() {
+void Connection::OnConnected() {
     // The new pipe was announced to the socket before this event came; asking for the events makes
     // the socket look at it, so that the first request finds it.
     static_cast<void>(link_->socket.get(zmq::sockopt::events));
@@ -283,7 +290,7 @@ void Connection::Up() {
     rounds_ = 0;
     local_rounds_ = 0;
     fault_.clear();
-    // Before anybody learns of it otherwise: who registers a listener then has nothing to hear.
+    // Before any other sign of it: a listener that is registered then has no change to hear of.
     for (const auto& end : ends_) {
         end->strand.Deliver(true);
     }
@@ -298,7 +305,7 @@ void Connection::Up() {
     }
 }
 
-void Connection::Down() {
+void Connection::OnDisconnected() {
     TakeReplies(kRequestQueue);  // what has been answered counts
     connected_ = false;
     unsent_.clear();
@@ -308,7 +315,7 @@ void Connection::Down() {
     for (const auto& end : ends_) {
         end->strand.Deliver(false);
     }
-    Begin(ChooseWay());
+    OpenLink(ChooseEndpoint());
     AwaitConnection();
 }
 

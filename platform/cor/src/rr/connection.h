@@ -1,5 +1,6 @@
 #pragma once
 
+#include "kvo/os/thread_bound.h"
 #include "rr/listener_strand.h"
 #include "rr/pending_call.h"
 #include "transport/address.h"
@@ -54,12 +55,12 @@ public:
     bool has_clients() const { return !ends_.empty(); }
     bool connected() const { return connected_; }
     /// Why the last attempt to connect failed, if that is known, as the end of a message.
-    std::string WhyNot() const { return fault_.empty() ? fault_ : ": " + fault_; }
+    std::string FaultSuffix() const { return fault_.empty() ? fault_ : ": " + fault_; }
 
     void Connect(ClientEnd& end, boost::promise<void> promise);
     void Request(const std::shared_ptr<ClientEnd>& end, const std::shared_ptr<PendingCall>& call);
     /// @return false: it was dropped.
-    bool Notify(const ClientEnd& end, std::string_view message);
+    [[nodiscard]] bool Notify(const ClientEnd& end, std::string_view message);
     /// Gives up a call. @return true: it still waited for the first connection.
     bool Forget(ClientEnd& end, const std::shared_ptr<PendingCall>& call);
 
@@ -68,28 +69,29 @@ private:
         std::shared_ptr<PendingCall> call;
         const ClientEnd* end;
     };
-    // A way to the server that has been begun.
+    // A connection that has been begun, over one of the server's endpoints.
     struct Link {
-        Link(zmq::context_t& context, const Address& address, const std::string& way,
+        Link(zmq::context_t& context, const Address& address, const std::string& to,
              const std::string& routing_id);
         const std::string endpoint;
         zmq::socket_t socket;
         Monitor monitor;
     };
-    std::string ChooseWay() const;
-    void Begin(const std::string& way);
-    void Leave();
+    std::string ChooseEndpoint() const;
+    void OpenLink(const std::string& endpoint);
+    void CloseLink();
     void AwaitConnection();
     void Reconsider();
-    void Refused(const Monitor::Event& event);
+    void OnRefused(const Monitor::Event& event);
     void TakeReplies(int at_most);
     void TakeEvents();
-    void Up();
-    void Down();
+    void OnConnected();
+    void OnDisconnected();
     bool Send(const std::string& path, std::string_view message);
     void SendRequest(const ClientEnd& end, const std::shared_ptr<PendingCall>& call);
     void SendUnsent();
 
+    const kvo::os::ThreadBound thread_;
     zmq::context_t& context_;
     PollLoop& loop_;
     const Address address_;

@@ -17,7 +17,7 @@ struct Outcome {
     std::string text;  // packed result, the peer's error, or why there is no connection
 };
 
-/// A request between its caller, who waits or has left a function to be called, and the I/O
+/// A request between its caller, which waits or has left a function to be called, and the I/O
 /// thread, which completes it.
 class PendingCall {
 public:
@@ -27,7 +27,7 @@ public:
     /// The first outcome counts. I/O thread.
     void Complete(Outcome outcome);
     /// Caller. @return none: the deadline has passed.
-    std::optional<Outcome> Await(std::chrono::steady_clock::time_point deadline);
+    [[nodiscard]] std::optional<Outcome> Await(std::chrono::steady_clock::time_point deadline);
 
     const std::uint32_t id;
     const std::string message;

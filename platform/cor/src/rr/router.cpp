@@ -91,6 +91,7 @@ void Router::StopListening() {
 }
 
 void Router::TakeEvents() {
+    thread_.here();
     for (Monitor::Event event = monitor_.Next(); event.kind != 0; event = monitor_.Next()) {
         if (event.kind == ZMQ_EVENT_ACCEPTED) {
             End(event.value);
@@ -115,21 +116,21 @@ void Router::End(int descriptor) {
     }
     const Caller caller = std::move(found->second.caller);
     if (caller.connection.empty()) {
-        TellRefused(found->second);
+        LogRefused(found->second);
     }
     links_.erase(found);
     if (!caller.connection.empty()) {
-        user_.Ended(caller);
+        user_.OnDisconnected(caller);
     }
 }
 
-// The transport tells of the fault and then of the end, but not whose fault it is; with several at
-// once the line may name the wrong one of them.
-void Router::TellRefused(const Link& link) {
+// The transport reports the fault and then the end, but not of which connection the fault is; with
+// several at once the line may name the wrong one.
+void Router::LogRefused(const Link& link) {
     if (const char* const fault = std::exchange(handshake_fault_, nullptr);
         fault != nullptr && settings_.curve != nullptr) {
-        faults_.Tell(link.address,
-                     "peer " + link.address + " refused at " + settings_.text + ": " + fault);
+        faults_.Log(link.address,
+                    "peer " + link.address + " refused at " + settings_.text + ": " + fault);
     }
 }
 
@@ -149,11 +150,11 @@ void Router::Introduce(Link& link, const Caller& caller) {
         return;
     }
     if (!link.caller.connection.empty()) {
-        // The last message of one that had the descriptor before came after its end was told.
-        user_.Ended(link.caller);
+        // The last message of one that had the descriptor before came after its end was reported.
+        user_.OnDisconnected(link.caller);
     }
     link.caller = caller;
-    link.refused = !user_.Begins(caller);
+    link.refused = !user_.OnConnected(caller);
 }
 
 // A peer can claim any property in its handshake, but those that the transport sets itself go
@@ -171,7 +172,8 @@ Peer Router::PeerOf(zmq::message_t& frame) const {
 }
 
 void Router::TakeCalls() {
-    // First the ends of connections: a descriptor may belong to somebody else by now.
+    thread_.here();
+    // First the ends of connections: a descriptor may belong to another connection by now.
     TakeEvents();
     std::vector<zmq::message_t> frames;
     for (int i = 0; i < kBatch && Receive(socket_, frames); ++i) {
@@ -186,12 +188,12 @@ void Router::Handle(std::vector<zmq::message_t>& frames) {
         call = DecodeCall(View(frames[2]));
     }
     if (!call) {
-        faults_.Count(peer, frames.size() == 3 ? "it is no request" : "it has not two frames");
+        faults_.LogDropped(peer, frames.size() == 3 ? "it is no request" : "it has not two frames");
         return;
     }
     const std::string_view path = View(frames[1]);
     if (path.size() > kMaxPathBytes) {  // an answer would repeat it
-        faults_.Count(peer, "its path is too long");
+        faults_.LogDropped(peer, "its path is too long");
         return;
     }
     // Each socket gives its peers names of its own, which may be the same.
@@ -200,8 +202,9 @@ void Router::Handle(std::vector<zmq::message_t>& frames) {
     if (link != nullptr) {
         Introduce(*link, caller);
     }
-    const Deferred<std::string> answer =
-        link != nullptr && link->refused ? user_.TooMany(*call) : user_.Answer(caller, path, *call);
+    const Deferred<std::string> answer = link != nullptr && link->refused
+                                             ? user_.RejectTooMany(*call)
+                                             : user_.Answer(caller, path, *call);
     if (!call->id) {
         return;
     }
@@ -213,8 +216,9 @@ void Router::Handle(std::vector<zmq::message_t>& frames) {
     });
 }
 
-// A peer that has gone or takes no answers loses them; the loop waits for nobody.
+// A peer that has gone or takes no answers loses them; the loop does not wait.
 void Router::Send(const std::string& peer, const std::string& path, const std::string& answer) {
+    thread_.here();
     if (socket_.send(zmq::buffer(peer), zmq::send_flags::dontwait | zmq::send_flags::sndmore) &&
         socket_.send(zmq::buffer(path), zmq::send_flags::dontwait | zmq::send_flags::sndmore)) {
         socket_.send(zmq::buffer(answer), zmq::send_flags::dontwait);

@@ -3,6 +3,7 @@
 #include "gorm/cor/curve.h"
 #include "gorm/cor/peer.h"
 #include "gorm/cor/rr/service.h"
+#include "kvo/os/thread_bound.h"
 #include "rr/wire.h"
 #include "transport/log.h"
 #include "transport/poll_loop.h"
@@ -19,17 +20,17 @@
 
 namespace gorm::cor::rr {
 
-/// Who answers the calls of a router and counts its connections. On the loop.
+/// Answers the calls of a router and counts its connections. On the loop.
 class RouterUser {
 public:
     virtual ~RouterUser() = default;
     /// The first call of a connection has come. @return false: none of them may be answered.
-    virtual bool Begins(const Caller& caller) = 0;
+    [[nodiscard]] virtual bool OnConnected(const Caller& caller) = 0;
     /// A connection that has begun is gone.
-    virtual void Ended(const Caller& caller) = 0;
+    virtual void OnDisconnected(const Caller& caller) = 0;
     virtual Deferred<std::string> Answer(const Caller& caller, std::string_view path,
                                          const Call& call) = 0;
-    virtual std::string TooMany(const Call& call) const = 0;
+    virtual std::string RejectTooMany(const Call& call) const = 0;
 };
 
 /// One bound socket of a server and the connections on it. What a peer can prove differs between
@@ -57,7 +58,7 @@ public:
     const std::string& endpoint() const { return endpoint_; }  // as it was bound
 
 private:
-    // One connection, known by the transport's descriptor: its end is told by that alone.
+    // One connection, known by the transport's descriptor, which alone reports its end.
     struct Link {
         Caller caller;        // once it has sent a call
         std::string address;  // of the other end, where keys are asked for
@@ -70,9 +71,10 @@ private:
     Link* LinkOf(zmq::message_t& frame);
     void Introduce(Link& link, const Caller& caller);
     void End(int descriptor);
-    void TellRefused(const Link& link);
+    void LogRefused(const Link& link);
     void Send(const std::string& peer, const std::string& path, const std::string& answer);
 
+    const kvo::os::ThreadBound thread_;
     PollLoop& loop_;
     const Settings settings_;
     RouterUser& user_;
@@ -81,8 +83,8 @@ private:
     FaultLog faults_;
     std::string endpoint_;
     std::map<int, Link> links_;              // by descriptor
-    const char* handshake_fault_ = nullptr;  // told before the end of its connection
-    // Answers that come later look whether we are still there.
+    const char* handshake_fault_ = nullptr;  // reported before the end of its connection
+    // For answers that come later: null once the router is gone.
     const std::shared_ptr<Router*> self_ = std::make_shared<Router*>(this);
 };
 

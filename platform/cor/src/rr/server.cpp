@@ -31,11 +31,11 @@ public:
     bool Connected(const std::string& identity) const { return connected_.count(identity) != 0; }
     std::size_t connections() const { return connections_; }
 
-    bool Begins(const Caller& caller) override;
-    void Ended(const Caller& caller) override;
+    bool OnConnected(const Caller& caller) override;
+    void OnDisconnected(const Caller& caller) override;
     Deferred<std::string> Answer(const Caller& caller, std::string_view path,
                                  const Call& call) override;
-    std::string TooMany(const Call& call) const override;
+    std::string RejectTooMany(const Call& call) const override;
 
 private:
     const std::string path_;
@@ -95,13 +95,13 @@ Server::Impl::~Impl() {
     tcp_->StopListening();
 }
 
-bool Server::Impl::Begins(const Caller& caller) {
+bool Server::Impl::OnConnected(const Caller& caller) {
     ++connections_;
     ++connected_[caller.identity];
     return connections_ <= options_.max_connections;
 }
 
-void Server::Impl::Ended(const Caller& caller) {
+void Server::Impl::OnDisconnected(const Caller& caller) {
     --connections_;
     if (--connected_[caller.identity] == 0) {
         connected_.erase(caller.identity);
@@ -111,7 +111,7 @@ void Server::Impl::Ended(const Caller& caller) {
     }
 }
 
-std::string Server::Impl::TooMany(const Call& call) const {
+std::string Server::Impl::RejectTooMany(const Call& call) const {
     return EncodeError(
         call.id.value_or(0),
         "there are already " + std::to_string(options_.max_connections) + " connections");

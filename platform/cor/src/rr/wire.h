@@ -31,7 +31,7 @@ struct Reply {
 };
 
 /// None: the bytes are no such message.
-std::optional<Call> DecodeCall(std::string_view bytes);
-std::optional<Reply> DecodeReply(std::string_view bytes);
+[[nodiscard]] std::optional<Call> DecodeCall(std::string_view bytes);
+[[nodiscard]] std::optional<Reply> DecodeReply(std::string_view bytes);
 
 }  // namespace gorm::cor::rr

@@ -98,8 +98,8 @@ std::string WkpChannel::Request(const char* method, std::string_view params) {
     return Exchange(at, call);
 }
 
-void WkpChannel::Ask(const char* method, std::string_view params,
-                     std::function<void(const std::string&)> answered) {
+void WkpChannel::RequestAsync(const char* method, std::string_view params,
+                              std::function<void(const std::string&)> answered) {
     const std::uint32_t id = NextCallId();
     auto call = std::make_shared<PendingCall>(id, EncodeRequest(id, method, params),
                                               [answered = std::move(answered)](const Outcome& end) {
@@ -129,7 +129,7 @@ std::string WkpChannel::Exchange(const std::string& at, const std::shared_ptr<Pe
         std::string why;
         hub_.loop().Run([&] {
             was_waiting = end_->connection != nullptr && end_->connection->Forget(*end_, call);
-            why = was_waiting ? end_->connection->WhyNot() : "";
+            why = was_waiting ? end_->connection->FaultSuffix() : "";
         });
         outcome = call->Await(deadline);  // it may have come in the meantime
         if (!outcome) {
@@ -152,7 +152,7 @@ void WkpChannel::Notify(const char* method, std::string_view params) {
     bool posted = false;
     try {
         posted = PostNotification(method, params);
-    } catch (const std::exception&) {  // out of memory: nobody reads the outcome of such a call
+    } catch (const std::exception&) {  // out of memory: such a call has no outcome
     }
     if (!posted) {
         // relaxed: a number for the log.

@@ -25,8 +25,8 @@ public:
 
     std::string Request(const char* method, std::string_view params) override;
     void Notify(const char* method, std::string_view params) override;
-    void Ask(const char* method, std::string_view params,
-             std::function<void(const std::string&)> answered) override;
+    void RequestAsync(const char* method, std::string_view params,
+                      std::function<void(const std::string&)> answered) override;
     std::string host() const override { return end_->address.host; }
     boost::future<void> Connect() override;
     ListenerRegistration RegisterConnectionListener(std::function<void(bool)> listener) override;

@@ -56,8 +56,8 @@ public:
 private:
     enum : int { kRunning = 1, kRemoved = 2 };
 
-    // One order of both bits' changes: either this sees that the listener is removed, or whoever
-    // removes it sees that it runs.
+    // One order of both bits' changes: either this sees that the listener is removed, or
+    // Remove() sees that it runs.
     bool Enter() { return (state_.fetch_or(kRunning, std::memory_order_acq_rel) & kRemoved) != 0; }
     // [slot] Release: pairs with the loads in Remove().
     void Leave() {

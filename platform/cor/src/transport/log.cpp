@@ -16,7 +16,7 @@ constexpr std::chrono::seconds kInterval{1};
 constexpr std::size_t kMaxPeers = 256;
 constexpr std::size_t kMaxWarnings = 1000;  // that are remembered; further ones go unlogged
 
-void Log(log4cplus::LogLevel level, const std::string& text) noexcept {
+void Write(log4cplus::LogLevel level, const std::string& text) noexcept {
     try {
         // Never destroyed: our threads may log while the process ends.
         static auto* const logger =
@@ -31,13 +31,13 @@ void Log(log4cplus::LogLevel level, const std::string& text) noexcept {
 }  // namespace
 
 void LogInfo(const std::string& text) noexcept {
-    Log(log4cplus::INFO_LOG_LEVEL, text);
+    Write(log4cplus::INFO_LOG_LEVEL, text);
 }
 void LogWarning(const std::string& text) noexcept {
-    Log(log4cplus::WARN_LOG_LEVEL, text);
+    Write(log4cplus::WARN_LOG_LEVEL, text);
 }
 void LogError(const std::string& text) noexcept {
-    Log(log4cplus::ERROR_LOG_LEVEL, text);
+    Write(log4cplus::ERROR_LOG_LEVEL, text);
 }
 
 void WarnOnce(const std::string& text) noexcept {
@@ -58,7 +58,7 @@ void WarnOnce(const std::string& text) noexcept {
 
 FaultLog::FaultLog(std::string what) : what_(std::move(what)) {}
 
-void FaultLog::Count(const std::string& peer, const char* reason) noexcept {
+void FaultLog::LogDropped(const std::string& peer, const char* reason) noexcept {
     ++count_;
     try {
         if (Admit(peer, Clock::now())) {
@@ -68,7 +68,7 @@ void FaultLog::Count(const std::string& peer, const char* reason) noexcept {
     }
 }
 
-void FaultLog::Tell(const std::string& peer, const std::string& text) noexcept {
+void FaultLog::Log(const std::string& peer, const std::string& text) noexcept {
     try {
         if (Admit(peer, Clock::now())) {
             LogWarning(text);
@@ -78,6 +78,7 @@ void FaultLog::Tell(const std::string& peer, const std::string& text) noexcept {
 }
 
 bool FaultLog::Admit(const std::string& peer, Clock::time_point now) {
+    thread_.here();
     if (last_logged_.size() >= kMaxPeers) {
         std::erase_if(last_logged_,
                       [now](const auto& entry) { return now - entry.second >= kInterval; });

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "kvo/os/thread_bound.h"
+
 #include <chrono>
 #include <cstdint>
 #include <string>
@@ -19,14 +21,15 @@ void WarnOnce(const std::string& text) noexcept;
 class FaultLog {
 public:
     explicit FaultLog(std::string what);
-    void Count(const std::string& peer, const char* reason) noexcept;
+    void LogDropped(const std::string& peer, const char* reason) noexcept;
     /// Logs a text of its own.
-    void Tell(const std::string& peer, const std::string& text) noexcept;
+    void Log(const std::string& peer, const std::string& text) noexcept;
 
 private:
     using Clock = std::chrono::steady_clock;
-    bool Admit(const std::string& peer, Clock::time_point now);
+    [[nodiscard]] bool Admit(const std::string& peer, Clock::time_point now);
 
+    const kvo::os::ThreadBound thread_;
     const std::string what_;
     std::uint64_t count_ = 0;
     std::unordered_map<std::string, Clock::time_point> last_logged_;

@@ -6,6 +6,7 @@
 #include "transport/log.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cerrno>
 #include <condition_variable>
 #include <deque>
@@ -26,7 +27,7 @@ using Clock = std::chrono::steady_clock;
 struct Watched {
     zmq::socket_ref socket;
     std::function<void()> on_readable;
-    std::function<void()> on_writable;  // once; empty: nobody waits for room
+    std::function<void()> on_writable;  // once; empty: no wait for room
     bool active = true;
 };
 
@@ -88,7 +89,7 @@ struct PollLoop::State {
     bool stopping = false;                     // under the mutex
     bool ended = false;                        // under the mutex
 
-    // The thread of the loop only; after its end whoever runs directly.
+    // The thread of the loop only; after its end the thread that runs a function directly.
     std::vector<std::shared_ptr<Watched>> watched;
     std::vector<std::shared_ptr<Timer>> timers;
 };
@@ -240,7 +241,7 @@ void PollLoop::Run(const std::function<void()>& function) {
         std::exception_ptr error;
     } outcome;
     const std::shared_ptr<State> state = state_;
-    // Captures by reference: nobody leaves this function before the task has run or was dropped.
+    // Captures by reference: this function does not return before the task has run or was dropped.
     Post([&outcome, &function, state = state.get()] {
         std::exception_ptr error;
         try {
@@ -276,11 +277,13 @@ void PollLoop::After(std::chrono::milliseconds delay, std::function<void()> func
 }
 
 void PollLoop::Watch(zmq::socket_ref socket, std::function<void()> on_readable) {
+    AssertHere();
     state_->watched.push_back(
         std::make_shared<Watched>(Watched{socket, std::move(on_readable), nullptr}));
 }
 
 void PollLoop::AwaitRoom(zmq::socket_ref socket, std::function<void()> on_writable) {
+    AssertHere();
     for (const auto& entry : state_->watched) {
         if (entry->socket == socket) {
             entry->on_writable = std::move(on_writable);
@@ -290,6 +293,7 @@ void PollLoop::AwaitRoom(zmq::socket_ref socket, std::function<void()> on_writab
 }
 
 void PollLoop::Unwatch(zmq::socket_ref socket) {
+    AssertHere();
     std::erase_if(state_->watched, [socket](const auto& entry) {
         if (entry->socket != socket) {
             return false;
@@ -300,6 +304,7 @@ void PollLoop::Unwatch(zmq::socket_ref socket) {
 }
 
 void PollLoop::Stop() {
+    assert(!here() && "a loop cannot wait for its own end");
     if (thread_ == nullptr || kvo::os::InForkedChild()) {
         return;
     }
@@ -314,6 +319,10 @@ void PollLoop::Stop() {
 
 bool PollLoop::here() const {
     return id_ == std::this_thread::get_id();
+}
+
+void PollLoop::AssertHere() const {
+    assert((here() || thread_ == nullptr) && "called on another thread");
 }
 
 }  // namespace gorm::cor

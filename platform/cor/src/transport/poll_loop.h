@@ -41,6 +41,8 @@ public:
     /// Ends the thread after what was posted before; not on the loop itself.
     void Stop();
     bool here() const;
+    /// In debug builds ends the process on another thread, unless the loop has been stopped.
+    void AssertHere() const;
 
 private:
     struct State;

@@ -27,7 +27,7 @@ static_assert(sizeof(SchedulingAttributes) == 48);
 
 }  // namespace
 
-void AskForShortSlices() noexcept {
+void RequestShortSlices() noexcept {
     SchedulingAttributes attributes{};
     if (::syscall(SYS_sched_getattr, 0, &attributes, sizeof attributes, 0) == 0 &&
         attributes.policy == SCHED_NORMAL &&

@@ -21,7 +21,8 @@ void SetReconnect(zmq::socket_t& socket);
 
 /// Takes one whole message without waiting. @param most frames to keep; those beyond are dropped.
 /// @return false: none is there.
-bool Receive(zmq::socket_t& socket, std::vector<zmq::message_t>& frames, std::size_t most = 4);
+[[nodiscard]] bool Receive(zmq::socket_t& socket, std::vector<zmq::message_t>& frames,
+                           std::size_t most = 4);
 
 std::string_view View(const zmq::message_t& frame);
 
@@ -51,7 +52,8 @@ private:
 
 /// Binds the socket; throws BindError naming the address and the reason. @return the endpoint as
 /// it was bound, with its port.
-std::string Bind(zmq::socket_t& socket, const std::string& endpoint, const std::string& text);
+[[nodiscard]] std::string Bind(zmq::socket_t& socket, const std::string& endpoint,
+                               const std::string& text);
 
 /// Ends listening there and returns when the address is free for another, at the latest after a
 /// second. Nothing for an empty endpoint.

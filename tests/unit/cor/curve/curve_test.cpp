@@ -138,10 +138,11 @@ TEST_F(CurveTest, KeyFilesAreForTheirOwnerAloneAndMistakesInThemAreNamedWithoutT
     EXPECT_EQ(allowed_.secret_key, ReadCurveKeys(path).secret_key);
     EXPECT_THAT(TextOf<Error>([&] { WriteCurveKeys(path, allowed_); }), HasSubstr(path));
     ASSERT_EQ(0, ::chmod(path.c_str(), 0640));
-    EXPECT_THAT(TextOf<Error>([&] { ReadCurveKeys(path); }), HasSubstr("chmod 600"));
+    EXPECT_THAT(TextOf<Error>([&] { static_cast<void>(ReadCurveKeys(path)); }),
+                HasSubstr("chmod 600"));
     ASSERT_EQ(0, ::chmod(path.c_str(), 0600));
     std::ofstream(path) << "secret-key = " << allowed_.secret_key << "x\n";
-    EXPECT_THAT(TextOf<Error>([&] { ReadCurveKeys(path); }),
+    EXPECT_THAT(TextOf<Error>([&] { static_cast<void>(ReadCurveKeys(path)); }),
                 AllOf(HasSubstr(path), Not(HasSubstr(allowed_.secret_key))));
 
     const std::string list = PathOf("list");
@@ -151,7 +152,9 @@ TEST_F(CurveTest, KeyFilesAreForTheirOwnerAloneAndMistakesInThemAreNamedWithoutT
          {std::string("viewer"), std::string("viewer short"),
           "viewer " + server_.public_key + " more", "other " + allowed_.public_key}) {
         std::ofstream(list) << "viewer " << allowed_.public_key << "\n" << line << "\n";
-        EXPECT_THAT(TextOf<Error>([&] { ReadAllowedKeys(list); }), HasSubstr("line 2")) << line;
+        EXPECT_THAT(TextOf<Error>([&] { static_cast<void>(ReadAllowedKeys(list)); }),
+                    HasSubstr("line 2"))
+            << line;
     }
 }
 

@@ -1,5 +1,7 @@
+#include "gorm/cor/ps/local_topic.h"
 #include "kvo/os/regular_file.h"
-#include "local/topic_ring.h"
+#include "local/topic_ring_reader.h"
+#include "local/topic_ring_server.h"
 #include "temp_directory.h"
 
 #include <gmock/gmock.h>
@@ -28,7 +30,7 @@
 #include <vector>
 
 // What others may do to the memory of a local topic: the worst that comes of it are wake-ups of
-// that topic that are missing or not needed. Every mapped file lies between pages that can not be
+// that topic that are missing or not needed. Every mapped file lies between pages that cannot be
 // touched (tests/fuzz/guarded_mapping.cpp), but under the sanitizers.
 namespace gorm::cor::ps {
 namespace {
@@ -36,7 +38,7 @@ namespace {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
-constexpr const char* kNews = "news";  // the counted sample
+constexpr const char* kNews = "news";  // the notification
 constexpr std::chrono::seconds kDeadline{20};
 
 /// Keeps what is logged. One thread.
@@ -65,7 +67,7 @@ protected:
     }
     bool Opens() const {
         const bool read = TopicRingReader::Open(directory_, "/a").has_value();
-        EXPECT_EQ(read, TopicRingWriter::Open(directory_, "/a") != nullptr);
+        EXPECT_EQ(read, LocalTopic::Open(directory_, "/a") != nullptr);
         return read;
     }
     std::string Events() const { return EventsPath(directory_, "/a"); }
@@ -78,9 +80,9 @@ protected:
     }
     template <class T>
     T& MapSignal() const {
-        static std::vector<SharedSegment> mapped;  // to the end of the process
+        static std::vector<SystemVMemory> mapped;  // to the end of the process
         mapped.push_back(
-            SharedSegment::Attach(MapEvents<ring::EventsFile>().signal, sizeof(ring::Signal)));
+            SystemVMemory::Attach(MapEvents<ring::EventsFile>().signal, sizeof(ring::Signal)));
         return mapped.back().as<T>();
     }
     /// Takes all there is, but no more than could be right; the events among it.
@@ -115,10 +117,10 @@ TEST_F(HostileRingTest, FilesThatAreNoRingAreNotOpenedAndGiveWayToOne) {
     std::vector<std::string> warnings;
     log4cplus::Logger log = log4cplus::Logger::getInstance("gorm.cor");
     log.addAppender(log4cplus::SharedAppenderPtr(new Capture(warnings)));
-    std::vector<SharedSegment> segments;
-    const auto segment = [&](std::size_t bytes) {
-        segments.push_back(SharedSegment::Create(IPC_PRIVATE, bytes, {0666, 54321}));
-        return segments.back().id();
+    std::vector<SystemVMemory> made;
+    const auto memory = [&](std::size_t bytes) {
+        made.push_back(SystemVMemory::Create(IPC_PRIVATE, bytes, {0666, 54321}));
+        return made.back().id();
     };
     const auto change = [](std::size_t at, char byte) {
         return [at, byte](const std::string& path) {
@@ -150,15 +152,15 @@ TEST_F(HostileRingTest, FilesThatAreNoRingAreNotOpenedAndGiveWayToOne) {
         {"a longer path", "another topic's", change(16, 3)},
         {"a path of 4 GiB", "another topic's", change(19, '\xFF')},
         {"another path", "another topic's", change(21, 'b')},
-        {"no signal", "segment 2000000000",
+        {"no signal", "memory 2000000000",
          [this](auto&) { MapEvents<ring::EventsFile>().signal = 2'000'000'000; }},
         {"a small signal", "has less than",
-         [&](auto&) { MapEvents<ring::EventsFile>().signal = segment(8); }},
+         [&](auto&) { MapEvents<ring::EventsFile>().signal = memory(8); }},
         {"a stranger's signal", "was made by user 54321",
          [&](auto&) {
              auto& events = MapEvents<ring::EventsFile>();
              EXPECT_EQ(0, ::seteuid(54321));
-             events.signal = segment(sizeof(ring::Signal));
+             events.signal = memory(sizeof(ring::Signal));
              EXPECT_EQ(0, ::seteuid(0));
          }},
         {"an overwritten signal", "is another one",
@@ -184,7 +186,7 @@ TEST_F(HostileRingTest, FilesThatAreNoRingAreNotOpenedAndGiveWayToOne) {
         server.reset();
         fs::remove(Events() + ".behind");
     }
-    // Each told of once, however often somebody looks.
+    // Each is logged once, however often the ring is opened.
     EXPECT_EQ(warnings.size(), std::set(warnings.begin(), warnings.end()).size());
     log.removeAllAppenders();
     const std::string long_path(ring::kMostPathBytes + 1, '/');
@@ -193,12 +195,12 @@ TEST_F(HostileRingTest, FilesThatAreNoRingAreNotOpenedAndGiveWayToOne) {
 }
 
 // Both hold anything, at any time. Every call ends, and another topic's users notice nothing.
-TEST_F(HostileRingTest, RandomWordsHarmNobody) {
+TEST_F(HostileRingTest, RandomValuesHarmNoProcess) {
     std::mt19937_64 random(4711);
     for (int round = 0; round < 40; ++round) {
         auto server = Make();
         auto reader = TopicRingReader::Open(directory_, "/a");
-        auto writer = TopicRingWriter::Open(directory_, "/a");
+        auto writer = LocalTopic::Open(directory_, "/a");
         ASSERT_TRUE(reader && writer);
         auto& events =
             MapEvents<std::array<std::atomic<std::uint32_t>, sizeof(ring::EventsFile) / 4>>();
@@ -219,14 +221,14 @@ TEST_F(HostileRingTest, RandomWordsHarmNobody) {
             signal[place % 2 == 0 ? 0 : 16 + random() % 2] = value;
             switch (random() % 8) {
                 case 0:
-                    server->Publish(std::to_string(random() % 9));
+                    static_cast<void>(server->Publish(std::to_string(random() % 9)));
                     break;
                 case 1:
-                    server->Publish(kNews);
+                    static_cast<void>(server->Publish(kNews));
                     server->SetRelayed(place % 2 == 0);
                     break;
                 case 2:
-                    writer->Count();
+                    writer->Notify();
                     static_cast<void>(writer->relayed() || writer->closed());
                     break;
                 case 3:
@@ -236,15 +238,15 @@ TEST_F(HostileRingTest, RandomWordsHarmNobody) {
                     reader->BeginAt(server->Position());
                     break;
                 case 5:
-                    reader->Sleep(reader->word(), std::chrono::milliseconds(place % 2));
-                    reader->Nudge();
+                    reader->Sleep(reader->sequence(), std::chrono::milliseconds(place % 2));
+                    reader->Wake();
                     break;
                 default:
                     static_cast<void>(reader->closed());
                     TakeAll(*reader, 20);
             }
             published.push_back(std::to_string(step % 6));
-            other->Publish(published.back());
+            EXPECT_TRUE(other->Publish(published.back()));
         }
         EXPECT_EQ(published, TakeAll(*witness));
         server.reset();
@@ -252,22 +254,22 @@ TEST_F(HostileRingTest, RandomWordsHarmNobody) {
     }
 }
 
-// A reader that has looked, and then stands still before it sleeps, for as many events as can be.
+// A reader that has looked and is then stopped before it sleeps, for any number of events.
 TEST_F(HostileRingTest, NoNumberOfEventsLooksLikeNone) {
     auto server = Make();
     auto reader = TopicRingReader::Open(directory_, "/a");
     ASSERT_TRUE(reader);
     for (const int events : {1, 255, 256, 257, 512, 65'536}) {
-        const std::uint32_t seen = reader->word();
+        const std::uint32_t seen = reader->sequence();
         for (int i = 0; i < events; ++i) {
             ASSERT_TRUE(server->Publish("event"));
         }
-        EXPECT_NE(seen, reader->word()) << events;
+        EXPECT_NE(seen, reader->sequence()) << events;
     }
 }
 
-// Whoever may count may also store anything where he counts, as fast as he can.
-TEST_F(HostileRingTest, AFloodInTheSignalKeepsNoEventFromAnybody) {
+// A process that may notify may also store anything in the signal, as fast as it can.
+TEST_F(HostileRingTest, AFloodInTheSignalLosesNoEvent) {
     constexpr int kEvents = 900;  // no more than the ring holds
     auto server = Make();
     auto& signal = MapSignal<ring::Signal>();
@@ -275,9 +277,9 @@ TEST_F(HostileRingTest, AFloodInTheSignalKeepsNoEventFromAnybody) {
     std::thread flood([&] {
         std::mt19937 random(4711);
         while (!stop) {
-            signal.word.fetch_add(static_cast<std::uint32_t>(random()));
-            signal.asleep_at.store(static_cast<std::uint32_t>(random()));
-            signal.woken_at.store(signal.asleep_at.load());
+            signal.sequence.fetch_add(static_cast<std::uint32_t>(random()));
+            signal.waiting_at.store(static_cast<std::uint32_t>(random()));
+            signal.woken_at.store(signal.waiting_at.load());
         }
     });
     auto reader = TopicRingReader::Open(directory_, "/a");
@@ -293,7 +295,7 @@ TEST_F(HostileRingTest, AFloodInTheSignalKeepsNoEventFromAnybody) {
     for (int i = 0; i < kEvents; ++i) {
         published.push_back(std::to_string(i % 7));
         ASSERT_TRUE(server->Publish(published.back()));
-        const std::uint32_t seen = reader->word();
+        const std::uint32_t seen = reader->sequence();
         take(1);
         reader->Sleep(seen, 1ms);
     }
@@ -303,20 +305,21 @@ TEST_F(HostileRingTest, AFloodInTheSignalKeepsNoEventFromAnybody) {
     EXPECT_EQ(published, taken);
 
     // And when it has ended all is as before.
+    reader->ReleaseThread();
     std::atomic<bool> slept{false};
     std::thread sleeper([&] {
-        const std::uint32_t seen = reader->word();
+        const std::uint32_t seen = reader->sequence();
         while (reader->Take()) {
         }
         slept = true;
         reader->Sleep(seen, kDeadline);
     });
     const auto begin = std::chrono::steady_clock::now();
-    const auto writer = TopicRingWriter::Open(directory_, "/a");
-    while (!slept || signal.asleep_at != signal.word) {
+    const auto writer = LocalTopic::Open(directory_, "/a");
+    while (!slept || signal.waiting_at != signal.sequence) {
         std::this_thread::yield();
     }
-    writer->Count();
+    writer->Notify();
     sleeper.join();
     EXPECT_LT(std::chrono::steady_clock::now() - begin, kDeadline / 2);
 }

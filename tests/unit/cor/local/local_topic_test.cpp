@@ -28,7 +28,7 @@ using ::testing::ElementsAreArray;
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
-constexpr const char* kNews = "news";  // the counted sample
+constexpr const char* kNews = "news";  // the notification
 
 class LocalTopicTest : public ::testing::Test {
 protected:
@@ -85,27 +85,27 @@ protected:
     std::optional<ps::Publisher> publisher_;
 };
 
-TEST_F(LocalTopicTest, EventsKeepTheirOrderAndCountedOnesAreMerged) {
+TEST_F(LocalTopicTest, EventsKeepTheirOrderAndNotificationsAreMerged) {
     Open("/a");
     auto subscription = Subscribe();
     const auto topic = Find();
     ASSERT_NE(nullptr, topic);
     EXPECT_FALSE(topic->relayed());
-    topic->Count();
-    topic->Count();
+    topic->Notify();
+    topic->Notify();
     Publish("1");
     Publish("2");
     Publish(kNews);
     subscription->Listen();
     EXPECT_THAT(subscription->heard.Await(4), ElementsAre(kNews, "1", "2", kNews));
-    topic->Count();
+    topic->Notify();
     EXPECT_EQ(kNews, subscription->heard.Await(5).back());
     subscription->registration.Release();
     Publish("3");
     subscription->Listen();
     EXPECT_EQ("3", subscription->heard.Await(6).back());
 
-    // Who comes later is told that there has been something.
+    // A later subscriber is notified that there has been something.
     auto late = Subscribe();
     late->Listen();
     Publish("4");
@@ -147,7 +147,7 @@ TEST_F(LocalTopicTest, ASubscriberMovesWithoutLossOrRepetition) {
     EXPECT_THAT(subscription->heard.Await(published), ElementsAreArray(expected));
 }
 
-TEST_F(LocalTopicTest, WhoeverListensAtASocketIsToldOfInTheMemory) {
+TEST_F(LocalTopicTest, ASubscriberAtASocketIsShownInTheMemory) {
     Open("/a");
     const auto topic = Find();
     ASSERT_NE(nullptr, topic);
@@ -169,9 +169,8 @@ TEST_F(LocalTopicTest, WhoeverListensAtASocketIsToldOfInTheMemory) {
     }
 }
 
-// The reader looks by itself once a second: neither who begins to listen nor who ends waits for
-// that.
-TEST_F(LocalTopicTest, NobodySleepsThroughABeginningOrAnEnd) {
+// The reader looks by itself once a second: neither a new listener nor the end waits for that.
+TEST_F(LocalTopicTest, NoReaderSleepsThroughABeginningOrAnEnd) {
     constexpr int kRounds = 2000;
     Open("/a");
     Publish(kNews);
@@ -190,8 +189,8 @@ TEST_F(LocalTopicTest, NobodySleepsThroughABeginningOrAnEnd) {
     EXPECT_LE(slow, 2);
 }
 
-// Whoever is woken shall not wait for the processor of who wakes; all else of the thread is as its
-// maker's.
+// A woken thread shall not wait for the processor of the one that wakes it; all else of the thread
+// is as its maker's.
 TEST_F(LocalTopicTest, DeliveryHasShortSlicesOfTheProcessor) {
     struct {
         std::uint32_t size, policy;

@@ -22,14 +22,14 @@ struct Serving {
     /// owned by the publisher. Empty: there are none.
     std::string topic_directory;
     kvo::os::FileAccess topic_access;
-    /// Not empty: told to whoever wants to serve the same port of this host.
+    /// Not empty: shown to a process that tries to serve the same port of this host.
     std::string note = "server";
-    /// Whoever comes over TCP needs a key that is allowed; null: TCP asks for none. Does not hold
-    /// for the Unix socket.
+    /// Peers over TCP need a key that is allowed; null: TCP asks for none. Does not hold for the
+    /// Unix socket.
     std::shared_ptr<CurveServer> curve;
 };
 
 /// Whether only this host can reach the address: 127.0.0.0/8, ::1 or localhost.
-GORM_COR_EXPORT bool IsLoopback(const std::string& host);
+[[nodiscard]] GORM_COR_EXPORT bool IsLoopback(const std::string& host);
 
 }  // namespace gorm::cor

@@ -18,7 +18,7 @@ namespace gorm::cor::ps {
 class GORM_COR_EXPORT Publisher {
 public:
     /// Binds at once; throws BindError naming the address and the reason, and the process that
-    /// serves the port already where that is known. The path of the URI is not looked at.
+    /// serves the port already where that is known. The path of the URI is ignored.
     Publisher(ServiceLoop& loop, const network::uri& uri, const Serving& serving = {});
     Publisher(const Publisher&) = delete;
     Publisher& operator=(const Publisher&) = delete;
@@ -31,16 +31,16 @@ public:
     /// not take its messages loses them.
     void Publish(std::string_view path, std::string_view sample);
 
-    /// Gives the path a local way as well, if the publisher has been given a directory for that:
+    /// Makes the path a local topic as well, if the publisher has been given a directory for that:
     /// readers and writers of this host then use memory instead of sockets. What goes wrong is
     /// logged, and the topic goes over sockets alone.
-    /// @param counted the encoded sample that only says that there is something new: who reads
-    /// late gets it once for many. Clients may tell of it themselves.
-    void OpenLocal(std::string_view path, std::string_view counted);
+    /// @param notification the encoded sample that only says that there is something new: a late
+    /// reader gets it once for many. Clients may send it themselves (LocalTopic).
+    void OpenLocal(std::string_view path, std::string_view notification);
     void CloseLocal(std::string_view path);
     bool serves_local() const;
 
-    /// As Publish, for those at sockets only.
+    /// As Publish, for subscribers at sockets only.
     void Relay(std::string_view path, std::string_view sample);
 
     /// Called on the loop for every subscription of a path (true) and its end (false).

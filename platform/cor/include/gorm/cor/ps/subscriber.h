@@ -19,7 +19,7 @@ public:
     using Listener = std::function<void(const SampleCodec::Decoded&)>;
     virtual ~TopicReader();
     /// One listener at a time; a new one replaces the one before.
-    virtual rr::ListenerRegistration Listen(Listener listener) = 0;
+    [[nodiscard]] virtual rr::ListenerRegistration Listen(Listener listener) = 0;
 };
 
 /// A subscription of samples of type T. Destroying it ends the delivery: it waits for a run of

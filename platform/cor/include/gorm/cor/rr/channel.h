@@ -11,7 +11,7 @@
 
 namespace gorm::cor::rr {
 
-/// What a client stub stands on: carries packed calls to the peer and brings the answers back.
+/// What a client stub stands on: carries packed calls to the peer and returns the answers.
 /// Threads: any number at once, but for the destructor.
 class GORM_COR_EXPORT Channel {
 public:
@@ -31,14 +31,15 @@ public:
 
     /// As Request without waiting: `answered` gets the packed result on the I/O thread, where it
     /// must not block; it is not called when there is none, as without a connection.
-    virtual void Ask(const char* method, std::string_view params,
-                     std::function<void(const std::string& result)> answered) = 0;
+    virtual void RequestAsync(const char* method, std::string_view params,
+                              std::function<void(const std::string& result)> answered) = 0;
 
     /// The host that the channel leads to, as the URI has it.
     virtual std::string host() const = 0;
 
     virtual boost::future<void> Connect() = 0;
-    virtual ListenerRegistration RegisterConnectionListener(std::function<void(bool)> listener) = 0;
+    [[nodiscard]] virtual ListenerRegistration RegisterConnectionListener(
+        std::function<void(bool)> listener) = 0;
 
     /// Fails the calls in flight and all later ones with ConnectionLost, waits until they have
     /// left and until no listener runs (except the caller's own run). A second call does nothing.

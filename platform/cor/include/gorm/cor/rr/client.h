@@ -37,10 +37,10 @@ public:
     /// is being deleted. Takes no memory and never blocks.
     class Use {
     public:
-        explicit Use(Client& client) noexcept : client_(client) { client_.Enter(); }
+        explicit Use(Client& client) noexcept : client_(client) { client_.AddUser(); }
         Use(const Use&) = delete;
         Use& operator=(const Use&) = delete;
-        ~Use() { client_.Leave(); }
+        ~Use() { client_.RemoveUser(); }
 
     private:
         Client& client_;
@@ -51,8 +51,8 @@ protected:
     void AwaitUsers() noexcept;
 
 private:
-    void Enter() noexcept;
-    void Leave() noexcept;
+    void AddUser() noexcept;
+    void RemoveUser() noexcept;
     std::atomic<unsigned> users_{0};
 };
 

@@ -12,7 +12,7 @@
 
 namespace gorm::cor::rr {
 
-/// Who sent a request.
+/// The sender of a request.
 struct Caller {
     std::string identity;    // the 16 bytes of the calling process; empty: it gave none
     std::string connection;  // opaque, unlike for any two connections of one server

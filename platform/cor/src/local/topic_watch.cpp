@@ -1,6 +1,6 @@
-#include "gorm/cor/ps/topic_memory.h"
+#include "gorm/cor/ps/topic_watch.h"
 
-#include "local/topic_ring.h"
+#include "local/topic_ring_reader.h"
 
 #include <cstdint>
 #include <utility>
@@ -10,15 +10,18 @@ namespace {
 
 class RingWatch final : public TopicWatch {
 public:
-    explicit RingWatch(TopicRingReader reader) : reader_(std::move(reader)) { reader_.BeginNow(); }
+    explicit RingWatch(TopicRingReader reader) : reader_(std::move(reader)) {
+        reader_.BeginNow();
+        reader_.ReleaseThread();
+    }
 
-    void Look() override {
-        seen_ = reader_.word();  // before the looks
+    void Refresh() override {
+        seen_ = reader_.sequence();  // before the checks
         while (reader_.Take()) {
         }
     }
     void Sleep(std::chrono::milliseconds at_most) override { reader_.Sleep(seen_, at_most); }
-    void Wake() override { reader_.Nudge(); }
+    void Wake() override { reader_.Wake(); }
     bool closed() const override { return reader_.closed(); }
 
 private:
@@ -34,11 +37,6 @@ std::unique_ptr<TopicWatch> TopicWatch::Open(const std::string& topic_directory,
                                              std::string_view path) {
     auto reader = TopicRingReader::Open(topic_directory, path);
     return reader ? std::make_unique<RingWatch>(std::move(*reader)) : nullptr;
-}
-
-std::unique_ptr<LocalTopic> OpenLocalTopic(const std::string& topic_directory,
-                                           std::string_view path) {
-    return TopicRingWriter::Open(topic_directory, path);
 }
 
 }  // namespace gorm::cor::ps

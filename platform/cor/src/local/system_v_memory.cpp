@@ -1,4 +1,4 @@
-#include "local/shared_segment.h"
+#include "local/system_v_memory.h"
 
 #include "gorm/cor/errors.h"
 #include "kvo/os/crash_point.h"
@@ -16,7 +16,8 @@ namespace gorm::cor {
 namespace {
 
 [[noreturn]] void Throw(int error, int id) {
-    throw std::system_error(error, std::generic_category(), "segment " + std::to_string(id));
+    throw std::system_error(error, std::generic_category(),
+                            "System V memory " + std::to_string(id));
 }
 
 void Remove(int id) {
@@ -29,20 +30,20 @@ int MakeExclusively(key_t key, std::size_t bytes) {
 
 }  // namespace
 
-SharedSegment::SharedSegment(int id) : id_(id), memory_(::shmat(id, nullptr, 0)) {
+SystemVMemory::SystemVMemory(int id) : id_(id), memory_(::shmat(id, nullptr, 0)) {
     // NOLINTNEXTLINE(performance-no-int-to-ptr): the interface's own value for an error.
     if (memory_ == reinterpret_cast<void*>(std::intptr_t{-1})) {
         Throw(errno, id);
     }
 }
 
-SharedSegment::~SharedSegment() {
+SystemVMemory::~SystemVMemory() {
     if (memory_ != nullptr) {
         ::shmdt(memory_);
     }
 }
 
-SharedSegment SharedSegment::Create(key_t key, std::size_t bytes,
+SystemVMemory SystemVMemory::Create(key_t key, std::size_t bytes,
                                     const kvo::os::FileAccess& access) {
     int id = MakeExclusively(key, bytes);
     if (id < 0 && errno == EEXIST) {
@@ -51,17 +52,17 @@ SharedSegment SharedSegment::Create(key_t key, std::size_t bytes,
         }
         id = MakeExclusively(key, bytes);
         if (id < 0 && errno == EEXIST) {
-            id = ::shmget(IPC_PRIVATE, bytes, 0600);  // another user's, who shall not keep us
+            id = ::shmget(IPC_PRIVATE, bytes, 0600);  // the key is another user's
         }
     }
     if (id < 0) {
         throw std::system_error(errno, std::generic_category(),
-                                "a segment of " + std::to_string(bytes) + " bytes");
+                                "System V memory of " + std::to_string(bytes) + " bytes");
     }
-    KVO_CRASH_POINT("segment made");
+    KVO_CRASH_POINT("System V memory made");
     try {
-        SharedSegment segment(id);
-        KVO_CRASH_POINT("segment mapped");
+        SystemVMemory memory(id);
+        KVO_CRASH_POINT("System V memory mapped");
         shmid_ds status{};
         if (::shmctl(id, IPC_STAT, &status) != 0) {
             Throw(errno, id);
@@ -73,30 +74,30 @@ SharedSegment SharedSegment::Create(key_t key, std::size_t bytes,
         if (::shmctl(id, IPC_SET, &status) != 0) {
             Throw(errno, id);
         }
-        KVO_CRASH_POINT("segment given its rights");
-        // On Linux it can still be attached by its id, for as long as somebody has it mapped.
+        KVO_CRASH_POINT("System V memory given its permissions");
+        // On Linux it can still be attached by its id, for as long as a process has it mapped.
         Remove(id);
-        return segment;
+        return memory;
     } catch (...) {
         Remove(id);
         throw;
     }
 }
 
-SharedSegment SharedSegment::Attach(int id, std::size_t bytes) {
+SystemVMemory SystemVMemory::Attach(int id, std::size_t bytes) {
     shmid_ds status{};
     if (::shmctl(id, IPC_STAT, &status) != 0) {
         Throw(errno, id);
     }
     if (status.shm_segsz < bytes) {
-        throw Error("segment " + std::to_string(id) + " has less than " + std::to_string(bytes) +
-                    " bytes");
+        throw Error("System V memory " + std::to_string(id) + " has less than " +
+                    std::to_string(bytes) + " bytes");
     }
     if (!kvo::os::IsTrustedUser(status.shm_perm.cuid)) {
-        throw Error("segment " + std::to_string(id) + " was made by user " +
+        throw Error("System V memory " + std::to_string(id) + " was made by user " +
                     std::to_string(status.shm_perm.cuid));
     }
-    return SharedSegment(id);
+    return SystemVMemory(id);
 }
 
 }  // namespace gorm::cor
