@@ -54,7 +54,7 @@ private:
     bool HasByDefault(const gorm::cor::Peer& peer, Right right) const;
     bool Matches(const AccessRule& rule, const gorm::cor::Peer& peer) const;
 
-    const os::ThreadBound thread_;
+    os::ThreadBound thread_;
     std::vector<AccessRule> rules_;
     Accounts& accounts_;
     const std::uint32_t own_user_;

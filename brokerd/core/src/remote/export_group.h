@@ -73,7 +73,7 @@ private:
     TransferCounters SentTo(const Importer& importer) const;
 
     const Calls calls_;
-    const os::ThreadBound thread_;
+    os::ThreadBound thread_;
     std::map<std::string, Importer> importers_;  // by the name in their requests
     TransferCounters ended_;                     // own transfers of earlier importers
     bool always_ = false;

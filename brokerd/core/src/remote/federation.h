@@ -58,7 +58,7 @@ private:
     const StreamFiles& files_;
     Topics& topics_;
     KvoLogger* const logger_;
-    const os::ThreadBound thread_;
+    os::ThreadBound thread_;
     const std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
     std::unique_ptr<FederationEngine> engine_;    // null: not needed yet
     std::unique_ptr<TransferDisposer> disposer_;  // null: likewise

@@ -44,7 +44,7 @@ private:
     class Peer;
     const std::string own_uri_;
     gorm::cor::ServiceLoop& loop_;
-    const os::ThreadBound thread_;
+    os::ThreadBound thread_;
     std::map<std::string, std::shared_ptr<Peer>> peers_;  // by URI
 };
 

@@ -139,7 +139,7 @@ private:
     StreamRegistry& registry_;
     const SupervisedTime& time_;
     const Calls calls_;
-    const os::ThreadBound thread_;
+    os::ThreadBound thread_;
     std::map<std::string, Import> imports_;       // by stream
     std::map<std::string, ExportGroup> exports_;  // by stream
     std::uint64_t runs_ = 0;

@@ -19,7 +19,7 @@ public:
     }
 
 private:
-    const os::ThreadBound thread_;
+    os::ThreadBound thread_;
     std::deque<BrokerEvent> events_;
 };
 

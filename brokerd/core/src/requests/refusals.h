@@ -38,7 +38,7 @@ public:
 private:
     using Key = std::pair<std::string, StreamName>;  // process or connection
 
-    const os::ThreadBound thread_;
+    os::ThreadBound thread_;
     EventLog& events_;
     const Log log_;
     std::map<Key, std::string> reasons_;

@@ -37,7 +37,7 @@ private:
     };
     void Fill(Bucket& bucket, TimePoint now) const;
 
-    const os::ThreadBound thread_;
+    os::ThreadBound thread_;
     Limits limits_;
     std::map<std::string, Bucket> connections_;
     std::uint64_t admitted_ = 0;

@@ -66,7 +66,7 @@ public:
 private:
     void Take(const StreamFile& file) { used_bytes_ += file.geometry().total_bytes(); }
 
-    const os::ThreadBound thread_;
+    os::ThreadBound thread_;
     const std::string directory_;
     std::uint64_t budget_bytes_;
     const SpareSlots spare_;

@@ -100,7 +100,7 @@ public:
     void set_settings(const RegistrySettings& settings) { settings_ = settings; }
 
 private:
-    const os::ThreadBound thread_;
+    os::ThreadBound thread_;
     RegistrySettings settings_;
     StreamFiles& files_;
     const Processes& processes_;

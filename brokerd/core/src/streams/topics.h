@@ -35,7 +35,7 @@ public:
 private:
     std::string Encode(const StreamName& stream, NotificationType type);
 
-    const os::ThreadBound thread_;
+    os::ThreadBound thread_;
     gorm::cor::ps::Publisher& publisher_;
     std::set<StreamName> open_;
     const std::shared_ptr<const gorm::cor::ps::SampleCodec> codec_;
