@@ -9,6 +9,9 @@ namespace kvo::os {
 /// and sanitizer builds; nothing is kept or done in others. A broken promise aborts.
 class ThreadBound {
 public:
+    // Written out, so that a const member needs no initialiser where there is nothing to keep.
+    ThreadBound() {}
+
 #ifdef NDEBUG
     void here() const {}
     void release() const {}
