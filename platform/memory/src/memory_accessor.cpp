@@ -34,11 +34,6 @@ void SetOut(T* out, Value value) {
 
 }  // namespace
 
-void IsolatingCombiner::Report(const char* what) const {
-    KvoLogger::WriteToLogger(
-        logger, 4, std::string("KvoMemoryAccessor: a slot of the new-data signal threw: ") + what);
-}
-
 // Threads: any. `initialized` is set by the last opening; the halves have their own locks.
 class KvoMemoryAccessor::Impl {
 public:

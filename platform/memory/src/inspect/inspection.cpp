@@ -1,12 +1,12 @@
 #include "kvo/memory/inspection.h"
 
+#include "inspect/process_observer.h"
 #include "kvo/os/hex.h"
 #include "kvo/os/regular_file.h"
 #include "layout/segment.h"
 #include "layout/slot_content.h"
-#include "layout/tags.h"
-#include "lifetime/process_observer.h"
 #include "lifetime/segment_state.h"
+#include "lifetime/tags.h"
 
 #include <algorithm>
 #include <chrono>

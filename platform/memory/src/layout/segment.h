@@ -1,6 +1,6 @@
 #pragma once
 
-#include "kvo/memory/stream_file.h"
+#include "kvo/memory/stream_geometry.h"
 #include "kvo/os/mapped_file.h"
 #include "layout/stream_file_layout.h"
 

@@ -1,6 +1,6 @@
 #include "lifetime/segment_state.h"
 
-#include "layout/tags.h"
+#include "lifetime/tags.h"
 
 #include <algorithm>
 

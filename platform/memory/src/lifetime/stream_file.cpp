@@ -11,9 +11,9 @@
 #include "kvo/os/system_error.h"
 #include "layout/geometry.h"
 #include "layout/segment.h"
-#include "layout/tags.h"
+#include "lifetime/reader_entry.h"
 #include "lifetime/segment_state.h"
-#include "read/reader_entry.h"
+#include "lifetime/tags.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -1,6 +1,7 @@
 #pragma once
 
-#include "kvo/memory/memory_accessor.h"
+#include "kvo/memory/counters.h"
+#include "kvo/memory/data_available.h"
 #include "kvo/os/light_mutex.h"
 #include "read/sample_reader.h"
 #include "read/sample_store.h"

@@ -1,10 +1,10 @@
 #pragma once
 
+#include "kvo/memory/counters.h"
 #include "kvo/memory/data_sample.h"
-#include "kvo/memory/memory_accessor.h"
 #include "layout/segment.h"
 #include "layout/slot_content.h"
-#include "read/reader_entry.h"
+#include "lifetime/reader_entry.h"
 
 #include <cstdint>
 #include <memory>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "kvo/memory/memory_accessor.h"
+#include "kvo/memory/counters.h"
 #include "kvo/os/light_mutex.h"
 #include "write/sample_writer.h"
 

@@ -4,7 +4,7 @@
 #include "kvo/os/fork_guard.h"
 #include "layout/copy_out.h"
 #include "layout/slot_content.h"
-#include "layout/tags.h"
+#include "lifetime/tags.h"
 #include "write/uncached_copy.h"
 
 #include <algorithm>

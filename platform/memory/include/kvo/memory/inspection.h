@@ -11,13 +11,6 @@
 // the users of the files do not notice.
 namespace kvo {
 
-/// A process as the lock file of the directory knows it.
-struct ObservedProcess {
-    ProcessTag tag;  // number 0: none
-    bool lives = false;
-    std::uint32_t process_id = 0;  // in its own namespace; 0: not known
-};
-
 struct ObservedReader {
     ReaderState state;
     ObservedProcess process;

@@ -1,60 +1,17 @@
 #pragma once
 
+#include "kvo/memory/counters.h"
+#include "kvo/memory/data_available.h"
 #include "kvo/memory/data_sample.h"
 #include "kvo/memory_export.h"
-#include "kvo/os/light_mutex.h"
-
-#include <boost/signals2/signal.hpp>
 
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <string>
 
 namespace kvo {
 
 class KvoLogger;
-
-/// Runs every connected slot, whatever one of them throws; exceptions are logged.
-struct KVO_MEMORY_EXPORT IsolatingCombiner {
-    using result_type = void;
-    KvoLogger* logger = nullptr;
-    template <class Iterator>
-    void operator()(Iterator first, Iterator last) const {
-        for (; first != last; ++first) {
-            try {
-                *first;
-            } catch (const std::exception& error) {
-                Report(error.what());
-            } catch (...) {
-                Report("not a std::exception");
-            }
-        }
-    }
-    void Report(const char* what) const;
-};
-
-/// Like any signal of its kind, but for the mutex: it is raised for every sample.
-using DataAvailable =
-    boost::signals2::signal<void(), IsolatingCombiner, int, std::less<int>, boost::function<void()>,
-                            boost::function<void(const boost::signals2::connection&)>,
-                            os::LightMutex>;
-
-/// What a reader did not get, by cause. Samples of all epochs since the accessor was made.
-struct ReaderCounters {
-    std::uint64_t read = 0;
-    std::uint64_t lost = 0;        // overwritten before this reader came to them
-    std::uint64_t superseded = 0;  // unread in an epoch that was left
-    std::uint64_t expired = 0;     // older than the reader's maximum age
-    std::uint64_t checksum_failures = 0;
-    std::uint64_t copied = 0;  // of the read ones: without a pin, from a copy
-};
-
-struct WriterCounters {
-    std::uint64_t written = 0;  // samples in this segment
-    std::uint64_t dropped = 0;  // no free slot (only after a process wrote another reader's entry)
-    std::uint64_t discarded = 0;  // written to a retired segment
-};
 
 /// One process's end of a stream's shared memory: its one writer, or one of its readers. The
 /// file is made by the broker; the accessor opens it. Protocol: docs/stream-file.md.

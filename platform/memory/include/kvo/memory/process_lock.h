@@ -26,6 +26,13 @@ struct ProcessTag {
     bool operator!=(const ProcessTag& other) const { return !(*this == other); }
 };
 
+/// A process as the lock file of the directory knows it.
+struct ObservedProcess {
+    ProcessTag tag;  // number 0: none
+    bool lives = false;
+    std::uint32_t process_id = 0;  // in its own namespace; 0: not known
+};
+
 /// The processes that use the stream files of one directory, by the kernel's own knowledge of
 /// who lives: each holds a POSIX record lock on one byte of the directory's lock file and has
 /// written its identity beside it. A process holds one byte per directory, shared by all objects

@@ -1,8 +1,8 @@
-#include "read/reader_entry.h"
+#include "lifetime/reader_entry.h"
 
 #include "kvo/os/crash_point.h"
 #include "kvo/os/fork_guard.h"
-#include "layout/tags.h"
+#include "lifetime/tags.h"
 
 #include <cassert>
 

@@ -1,4 +1,4 @@
-#include "lifetime/process_observer.h"
+#include "inspect/process_observer.h"
 
 #include "lifetime/process_record.h"
 

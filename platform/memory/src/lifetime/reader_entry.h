@@ -1,6 +1,6 @@
 #pragma once
 
-#include "kvo/memory/memory_accessor.h"
+#include "kvo/memory/counters.h"
 #include "kvo/memory/process_lock.h"
 #include "layout/segment.h"
 

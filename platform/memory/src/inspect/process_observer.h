@@ -1,6 +1,6 @@
 #pragma once
 
-#include "kvo/memory/inspection.h"
+#include "kvo/memory/process_lock.h"
 
 #include <cstdint>
 #include <optional>
