@@ -132,8 +132,7 @@ int KvoDataTransferLib::InitCOR(std::string uri) {
             state->broker_client.Replace(nullptr);
             create_client();
         }
-        auto connected = state->broker_client.Call(
-            "Connect", [](DataBrokerRegistrationSync& client) { return client.Connect(); });
+        auto connected = state->broker_client.Call(&DataBrokerRegistrationSync::Connect);
         if (connected.wait_for(kConnectWait) == boost::future_status::ready) {
             state->connected_to_broker = true;
             Log(1, "KvoDataTransferLib: Broker connection established");
@@ -157,9 +156,8 @@ void KvoDataTransferLib::StopHeartbeat() {
 
 void KvoDataTransferLib::CheckHeartbeatTimeout(int& reply_time_out) {
     try {
-        const int timeout = state->broker_client.Call(
-            "GetHeartbeatTimeout",
-            [](DataBrokerRegistrationSync& broker) { return broker.GetHeartbeatTimeout(); });
+        const int timeout =
+            state->broker_client.Call(&DataBrokerRegistrationSync::GetHeartbeatTimeout);
         if (state->reply_time < timeout) {
             return;
         }

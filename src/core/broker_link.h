@@ -2,7 +2,9 @@
 
 #include "kvo/broker/data_broker_registration_sync.h"
 #include "kvo/os/light_mutex.h"
+#include "sample_path.h"
 
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
@@ -11,41 +13,80 @@
 
 namespace kvo {
 
-/// Owns an object's broker client. Threads: any; the lock covers only the look at the pointer,
-/// the call itself runs without it, and the client's destruction waits for the calls inside.
+/// Owns an object's broker client and, of a publisher, the path of its samples, which goes with
+/// the client. Threads: any. The lock covers only the access to the pointers; calls run without it,
+/// and the destruction of the client waits for the calls inside.
 class BrokerLink {
 public:
     /// Installs the client (or none) and deletes the one before, whose calls in flight fail.
     void Replace(std::unique_ptr<DataBrokerRegistrationSync> client) {
-        {
-            const std::lock_guard lock(mutex_);
+        ChangePath([&](SamplePath& path) {
             client_.swap(client);
-        }
+            OpenReporter(path);
+        });
     }
 
     /// Hands the client over; there is none afterwards.
     std::unique_ptr<DataBrokerRegistrationSync> Take() {
-        const std::lock_guard lock(mutex_);
-        return std::move(client_);
+        std::unique_ptr<DataBrokerRegistrationSync> client;
+        ChangePath([&](SamplePath& path) {
+            client = std::move(client_);
+            OpenReporter(path);
+        });
+        return client;
     }
 
-    /// Runs the function on the client. Throws std::logic_error naming the operation when there is
-    /// none, and what the call throws.
-    template <class Function>
-    auto Call(const char* operation, Function&& function) {
+    /// Calls a member of the client. Throws std::logic_error when there is no client, and what the
+    /// call throws.
+    template <class Operation, class... Arguments>
+    auto Call(Operation operation, Arguments&&... arguments) {
         std::unique_lock lock(mutex_);
         if (client_ == nullptr) {
-            throw std::logic_error(std::string("no broker client for ") + operation);
+            throw std::logic_error("no broker client");
         }
         DataBrokerRegistrationSync& client = *client_;
         const gorm::cor::rr::Client::Use use(client);
         lock.unlock();
-        return std::forward<Function>(function)(client);
+        return std::invoke(operation, client, std::forward<Arguments>(arguments)...);
+    }
+
+    void SetStream(const std::string& data_stream_identifier) {
+        ChangePath([&](SamplePath& path) {
+            path.data_stream_identifier = data_stream_identifier;
+            OpenReporter(path);
+        });
+    }
+    /// The accessor before, if any, is deleted after the new one has taken its place.
+    void SetAccessor(const std::shared_ptr<KvoMemoryAccessor>& accessor) {
+        ChangePath([&](SamplePath& path) { path.accessor = accessor; });
+    }
+    /// After the loss of the connection, which leaves the reporter with the lost broker's topic.
+    void ReopenReporter() {
+        ChangePath([this](SamplePath& path) { OpenReporter(path); });
+    }
+    /// Never null.
+    std::shared_ptr<const SamplePath> path() const {
+        const std::lock_guard lock(mutex_);
+        return path_;
     }
 
 private:
-    os::LightMutex mutex_;
+    template <class Change>
+    void ChangePath(Change change) {
+        std::shared_ptr<const SamplePath> before;  // deleted outside the lock
+        const std::lock_guard lock(mutex_);
+        auto path = std::make_shared<SamplePath>(*path_);
+        change(*path);
+        before = std::exchange(path_, std::move(path));
+    }
+    void OpenReporter(SamplePath& path) const {
+        path.reporter =
+            client_ == nullptr ? nullptr : client_->OpenStream(path.data_stream_identifier);
+    }
+
+    mutable os::LightMutex mutex_;
     std::unique_ptr<DataBrokerRegistrationSync> client_;
+    std::shared_ptr<const SamplePath> path_ = std::make_shared<const SamplePath>();
 };
 
 }  // namespace kvo

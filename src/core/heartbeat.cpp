@@ -27,9 +27,7 @@ void HeartbeatThread(TransferState& state, const std::future<void>& stop,
         try {
             const std::string id =
                 state.heartbeat.With([](const Heartbeat& h) { return h.heartbeat_id; });
-            state.broker_client.Call("SendHeartbeat", [&](DataBrokerRegistrationSync& broker) {
-                broker.SendHeartbeat(id);
-            });
+            state.broker_client.Call(&DataBrokerRegistrationSync::SendHeartbeat, id);
         } catch (const std::exception& error) {
             state.LogException(error, "KvoDataTransferLib: HeartbeatThread()");
         }

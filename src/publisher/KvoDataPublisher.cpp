@@ -28,6 +28,13 @@ unsigned long NowMs() {
            static_cast<unsigned long>(now.tv_nsec) / 1'000'000;
 }
 
+StreamReporter& ReporterOf(const SamplePath& path) {
+    if (path.reporter == nullptr) {
+        throw std::logic_error("no broker client");
+    }
+    return *path.reporter;
+}
+
 void OnConnection(const std::shared_ptr<PublisherState>& publisher, bool connected) {
     TransferState& transfer = *publisher->transfer;
     transfer.connected_to_broker.exchange(connected);
@@ -35,6 +42,7 @@ void OnConnection(const std::shared_ptr<PublisherState>& publisher, bool connect
         StartDetached([publisher] { ReregisterPublisher(*publisher); });
         return;
     }
+    transfer.broker_client.ReopenReporter();
     transfer.Log(4, "KvoDataPublisher: Broker connection aborted");
     StopHeartbeat(transfer);
 }
@@ -69,9 +77,7 @@ KvoDataPublisher::~KvoDataPublisher() {
         // The heartbeat is being stopped by another thread at this moment; it ends all the same.
     }
     CloseLogger();
-    publisher_state->registration.With([](PublisherState::Registration& r) {
-        return std::exchange(r.target, std::make_shared<const PublisherState::Target>());
-    });
+    state->broker_client.SetAccessor(nullptr);
 }
 
 void KvoDataPublisher::Init() {
@@ -116,11 +122,9 @@ int KvoDataPublisher::RegisterPublisher(std::string broker_uri, std::string data
     if (os::InForkedChild()) {
         return -1;
     }
-    publisher_state->registration.With([&](PublisherState::Registration& r) {
-        r.broker_uri = broker_uri;
-        r.target = std::make_shared<const PublisherState::Target>(
-            PublisherState::Target{data_stream_identifier, r.target->accessor});
-    });
+    publisher_state->registration.With(
+        [&](PublisherState::Registration& r) { r.broker_uri = broker_uri; });
+    state->broker_client.SetStream(data_stream_identifier);
     publisher_state->compute_checksum = compute_checksum;
     if (publisher_state->max_data_sample_size < 1 || publisher_state->number_of_samples < 1) {
         Log(4, "KvoDataPublisher: Error: Buffer size not set correctly");
@@ -138,19 +142,14 @@ int KvoDataPublisher::RegisterPublisher(std::string broker_uri, std::string data
         return result;
     }
     try {
-        if (!state->broker_client.Call("IsStreamIdFree", [&](DataBrokerRegistrationSync& broker) {
-                return broker.IsStreamIdFree(data_stream_identifier);
-            })) {
+        if (!state->broker_client.Call(&DataBrokerRegistrationSync::IsStreamIdFree,
+                                       data_stream_identifier)) {
             Log(4, "KvoDataPublisher: Data stream identifier already in use!");
             return -1;
         }
         auto registration = state->broker_client.Call(
-            "RegisterConnectionListener", [this](DataBrokerRegistrationSync& client) {
-                return client.RegisterConnectionListener(
-                    [publisher = publisher_state](bool connected) {
-                        OnConnection(publisher, connected);
-                    });
-            });
+            &DataBrokerRegistrationSync::RegisterConnectionListener,
+            [publisher = publisher_state](bool connected) { OnConnection(publisher, connected); });
         state->listener_registration.Release();
         state->listener_registration = std::move(registration);
         return Register();
@@ -161,24 +160,20 @@ int KvoDataPublisher::RegisterPublisher(std::string broker_uri, std::string data
 }
 
 int KvoDataPublisher::Register() {
-    const std::string stream = publisher_state->target()->data_stream_identifier;
     BrokerLink& link = state->broker_client;
+    const std::string stream = link.path()->data_stream_identifier;
     try {
         const int result = AddPublisher(*publisher_state, "");
         if (result != kRegistered) {
             Log(4, "KvoDataPublisher: Error registering Publisher");
             if (result == kNotEnoughMemory) {
-                const int most =
-                    link.Call("GetMaxBufferSize", [&](DataBrokerRegistrationSync& broker) {
-                        return broker.GetMaxBufferSize(publisher_state->max_data_sample_size);
-                    });
+                const int most = link.Call(&DataBrokerRegistrationSync::GetMaxBufferSize,
+                                           publisher_state->max_data_sample_size);
                 Log(4, "KvoDataPublisher: Not enough memory available!");
                 Log(4, "KvoDataPublisher: Max possible buffer size: " + std::to_string(most));
             } else if (result == kShmFileExists) {
                 const std::string path =
-                    link.Call("GetExistingShmPath", [&](DataBrokerRegistrationSync& broker) {
-                        return broker.GetExistingShmPath(stream);
-                    });
+                    link.Call(&DataBrokerRegistrationSync::GetExistingShmPath, stream);
                 Log(4,
                     "KvoDataPublisher: Shared Memory file already exists. Shared Memory file "
                     "path: " +
@@ -197,14 +192,10 @@ int KvoDataPublisher::Register() {
 
 int KvoDataPublisher::CreateAccessor(const std::string& stream) {
     BrokerLink& link = state->broker_client;
-    const std::string key = link.Call("GetPublisherKey", [&](DataBrokerRegistrationSync& broker) {
-        return broker.GetPublisherKey(stream);
-    });
+    const std::string key = link.Call(&DataBrokerRegistrationSync::GetPublisherKey, stream);
     publisher_state->registration.With(
         [&](PublisherState::Registration& r) { r.publisher_key = key; });
-    const std::string path = link.Call("GetShmFilePath", [&](DataBrokerRegistrationSync& broker) {
-        return broker.GetShmFilePath(stream);
-    });
+    const std::string path = link.Call(&DataBrokerRegistrationSync::GetShmFilePath, stream);
 
     auto accessor = std::make_shared<KvoMemoryAccessor>(path, stream, &state->logger, kMaxAge,
                                                         kAccessorArgument);
@@ -217,13 +208,7 @@ int KvoDataPublisher::CreateAccessor(const std::string& stream) {
     } else if (publisher_state->compute_checksum) {
         accessor->set_compute_checksum(true);
     }
-    // The accessor before, if any, is deleted after the new one has taken its place.
-    auto target = std::make_shared<const PublisherState::Target>(
-        PublisherState::Target{stream, std::move(accessor)});
-    publisher_state->registration.With([&](PublisherState::Registration& r) {
-        r.shm_file_path = path;
-        r.target.swap(target);
-    });
+    link.SetAccessor(accessor);
     Log(1, "KvoDataPublisher: KvoMemoryAccessor created");
     return result;
 }
@@ -239,11 +224,8 @@ int KvoDataPublisher::UnregisterPublisher() {
     int result = -1;
     if (state->connected_to_broker) {
         try {
-            result = state->broker_client.Call(
-                "RemovePublisher", [this](DataBrokerRegistrationSync& broker) {
-                    return broker.RemovePublisher(
-                        publisher_state->target()->data_stream_identifier);
-                });
+            result = state->broker_client.Call(&DataBrokerRegistrationSync::RemovePublisher,
+                                               state->broker_client.path()->data_stream_identifier);
             publisher_state->registered = false;
         } catch (const std::exception& error) {
             state->LogException(error, "KvoDataPublisher: UnregisterPublisher()");
@@ -255,10 +237,9 @@ int KvoDataPublisher::UnregisterPublisher() {
 }
 
 void KvoDataPublisher::PrintParameters() {
-    const auto registration = publisher_state->registration.Get();
-    Log(2, "KvoDataPublisher: Broker URI: " + registration.broker_uri);
+    Log(2, "KvoDataPublisher: Broker URI: " + publisher_state->registration.Get().broker_uri);
     Log(1, "KvoDataPublisher parameters:");
-    Log(1, "Data_stream_identifier: " + registration.target->data_stream_identifier);
+    Log(1, "Data_stream_identifier: " + state->broker_client.path()->data_stream_identifier);
     Log(1, "Latency: " + std::to_string(state->latency) + " [ms]");
     Log(1, "Deadline: " + std::to_string(state->deadline) + " [s]");
     Log(1, "Max_data_sample_size: " + std::to_string(publisher_state->max_data_sample_size));
@@ -278,16 +259,13 @@ void KvoDataPublisher::WriteData(int sample_tag, const std::vector<unsigned char
         return;
     }
     const unsigned long now_ms = NowMs();
-    const auto target = publisher_state->target();
-    if (target->accessor == nullptr) {
+    const auto path = state->broker_client.path();
+    if (path->accessor == nullptr) {
         throw std::logic_error("KvoDataPublisher: WriteData() without shared memory");
     }
-    target->accessor->WriteData(publisher_state->slot_index, publisher_state->topic_id, sample_tag,
-                                payload, payload_size, metadata, metadata_size, now_ms);
-    state->broker_client.Call("ReportDataWritten", [&](DataBrokerRegistrationSync& broker) {
-        broker.ReportDataWritten(target->data_stream_identifier, payload_size,
-                                 static_cast<std::int64_t>(now_ms));
-    });
+    path->accessor->WriteData(publisher_state->slot_index, publisher_state->topic_id, sample_tag,
+                              payload, payload_size, metadata, metadata_size, now_ms);
+    ReporterOf(*path).ReportDataWritten(payload_size, static_cast<std::int64_t>(now_ms));
 }
 
 [[gnu::hot]] void KvoDataPublisher::PublishData() {
@@ -295,10 +273,8 @@ void KvoDataPublisher::WriteData(int sample_tag, const std::vector<unsigned char
         return;
     }
     try {
-        const auto target = publisher_state->target();
-        state->broker_client.Call("NotifyNewData", [&](DataBrokerRegistrationSync& broker) {
-            broker.NotifyNewData(target->data_stream_identifier);
-        });
+        const auto path = state->broker_client.path();
+        ReporterOf(*path).NotifyNewData();
     } catch (const std::exception& error) {
         state->LogException(error, "KvoDataPublisher: PublishData()");
     }

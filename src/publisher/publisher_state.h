@@ -11,26 +11,16 @@
 
 namespace kvo {
 
-/// What a publisher adds to the state that it shares with its threads.
+/// What a publisher adds to the state that it shares with its threads. Its stream and its accessor
+/// are in the path of the broker link.
 struct PublisherState {
-    /// Where samples go. Replaced as a whole, so that a write takes it with one reference.
-    struct Target {
-        std::string data_stream_identifier;
-        std::shared_ptr<KvoMemoryAccessor> accessor;  // null: no shared memory
-    };
     struct Registration {
         std::string broker_uri;
-        std::string shm_file_path;
         std::string publisher_key;
-        std::shared_ptr<const Target> target = std::make_shared<const Target>();  // never null
     };
 
     explicit PublisherState(std::shared_ptr<TransferState> transfer_state)
         : transfer(std::move(transfer_state)) {}
-
-    std::shared_ptr<const Target> target() {
-        return registration.With([](const Registration& r) { return r.target; });
-    }
 
     const std::shared_ptr<TransferState> transfer;
     const int slot_index = -1;  // the accessor picks the slot

@@ -8,26 +8,23 @@ namespace kvo {
 namespace {
 
 std::string StreamOf(PublisherState& publisher) {
-    return publisher.target()->data_stream_identifier;
+    return publisher.transfer->broker_client.path()->data_stream_identifier;
 }
 
 }  // namespace
 
 int AddPublisher(PublisherState& publisher, const std::string& publisher_key) {
     TransferState& transfer = *publisher.transfer;
-    const std::string stream = StreamOf(publisher);
-    return transfer.broker_client.Call("AddPublisher", [&](DataBrokerRegistrationSync& broker) {
-        return broker.AddPublisher(stream, transfer.latency, transfer.deadline,
-                                   publisher.max_data_sample_size, publisher.number_of_samples,
-                                   publisher.compute_checksum, publisher_key);
-    });
+    return transfer.broker_client.Call(&DataBrokerRegistrationSync::AddPublisher,
+                                       StreamOf(publisher), transfer.latency, transfer.deadline,
+                                       publisher.max_data_sample_size, publisher.number_of_samples,
+                                       publisher.compute_checksum, publisher_key);
 }
 
 void StartPublisherHeartbeat(PublisherState& publisher) {
     TransferState& transfer = *publisher.transfer;
-    transfer.heartbeat_period = transfer.broker_client.Call(
-        "GetHeartbeatPeriod",
-        [](DataBrokerRegistrationSync& broker) { return broker.GetHeartbeatPeriod(); });
+    transfer.heartbeat_period =
+        transfer.broker_client.Call(&DataBrokerRegistrationSync::GetHeartbeatPeriod);
     StartHeartbeat(publisher.transfer, transfer.heartbeat_period, StreamOf(publisher));
 }
 
@@ -45,15 +42,14 @@ void ReregisterPublisher(PublisherState& publisher) {
         }
         if (transfer.closed) {
             // Destroyed, and so unregistered, meanwhile: nobody else would ever remove it.
-            transfer.broker_client.Call("RemovePublisher", [&](DataBrokerRegistrationSync& broker) {
-                return broker.RemovePublisher(StreamOf(publisher));
-            });
+            transfer.broker_client.Call(&DataBrokerRegistrationSync::RemovePublisher,
+                                        StreamOf(publisher));
             return;
         }
         publisher.registered = true;
         StartPublisherHeartbeat(publisher);
         transfer.connected_to_broker = true;
-        const auto accessor = publisher.target()->accessor;
+        const auto accessor = transfer.broker_client.path()->accessor;
         if (accessor == nullptr) {
             throw std::logic_error("no shared memory to attach to again");
         }

@@ -67,8 +67,7 @@ void KvoStatisticsClient::Init(std::string broker_uri) {
             std::make_shared<gorm::cor::rr::qos::ReplyTime>(kReplyTime)};
         state->broker_client.Replace(
             factory.getClient<DataBrokerRegistrationSync>(broker, qos, {}));
-        auto connected = state->broker_client.Call(
-            "Connect", [](DataBrokerRegistrationSync& client) { return client.Connect(); });
+        auto connected = state->broker_client.Call(&DataBrokerRegistrationSync::Connect);
         if (connected.wait_for(kStatisticsConnectWait) == boost::future_status::ready) {
             Log(1, "KvoStatisticsClient: Broker connection established");
         } else {
@@ -85,12 +84,9 @@ StreamStatistics KvoStatisticsClient::GetStatistics(std::string data_stream_iden
         return statistics;
     }
     try {
-        Parse(
-            state->broker_client.Call("GetStreamStatistics",
-                                      [&](DataBrokerRegistrationSync& broker) {
-                                          return broker.GetStreamStatistics(data_stream_identifier);
-                                      }),
-            statistics);
+        Parse(state->broker_client.Call(&DataBrokerRegistrationSync::GetStreamStatistics,
+                                        data_stream_identifier),
+              statistics);
     } catch (const std::exception& error) {
         state->LogException(error, "KvoStatisticsClient: get_statistics()");
     }
@@ -103,9 +99,7 @@ std::vector<std::string> KvoStatisticsClient::GetRegisteredStreams() {
         return streams;
     }
     try {
-        streams = state->broker_client.Call(
-            "ListRegisteredStreams",
-            [](DataBrokerRegistrationSync& broker) { return broker.ListRegisteredStreams(); });
+        streams = state->broker_client.Call(&DataBrokerRegistrationSync::ListRegisteredStreams);
     } catch (const std::exception& error) {
         state->LogException(error, "KvoStatisticsClient: GetRegisteredStreams()");
     }
@@ -118,9 +112,7 @@ std::vector<std::string> KvoStatisticsClient::GetConnectedBrokers() {
         return brokers;
     }
     try {
-        brokers = state->broker_client.Call(
-            "ListConnectedBrokers",
-            [](DataBrokerRegistrationSync& broker) { return broker.ListConnectedBrokers(); });
+        brokers = state->broker_client.Call(&DataBrokerRegistrationSync::ListConnectedBrokers);
     } catch (const std::exception& error) {
         state->LogException(error, "KvoStatisticsClient: GetConnectedBrokers()");
     }

@@ -137,10 +137,8 @@ int KvoDataSubscriber::RegisterSubscriber(std::string broker_uri,
             return code;
         }
         StartSubscriberHeartbeat(*subscriber_state);
-        const std::string path =
-            state->broker_client.Call("GetShmFilePath", [&](DataBrokerRegistrationSync& broker) {
-                return broker.GetShmFilePath(checked.data_stream_identifier);
-            });
+        const std::string path = state->broker_client.Call(
+            &DataBrokerRegistrationSync::GetShmFilePath, checked.data_stream_identifier);
         subscriber_state->registration.With(
             [&](SubscriberState::Registration& r) { r.shm_path = path; });
         return CreateAccessor();
@@ -167,18 +165,15 @@ int KvoDataSubscriber::CheckPublisher() {
     const auto registration = subscriber_state->registration.Get();
     BrokerLink& link = state->broker_client;
     if (registration.remote_broker_uri.empty()) {
-        if (link.Call("HasLocalPublisher", [&](DataBrokerRegistrationSync& broker) {
-                return broker.HasLocalPublisher(registration.data_stream_identifier);
-            })) {
+        if (link.Call(&DataBrokerRegistrationSync::HasLocalPublisher,
+                      registration.data_stream_identifier)) {
             return 1;
         }
         Log(3, "KvoDataSubscriber: No local Publisher for this data stream exists");
         return -1;
     }
-    if (link.Call("HasRemotePublisher", [&](DataBrokerRegistrationSync& broker) {
-            return broker.HasRemotePublisher(registration.remote_broker_uri,
-                                             registration.data_stream_identifier);
-        })) {
+    if (link.Call(&DataBrokerRegistrationSync::HasRemotePublisher, registration.remote_broker_uri,
+                  registration.data_stream_identifier)) {
         return 1;
     }
     Log(3, "KvoDataSubscriber: No remote Publisher for this data stream exists");
@@ -187,12 +182,8 @@ int KvoDataSubscriber::CheckPublisher() {
 
 void KvoDataSubscriber::RegisterConnectionListener() {
     auto registration = state->broker_client.Call(
-        "RegisterConnectionListener", [this](DataBrokerRegistrationSync& client) {
-            return client.RegisterConnectionListener(
-                [subscriber = subscriber_state](bool connected) {
-                    OnConnection(subscriber, connected);
-                });
-        });
+        &DataBrokerRegistrationSync::RegisterConnectionListener,
+        [subscriber = subscriber_state](bool connected) { OnConnection(subscriber, connected); });
     state->listener_registration.Release();
     state->listener_registration = std::move(registration);
 }
@@ -279,10 +270,8 @@ int KvoDataSubscriber::UnregisterSubscriber() {
     }
     if (state->connected_to_broker) {
         try {
-            state->broker_client.Call(
-                "RemoveSubscriber", [this, &id = stream](DataBrokerRegistrationSync& broker) {
-                    return broker.RemoveSubscriber(id, subscriber_state->subscriber_uuid);
-                });
+            state->broker_client.Call(&DataBrokerRegistrationSync::RemoveSubscriber, stream,
+                                      subscriber_state->subscriber_uuid);
         } catch (const std::exception& error) {
             state->LogException(error, "KvoDataSubscriber: UnregisterSubscriber()");
         }

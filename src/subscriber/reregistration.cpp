@@ -29,25 +29,22 @@ void Proceed(const std::shared_ptr<SubscriberState>& subscriber) {
 int AddSubscriber(SubscriberState& subscriber) {
     TransferState& transfer = *subscriber.transfer;
     const auto registration = subscriber.registration.Get();
-    return transfer.broker_client.Call("AddSubscriber", [&](DataBrokerRegistrationSync& broker) {
-        return broker.AddSubscriber(subscriber.subscriber_uuid, registration.data_stream_identifier,
-                                    registration.remote_broker_uri, transfer.latency,
-                                    transfer.deadline);
-    });
+    return transfer.broker_client.Call(
+        &DataBrokerRegistrationSync::AddSubscriber, subscriber.subscriber_uuid,
+        registration.data_stream_identifier, registration.remote_broker_uri, transfer.latency,
+        transfer.deadline);
 }
 
 void StartSubscriberHeartbeat(SubscriberState& subscriber) {
-    const int period = subscriber.transfer->broker_client.Call(
-        "GetHeartbeatPeriod",
-        [](DataBrokerRegistrationSync& broker) { return broker.GetHeartbeatPeriod(); });
+    const int period =
+        subscriber.transfer->broker_client.Call(&DataBrokerRegistrationSync::GetHeartbeatPeriod);
     StartHeartbeat(subscriber.transfer, period, subscriber.subscriber_uuid);
 }
 
 void SubscribeToNotifications(const std::shared_ptr<SubscriberState>& subscriber) {
     const std::string stream = subscriber->registration.Get().data_stream_identifier;
     const int port = subscriber->transfer->broker_client.Call(
-        "GetNotificationPort",
-        [&](DataBrokerRegistrationSync& broker) { return broker.GetNotificationPort(stream); });
+        &DataBrokerRegistrationSync::GetNotificationPort, stream);
     InitializeNotificationSubscriber(*subscriber, stream, port);
     StartNotificationSubscription(subscriber);
 }

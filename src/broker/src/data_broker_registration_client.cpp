@@ -1,10 +1,11 @@
 #include "data_broker_registration_client.h"
 
+#include "broker_capabilities.h"
+#include "channel_reporter.h"
 #include "gorm/cor/rr/packing.h"
 #include "kvo/broker/operations.h"
 #include "kvo/broker/remote_stream_state.h"
 #include "kvo/broker/stream_description.h"
-#include "local_notifier.h"
 
 #include <exception>
 #include <utility>
@@ -24,15 +25,14 @@ Result ResultOf(Result (Sync::*)(Parameters...));
 class DataBrokerRegistrationClient final : public DataBrokerRegistrationSync {
 public:
     explicit DataBrokerRegistrationClient(std::unique_ptr<Channel> channel)
-        : channel_(std::move(channel)),
-          notifier_(std::make_shared<LocalNotifier>(channel_->host())) {
+        : channel_(std::move(channel)), capabilities_(std::make_shared<BrokerCapabilities>()) {
         // Until the broker has answered, and for one that does not, all goes over the wire. First
         // the listener, so that no connection is missed; then for one that stands already.
         connection_ = channel_->RegisterConnectionListener([this](bool connected) {
             if (connected) {
                 AskForCapabilities();
             } else {
-                notifier_->Reset();
+                capabilities_->Reset();
             }
         });
         AskForCapabilities();
@@ -60,17 +60,8 @@ public:
     std::int32_t RemovePublisher(const std::string& stream) override {
         return Request<&Sync::RemovePublisher>(stream);
     }
-    [[gnu::hot]] void NotifyNewData(const std::string& stream) override {
-        switch (notifier_->Notify(stream)) {
-            case LocalNotifier::Way::kMemory:
-                return;
-            case LocalNotifier::Way::kBoth:
-                channel_->Notify("RelayNewData", PackParams(stream));
-                return;
-            case LocalNotifier::Way::kWire:
-                channel_->Notify(Operation<&Sync::NotifyNewData>::kName, PackParams(stream));
-                return;
-        }
+    void NotifyNewData(const std::string& stream) override {
+        channel_->Notify(Operation<&Sync::NotifyNewData>::kName, PackParams(stream));
     }
     std::int32_t AddSubscriber(const std::string& subscriber_uuid, const std::string& stream,
                                const std::string& remote_broker_uri, std::int32_t latency_ms,
@@ -109,12 +100,10 @@ public:
                             const std::string& stream) override {
         return Request<&Sync::HasRemotePublisher>(remote_broker_uri, stream);
     }
-    [[gnu::hot]] void ReportDataWritten(const std::string& stream, std::int32_t payload_size,
-                                        std::int64_t written_ms) override {
-        if (!notifier_->counts_by_itself()) {
-            channel_->Notify(Operation<&Sync::ReportDataWritten>::kName,
-                             PackParams(stream, payload_size, written_ms));
-        }
+    void ReportDataWritten(const std::string& stream, std::int32_t payload_size,
+                           std::int64_t written_ms) override {
+        channel_->Notify(Operation<&Sync::ReportDataWritten>::kName,
+                         PackParams(stream, payload_size, written_ms));
     }
     std::int32_t GetMaxBufferSize(std::int32_t max_data_sample_size) override {
         return Request<&Sync::GetMaxBufferSize>(max_data_sample_size);
@@ -141,6 +130,9 @@ public:
     std::int32_t EndStream(const std::string& stream) override {
         return Request<&Sync::EndStream>(stream);
     }
+    std::shared_ptr<StreamReporter> OpenStream(const std::string& stream) override {
+        return std::make_shared<ChannelReporter>(stream, channel_, capabilities_);
+    }
 
 private:
     template <auto Method, class... Arguments>
@@ -153,17 +145,16 @@ private:
 
     void AskForCapabilities() {
         channel_->RequestAsync(
-            "GetCapabilities", PackParams(), [notifier = notifier_](const std::string& result) {
+            "GetCapabilities", PackParams(), [known = capabilities_](const auto& result) {
                 try {
-                    notifier->SetCapabilities(
-                        UnpackResult<std::vector<std::string>>("GetCapabilities", result));
+                    known->Set(UnpackResult<std::vector<std::string>>("GetCapabilities", result));
                 } catch (const std::exception&) {  // no capability that we know
                 }
             });
     }
 
-    const std::unique_ptr<Channel> channel_;
-    const std::shared_ptr<LocalNotifier> notifier_;
+    const std::shared_ptr<Channel> channel_;  // shared with reporters
+    const std::shared_ptr<BrokerCapabilities> capabilities_;
     ListenerRegistration connection_;
 };
 

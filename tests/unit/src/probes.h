@@ -36,9 +36,8 @@ public:
     }
     TransferState& transfer() { return *this->state; }
     void AwaitCapabilities(const ScriptedBroker& broker) {
-        transfer().broker_client.Call("GetCapabilities", [&](DataBrokerRegistrationSync& client) {
-            broker.AwaitCapabilities(client);
-        });
+        transfer().broker_client.Call(
+            [&](DataBrokerRegistrationSync& client) { broker.AwaitCapabilities(client); });
     }
     bool heartbeat_running() {
         return this->state->heartbeat.With(

@@ -212,7 +212,7 @@ TEST_F(PublisherTest, FailuresOfPublishingAndUnregisteringAreLogged) {
     EXPECT_FALSE(publisher_.heartbeat_running());  // all the same
     const auto client = publisher_.GetBrokerClient();
     publisher_.PublishData();
-    EXPECT_TRUE(LoggedException(log_, "NotifyNewData", "KvoDataPublisher: PublishData()"));
+    EXPECT_TRUE(LoggedException(log_, "no broker client", "KvoDataPublisher: PublishData()"));
     EXPECT_EQ(publisher_.UnregisterPublisher(), -1);  // still registered, so it is tried again
     EXPECT_EQ(log_.Count("thrown in KvoDataPublisher: UnregisterPublisher()"), 2U);
 }

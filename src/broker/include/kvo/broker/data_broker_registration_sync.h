@@ -2,9 +2,11 @@
 
 #include "gorm/cor/rr/client.h"
 #include "gorm/cor/type_traits.h"
+#include "kvo/broker/stream_reporter.h"
 #include "kvo/broker_interface_export.h"
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -76,6 +78,9 @@ public:
     /// the right to administer the stream. @return 1; -1: the stream has no publisher of this
     /// host; kNoRight. Brokers that do not know the operation answer with an error.
     virtual std::int32_t EndStream(const std::string& stream) = 0;
+
+    /// What a publisher of the stream reports with, one call per sample. Asks the broker nothing.
+    virtual std::shared_ptr<StreamReporter> OpenStream(const std::string& stream) = 0;
 };
 
 }  // namespace kvo
