@@ -1,11 +1,10 @@
 #include "kvo/KvoDataTransferLib.h"
 
-#include "configuration.h"
+#include "core/configuration.h"
+#include "core/heartbeat.h"
+#include "core/transfer_state.h"
 #include "gorm/cor/cor.h"
-#include "heartbeat.h"
-#include "kvo/memory/process_lock.h"
 #include "kvo/os/fork_guard.h"
-#include "transfer_state.h"
 
 #include <boost/thread/future.hpp>
 

@@ -1,8 +1,8 @@
 #pragma once
 
+#include "core/sample_path.h"
 #include "kvo/broker/data_broker_registration_sync.h"
 #include "kvo/os/light_mutex.h"
-#include "sample_path.h"
 
 #include <functional>
 #include <memory>

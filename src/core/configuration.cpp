@@ -1,4 +1,4 @@
-#include "configuration.h"
+#include "core/configuration.h"
 
 #include <boost/property_tree/ini_parser.hpp>
 

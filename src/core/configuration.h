@@ -1,6 +1,6 @@
 #pragma once
 
-#include "transfer_state.h"
+#include "core/transfer_state.h"
 
 #include <boost/property_tree/ptree.hpp>
 

@@ -1,4 +1,4 @@
-#include "detached_thread.h"
+#include "core/detached_thread.h"
 
 #include <csignal>
 #include <thread>

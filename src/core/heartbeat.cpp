@@ -1,6 +1,6 @@
-#include "heartbeat.h"
+#include "core/heartbeat.h"
 
-#include "detached_thread.h"
+#include "core/detached_thread.h"
 
 #include <chrono>
 #include <thread>

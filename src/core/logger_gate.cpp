@@ -1,4 +1,4 @@
-#include "logger_gate.h"
+#include "core/logger_gate.h"
 
 #include <utility>
 

@@ -1,9 +1,9 @@
 #pragma once
 
-#include "broker_link.h"
+#include "core/broker_link.h"
+#include "core/guarded.h"
+#include "core/logger_gate.h"
 #include "gorm/cor/rr/listener_registration.h"
-#include "guarded.h"
-#include "logger_gate.h"
 
 #include <atomic>
 #include <exception>

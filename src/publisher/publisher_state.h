@@ -1,8 +1,7 @@
 #pragma once
 
-#include "../core/guarded.h"
-#include "../core/transfer_state.h"
-#include "kvo/memory/memory_accessor.h"
+#include "core/guarded.h"
+#include "core/transfer_state.h"
 
 #include <atomic>
 #include <memory>
@@ -32,14 +31,5 @@ struct PublisherState {
     Guarded<Registration> registration;
     std::mutex reregistration;  // one run at a time; held over its calls, taken by nothing else
 };
-
-/// Asks the broker to register the stream; @return its BrokerResult.
-int AddPublisher(PublisherState& publisher, const std::string& publisher_key);
-
-/// Takes over the broker's heartbeat period and starts the heartbeat.
-void StartPublisherHeartbeat(PublisherState& publisher);
-
-/// Body of the thread that registers again after the connection to the broker came back.
-void ReregisterPublisher(PublisherState& publisher);
 
 }  // namespace kvo

@@ -1,33 +1,16 @@
-#include "../core/heartbeat.h"
-#include "kvo/broker/broker_result.h"
-#include "publisher_state.h"
+#include "publisher/reregistration.h"
 
+#include "core/detached_thread.h"
+#include "core/heartbeat.h"
+#include "kvo/KvoDataPublisher.h"
+#include "kvo/broker/broker_result.h"
+#include "kvo/memory/memory_accessor.h"
+#include "publisher/registration.h"
+
+#include <mutex>
 #include <stdexcept>
 
 namespace kvo {
-namespace {
-
-std::string StreamOf(PublisherState& publisher) {
-    return publisher.transfer->broker_client.path()->data_stream_identifier;
-}
-
-}  // namespace
-
-int AddPublisher(PublisherState& publisher, const std::string& publisher_key) {
-    TransferState& transfer = *publisher.transfer;
-    return transfer.broker_client.Call(&DataBrokerRegistrationSync::AddPublisher,
-                                       StreamOf(publisher), transfer.latency, transfer.deadline,
-                                       publisher.max_data_sample_size, publisher.number_of_samples,
-                                       publisher.compute_checksum, publisher_key);
-}
-
-void StartPublisherHeartbeat(PublisherState& publisher) {
-    TransferState& transfer = *publisher.transfer;
-    transfer.heartbeat_period =
-        transfer.broker_client.Call(&DataBrokerRegistrationSync::GetHeartbeatPeriod);
-    StartHeartbeat(publisher.transfer, transfer.heartbeat_period, StreamOf(publisher));
-}
-
 void ReregisterPublisher(PublisherState& publisher) {
     TransferState& transfer = *publisher.transfer;
     const std::lock_guard one_run(publisher.reregistration);
@@ -41,9 +24,10 @@ void ReregisterPublisher(PublisherState& publisher) {
             return;
         }
         if (transfer.closed) {
-            // Destroyed, and so unregistered, meanwhile: nobody else would ever remove it.
+            // The object was destroyed, and so unregistered, while the broker answered. Without
+            // this call the registration would stay.
             transfer.broker_client.Call(&DataBrokerRegistrationSync::RemovePublisher,
-                                        StreamOf(publisher));
+                                        transfer.broker_client.path()->data_stream_identifier);
             return;
         }
         publisher.registered = true;
@@ -58,6 +42,22 @@ void ReregisterPublisher(PublisherState& publisher) {
     } catch (const std::exception& error) {
         transfer.LogException(error, "KvoDataPublisher: Reregister()");
     }
+}
+
+void OnPublisherConnection(const std::shared_ptr<PublisherState>& publisher, bool connected) {
+    TransferState& transfer = *publisher->transfer;
+    transfer.connected_to_broker.exchange(connected);
+    if (connected) {
+        StartDetached([publisher] { ReregisterPublisher(*publisher); });
+        return;
+    }
+    transfer.broker_client.ReopenReporter();
+    transfer.Log(4, "KvoDataPublisher: Broker connection aborted");
+    StopHeartbeat(transfer);
+}
+
+void KvoDataPublisher::Reregister() {
+    ReregisterPublisher(*publisher_state);
 }
 
 }  // namespace kvo

@@ -1,6 +1,6 @@
 #include "kvo/KvoStatisticsClient.h"
 
-#include "../core/transfer_state.h"
+#include "core/transfer_state.h"
 #include "gorm/cor/cor.h"
 #include "kvo/os/fork_guard.h"
 

@@ -1,7 +1,8 @@
-#include "notification_subscription.h"
+#include "subscriber/notification_subscription.h"
 
-#include "../core/detached_thread.h"
+#include "core/detached_thread.h"
 #include "gorm/cor/cor.h"
+#include "kvo/KvoDataSubscriber.h"
 
 #include <chrono>
 #include <thread>
@@ -168,6 +169,27 @@ void StopNotificationSubscription(SubscriberState& subscriber) {
 
 void ReleaseNotifications(SubscriberState& subscriber) {
     subscriber.notifications.Exchange({});
+}
+
+void SubscribeToNotifications(const std::shared_ptr<SubscriberState>& subscriber) {
+    const std::string stream = subscriber->registration.Get().data_stream_identifier;
+    const int port = subscriber->transfer->broker_client.Call(
+        &DataBrokerRegistrationSync::GetNotificationPort, stream);
+    InitializeNotificationSubscriber(*subscriber, stream, port);
+    StartNotificationSubscription(subscriber);
+}
+
+void KvoDataSubscriber::InitializeNotificationSubscriber(const std::string& data_stream_identifier,
+                                                         int port) {
+    kvo::InitializeNotificationSubscriber(*subscriber_state, data_stream_identifier, port);
+}
+
+void KvoDataSubscriber::StartNotificationSubscription() {
+    kvo::StartNotificationSubscription(subscriber_state);
+}
+
+void KvoDataSubscriber::StopNotificationSubscription() {
+    kvo::StopNotificationSubscription(*subscriber_state);
 }
 
 }  // namespace kvo

@@ -1,11 +1,14 @@
 #pragma once
 
-#include "subscriber_state.h"
+#include "subscriber/subscriber_state.h"
 
 #include <memory>
 #include <string>
 
 namespace kvo {
+
+/// Asks for the notification port of the stream, builds the subscription for it and starts it.
+void SubscribeToNotifications(const std::shared_ptr<SubscriberState>& subscriber);
 
 /// Builds the middleware subscriber for the stream's topic; it replaces the one before. Failures
 /// are logged.

@@ -1,9 +1,14 @@
-#include "../core/heartbeat.h"
+#include "subscriber/reregistration.h"
+
+#include "core/detached_thread.h"
+#include "core/heartbeat.h"
+#include "kvo/KvoDataSubscriber.h"
 #include "kvo/broker/broker_result.h"
-#include "notification_subscription.h"
-#include "subscriber_state.h"
+#include "subscriber/notification_subscription.h"
+#include "subscriber/registration.h"
 
 #include <chrono>
+#include <mutex>
 #include <stdexcept>
 #include <thread>
 
@@ -25,29 +30,6 @@ void Proceed(const std::shared_ptr<SubscriberState>& subscriber) {
 }
 
 }  // namespace
-
-int AddSubscriber(SubscriberState& subscriber) {
-    TransferState& transfer = *subscriber.transfer;
-    const auto registration = subscriber.registration.Get();
-    return transfer.broker_client.Call(
-        &DataBrokerRegistrationSync::AddSubscriber, subscriber.subscriber_uuid,
-        registration.data_stream_identifier, registration.remote_broker_uri, transfer.latency,
-        transfer.deadline);
-}
-
-void StartSubscriberHeartbeat(SubscriberState& subscriber) {
-    const int period =
-        subscriber.transfer->broker_client.Call(&DataBrokerRegistrationSync::GetHeartbeatPeriod);
-    StartHeartbeat(subscriber.transfer, period, subscriber.subscriber_uuid);
-}
-
-void SubscribeToNotifications(const std::shared_ptr<SubscriberState>& subscriber) {
-    const std::string stream = subscriber->registration.Get().data_stream_identifier;
-    const int port = subscriber->transfer->broker_client.Call(
-        &DataBrokerRegistrationSync::GetNotificationPort, stream);
-    InitializeNotificationSubscriber(*subscriber, stream, port);
-    StartNotificationSubscription(subscriber);
-}
 
 void ReregisterSubscriber(const std::shared_ptr<SubscriberState>& subscriber) {
     TransferState& transfer = *subscriber->transfer;
@@ -77,6 +59,22 @@ void ReregisterSubscriber(const std::shared_ptr<SubscriberState>& subscriber) {
                      "KvoDataSubscriber: Reregistration failed. Please check the publisher and "
                      "restart the subscriber.");
     }
+}
+
+void OnSubscriberConnection(const std::shared_ptr<SubscriberState>& subscriber, bool connected) {
+    TransferState& transfer = *subscriber->transfer;
+    transfer.connected_to_broker.exchange(connected);
+    if (connected) {
+        StartDetached([subscriber] { ReregisterSubscriber(subscriber); });
+        return;
+    }
+    transfer.Log(4, "KvoDataSubscriber: Broker connection aborted");
+    StopHeartbeat(transfer);
+    StopNotificationSubscription(*subscriber);
+}
+
+void KvoDataSubscriber::Reregister() {
+    ReregisterSubscriber(subscriber_state);
 }
 
 }  // namespace kvo

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "../core/guarded.h"
-#include "../core/transfer_state.h"
+#include "core/guarded.h"
+#include "core/transfer_state.h"
 #include "gorm/cor/ps/subscriber.h"
 #include "kvo/KvoStatisticsClient.h"
 #include "kvo/broker/notification_sample.h"
@@ -47,17 +47,5 @@ struct SubscriberState {
     Guarded<Notifications> notifications;
     std::mutex reregistration;  // one run at a time; held over its calls, taken by nothing else
 };
-
-/// Asks the broker to register the subscriber; @return its BrokerResult.
-int AddSubscriber(SubscriberState& subscriber);
-
-/// Takes over the broker's heartbeat period and starts the heartbeat.
-void StartSubscriberHeartbeat(SubscriberState& subscriber);
-
-/// Asks for the notification port of the stream, builds the subscription for it and starts it.
-void SubscribeToNotifications(const std::shared_ptr<SubscriberState>& subscriber);
-
-/// Body of the thread that registers again after the connection to the broker came back.
-void ReregisterSubscriber(const std::shared_ptr<SubscriberState>& subscriber);
 
 }  // namespace kvo

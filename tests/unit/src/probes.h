@@ -1,11 +1,11 @@
 #pragma once
 
 #include "captured_log.h"
+#include "core/transfer_state.h"
 #include "kvo/KvoDataPublisher.h"
 #include "kvo/KvoDataSubscriber.h"
 #include "kvo/KvoDataTransferLib.h"
 #include "scripted_broker.h"
-#include "transfer_state.h"
 
 #include <algorithm>
 #include <chrono>
