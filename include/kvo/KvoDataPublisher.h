@@ -11,7 +11,7 @@ namespace kvo {
 struct PublisherState;
 
 /// The producing end of one data stream. Order of use: SetBufferSize, RegisterPublisher, then
-/// WriteData and PublishData as often as wanted. When the broker goes away the heartbeat stops
+/// WriteData and PublishData any number of times. When the broker goes away the heartbeat stops
 /// and samples are discarded silently; when it returns the publisher registers again by itself.
 /// Threads: one at a time for registration; WriteData and PublishData from any thread.
 class KVO_TRANSFER_EXPORT KvoDataPublisher : public KvoDataTransferLib {
@@ -36,15 +36,15 @@ public:
     /// @return the broker's answer, or -1 when not registered or not connected.
     int UnregisterPublisher() override;
 
-    /// Copies one sample into the stream's shared memory and reports it to the broker. Nothing
-    /// while there is no connection. Allocates nothing and logs nothing.
+    /// Copies one sample into the stream's shared memory and reports it to the broker. Does
+    /// nothing without a connection. Allocates nothing and logs nothing.
     /// Throws std::invalid_argument for a size that is negative or too large, std::logic_error
     /// when the registration left no shared memory or no client.
     void WriteData(int sample_tag, const std::vector<unsigned char>& payload,
                    const std::vector<unsigned char>& metadata);
     void WriteData(int sample_tag, const unsigned char* payload, int payload_size,
                    const unsigned char* metadata, int metadata_size);
-    /// Lets the subscribers know of the samples written so far.
+    /// Notifies the subscribers of the samples written so far.
     void PublishData() override;
 
     bool get_connected_to_broker() const;

@@ -46,7 +46,7 @@ public:
     /// std::logic_error otherwise.
     boost::signals2::connection connect(const boost::signals2::slot<void()>& slot);
 
-    /// The stream's statistics at the broker; an empty record when they cannot be had.
+    /// The stream's statistics at the broker; an empty record when the broker gives none.
     StreamStatistics get_statistics();
 
 protected:

@@ -76,8 +76,8 @@ protected:
     /// Writes one message to the object's logger.
     void Log(int level, const std::string& message);
 
-    /// Silences the object's threads, for good. First in the destructor of the most derived class,
-    /// since the logger may be gone when that returns.
+    /// Ends all logging of the object and its threads. Called first in the destructor of the most
+    /// derived class, since the logger may be destroyed when that returns.
     void CloseLogger();
 
     /// What the object shares with its threads; lives as long as any of them.

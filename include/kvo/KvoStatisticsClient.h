@@ -8,7 +8,7 @@
 
 namespace kvo {
 
-/// One stream's statistics as its broker tells them.
+/// One stream's statistics as its broker reports them.
 struct StreamStatistics {
     std::int64_t timestamp_ns = 0;    // last write, nanoseconds since the Unix epoch
     std::string timestamp_text;       // the same as ctime() writes it, with its newline

@@ -1,22 +1,15 @@
 #include "kvo/KvoDataTransferLib.h"
 
+#include "core/broker_connection.h"
 #include "core/configuration.h"
 #include "core/heartbeat.h"
 #include "core/transfer_state.h"
-#include "gorm/cor/cor.h"
 #include "kvo/os/fork_guard.h"
-
-#include <boost/thread/future.hpp>
 
 #include <chrono>
 #include <utility>
 
 namespace kvo {
-namespace {
-
-constexpr auto kConnectWait = boost::chrono::seconds(10);
-
-}  // namespace
 
 KvoDataTransferLib::KvoDataTransferLib(KvoLogger* logger)
     : state(std::make_shared<TransferState>()) {
@@ -30,10 +23,7 @@ KvoDataTransferLib::KvoDataTransferLib(const log4cplus::Logger& logger)
 }
 
 KvoDataTransferLib::~KvoDataTransferLib() {
-    if (os::InForkedChild()) {
-        // The threads behind the client and the listener stayed in the parent: nothing here may
-        // wait for them. The memory goes with the child.
-        static_cast<void>(new std::shared_ptr<TransferState>(state));
+    if (KeptInForkedChild(state)) {
         return;
     }
     state->closed = true;
@@ -117,10 +107,7 @@ int KvoDataTransferLib::InitCOR(std::string uri) {
     gorm::cor::VekFactory& factory = gorm::cor::loadCorForUri(uri, {});
     const network::uri broker(uri);
     const auto create_client = [&] {
-        const gorm::cor::rr::qos::QoSList qos{std::make_shared<gorm::cor::rr::qos::ReplyTime>(
-            std::chrono::seconds(state->reply_time))};
-        state->broker_client.Replace(
-            factory.getClient<DataBrokerRegistrationSync>(broker, qos, {}));
+        CreateBrokerClient(*state, factory, broker, std::chrono::seconds(state->reply_time));
     };
     try {
         create_client();
@@ -131,8 +118,7 @@ int KvoDataTransferLib::InitCOR(std::string uri) {
             state->broker_client.Replace(nullptr);
             create_client();
         }
-        auto connected = state->broker_client.Call(&DataBrokerRegistrationSync::Connect);
-        if (connected.wait_for(kConnectWait) == boost::future_status::ready) {
+        if (AwaitBrokerConnection(*state)) {
             state->connected_to_broker = true;
             Log(1, "KvoDataTransferLib: Broker connection established");
             return 1;

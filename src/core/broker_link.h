@@ -4,6 +4,7 @@
 #include "kvo/broker/data_broker_registration_sync.h"
 #include "kvo/os/light_mutex.h"
 
+#include <cassert>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -67,6 +68,7 @@ public:
     /// Never null.
     std::shared_ptr<const SamplePath> path() const {
         const std::lock_guard lock(mutex_);
+        assert(path_ != nullptr);
         return path_;
     }
 

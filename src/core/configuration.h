@@ -10,13 +10,12 @@
 namespace kvo {
 
 /// The configuration file's path, or empty, with a warning, when KVO_TRANSFERCONFIG_PATH is unset.
-std::string ConfigFilePath(TransferState& state);
+[[nodiscard]] std::string ConfigFilePath(TransferState& state);
 
 /// Reads the configuration file; empty, with a warning, when it cannot be read.
 /// @param class_name of the reading object, for the log.
-std::optional<boost::property_tree::ptree> ReadConfigFile(TransferState& state,
-                                                          const std::string& class_name,
-                                                          const std::string& path);
+[[nodiscard]] std::optional<boost::property_tree::ptree> ReadConfigFile(
+    TransferState& state, const std::string& class_name, const std::string& path);
 
 /// Takes `reply_time` (seconds) from the file as it stands. Throws
 /// boost::property_tree::ptree_error when it is missing or no integer.

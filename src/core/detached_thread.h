@@ -4,9 +4,9 @@
 
 namespace kvo {
 
-/// Runs the function on a thread of its own that nobody joins; what it touches it must own a
-/// share of. The thread takes no signals: they belong to the application's threads.
-/// Throws std::system_error when no thread can be had.
+/// Runs the function on a detached thread; the function must share ownership of all it uses. The
+/// thread blocks all signals, which belong to the application's threads.
+/// Throws std::system_error when no thread can be created.
 void StartDetached(std::function<void()> function);
 
 }  // namespace kvo

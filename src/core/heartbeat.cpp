@@ -51,14 +51,14 @@ void StartHeartbeat(const std::shared_ptr<TransferState>& state, int period, std
         return h.heartbeat_stop_promise.get_future();
     }));
     if (state->closed) {
-        // The object's destructor may have abandoned the heartbeat before this one was there.
+        // The object's destructor may have abandoned the heartbeat before this one existed.
         AbandonHeartbeat(*state);
     }
     StartDetached([state, stop, running] { HeartbeatThread(*state, *stop, *running); });
 }
 
 void StopHeartbeat(TransferState& state) {
-    // Asked once: a thread that begins to run only now has not been told to stop.
+    // Loaded once: a thread that starts to run after this was not stopped by this call.
     const auto running = state.heartbeat.With([](Heartbeat& h) {
         if (!*h.heartbeat_running) {
             return std::shared_ptr<std::atomic<bool>>();

@@ -1,11 +1,12 @@
 #include "core/logger_gate.h"
 
+#include <cassert>
 #include <utility>
 
 namespace kvo {
 namespace {
 
-// The gate whose logger this thread is in.
+// Gate whose logger the thread is in; null: none.
 thread_local const LoggerGate* inside = nullptr;
 
 }  // namespace
@@ -29,8 +30,9 @@ void LoggerGate::Close() {
         WriteToLogger(logger, level, message);  // does not throw
         inside = outer;
     }
-    --writers_;
-    // Open: nobody waits. Closed after this look: Close() sees that we have left.
+    [[maybe_unused]] const int before = writers_--;
+    assert(before > 0);
+    // Closed after this load: Close() loads the count as it is now and does not wait.
     if (logger_ == nullptr) {
         writers_.notify_all();
     }

@@ -4,6 +4,7 @@
 #include "core/guarded.h"
 #include "core/logger_gate.h"
 #include "gorm/cor/rr/listener_registration.h"
+#include "kvo/os/fork_guard.h"
 
 #include <atomic>
 #include <exception>
@@ -39,7 +40,7 @@ struct TransferState {
     std::atomic<int> reply_time = default_reply_time;
     std::atomic<int> heartbeat_period = default_heartbeat_period;
     std::atomic<bool> connected_to_broker = false;
-    // Set once, in the destructor: whoever registers at the broker after that undoes it.
+    // Set once, by the destructor. A registration that completes afterwards is undone.
     std::atomic<bool> closed = false;
 
     LoggerGate logger;
@@ -49,6 +50,9 @@ struct TransferState {
     // The registering thread only; its release waits for a run of the listener.
     gorm::cor::rr::ListenerRegistration listener_registration;
     std::unique_ptr<KvoLogger> owned_logger;
+
+    /// Whether samples are passed on: a child of fork() has no connection.
+    bool connected() const { return connected_to_broker && !os::InForkedChild(); }
 
     void Log(int level, const std::string& message) {
         KvoLogger::WriteToLogger(&logger, level, message);
@@ -60,5 +64,17 @@ struct TransferState {
         Log(level, std::string("thrown in ") + where);
     }
 };
+
+/// For destructors. The threads that use a state stay in the parent of a forked child: nothing
+/// there may wait for them, so the child keeps the state until it ends.
+/// @return whether this is such a child.
+template <class State>
+[[nodiscard]] bool KeptInForkedChild(const std::shared_ptr<State>& state) {
+    if (!os::InForkedChild()) {
+        return false;
+    }
+    static_cast<void>(new std::shared_ptr<State>(state));
+    return true;
+}
 
 }  // namespace kvo

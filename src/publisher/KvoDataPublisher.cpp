@@ -2,7 +2,6 @@
 
 #include "core/configuration.h"
 #include "kvo/memory/memory_accessor.h"
-#include "kvo/os/fork_guard.h"
 #include "publisher/publisher_state.h"
 
 #include <ctime>
@@ -47,15 +46,14 @@ KvoDataPublisher::KvoDataPublisher(const log4cplus::Logger& logger)
 }
 
 KvoDataPublisher::~KvoDataPublisher() {
-    if (os::InForkedChild()) {
-        static_cast<void>(new std::shared_ptr<PublisherState>(publisher_state));
+    if (KeptInForkedChild(publisher_state)) {
         return;
     }
     state->closed = true;
     try {
         UnregisterPublisher();
     } catch (const std::exception&) {
-        // The heartbeat is being stopped by another thread at this moment; it ends all the same.
+        // Another thread is stopping the heartbeat, which ends in any case.
     }
     CloseLogger();
     state->broker_client.SetAccessor(nullptr);
@@ -107,7 +105,7 @@ void KvoDataPublisher::WriteData(int sample_tag, const std::vector<unsigned char
 [[gnu::hot]] void KvoDataPublisher::WriteData(int sample_tag, const unsigned char* payload,
                                               int payload_size, const unsigned char* metadata,
                                               int metadata_size) {
-    if (!state->connected_to_broker || os::InForkedChild()) {
+    if (!state->connected()) {
         return;
     }
     const unsigned long now_ms = NowMs();
@@ -121,7 +119,7 @@ void KvoDataPublisher::WriteData(int sample_tag, const std::vector<unsigned char
 }
 
 [[gnu::hot]] void KvoDataPublisher::PublishData() {
-    if (!state->connected_to_broker || os::InForkedChild()) {
+    if (!state->connected()) {
         return;
     }
     try {

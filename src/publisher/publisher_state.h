@@ -29,7 +29,7 @@ struct PublisherState {
     std::atomic<bool> compute_checksum = false;
     std::atomic<bool> registered = false;
     Guarded<Registration> registration;
-    std::mutex reregistration;  // one run at a time; held over its calls, taken by nothing else
+    std::mutex reregistration;  // serialises runs of ReregisterPublisher, held over their calls
 };
 
 }  // namespace kvo

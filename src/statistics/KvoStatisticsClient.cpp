@@ -1,10 +1,9 @@
 #include "kvo/KvoStatisticsClient.h"
 
+#include "core/broker_connection.h"
 #include "core/transfer_state.h"
 #include "gorm/cor/cor.h"
 #include "kvo/os/fork_guard.h"
-
-#include <boost/thread/future.hpp>
 
 #include <chrono>
 #include <cstdlib>
@@ -15,7 +14,6 @@ namespace kvo {
 namespace {
 
 constexpr auto kReplyTime = std::chrono::milliseconds(3000);
-constexpr auto kStatisticsConnectWait = boost::chrono::seconds(10);
 constexpr std::uint64_t kNanosecondsPerMillisecond = 1'000'000;
 constexpr std::int64_t kNanosecondsPerSecond = 1'000'000'000;
 
@@ -46,6 +44,19 @@ void Parse(const std::vector<std::string>& reply, StreamStatistics& statistics) 
     statistics.text_value = reply.at(6);
 }
 
+// Every operation of the client: does nothing in a child of fork() and logs what goes wrong.
+template <class Function>
+void Query(TransferState& state, const char* where, Function&& query) {
+    if (os::InForkedChild()) {
+        return;
+    }
+    try {
+        query();
+    } catch (const std::exception& error) {
+        state.LogException(error, where);
+    }
+}
+
 }  // namespace
 
 KvoStatisticsClient::KvoStatisticsClient(KvoLogger* logger, std::string broker_uri)
@@ -56,66 +67,41 @@ KvoStatisticsClient::KvoStatisticsClient(KvoLogger* logger, std::string broker_u
 KvoStatisticsClient::~KvoStatisticsClient() = default;
 
 void KvoStatisticsClient::Init(std::string broker_uri) {
-    if (os::InForkedChild()) {
-        return;
-    }
-    try {
+    Query(*state, "KvoStatisticsClient: Init()", [&] {
         const std::string uri = VerifyPathInBrokerUri(std::move(broker_uri));
         gorm::cor::VekFactory& factory = gorm::cor::loadCorForUri(uri, {});
-        const network::uri broker(uri);
-        const gorm::cor::rr::qos::QoSList qos{
-            std::make_shared<gorm::cor::rr::qos::ReplyTime>(kReplyTime)};
-        state->broker_client.Replace(
-            factory.getClient<DataBrokerRegistrationSync>(broker, qos, {}));
-        auto connected = state->broker_client.Call(&DataBrokerRegistrationSync::Connect);
-        if (connected.wait_for(kStatisticsConnectWait) == boost::future_status::ready) {
+        CreateBrokerClient(*state, factory, network::uri(uri), kReplyTime);
+        if (AwaitBrokerConnection(*state)) {
             Log(1, "KvoStatisticsClient: Broker connection established");
         } else {
             Log(4, "KvoStatisticsClient: Broker connection failed");
         }
-    } catch (const std::exception& error) {
-        state->LogException(error, "KvoStatisticsClient: Init()");
-    }
+    });
 }
 
 StreamStatistics KvoStatisticsClient::GetStatistics(std::string data_stream_identifier) {
     StreamStatistics statistics;
-    if (os::InForkedChild()) {
-        return statistics;
-    }
-    try {
+    Query(*state, "KvoStatisticsClient: get_statistics()", [&] {
         Parse(state->broker_client.Call(&DataBrokerRegistrationSync::GetStreamStatistics,
                                         data_stream_identifier),
               statistics);
-    } catch (const std::exception& error) {
-        state->LogException(error, "KvoStatisticsClient: get_statistics()");
-    }
+    });
     return statistics;
 }
 
 std::vector<std::string> KvoStatisticsClient::GetRegisteredStreams() {
     std::vector<std::string> streams;
-    if (os::InForkedChild()) {
-        return streams;
-    }
-    try {
+    Query(*state, "KvoStatisticsClient: GetRegisteredStreams()", [&] {
         streams = state->broker_client.Call(&DataBrokerRegistrationSync::ListRegisteredStreams);
-    } catch (const std::exception& error) {
-        state->LogException(error, "KvoStatisticsClient: GetRegisteredStreams()");
-    }
+    });
     return streams;
 }
 
 std::vector<std::string> KvoStatisticsClient::GetConnectedBrokers() {
     std::vector<std::string> brokers;
-    if (os::InForkedChild()) {
-        return brokers;
-    }
-    try {
+    Query(*state, "KvoStatisticsClient: GetConnectedBrokers()", [&] {
         brokers = state->broker_client.Call(&DataBrokerRegistrationSync::ListConnectedBrokers);
-    } catch (const std::exception& error) {
-        state->LogException(error, "KvoStatisticsClient: GetConnectedBrokers()");
-    }
+    });
     return brokers;
 }
 

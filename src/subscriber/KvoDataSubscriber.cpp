@@ -29,19 +29,18 @@ KvoDataSubscriber::KvoDataSubscriber(const log4cplus::Logger& logger)
 }
 
 KvoDataSubscriber::~KvoDataSubscriber() {
-    if (os::InForkedChild()) {
-        static_cast<void>(new std::shared_ptr<SubscriberState>(subscriber_state));
+    if (KeptInForkedChild(subscriber_state)) {
         return;
     }
     state->closed = true;
-    // The names stay: a re-registration that is under way goes on to use them.
+    // The names stay: a re-registration in progress still uses them.
     const auto [accessor, statistics_client] =
         subscriber_state->registration.With([](SubscriberState::Registration& r) {
             return std::pair(std::exchange(r.accessor, nullptr),
                              std::exchange(r.statistics_client, nullptr));
         });
     if (accessor != nullptr) {
-        // A slot may be what destroys us: it must not be called for the samples that remain.
+        // This destructor may run in a slot, which must not be called for the remaining samples.
         accessor->DataAvailableSignal().disconnect_all_slots();
     }
     ReleaseNotifications(*subscriber_state);
@@ -81,11 +80,7 @@ void KvoDataSubscriber::PrintConfigValues() {
 }
 
 [[gnu::hot]] DataSample* KvoDataSubscriber::ReadData() {
-    if (os::InForkedChild()) {
-        return nullptr;
-    }
-    const auto accessor = subscriber_state->registration.With(
-        [](const SubscriberState::Registration& r) { return r.accessor; });
+    const auto accessor = subscriber_state->accessor();
     if (accessor == nullptr) {
         return nullptr;
     }
@@ -101,13 +96,9 @@ void KvoDataSubscriber::PrintConfigValues() {
 }
 
 boost::signals2::connection KvoDataSubscriber::connect(const boost::signals2::slot<void()>& slot) {
-    if (os::InForkedChild()) {
-        throw std::logic_error("KvoDataSubscriber: connect() in a forked child");
-    }
-    const auto accessor = subscriber_state->registration.With(
-        [](const SubscriberState::Registration& r) { return r.accessor; });
+    const auto accessor = subscriber_state->accessor();
     if (accessor == nullptr) {
-        throw std::logic_error("KvoDataSubscriber: connect() before a successful registration");
+        throw std::logic_error("KvoDataSubscriber: connect() without shared memory");
     }
     return accessor->DataAvailableSignal().connect(slot);
 }

@@ -14,13 +14,8 @@ namespace {
 namespace ps = gorm::cor::ps;
 
 constexpr auto kBusyPoll = std::chrono::milliseconds(100);
-// Made once: it is needed for every sample.
+// Constructed once, because it is logged for every sample.
 const std::string kNewDataReceived = "KvoDataSubscriber: NEW_DATA notification received";
-
-std::shared_ptr<KvoMemoryAccessor> AccessorOf(SubscriberState& subscriber) {
-    return subscriber.registration.With(
-        [](const SubscriberState::Registration& r) { return r.accessor; });
-}
 
 void ReopenShm(KvoMemoryAccessor& accessor) {
     if (accessor.OpenSharedMemory() == 1) {
@@ -32,8 +27,8 @@ void ReopenShm(KvoMemoryAccessor& accessor) {
 
 void Handle(SubscriberState& subscriber, NotificationType type) {
     TransferState& transfer = *subscriber.transfer;
-    // A reference of our own: a slot may destroy the subscriber while NewData is running.
-    const auto accessor = AccessorOf(subscriber);
+    // This reference outlives the subscriber, which a slot may destroy during NewData.
+    const auto accessor = subscriber.accessor();
     switch (type) {
         case NEW_DATA:
             transfer.Log(1, kNewDataReceived);
@@ -82,8 +77,8 @@ void NotificationEvent(SubscriberState& subscriber,
     }
 }
 
-// The subscriber thread: keeps the delivery alive until its stop future is ready. It holds the
-// future of its own start, so a promise that is replaced or dropped ends it as well.
+// The subscriber thread: keeps the delivery alive until its stop future is ready. Each thread has
+// the future of its own start, so replacing or dropping the promise ends it as well.
 void Subscribe(const std::shared_ptr<SubscriberState>& subscriber, const std::future<void>& stop) {
     TransferState& transfer = *subscriber->transfer;
     transfer.Log(1, "KvoDataSubscriber: Notification subscription started...");

@@ -10,7 +10,7 @@ namespace kvo {
 /// Asks for the notification port of the stream, builds the subscription for it and starts it.
 void SubscribeToNotifications(const std::shared_ptr<SubscriberState>& subscriber);
 
-/// Builds the middleware subscriber for the stream's topic; it replaces the one before. Failures
+/// Builds the middleware subscriber of the stream's topic, which replaces the one before. Failures
 /// are logged.
 void InitializeNotificationSubscriber(SubscriberState& subscriber,
                                       const std::string& data_stream_identifier, int port);

@@ -21,7 +21,7 @@ constexpr auto kRetryPause = std::chrono::seconds(1);
 void Proceed(const std::shared_ptr<SubscriberState>& subscriber) {
     SubscribeToNotifications(subscriber);
     StartSubscriberHeartbeat(*subscriber);
-    const auto accessor = subscriber->registration.Get().accessor;
+    const auto accessor = subscriber->accessor();
     if (accessor == nullptr) {
         throw std::logic_error("no shared memory to attach to again");
     }

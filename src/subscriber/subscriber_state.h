@@ -6,6 +6,7 @@
 #include "kvo/KvoStatisticsClient.h"
 #include "kvo/broker/notification_sample.h"
 #include "kvo/memory/memory_accessor.h"
+#include "kvo/os/fork_guard.h"
 
 #include <atomic>
 #include <future>
@@ -36,6 +37,13 @@ struct SubscriberState {
     explicit SubscriberState(std::shared_ptr<TransferState> transfer_state)
         : transfer(std::move(transfer_state)) {}
 
+    /// Null: no shared memory, as in a child of fork().
+    std::shared_ptr<KvoMemoryAccessor> accessor() {
+        return os::InForkedChild()
+                   ? nullptr
+                   : registration.With([](const Registration& r) { return r.accessor; });
+    }
+
     const std::shared_ptr<TransferState> transfer;
     const int default_max_age_data_sample = 10000;  // milliseconds
     const int min_max_age_data_sample = 2000;       // milliseconds
@@ -45,7 +53,7 @@ struct SubscriberState {
     std::atomic<bool> event_busy = false;
     Guarded<Registration> registration;
     Guarded<Notifications> notifications;
-    std::mutex reregistration;  // one run at a time; held over its calls, taken by nothing else
+    std::mutex reregistration;  // serialises runs of ReregisterSubscriber, held over their calls
 };
 
 }  // namespace kvo
