@@ -34,7 +34,7 @@ std::string Describe(std::string_view method, const msgpack::object& params) {
     return text + ")";
 }
 
-// A port that was closed a moment ago is free again soon, but nobody tells when.
+// A closed port is free again after a while, without an event.
 template <class Make>
 auto Retry(Make&& make) {
     const auto deadline = std::chrono::steady_clock::now() + kDeadline;
@@ -193,17 +193,17 @@ bool ScriptedBroker::WaitForCall(const std::string& prefix, std::size_t times) c
 void ScriptedBroker::ClearCalls() {
     const std::lock_guard lock(mutex_);
     calls_.clear();
-    beats_.clear();
+    heartbeats_.clear();
 }
 
-std::vector<ScriptedBroker::Beat> ScriptedBroker::beats() const {
+std::vector<ScriptedBroker::Heartbeat> ScriptedBroker::heartbeats() const {
     const std::lock_guard lock(mutex_);
-    return beats_;
+    return heartbeats_;
 }
 
-bool ScriptedBroker::WaitForBeats(std::size_t count) const {
+bool ScriptedBroker::WaitForHeartbeats(std::size_t count) const {
     std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, kDeadline, [&] { return beats_.size() >= count; });
+    return changed_.wait_for(lock, kDeadline, [&] { return heartbeats_.size() >= count; });
 }
 
 namespace {
@@ -268,7 +268,7 @@ gorm::cor::rr::Deferred<std::string> ScriptedBroker::Dispatch(const gorm::cor::r
     const std::string operation(method);
     std::unique_lock lock(mutex_);
     if (operation == "SendHeartbeat") {
-        beats_.push_back(
+        heartbeats_.push_back(
             {params.via.array.ptr[0].as<std::string>(), std::chrono::steady_clock::now()});
     } else if (operation == "GetCapabilities") {
         ++capabilities_asked_;

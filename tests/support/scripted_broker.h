@@ -25,16 +25,15 @@
 
 namespace kvo::test {
 
-/// A broker whose every answer the test decides, on the real middleware. Without a script it
-/// accepts everything and, unless LocalTopics() is chosen for the run, offers nothing beyond the
-/// oldest broker's operations.
+/// A broker whose answers the test sets, on the real middleware. Without a script it accepts
+/// everything; it offers capabilities only if LocalTopics() is set for the run.
 /// Threads: any.
 class ScriptedBroker final : public gorm::cor::rr::Service {
 public:
     struct Failure {
         std::string text;  // the request is answered with this error
     };
-    struct Silence {};  // answered when Resume() or Stop() comes, as Always says
+    struct Silence {};  // answered by Always at Resume() or Stop()
     struct Nothing {};
     using Answer = std::variant<Nothing, bool, std::int32_t, std::string, std::vector<std::string>,
                                 StreamDescription, Failure, Silence>;
@@ -45,40 +44,39 @@ public:
     std::string uri() const;  // without a path
     std::string full_uri() const { return uri() + "/broker/Broker1"; }
     std::uint16_t notification_port() const { return notification_port_; }
-    /// Whether publishers tell subscribers by themselves, and count in the stream file.
+    /// Whether publishers wake subscribers through memory and the stream file has the counters.
     const bool local;
 
-    /// Answers every later call of the operation so.
+    /// Answers every later call of the operation.
     void Always(const std::string& operation, Answer answer);
-    /// Answers the next calls of the operation so, one each, before what Always says.
+    /// Answers the next calls of the operation, one each; Always answers those that follow.
     void Next(const std::string& operation, std::vector<Answer> answers);
     /// Ends the silence of all operations.
     void Resume();
 
-    /// Closes both ports, as a broker that dies; Start opens the same ones again.
+    /// Closes both ports, as a killed broker; Start opens the same ports again.
     void Stop();
     void Start();
 
-    /// What was called since the last Clear, in order, as "Operation(a, 1, true)": without
-    /// SendHeartbeat and GetCapabilities, whose time nobody fixes.
+    /// Calls since ClearCalls, in order, as "Operation(a, 1, true)". Without SendHeartbeat and
+    /// GetCapabilities, which arrive at any time.
     std::vector<std::string> calls() const;
     std::size_t Count(const std::string& prefix) const;
     bool WaitForCall(const std::string& prefix, std::size_t times = 1) const;
     void ClearCalls();
 
-    struct Beat {
+    struct Heartbeat {
         std::string id;
         std::chrono::steady_clock::time_point at;
     };
-    std::vector<Beat> beats() const;
-    bool WaitForBeats(std::size_t count) const;
+    std::vector<Heartbeat> heartbeats() const;
+    bool WaitForHeartbeats(std::size_t count) const;
 
-    /// Returns when a client has been told what this broker offers and has asked `client`
-    /// something after that, so that it knows.
+    /// Returns when the client has received the capabilities.
     void AwaitCapabilities(DataBrokerRegistrationSync& client) const;
 
     /// Sends one notification to the subscribers of the stream; waits for the first of them, unless
-    /// it is one that this broker does not see. @return false when nobody subscribed in time.
+    /// local topics hide it from the broker. @return false when none subscribed in time.
     bool Notify(const std::string& stream, std::uint32_t type);
     /// As Notify, but an event without a sample in it.
     bool NotifyBytes(const std::string& stream, const std::string& bytes);
@@ -105,7 +103,7 @@ private:
     std::map<std::string, Answer> always_;
     std::map<std::string, std::deque<Answer>> next_;
     std::vector<std::string> calls_;
-    std::vector<Beat> beats_;
+    std::vector<Heartbeat> heartbeats_;
     std::map<std::string, int> subscriptions_;  // by path
     int capabilities_asked_ = 0;
     int silence_ = 0;  // rises with every Resume

@@ -26,7 +26,7 @@ public:
     using Base::StopHeartbeat;
     using Base::VerifyPathInBrokerUri;
 
-    // Nothing tells when the thread's flag changes.
+    // Polls: a change of the flag raises no event.
     bool WaitForHeartbeat(bool running) {
         const auto deadline = std::chrono::steady_clock::now() + kDeadline;
         while (heartbeat_running() != running && std::chrono::steady_clock::now() < deadline) {
@@ -71,8 +71,8 @@ inline bool LoggedException(const CapturedLog& log, const std::string& part,
                               }) != lines.end();
 }
 
-/// Notifies until the line of that type is there. A subscription that takes the place of another
-/// needs a moment to reach the broker, and what was sent before is lost.
+/// Notifies until the line of that type is logged. A replaced subscription reaches the broker after
+/// a while, and notifications sent before are not delivered.
 inline bool NotifyUntil(ScriptedBroker& broker, const std::string& stream, std::uint32_t type,
                         const CapturedLog& log, const LogLine& line) {
     const auto deadline = std::chrono::steady_clock::now() + kDeadline;

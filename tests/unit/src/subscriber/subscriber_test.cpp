@@ -33,7 +33,7 @@ protected:
         return {};
     }
     bool Registered() {
-        return Register() == 1 && broker_.WaitForBeats(1) &&
+        return Register() == 1 && broker_.WaitForHeartbeats(1) &&
                log_.WaitFor({1, "KvoDataSubscriber: Notification subscription started..."});
     }
 
@@ -49,7 +49,7 @@ TEST_F(SubscriberTest, RegistersSubscribesAndUnregisters) {
               Calls({"GetHeartbeatTimeout()", "HasLocalPublisher(cam)",
                      "AddSubscriber(" + uuid + ", cam, \"\", 10000, 10)", "GetHeartbeatPeriod()",
                      "GetShmFilePath(cam)", "GetNotificationPort(cam)"}));
-    EXPECT_EQ(broker_.beats().front().id, uuid);
+    EXPECT_EQ(broker_.heartbeats().front().id, uuid);
     Lines lines = log_.lines();
     std::erase(lines, LogLine{1, "KvoDataTransferLib: HeartbeatThread started"});
     std::erase(lines, LogLine{1, "KvoDataSubscriber: Notification subscription started..."});
@@ -87,7 +87,7 @@ TEST_F(SubscriberTest, RegistersSubscribesAndUnregisters) {
     EXPECT_EQ(log_.Count("KvoDataSubscriber: NotificationSubscription already stopped"), 1U);
 }
 
-TEST_F(SubscriberTest, ChecksItsPathsBeforeItAsksTheBroker) {
+TEST_F(SubscriberTest, PathsAreCheckedBeforeTheBrokerIsCalled) {
     const struct {
         std::string broker_uri;
         std::string remote_broker_uri;
@@ -111,7 +111,7 @@ TEST_F(SubscriberTest, ChecksItsPathsBeforeItAsksTheBroker) {
     EXPECT_EQ(broker_.calls(), Calls());
 }
 
-TEST_F(SubscriberTest, WithoutAPublisherItIsNotRegistered) {
+TEST_F(SubscriberTest, MissingPublisherIsRejected) {
     broker_.Always("HasLocalPublisher", false);
     broker_.Always("HasRemotePublisher", false);
     EXPECT_EQ(Register(), -1);
@@ -125,7 +125,7 @@ TEST_F(SubscriberTest, WithoutAPublisherItIsNotRegistered) {
                      "HasRemotePublisher(" + kRemoteFull + ", cam)"}));
 }
 
-TEST_F(SubscriberTest, EveryRefusalIsReportedAndHandedOn) {
+TEST_F(SubscriberTest, RejectionIsLoggedAndReturned) {
     const struct {
         int code;
         const char* message;
@@ -145,7 +145,7 @@ TEST_F(SubscriberTest, EveryRefusalIsReportedAndHandedOn) {
     }
 }
 
-TEST_F(SubscriberTest, AFailedCallCountsAsRegisteredAndEachHasARandomIdentity) {
+TEST_F(SubscriberTest, FailedCallReturnsRegisteredAndIdentitiesAreRandom) {
     const std::regex version_4(
         "[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}");
     std::set<std::string> uuids;
@@ -165,17 +165,17 @@ TEST_F(SubscriberTest, AFailedCallCountsAsRegisteredAndEachHasARandomIdentity) {
     EXPECT_EQ(uuids.size(), 5U);
 }
 
-TEST_F(SubscriberTest, WithoutSharedMemoryItFails) {
+TEST_F(SubscriberTest, MissingSharedMemoryFails) {
     broker_.Always("GetShmFilePath", "/dev/shm/nowhere/at-all");
     EXPECT_EQ(Register(), -1);
     EXPECT_EQ(log_.Count("KvoDataSubscriber: KvoMemoryAccessor not initialized"), 1U);
     EXPECT_EQ(log_.Count("KvoDataSubscriber: KvoMemoryAccessor created"), 0U);
     EXPECT_EQ(subscriber_.ReadData(), nullptr);
-    EXPECT_TRUE(broker_.WaitForBeats(1));
+    EXPECT_TRUE(broker_.WaitForHeartbeats(1));
     EXPECT_EQ(subscriber_.UnregisterSubscriber(), 1);
 }
 
-TEST_F(SubscriberTest, ALostBrokerStopsItAndAReturnedOneRegistersItAgain) {
+TEST_F(SubscriberTest, LostConnectionStopsItAndAReturnedBrokerRegistersItAgain) {
     ASSERT_TRUE(Registered());
     const std::string uuid = Uuid();
     broker_.Stop();
@@ -196,12 +196,12 @@ TEST_F(SubscriberTest, ALostBrokerStopsItAndAReturnedOneRegistersItAgain) {
     EXPECT_EQ(log_.lines().front(), (LogLine{2, "KvoDataSubscriber: Reregister at Broker..."}));
     EXPECT_TRUE(LoggedException(log_, "too early", "KvoDataSubscriber: Reregister()"));
     EXPECT_TRUE(LoggedException(log_, "port unknown", "KvoDataSubscriber: Reregister()"));
-    EXPECT_TRUE(broker_.WaitForBeats(1));
+    EXPECT_TRUE(broker_.WaitForHeartbeats(1));
     EXPECT_TRUE(NotifyUntil(broker_, "cam", 2, log_,
                             {2, "KvoDataSubscriber: PUB_UNREG notification received"}));
 }
 
-TEST_F(SubscriberTest, AfterTenRefusalsItGivesUp) {
+TEST_F(SubscriberTest, ReregistrationEndsAfterTenRejections) {
     ASSERT_TRUE(Registered());
     broker_.Stop();
     ASSERT_TRUE(log_.WaitFor({4, "KvoDataSubscriber: Broker connection aborted"}));

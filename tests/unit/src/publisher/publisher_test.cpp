@@ -37,7 +37,7 @@ protected:
     PublisherProbe publisher_{log_.kvo_logger()};
 };
 
-TEST_F(PublisherTest, RegistersWriteReportsPublishesAndUnregisters) {
+TEST_F(PublisherTest, RegistersWritesPublishesAndUnregisters) {
     publisher_.SetQoS(-1, 0);
     ASSERT_EQ(publisher_.RegisterPublisher(broker_.uri(), "cam", true), 1);
     EXPECT_EQ(broker_.calls(),
@@ -56,8 +56,8 @@ TEST_F(PublisherTest, RegistersWriteReportsPublishesAndUnregisters) {
                             {1, "Number_of_samples: 4"},
                             {1, "KvoDataTransferLib: Broker connection established"},
                             {1, "KvoDataPublisher: KvoMemoryAccessor created"}}));
-    ASSERT_TRUE(broker_.WaitForBeats(1));
-    EXPECT_EQ(broker_.beats().front().id, "cam");
+    ASSERT_TRUE(broker_.WaitForHeartbeats(1));
+    EXPECT_EQ(broker_.heartbeats().front().id, "cam");
 
     publisher_.AwaitCapabilities(broker_);
     CapturedLog subscriber_log;
@@ -100,7 +100,7 @@ TEST_F(PublisherTest, RegistersWriteReportsPublishesAndUnregisters) {
     EXPECT_EQ(broker_.calls(), Calls());
 }
 
-TEST_F(PublisherTest, ChecksItsArgumentsBeforeItAsksTheBroker) {
+TEST_F(PublisherTest, ArgumentsAreCheckedBeforeTheBrokerIsCalled) {
     for (const auto& [size, samples] : {std::pair{0, 0}, {0, 4}, {64, 0}, {-1, 4}}) {
         publisher_.SetBufferSize(size, samples);
         log_.Clear();
@@ -119,7 +119,7 @@ TEST_F(PublisherTest, ChecksItsArgumentsBeforeItAsksTheBroker) {
     EXPECT_EQ(broker_.calls(), Calls());
 }
 
-TEST_F(PublisherTest, EveryRefusalIsReportedAndHandedOn) {
+TEST_F(PublisherTest, RejectionIsLoggedAndReturned) {
     const LogLine error{4, "KvoDataPublisher: Error registering Publisher"};
     const struct {
         int code;
@@ -164,7 +164,7 @@ TEST_F(PublisherTest, EveryRefusalIsReportedAndHandedOn) {
     EXPECT_EQ(broker_.calls(), Calls({"GetHeartbeatTimeout()", "IsStreamIdFree(cam)"}));
 }
 
-TEST_F(PublisherTest, AFailedCallEndsTheRegistrationWithItsOwnResult) {
+TEST_F(PublisherTest, FailedCallEndsTheRegistrationWithItsResult) {
     const struct {
         const char* operation;
         int result;
@@ -193,19 +193,19 @@ TEST_F(PublisherTest, AFailedCallEndsTheRegistrationWithItsOwnResult) {
     }
 }
 
-TEST_F(PublisherTest, WithoutSharedMemoryItFailsButStaysRegistered) {
+TEST_F(PublisherTest, MissingSharedMemoryFailsButStaysRegistered) {
     broker_.Always("GetShmFilePath", "/dev/shm/nowhere/at-all");
     EXPECT_EQ(Register(), -1);
     EXPECT_EQ(log_.Count("KvoDataPublisher: KvoMemoryAccessor not initialized"), 1U);
     EXPECT_EQ(log_.Count("KvoDataPublisher: KvoMemoryAccessor created"), 1U);
-    EXPECT_TRUE(broker_.WaitForBeats(1));
+    EXPECT_TRUE(broker_.WaitForHeartbeats(1));
     EXPECT_THROW(publisher_.WriteData(1, {1}, {}), std::logic_error);
     EXPECT_EQ(publisher_.UnregisterPublisher(), 1);
 }
 
-TEST_F(PublisherTest, FailuresOfPublishingAndUnregisteringAreLogged) {
+TEST_F(PublisherTest, FailedPublishingAndUnregisteringIsLogged) {
     ASSERT_EQ(Register(), 1);
-    ASSERT_TRUE(broker_.WaitForBeats(1));
+    ASSERT_TRUE(broker_.WaitForHeartbeats(1));
     broker_.Next("RemovePublisher", {Failure{"busy"}});
     EXPECT_EQ(publisher_.UnregisterPublisher(), -1);
     EXPECT_TRUE(LoggedException(log_, "busy", "KvoDataPublisher: UnregisterPublisher()"));
@@ -217,9 +217,9 @@ TEST_F(PublisherTest, FailuresOfPublishingAndUnregisteringAreLogged) {
     EXPECT_EQ(log_.Count("thrown in KvoDataPublisher: UnregisterPublisher()"), 2U);
 }
 
-TEST_F(PublisherTest, ALostBrokerStopsItAndAReturnedOneRegistersItAgain) {
+TEST_F(PublisherTest, LostConnectionStopsItAndAReturnedBrokerRegistersItAgain) {
     ASSERT_EQ(Register(), 1);
-    ASSERT_TRUE(broker_.WaitForBeats(1));
+    ASSERT_TRUE(broker_.WaitForHeartbeats(1));
     broker_.Stop();
     ASSERT_TRUE(log_.WaitFor({4, "KvoDataPublisher: Broker connection aborted"}));
     EXPECT_FALSE(publisher_.get_connected_to_broker());
@@ -234,7 +234,7 @@ TEST_F(PublisherTest, ALostBrokerStopsItAndAReturnedOneRegistersItAgain) {
     EXPECT_EQ(log_.lines().front(), (LogLine{2, "KvoDataPublisher: Reregister at Broker..."}));
     EXPECT_EQ(broker_.calls(),
               Calls({"AddPublisher(cam, 10000, 10, 64, 4, false, key-1)", "GetHeartbeatPeriod()"}));
-    EXPECT_TRUE(broker_.WaitForBeats(1));
+    EXPECT_TRUE(broker_.WaitForHeartbeats(1));
     publisher_.WriteData(2, {2}, {});
     EXPECT_TRUE(broker_.local || broker_.WaitForCall("ReportDataWritten(cam, 1, "));
     EXPECT_EQ(file_->writer_state().written, 1U);

@@ -50,7 +50,7 @@ protected:
     SubscriberProbe subscriber_{log_.kvo_logger()};
 };
 
-TEST_F(NotificationTest, EachTypeIsLoggedWithItsLevelAndAnEventWithoutASampleIsNot) {
+TEST_F(NotificationTest, EachTypeIsLoggedAndAnEventWithoutSampleIsNot) {
     const struct {
         std::uint32_t type;
         LogLine line;
@@ -73,7 +73,7 @@ TEST_F(NotificationTest, EachTypeIsLoggedWithItsLevelAndAnEventWithoutASampleIsN
     EXPECT_EQ(log_.lines(), Lines({kUnknownLine}));
 }
 
-TEST_F(NotificationTest, TheMemoryFollowsThePublishersLife) {
+TEST_F(NotificationTest, MemoryFollowsThePublisher) {
     Write(1);
     Notify(kPubUnreg);
     EXPECT_EQ(ReadTag(), 1);
@@ -86,7 +86,7 @@ TEST_F(NotificationTest, TheMemoryFollowsThePublishersLife) {
     EXPECT_EQ(ReadTag(), 3);
 }
 
-TEST_F(NotificationTest, AStopDuringAHandlerReturnsAtOnceAndTheThreadWaitsForIt) {
+TEST_F(NotificationTest, StopReturnsAtOnceAndTheThreadWaitsForTheHandler) {
     std::promise<void> entered;
     std::promise<void> leave;
     subscriber_.connect([&] {

@@ -12,7 +12,7 @@
 namespace kvo::test {
 namespace {
 
-TEST(BrokerUri, PathIsAppendedKeptOrRefused) {
+TEST(BrokerUri, PathIsAppendedKeptOrRejected) {
     const struct {
         const char* given;
         const char* expected;  // null: refused
@@ -41,7 +41,7 @@ TEST(BrokerUri, PathIsAppendedKeptOrRefused) {
     }
 }
 
-TEST(VirtualInterface, OperationsOfTheOtherKindAnswerZeroAndDoNothing) {
+TEST(VirtualInterface, OperationsOfTheOtherKindReturnZeroAndDoNothing) {
     CapturedLog log;
     const std::unique_ptr<KvoDataTransferLib> objects[] = {
         KvoDataTransferFactory::CreateTransferLib(log.kvo_logger()),
@@ -62,7 +62,7 @@ TEST(VirtualInterface, OperationsOfTheOtherKindAnswerZeroAndDoNothing) {
     EXPECT_EQ(log.lines(), Lines());
 }
 
-TEST(Ownership, ObjectsWriteToTheLoggerTheyWereGivenAndToNone) {
+TEST(Ownership, ObjectsLogToTheGivenLoggerOrToNone) {
     const log4cplus::Initializer initializer;
     const TempDirectory directory;
     const std::string file = directory.path() / "log";

@@ -69,7 +69,7 @@ TEST_F(Statistics, TheReplyIsTakenApartFieldByField) {
     }
 }
 
-TEST_F(Statistics, ListsPassThroughAndFailuresGiveNone) {
+TEST_F(Statistics, ListsPassThroughAndFailuresReturnEmptyOnes) {
     broker_.Always("ListRegisteredStreams", Strings{"b", "a"});
     broker_.Always("ListConnectedBrokers", Strings{"wkp.rr://far:5000"});
     KvoStatisticsClient client(log_.kvo_logger(), broker_.full_uri());
@@ -86,7 +86,7 @@ TEST_F(Statistics, ListsPassThroughAndFailuresGiveNone) {
         LoggedException(log_, "brokers unknown", "KvoStatisticsClient: GetConnectedBrokers()"));
 }
 
-TEST_F(Statistics, ASilentBrokerFailsTheQueryAfterThreeSeconds) {
+TEST_F(Statistics, QueryOfASilentBrokerFailsAfterThreeSeconds) {
     KvoStatisticsClient client(log_.kvo_logger(), broker_.uri());
     broker_.Always("GetStreamStatistics", ScriptedBroker::Silence{});
     const auto begin = std::chrono::steady_clock::now();
@@ -98,7 +98,7 @@ TEST_F(Statistics, ASilentBrokerFailsTheQueryAfterThreeSeconds) {
         LoggedException(log_, "GetStreamStatistics", "KvoStatisticsClient: get_statistics()"));
 }
 
-TEST_F(Statistics, AnUnusableUriLeavesAClientWhoseQueriesFail) {
+TEST_F(Statistics, QueriesFailAfterAnInvalidUri) {
     KvoStatisticsClient client(log_.kvo_logger(), "no uri");
     EXPECT_EQ(log_.Count("Invalid URI!"), 1U);
     EXPECT_TRUE(LoggedException(log_, "", "KvoStatisticsClient: Init()"));

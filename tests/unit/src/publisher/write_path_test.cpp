@@ -13,8 +13,8 @@ thread_local int allocations = 0;
 
 }  // namespace
 
-// Every allocation of the process goes through here; counted are those of a thread that asks.
-// Not inlined, since half of a pair in a caller looks like a mismatch to the compiler.
+// Counts the allocations of a thread that sets `counting`. Not inlined, since the compiler takes
+// half of a pair in a caller for a mismatch.
 [[gnu::noinline]] void* operator new(std::size_t size) {
     if (counting) {
         ++allocations;
@@ -40,7 +40,7 @@ namespace {
 TEST(WritePath, AllocatesNothingAndLogsNothing) {
     constexpr int kWrites = 2000;  // many times around the slots
     CapturedLog log;
-    // A broker that has to be told of every sample is sent messages, which are allocated.
+    // Without local topics every sample is a message, which is allocated.
     ::setenv("KVO_TEST_LOCAL_TOPICS", "true", 1);
     ScriptedBroker broker;
     ::unsetenv("KVO_TEST_LOCAL_TOPICS");
@@ -70,7 +70,7 @@ TEST(WritePath, AllocatesNothingAndLogsNothing) {
         EXPECT_EQ(broker.calls(), Calls({"RemovePublisher(cam)"}));
     }
     counting = true;
-    const auto proof = std::make_unique<int>(1);  // that allocations are seen at all
+    const auto proof = std::make_unique<int>(1);  // an allocation is counted
     counting = false;
     EXPECT_EQ(allocations, 1);
 }

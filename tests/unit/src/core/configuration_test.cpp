@@ -35,7 +35,7 @@ std::string Section(const std::string& lines) {
     return "; a comment\n[other]\nreply_time = 99\n[datatransferlib]\n" + lines;
 }
 
-TEST(Configuration, ValuesBelowTheirBoundGoBackToTheDefault) {
+TEST(Configuration, ValueBelowItsBoundIsResetToTheDefault) {
     const struct {
         const char* content;
         Lines age_warning;
@@ -71,7 +71,7 @@ TEST(Configuration, ValuesBelowTheirBoundGoBackToTheDefault) {
     }
 }
 
-TEST(Configuration, AFileThatLacksAValueIsAnErrorOfTheConstructor) {
+TEST(Configuration, MissingOrMalformedValueThrowsFromTheConstructor) {
     for (const char* content :
          {"max_age_data_sample = 3000\n", "max_age_data_sample = 3000\nreply_time = six\n",
           "max_age_data_sample = 3000\nreply_time = 6.5\n"}) {
@@ -91,7 +91,7 @@ TEST(Configuration, AFileThatLacksAValueIsAnErrorOfTheConstructor) {
                  boost::property_tree::ptree_bad_data);
 }
 
-TEST(Configuration, WithoutAReadableFileTheDefaultsHold) {
+TEST(Configuration, UnreadableFileLeavesTheDefaults) {
     CapturedLog log;
     KvoDataTransferFactory::CreateSubscriber(log.kvo_logger());
     EXPECT_EQ(log.lines(), Lines({{3, "KVO_TRANSFERCONFIG_PATH not initialized!"},

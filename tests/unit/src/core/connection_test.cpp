@@ -18,7 +18,7 @@ protected:
     TransferProbe object_{log_.kvo_logger()};
 };
 
-TEST_F(ConnectionTest, TheReplyTimeStaysBelowTheHeartbeatTimeout) {
+TEST_F(ConnectionTest, ReplyTimeIsLoweredBelowTheHeartbeatTimeout) {
     const struct {
         int timeout;
         int reply_time;  // afterwards; 6 before
@@ -54,7 +54,7 @@ TEST_F(ConnectionTest, TheClientInUseCarriesTheLoweredReplyTime) {
     EXPECT_EQ(object_.GetBrokerClient(), nullptr);
 }
 
-TEST_F(ConnectionTest, AFailedTimeoutQueryIsLoggedAndTheConnectionStands) {
+TEST_F(ConnectionTest, FailedTimeoutQueryIsLoggedAndTheConnectionStands) {
     broker_.Always("GetHeartbeatTimeout", ScriptedBroker::Failure{"ask later"});
     EXPECT_EQ(object_.InitCOR(broker_.full_uri()), 1);
     EXPECT_EQ(object_.transfer().reply_time, 6);
@@ -62,7 +62,7 @@ TEST_F(ConnectionTest, AFailedTimeoutQueryIsLoggedAndTheConnectionStands) {
     EXPECT_EQ(log_.lines().back(), kEstablished);
 }
 
-TEST_F(ConnectionTest, WithoutABrokerItFailsAfterTenSeconds) {
+TEST_F(ConnectionTest, MissingBrokerFailsAfterTenSeconds) {
     broker_.Stop();
     object_.transfer().reply_time = 1;
     const auto begin = std::chrono::steady_clock::now();
@@ -75,7 +75,7 @@ TEST_F(ConnectionTest, WithoutABrokerItFailsAfterTenSeconds) {
     EXPECT_FALSE(object_.transfer().connected_to_broker);
 }
 
-TEST_F(ConnectionTest, ATextThatNamesNoBrokerIsTheCallersError) {
+TEST_F(ConnectionTest, InvalidUriThrows) {
     PublisherProbe publisher(log_.kvo_logger());
     publisher.SetBufferSize(64, 4);
     EXPECT_THROW(publisher.RegisterPublisher("://:5000", "cam", false), network::uri_syntax_error);

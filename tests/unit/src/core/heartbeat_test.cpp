@@ -26,19 +26,19 @@ protected:
     TransferProbe object_;
 };
 
-TEST_F(HeartbeatTest, OneBeatAPeriodTheFirstAfterOnePeriodAndAFailedOneIsLogged) {
+TEST_F(HeartbeatTest, OneHeartbeatIsSentPerPeriodAndAFailedOneIsLogged) {
     const ScriptedBroker::Failure failure{"not you"};
     broker_.Next("SendHeartbeat", {failure, failure});
     const auto begin = steady_clock::now();
     object_.StartHeartbeat(1, "cam");
-    ASSERT_TRUE(broker_.WaitForBeats(3));
+    ASSERT_TRUE(broker_.WaitForHeartbeats(3));
     object_.StopHeartbeat();
     auto before = begin;
-    for (const ScriptedBroker::Beat& beat : broker_.beats()) {
-        EXPECT_EQ(beat.id, "cam");
-        EXPECT_GT(beat.at - before, milliseconds(900));
-        EXPECT_LT(beat.at - before, seconds(4));
-        before = beat.at;
+    for (const ScriptedBroker::Heartbeat& heartbeat : broker_.heartbeats()) {
+        EXPECT_EQ(heartbeat.id, "cam");
+        EXPECT_GT(heartbeat.at - before, milliseconds(900));
+        EXPECT_LT(heartbeat.at - before, seconds(4));
+        before = heartbeat.at;
     }
     EXPECT_EQ(log_.lines().size(), 5U);
     EXPECT_EQ(log_.lines().front(), kStarted);
@@ -46,7 +46,7 @@ TEST_F(HeartbeatTest, OneBeatAPeriodTheFirstAfterOnePeriodAndAFailedOneIsLogged)
     EXPECT_EQ(log_.Count("thrown in KvoDataTransferLib: HeartbeatThread()"), 2U);
 }
 
-TEST_F(HeartbeatTest, APeriodBelowOneStartsNothing) {
+TEST_F(HeartbeatTest, PeriodBelowOneStartsNoHeartbeat) {
     for (const int period : {0, -5}) {
         log_.Clear();
         object_.StartHeartbeat(period, "cam");
@@ -55,10 +55,10 @@ TEST_F(HeartbeatTest, APeriodBelowOneStartsNothing) {
         object_.StopHeartbeat();  // returns at once, twice
         object_.StopHeartbeat();
     }
-    EXPECT_TRUE(broker_.beats().empty());
+    EXPECT_TRUE(broker_.heartbeats().empty());
 }
 
-TEST_F(HeartbeatTest, AStopWakesTheThreadAndAStartBeginsAgain) {
+TEST_F(HeartbeatTest, StopWakesTheThreadAndStartBeginsAgain) {
     for (int i = 0; i < 3; ++i) {
         log_.Clear();
         object_.StartHeartbeat(3600, "cam");
@@ -71,7 +71,7 @@ TEST_F(HeartbeatTest, AStopWakesTheThreadAndAStartBeginsAgain) {
     }
 }
 
-TEST_F(HeartbeatTest, AStopRightAfterAStartReturnsWhetherTheThreadRunsYetOrNot) {
+TEST_F(HeartbeatTest, StopRightAfterStartReturns) {
     for (int i = 0; i < 300; ++i) {
         object_.StartHeartbeat(3600, "cam");
         object_.StopHeartbeat();

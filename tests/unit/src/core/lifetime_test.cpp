@@ -32,7 +32,7 @@ protected:
     ScriptedBroker broker_;
 };
 
-TEST_F(LifetimeTest, DestroyedOrUnregisteredWhileTheBrokerIsAwayItDoesNotComeBack) {
+TEST_F(LifetimeTest, DestroyedOrUnregisteredWithoutBrokerDoesNotRegisterAgain) {
     CapturedLog log;
     auto publisher = MakePublisher(log);
     auto subscriber = MakeSubscriber(log);
@@ -61,7 +61,7 @@ TEST_F(LifetimeTest, DestroyedOrUnregisteredWhileTheBrokerIsAwayItDoesNotComeBac
     EXPECT_EQ(broker_.Count("AddSubscriber"), 0U);
 }
 
-TEST_F(LifetimeTest, DestroyedWhileTheBrokerComesBack) {
+TEST_F(LifetimeTest, DestroyedWhileTheBrokerReturns) {
     broker_.Always("GetHeartbeatTimeout", 2);  // a reply time of one second
     for (int round = 0; round < 6; ++round) {
         auto log = std::make_unique<CapturedLog>();
@@ -85,7 +85,7 @@ TEST_F(LifetimeTest, DestroyedWhileTheBrokerComesBack) {
     }
 }
 
-TEST_F(LifetimeTest, DestroyedRightAfterARegistrationItsThreadsEnd) {
+TEST_F(LifetimeTest, DestroyedRightAfterRegistrationEndsItsThreads) {
     for (int round = 0; round < 20; ++round) {
         CapturedLog log;
         MakePublisher(log);
@@ -93,7 +93,7 @@ TEST_F(LifetimeTest, DestroyedRightAfterARegistrationItsThreadsEnd) {
     }
 }
 
-TEST_F(LifetimeTest, ASlotMayDestroyItsOwnSubscriber) {
+TEST_F(LifetimeTest, SlotMayDestroyItsSubscriber) {
     CapturedLog log;
     const auto writer = OpenWriter(broker_.stream_path(), "cam", 64, log.kvo_logger());
     auto subscriber = MakeSubscriber(log);
@@ -112,7 +112,7 @@ TEST_F(LifetimeTest, ASlotMayDestroyItsOwnSubscriber) {
     EXPECT_EQ(calls, 1);
 }
 
-TEST_F(LifetimeTest, ASecondRegistrationReplacesTheFirst) {
+TEST_F(LifetimeTest, SecondRegistrationReplacesTheFirst) {
     CapturedLog log;
     auto subscriber = MakeSubscriber(log);
     int first = 0;
@@ -133,7 +133,7 @@ TEST_F(LifetimeTest, ASecondRegistrationReplacesTheFirst) {
     EXPECT_EQ(second, 1);
 }
 
-TEST_F(LifetimeTest, InAForkedChildEveryOperationFailsAtOnce) {
+TEST_F(LifetimeTest, EveryOperationFailsAtOnceInAForkedChild) {
     CapturedLog log;
     auto publisher = MakePublisher(log);
     auto subscriber = MakeSubscriber(log);
