@@ -80,7 +80,7 @@ TEST_F(LifetimeTest, DestroyedWhileTheBrokerReturns) {
         }
         publisher.reset();
         subscriber.reset();
-        log.reset();  // nobody writes to it any more
+        log.reset();  // no thread writes to it any more
         broker_.Resume();
     }
 }
