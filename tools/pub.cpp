@@ -1,4 +1,4 @@
-// kvo pub: a file, standard input or this host's telemetry becomes a stream.
+// kvo pub: a file or standard input becomes a stream.
 #include "broker_probe.h"
 #include "command.h"
 #include "kvo/KvoDataTransferFactory.h"
@@ -20,8 +20,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Room for a line of telemetry; a longer one would be a fault here.
-constexpr int kTelemetryBytes = 1024;
 constexpr std::chrono::milliseconds kBrokerPoll{50};
 // The library registers again within this once the broker answers, or not at all.
 constexpr std::chrono::seconds kReregistration{15};
@@ -31,8 +29,6 @@ struct PubOptions {
     std::string file;
     int chunk_bytes = 64 * 1024;
     bool lines = false;
-    bool telemetry = false;
-    double interval_s = 1;
     double rate = 0;  // samples per second; 0: as fast as they come
     std::uint64_t count = 0;
     int samples = 64;
@@ -43,16 +39,10 @@ struct PubOptions {
 };
 
 int MaxSampleBytes(const PubOptions& options) {
-    if (options.max_sample_bytes > 0) {
-        return options.max_sample_bytes;
-    }
-    return options.telemetry ? kTelemetryBytes : options.chunk_bytes;
+    return options.max_sample_bytes > 0 ? options.max_sample_bytes : options.chunk_bytes;
 }
 
 std::unique_ptr<SampleSource> OpenSource(const PubOptions& options) {
-    if (options.telemetry) {
-        return std::make_unique<TelemetrySource>(std::chrono::duration<double>(options.interval_s));
-    }
     if (options.lines) {
         return std::make_unique<LineSource>(InputStream(options.file),
                                             static_cast<std::size_t>(MaxSampleBytes(options)));
@@ -207,26 +197,15 @@ ExitCode Publish(const PubOptions& options, const CommonOptions& common) {
 
 void AddPub(CLI::App& app, Action& action) {
     const auto options = std::make_shared<PubOptions>();
-    CLI::App* pub = app.add_subcommand(
-        "pub", "Publish a file, standard input or this host's telemetry as a stream");
+    CLI::App* pub = app.add_subcommand("pub", "Publish a file or standard input as a stream");
     pub->add_option("STREAM", options->stream, "Name of the stream")->required();
-    CLI::Option* file =
-        pub->add_option("FILE", options->file, "What to publish; - or nothing: standard input");
+    pub->add_option("FILE", options->file, "What to publish; - or nothing: standard input");
     CLI::Option* chunk =
         pub->add_option("--chunk", options->chunk_bytes, "Bytes of each sample (64KiB, 1MiB, ...)")
             ->transform(CLI::AsSizeValue(false))
             ->check(CLI::PositiveNumber)
             ->capture_default_str();
-    CLI::Option* lines = pub->add_flag("--lines", options->lines, "One sample per line");
-    lines->excludes(chunk);
-    CLI::Option* telemetry = pub->add_flag(
-        "--telemetry", options->telemetry,
-        "Processor, memory, load and network counters of this host, one line of JSON per sample");
-    telemetry->excludes(file)->excludes(chunk)->excludes(lines);
-    pub->add_option("--interval", options->interval_s, "Seconds between telemetry samples")
-        ->needs(telemetry)
-        ->check(CLI::Range(0.001, 86400.0))
-        ->capture_default_str();
+    pub->add_flag("--lines", options->lines, "One sample per line")->excludes(chunk);
     pub->add_option("--rate", options->rate, "Samples per second at most; default: no limit")
         ->check(CLI::Range(0.001, 1e9));
     pub->add_option("--count", options->count, "End after so many samples")

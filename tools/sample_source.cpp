@@ -111,22 +111,4 @@ std::optional<std::span<const unsigned char>> LineSource::Next(StopSignal& stop)
     return rest;
 }
 
-TelemetrySource::TelemetrySource(std::chrono::duration<double> interval)
-    : interval_(std::chrono::duration_cast<std::chrono::steady_clock::duration>(interval)) {}
-
-std::optional<std::span<const unsigned char>> TelemetrySource::Next(StopSignal& stop) {
-    stop.WaitUntil(due_);
-    if (stop.requested()) {
-        return std::nullopt;
-    }
-    const auto now = std::chrono::steady_clock::now();
-    due_ += interval_;
-    if (due_ <= now) {
-        // The first one, or readings were missed: they are not made up for.
-        due_ = now + interval_;
-    }
-    line_ = telemetry_.Sample(std::chrono::system_clock::now(), now);
-    return AsBytes(line_);
-}
-
 }  // namespace kvo::tools

@@ -2,9 +2,7 @@
 
 #include "kvo/os/file_descriptor.h"
 #include "stop_signal.h"
-#include "telemetry.h"
 
-#include <chrono>
 #include <cstddef>
 #include <optional>
 #include <span>
@@ -61,19 +59,6 @@ private:
     std::size_t begin_ = 0;  // of what was not given out yet, within buffer_
     std::size_t end_ = 0;
     std::size_t line_number_ = 0;
-};
-
-/// A reading of the host's counters now and after each interval.
-class TelemetrySource final : public SampleSource {
-public:
-    explicit TelemetrySource(std::chrono::duration<double> interval);
-    std::optional<std::span<const unsigned char>> Next(StopSignal& stop) override;
-
-private:
-    const std::chrono::steady_clock::duration interval_;
-    std::chrono::steady_clock::time_point due_;  // of the next reading; the first one is due
-    Telemetry telemetry_;
-    std::string line_;
 };
 
 }  // namespace kvo::tools

@@ -74,7 +74,6 @@ class KvoTool(unittest.TestCase):
             (2, ("pub",), None, ("STREAM",)),
             (2, ("pub", "s", "--lines", "--chunk", "5"), None, ("--chunk",)),
             (2, ("pub", "s", "--chunk", "-5"), None, ("--chunk",)),
-            (2, ("pub", "s", "--interval", "1"), None, ("--telemetry",)),
             (2, ("ls",), "http://127.0.0.1:80", ("names no broker", "wkp.rr://")),
             (2, ("ls",), "no uri at all", ("wkp.rr://",)),
             (2, ("ls",), "wkp.rr://127.0.0.1:5000/wrong", ("names no broker",)),
