@@ -4,6 +4,8 @@ add_library(kvo-build-settings INTERFACE)
 target_compile_options(kvo-build-settings INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual -Wconversion
   $<$<BOOL:${KVO_WARNINGS_AS_ERRORS}>:-Werror>
+  # Of sources that are compiled together, only the one that includes them counts as no header.
+  $<$<AND:$<BOOL:${CMAKE_UNITY_BUILD}>,$<CXX_COMPILER_ID:GNU>>:-Wno-subobject-linkage>
   -fstack-protector-strong
   # Names are bound when a library is loaded: a table to jump through would be one more page of code
   # that a sample's way touches.

@@ -186,6 +186,7 @@ Setting List(const char* key, const char* help, bool at_run_time, Member member,
             }};
 }
 
+// NOLINTNEXTLINE(readability-function-size): one entry after the other
 std::vector<Setting> MakeSettings() {
     constexpr std::int64_t kMostPort = 65535;
     constexpr std::int64_t kMost = std::numeric_limits<std::int32_t>::max();

@@ -47,10 +47,10 @@ public:
     ~Impl();
 
     // Constant once the broker runs
-    std::string uri_;
-    std::string directory_path_;
-    std::uint16_t port_ = 0;
-    std::uint16_t notification_port_ = 0;
+    std::string uri;
+    std::string directory_path;
+    std::uint16_t port = 0;
+    std::uint16_t notification_port = 0;
 
     BrokerState State();
     void Reconfigure(const BrokerOptions& options);
@@ -128,10 +128,10 @@ Broker::Impl::~Impl() {
 }
 
 void Broker::Impl::Start(const BrokerOptions& options) {
-    directory_path_ =
+    directory_path =
         options.directory.empty() ? DefaultDirectory(options.port) : options.directory;
-    directory_ = std::make_unique<BrokerDirectory>(directory_path_, options.file_access);
-    files_ = std::make_unique<StreamFiles>(directory_path_, options.memory_budget_bytes,
+    directory_ = std::make_unique<BrokerDirectory>(directory_path, options.file_access);
+    files_ = std::make_unique<StreamFiles>(directory_path, options.memory_budget_bytes,
                                            options.spare_slots, directory_->processes(),
                                            options.file_access);
     processes_ = std::make_unique<LockedProcesses>(directory_->processes());
@@ -139,8 +139,8 @@ void Broker::Impl::Start(const BrokerOptions& options) {
         std::make_unique<SupervisedTime>([] { return std::chrono::steady_clock::now(); }, kTick);
     gorm::cor::Serving serving;
     serving.runtime_directory = options.runtime_directory;
-    serving.note = "a broker with the directory " + directory_path_;
-    serving.topic_directory = options.local_topics ? directory_path_ + "/topics" : "";
+    serving.note = "a broker with the directory " + directory_path;
+    serving.topic_directory = options.local_topics ? directory_path + "/topics" : "";
     // A reader of samples tells the publisher when it sleeps.
     serving.topic_access = {options.file_access.shared_mode(), options.file_access.group};
     if (!options.secret_key_file.empty()) {
@@ -151,7 +151,7 @@ void Broker::Impl::Start(const BrokerOptions& options) {
     }
     publisher_ = std::make_unique<gorm::cor::ps::Publisher>(
         loop_, Uri("wkp.ps", options.address, options.notification_port, "/"), serving);
-    notification_port_ = publisher_->port();
+    notification_port = publisher_->port();
     topics_ = std::make_unique<Topics>(*publisher_);
     registry_ = std::make_unique<StreamRegistry>(
         RegistrySettingsOf(options), *files_, *processes_, *time_,
@@ -164,7 +164,7 @@ void Broker::Impl::Start(const BrokerOptions& options) {
     });
     registry_->Adopt(files_->Sweep([this](const std::string& text) { Log(3, text); }));
     federation_ = std::make_unique<Federation>(
-        Federation::Settings{BrokerNameOf(options, notification_port_), options.federation,
+        Federation::Settings{BrokerNameOf(options, notification_port), options.federation,
                              options.exported_streams,
                              publisher_->serves_local() ? serving.topic_directory : "",
                              options.make_federation_engine},
@@ -178,7 +178,7 @@ void Broker::Impl::Start(const BrokerOptions& options) {
                                    [this](const StreamName& stream) { topics_->Relay(stream); }},
         RequestHandler::Answers{static_cast<std::int32_t>(options.heartbeat_period.count()),
                                 static_cast<std::int32_t>(options.heartbeat_timeout.count()),
-                                notification_port_, Capabilities()});
+                                notification_port, Capabilities()});
     service_ = std::make_unique<DataBrokerRegistrationService<RequestHandler>>(*handler_);
     gate_ = std::make_unique<RequestGate>(RequestLimitsOf(options));
     gated_service_ = std::make_unique<GatedService>(
@@ -191,10 +191,10 @@ void Broker::Impl::Start(const BrokerOptions& options) {
     processes_->SetConnected([this](const os::ProcessIdentity& identity) {
         return server_->Connected(std::string(identity.begin(), identity.end()));
     });
-    port_ = server_->port();
-    uri_ = Uri("wkp.rr", options.address, port_, "").string();
-    Log(2, "listening at " + uri_ + ", notifications at port " +
-               std::to_string(notification_port_) + ", stream files in " + directory_path_);
+    port = server_->port();
+    uri = Uri("wkp.rr", options.address, port, "").string();
+    Log(2, "listening at " + uri + ", notifications at port " +
+               std::to_string(notification_port) + ", stream files in " + directory_path);
 }
 
 std::vector<std::string> Broker::Impl::Capabilities() const {
@@ -202,7 +202,7 @@ std::vector<std::string> Broker::Impl::Capabilities() const {
     if (publisher_->serves_local()) {
         capabilities.push_back(kLocalAccountingCapability);
         capabilities.push_back(std::string(kLocalTopicsCapability) + " " +
-                               std::to_string(notification_port_));
+                               std::to_string(notification_port));
     }
     return capabilities;
 }
@@ -326,19 +326,19 @@ Broker::Broker(const BrokerOptions& options, KvoLogger* logger)
 Broker::~Broker() = default;
 
 std::uint16_t Broker::port() const {
-    return impl_->port_;
+    return impl_->port;
 }
 
 std::uint16_t Broker::notification_port() const {
-    return impl_->notification_port_;
+    return impl_->notification_port;
 }
 
 const std::string& Broker::directory() const {
-    return impl_->directory_path_;
+    return impl_->directory_path;
 }
 
 std::string Broker::uri() const {
-    return impl_->uri_;
+    return impl_->uri;
 }
 
 BrokerState Broker::State() const {
