@@ -128,8 +128,7 @@ Broker::Impl::~Impl() {
 }
 
 void Broker::Impl::Start(const BrokerOptions& options) {
-    directory_path =
-        options.directory.empty() ? DefaultDirectory(options.port) : options.directory;
+    directory_path = options.directory.empty() ? DefaultDirectory(options.port) : options.directory;
     directory_ = std::make_unique<BrokerDirectory>(directory_path, options.file_access);
     files_ = std::make_unique<StreamFiles>(directory_path, options.memory_budget_bytes,
                                            options.spare_slots, directory_->processes(),
@@ -193,8 +192,8 @@ void Broker::Impl::Start(const BrokerOptions& options) {
     });
     port = server_->port();
     uri = Uri("wkp.rr", options.address, port, "").string();
-    Log(2, "listening at " + uri + ", notifications at port " +
-               std::to_string(notification_port) + ", stream files in " + directory_path);
+    Log(2, "listening at " + uri + ", notifications at port " + std::to_string(notification_port) +
+               ", stream files in " + directory_path);
 }
 
 std::vector<std::string> Broker::Impl::Capabilities() const {

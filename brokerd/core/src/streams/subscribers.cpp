@@ -7,7 +7,7 @@
 namespace kvo::brokerd {
 namespace {
 
-constexpr std::int32_t kNotRegistered = -1;
+constexpr std::int32_t kSubscriberUnknown = -1;
 // A client unregisters before it ends its heartbeats.
 constexpr std::chrono::seconds kDepartureGrace{5};
 
@@ -38,10 +38,10 @@ Verdict Subscribers::Remove(const ClientIdentity& caller, const StreamName& name
     const auto found = stream == nullptr ? decltype(stream->subscribers)::iterator()
                                          : stream->subscribers.find(subscriber);
     if (stream == nullptr || found == stream->subscribers.end()) {
-        return {kNotRegistered, Titled(name) + " has no subscriber " + Quoted(subscriber)};
+        return {kSubscriberUnknown, Titled(name) + " has no subscriber " + Quoted(subscriber)};
     }
     if (!found->second.Is(caller)) {
-        return {kNotRegistered,
+        return {kSubscriberUnknown,
                 Titled(name) + ": subscriber " + Quoted(subscriber) + " is of another process"};
     }
     stream->subscribers.erase(found);
