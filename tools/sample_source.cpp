@@ -13,14 +13,6 @@
 #include <utility>
 
 namespace kvo::tools {
-namespace {
-
-std::span<const unsigned char> AsBytes(const std::string& text) {
-    return {reinterpret_cast<const unsigned char*>(text.data()), text.size()};
-}
-
-}  // namespace
-
 InputStream::InputStream(const std::string& path) : name_(path) {
     if (path.empty() || path == "-") {
         name_ = "standard input";
