@@ -43,7 +43,7 @@ class KvoBroker(unittest.TestCase):
                 (1, ("--port", str(other.port), *own),
                  (f"process {other.pid}", other.directory)),
                 (1, ("--port", "0", "--http-port", port, *own), (f"127.0.0.1:{port}",)),
-                (1, ("--port", "0", "--directory", public), (public, "everybody")),
+                (1, ("--port", "0", "--directory", public), (public, "all users")),
                 (1, ("--port", "0", "--directory", "/nonexistent/place"),
                  ("/nonexistent/place", "No such file")),
                 (1, ("--port", "0", "--address", "no.such.address.invalid", *own),
