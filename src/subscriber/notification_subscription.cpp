@@ -77,21 +77,25 @@ void NotificationEvent(SubscriberState& subscriber,
     }
 }
 
+using Reader = ps::Subscriber<NotificationSample>;
+
 // The subscriber thread: keeps the delivery alive until its stop future is ready. Each thread has
-// the future of its own start, so replacing or dropping the promise ends it as well.
-void Subscribe(const std::shared_ptr<SubscriberState>& subscriber, const std::future<void>& stop) {
+// the future of its own start, so replacing or dropping the promise ends it as well, and the
+// reader of its own start: one that begins late must not take, and end, its successor's.
+void Subscribe(const std::shared_ptr<SubscriberState>& subscriber,
+               const std::weak_ptr<Reader>& own_reader, const std::future<void>& stop) {
     TransferState& transfer = *subscriber->transfer;
     transfer.Log(1, "KvoDataSubscriber: Notification subscription started...");
     gorm::cor::rr::ListenerRegistration listener;
     {
+        const std::shared_ptr<Reader> own = own_reader.lock();
         auto [reader, filter] =
-            subscriber->notifications.With([](const SubscriberState::Notifications& n) {
-                return std::pair(n.subscriber, n.filter);
+            subscriber->notifications.With([&](const SubscriberState::Notifications& n) {
+                return std::pair(n.subscriber == own ? own : nullptr, n.filter);
             });
         if (reader != nullptr) {
             listener = reader->AddDataListener(
-                [subscriber](ps::Subscriber<NotificationSample>&,
-                             const ps::DataEvent<NotificationSample>& event) {
+                [subscriber](Reader&, const ps::DataEvent<NotificationSample>& event) {
                     NotificationEvent(*subscriber, event);
                 },
                 std::move(filter));
@@ -144,13 +148,16 @@ void InitializeNotificationSubscriber(SubscriberState& subscriber,
 void StartNotificationSubscription(const std::shared_ptr<SubscriberState>& subscriber) {
     std::promise<void> promise;
     auto stop = std::make_shared<std::future<void>>(promise.get_future());
-    subscriber->notifications.With(
-        [&](SubscriberState::Notifications& n) { std::swap(n.stop_promise, promise); });
+    const std::weak_ptr<Reader> reader =
+        subscriber->notifications.With([&](SubscriberState::Notifications& n) {
+            std::swap(n.stop_promise, promise);
+            return n.subscriber;
+        });
     if (subscriber->transfer->closed) {
         // The subscriber's destructor may have released the one before.
         ReleaseNotifications(*subscriber);
     }
-    StartDetached([subscriber, stop] { Subscribe(subscriber, *stop); });
+    StartDetached([subscriber, reader, stop] { Subscribe(subscriber, reader, *stop); });
 }
 
 void StopNotificationSubscription(SubscriberState& subscriber) {
