@@ -105,7 +105,7 @@ void AwaitStream(BrokerProbe& broker, const SubOptions& options, StopSignal::Dea
         if (!deadline || Clock::now() >= *deadline) {
             if (!options.remote.empty()) {
                 throw CommandFailure(ExitCode::kNothingThere,
-                                     "stream '" + options.stream + "' can not be had from " +
+                                     "stream '" + options.stream + "' cannot be had from " +
                                          options.remote + ReasonOf(broker, options.stream));
             }
             throw CommandFailure(ExitCode::kNothingThere,

@@ -25,7 +25,7 @@ public:
     /// A table for people, on standard output: median, lowest and highest of the runs.
     void Print() const;
     /// One JSON object a line with system, mode, payload_bytes, metric, unit, median, min, max and
-    /// runs. Throws std::runtime_error naming a file that can not be written.
+    /// runs. Throws std::runtime_error naming a file that cannot be written.
     void WriteJson(const std::string& path) const;
 
 private:

@@ -10,7 +10,7 @@
 // child: there everything can be used.
 namespace kvo::os {
 
-/// Called by whatever a child can not share. Any thread.
+/// Called by whatever a child cannot share. Any thread.
 KVO_OS_EXPORT void WatchForks();
 
 namespace detail {
