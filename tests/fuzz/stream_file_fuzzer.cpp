@@ -193,7 +193,7 @@ public:
             case 13:
                 if (broker_ != nullptr) {
                     broker_->ReapDeadReaders(*lock_);
-                    broker_->InUse(*lock_);
+                    static_cast<void>(broker_->InUse(*lock_));
                 }
                 return;
             case 14:
