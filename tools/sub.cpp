@@ -2,7 +2,7 @@
 #include "broker_probe.h"
 #include "command.h"
 #include "kvo/KvoDataTransferFactory.h"
-#include "kvo/os/file_descriptor.h"
+#include "kvo/os/event_fd.h"
 #include "output_stream.h"
 #include "stop_signal.h"
 #include "tool_log.h"
@@ -16,7 +16,6 @@
 #include <iostream>
 #include <memory>
 #include <optional>
-#include <sys/eventfd.h>
 #include <unistd.h>
 
 namespace kvo::tools {
@@ -154,11 +153,10 @@ public:
         : subscriber_(subscriber), options_(options), stop_(stop), output_(options.output) {}
 
     ExitCode Run() {
-        const auto wake =
-            std::make_shared<os::FileDescriptor>(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+        const auto wake = std::make_shared<os::EventFd>();
         // A slot may still run when its connection has ended, so it shares what it touches.
         const boost::signals2::scoped_connection connection =
-            subscriber_.connect([wake] { eventfd_write(wake->get(), 1); });
+            subscriber_.connect([wake] { wake->Raise(); });
         StopSignal::Deadline deadline = After(Clock::now(), options_.timeout_s);
         for (;;) {
             const std::uint64_t before = tally_.samples();
@@ -174,7 +172,7 @@ public:
             if (options_.stats && now >= tally_.rates_due()) {
                 tally_.PrintRates(now);
             }
-            if (!AwaitWake(wake->get(), deadline)) {
+            if (!AwaitWake(*wake, deadline)) {
                 return Finish(ExitCode::kSuccess);
             }
         }
@@ -205,17 +203,16 @@ private:
     }
 
     // @return false: nobody reads the output any more, or the user wants to end.
-    bool AwaitWake(int wake, StopSignal::Deadline deadline) {
+    bool AwaitWake(const os::EventFd& wake, StopSignal::Deadline deadline) {
         if (options_.stats && (!deadline || tally_.rates_due() < *deadline)) {
             deadline = tally_.rates_due();
         }
-        std::array<pollfd, 2> watched{pollfd{wake, POLLIN, 0}, pollfd{output_.fd(), 0, 0}};
+        std::array<pollfd, 2> watched{pollfd{wake.get(), POLLIN, 0}, pollfd{output_.fd(), 0, 0}};
         if (stop_.Wait(watched, deadline) && watched[1].revents != 0) {
             reader_gone_ = true;
             return false;
         }
-        eventfd_t wakes = 0;
-        eventfd_read(wake, &wakes);
+        wake.Clear();
         return !stop_.requested();
     }
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "kvo/memory/stream_geometry.h"
+
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -17,7 +19,7 @@ inline constexpr std::uint16_t kLayoutVersion = 2;
 inline constexpr std::uint32_t kByteOrderTag = 0x01020304;
 inline constexpr std::uint64_t kPageBytes = 4096;
 inline constexpr std::uint32_t kMaxPinsPerEntry = 6;
-inline constexpr std::uint32_t kReaderEntries = 256;
+using kvo::kReaderEntries;
 
 // The index gives 20 bits to the slot number. `head` therefore holds a version alone: the slot
 // comes from the index entry and is believed only when the slot's own word names that version.

@@ -6,7 +6,7 @@
 
 namespace kvo::os {
 
-/// A mutex that keeps no account of its owner: taking and leaving it while nobody else wants it
+/// A mutex that keeps no account of its owner: taking and leaving it while no other thread wants it
 /// is one exchange each. What it guards takes so little time that the bookkeeping of std::mutex
 /// would be a sixth of it. Who finds it taken sleeps in the kernel.
 /// Threads: any. Not recursive, not between processes.
@@ -28,7 +28,7 @@ public:
         }
     }
     [[gnu::hot]] void unlock() {
-        // Release: see try_lock(). Whoever waits has left its mark before it slept, so that either
+        // Release: see try_lock(). A waiter has left its mark before it sleeps, so that either
         // this exchange finds the mark or the waiter's own exchange finds the mutex free.
         if (state_.exchange(kFree, std::memory_order_release) == kAwaited) {
             WakeOne();
